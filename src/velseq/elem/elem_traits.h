@@ -1,0 +1,93 @@
+// Element policies: everything the generic operations need to know about an
+// element type.  The eleven scalar types get a ScalarElem each; fixed-width
+// character elements get CharElem, whose width is a run-time value.  Both
+// offer the same members, so one generic definition serves all twelve
+// families; the few places where the char family must behave differently
+// (capacities, map, join, search outcome) test `is_char`.
+//
+// Values are handled through element pointers (`const std::byte*`), because
+// a char element is a run of bytes, not a C value.  The ordering tests keep
+// their operand order and use the element's own arithmetic: signed, unsigned
+// (datetime too) or IEEE, so a comparison with a NaN is false; char elements
+// compare by the sign of the host's vel_memcmp over `size` bytes.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+
+#include "velhost.h"
+
+namespace velseq {
+
+using byte = std::byte;
+
+template <class T, uint8_t Code> struct ScalarElem {
+    using value_type = T;
+    static constexpr bool is_char = false;
+    static constexpr uint8_t type_code = Code;
+
+    constexpr size_t size() const { return sizeof(T); }
+
+    static T load(const byte *p) {
+        T v;
+        std::memcpy(&v, p, sizeof v);
+        return v;
+    }
+    bool lt(const byte *a, const byte *b) const { return load(a) < load(b); }
+    bool le(const byte *a, const byte *b) const { return load(a) <= load(b); }
+    bool gt(const byte *a, const byte *b) const { return load(a) > load(b); }
+    bool ge(const byte *a, const byte *b) const { return load(a) >= load(b); }
+
+    // ((page_size - 8) * 8 - 63) in 32-bit signed arithmetic, sign-extended
+    // and divided unsigned: one value bit-width plus one null bit per slot.
+    uint64_t leaf_capacity(int32_t page_size) const {
+        int32_t bits = (page_size - 8) * 8 - 63;
+        return static_cast<uint64_t>(static_cast<int64_t>(bits)) / (8 * sizeof(T) + 1);
+    }
+    // Ordered inner pages hold one key per child beside the 16-byte entry.
+    int32_t inner_capacity(int32_t page_size, vel_seq_order_t order) const {
+        int32_t per_child = order == VEL_SEQ_NO_ORDER ? 16 : 16 + static_cast<int32_t>(sizeof(T));
+        return (page_size - 8) / per_child;
+    }
+};
+
+using ElemInt1 = ScalarElem<vel_int1, VEL_DD_INT1>;
+using ElemInt2 = ScalarElem<vel_int2, VEL_DD_INT2>;
+using ElemInt4 = ScalarElem<vel_int4, VEL_DD_INT4>;
+using ElemInt8 = ScalarElem<vel_int8, VEL_DD_INT8>;
+using ElemUint1 = ScalarElem<vel_uint1, VEL_DD_UINT1>;
+using ElemUint2 = ScalarElem<vel_uint2, VEL_DD_UINT2>;
+using ElemUint4 = ScalarElem<vel_uint4, VEL_DD_UINT4>;
+using ElemUint8 = ScalarElem<vel_uint8, VEL_DD_UINT8>;
+using ElemFloat = ScalarElem<vel_float, VEL_DD_FLOAT>;
+using ElemDouble = ScalarElem<vel_double, VEL_DD_DOUBLE>;
+using ElemDatetime = ScalarElem<vel_datetime, VEL_DD_DATETIME>;
+
+struct CharElem {
+    using value_type = char;
+    static constexpr bool is_char = true;
+    static constexpr uint8_t type_code = VEL_DD_CHAR;
+
+    size_t width; // the N of char(N), trusted on every call
+
+    size_t size() const { return width; }
+
+    bool lt(const byte *a, const byte *b) const { return vel_memcmp(a, b, width) < 0; }
+    bool le(const byte *a, const byte *b) const { return vel_memcmp(a, b, width) <= 0; }
+    bool gt(const byte *a, const byte *b) const { return vel_memcmp(a, b, width) > 0; }
+    bool ge(const byte *a, const byte *b) const { return vel_memcmp(a, b, width) >= 0; }
+
+    // page_size * 8 - 127 in unsigned 64-bit arithmetic; equal to the scalar
+    // formula for every real page size.
+    uint64_t leaf_capacity(int32_t page_size) const {
+        return (static_cast<uint64_t>(page_size) * 8 - 127) / (width * 8 + 1);
+    }
+    // The char family sizes inner pages for entries alone, whatever the
+    // order, although ordered inner pages do hold `width`-byte keys.
+    int32_t inner_capacity(int32_t page_size, vel_seq_order_t) const {
+        return (page_size - 8) / 16;
+    }
+};
+
+} // namespace velseq

@@ -1,0 +1,40 @@
+// The field root: the 8-byte reference to a sequence's root page inside the
+// owning object, and copy-on-write of shared pages.
+//
+// Update protocol: vel_seq_begin_root_update opens write access and makes the
+// root private; the caller makes every page private (vel_seq_copy_on_write_page)
+// before descending into or writing it, writes root changes straight through
+// the returned slot, and closes with vel_seq_end_root_update.
+#pragma once
+
+#include "velhost.h"
+
+// Opens read access and returns the current root (null: empty sequence).
+// The read access is not ended here.
+VEL_RET vel_seq_get_root(vel_objhandle_h obj, vel_offs32_t fld_u_offset,
+                         vel_offs32_t fld_c_offset, vel_seq_page_t **root);
+
+// Opens write access to field `fld_no`, stores the address of the root slot
+// (valid until the update ends) into *root and makes the root page private.
+// When the copy fails, write access stays open.
+VEL_RET vel_seq_begin_root_update(vel_objhandle_h obj, vel_offs32_t fld_u_offset,
+                                  vel_offs32_t fld_c_offset, uint16_t fld_no, VEL_WRK *w,
+                                  vel_seq_page_t ***root);
+
+// Ends the write access; `root` is not used.
+void vel_seq_end_root_update(vel_objhandle_h obj, VEL_WRK *w, vel_seq_page_t **root);
+
+// If *pp is shared with another version, replaces it by a private copy.
+// Only a failed page creation is reported; failed reference-count changes
+// are ignored and the copy stays in place.
+VEL_RET vel_seq_copy_on_write_page(vel_db_connection_h con, vel_page_manager_t *pm,
+                                   vel_seq_page_t **pp);
+
+namespace velseq {
+
+// Address of the root slot of an object's field, access already granted in
+// `w`.  Traps when the 8-byte reference would straddle two object pages.
+vel_seq_page_t **locate_root(vel_objhandle_h obj, vel_offs32_t fld_u_offset,
+                             vel_offs32_t fld_c_offset, VEL_WRK *w, int for_write);
+
+} // namespace velseq
