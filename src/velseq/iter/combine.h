@@ -1,0 +1,227 @@
+// Iterators over iterators and the cursor scan's set-up, generic over the
+// element policy E: store (drain into a field), map (gather at positions),
+// join (positions of values in an ordered field) and from_cursor.
+#pragma once
+
+#include <cstring>
+
+#include "common/trap.h"
+#include "iter/iter_internal.h"
+#include "iter/search.h"
+#include "storage/bitmap.h"
+#include "storage/field_root.h"
+#include "storage/page_format.h"
+
+namespace velseq {
+
+// Appends every tile `src` still delivers, one append per tile (so one root
+// update per tile, with append's order and null rules).  The target is not
+// emptied and `src` is not reset; tiles are read from slot 0 as elements of
+// the target's type.  `append(vals, n, null_bitmap)` is the family's append.
+template <class Append> VEL_RET store_iter(vel_seq_iterator_h src, Append append) {
+    for (;;) {
+        VEL_RET rc = src->next(src);
+        if (rc == VEL_S_CURSOR_END)
+            return VEL_S_OK;
+        if (rc != VEL_S_OK)
+            return rc;
+        rc = append(src->tile.u.arr_char, static_cast<vel_size_t>(src->tile_size),
+                    src->tile.null_bitmap);
+        if (rc != VEL_S_OK)
+            return rc;
+    }
+}
+
+// Takes `opd` as an operand: refused while it is bound elsewhere and the
+// bindings are checked; bound in either case.
+inline VEL_RET bind_operand(vel_seq_iterator_h opd) {
+    if (vel_seq_check_bindings && opd->bounded)
+        return VEL_E_SEQ_BOUNDED;
+    opd->bounded = 1;
+    return VEL_S_OK;
+}
+
+// Map set-up.  The root is read into stack[0] before the positions
+// iterator's type is looked at; an empty field is not refused here.
+template <class E>
+VEL_RET map_setup(const E &e, vel_objhandle_h obj, vel_offs32_t fld_u_offset,
+                  vel_offs32_t fld_c_offset, vel_seq_iterator_h iterator,
+                  vel_seq_iterator_h map_iterator, vel_seq_iterator_next_t next) {
+    vel_db_connection_h con = obj->con;
+    vel_page_manager_t *pm = obj->pm;
+    vel_seq_iterator_context_t *ctx = iter_ctx(iterator);
+    VEL_RET rc = vel_seq_get_root(obj, fld_u_offset, fld_c_offset, &ctx->stack[0].page);
+    if (rc != VEL_S_OK)
+        return rc;
+    if (map_iterator->elem_type != VEL_DD_UINT8)
+        return VEL_E_ILLEGAL_TYPE;
+    rc = bind_operand(map_iterator);
+    if (rc != VEL_S_OK)
+        return rc;
+
+    iterator->elem_type = E::type_code;
+    iterator->elem_size = static_cast<uint16_t>(e.size());
+    iterator->tile_offs = 0;
+    iterator->tile_size = 0;
+    iterator->reset = vel_seq_reset_unary_iterator;
+    iterator->next = next;
+    iterator->prepare = nullptr;
+    iterator->merge = nullptr;
+    iterator->bounded = 0;
+    iterator->opd[0] = map_iterator;
+    ctx->pm = pm;
+    ctx->con = con;
+    ctx->cursor = nullptr;
+    ctx->page_size = static_cast<uint32_t>(page_size_of(con, pm));
+    iterator->next_seq_no = iterator->first_seq_no = 0;
+    iterator->last_seq_no = kUnbounded;
+    return VEL_S_OK;
+}
+
+// One map tile: the field's values (and null bits) at the positions of the
+// positions iterator's next tile, in its order.  The leaf in hand serves
+// every following position inside it; any other position descends from the
+// root again.  The typed members add first_seq_no to each position, the
+// char member does not.
+template <class E> VEL_RET map_next(const E &e, vel_seq_iterator_h iterator) {
+    vel_seq_iterator_h positions = iterator->opd[0];
+    VEL_RET rc = positions->next(positions);
+    if (rc != VEL_S_OK)
+        return rc;
+
+    vel_seq_iterator_context_t *ctx = iter_ctx(iterator);
+    const uint64_t n = positions->tile_size;
+    vel_seq_reset_null_bitmap(iterator);
+
+    const size_t size = e.size();
+    const int32_t page_size = static_cast<int32_t>(ctx->page_size);
+    const uint64_t capacity = e.leaf_capacity(page_size);
+    vel_seq_page_t *leaf = nullptr;
+    uint64_t prev_page_pos = 0;
+    uint64_t prev_page_size = 0;
+    for (uint64_t i = 0; i < n; i++) {
+        uint64_t next_pos = positions->tile.u.arr_uint8[i];
+        if constexpr (!E::is_char)
+            next_pos += iterator->first_seq_no;
+        if (next_pos - prev_page_pos >= prev_page_size) {
+            rc = vel_seq_subseq_page(ctx->con, ctx->pm, iterator, ctx->stack[0].page, next_pos, 0);
+            if (rc != VEL_S_OK)
+                return rc;
+            const vel_seq_iterator_stack_item_t &top = ctx->stack[ctx->stack_size - 1];
+            leaf = top.page;
+            prev_page_pos = next_pos - static_cast<uint64_t>(top.pos);
+            prev_page_size = leaf->hdr.user;
+            VEL_SEQ_CHECK(next_pos - prev_page_pos < prev_page_size);
+        }
+        const uint64_t idx = next_pos - prev_page_pos;
+        std::memcpy(iterator->tile.u.arr_char + i * size, page_value(leaf, size, idx), size);
+        vel_seq_copy_bitmap(iterator->tile.null_bitmap, static_cast<int>(i),
+                            leaf_nulls(leaf, page_size, capacity), static_cast<int>(idx), 1);
+    }
+    iterator->next_seq_no += n;
+    iterator->tile_size = static_cast<uint16_t>(n);
+    return VEL_S_OK;
+}
+
+// Join set-up.  An empty field answers NOTFOUND after the slots are filled
+// and join_with is bound, leaving the rest of `result` as it was.
+inline VEL_RET join_setup(vel_objhandle_h obj, vel_offs32_t fld_u_offset, vel_offs32_t fld_c_offset,
+                          vel_seq_iterator_h result, vel_seq_iterator_h join_with,
+                          vel_seq_order_t order, vel_seq_iterator_next_t next) {
+    vel_db_connection_h con = obj->con;
+    vel_page_manager_t *pm = obj->pm;
+    vel_seq_page_t *root = nullptr;
+    VEL_RET rc = vel_seq_get_root(obj, fld_u_offset, fld_c_offset, &root);
+    if (rc != VEL_S_OK)
+        return rc;
+    if (order == VEL_SEQ_NO_ORDER)
+        return VEL_E_ILLEGAL_PARAM;
+    rc = bind_operand(join_with);
+    if (rc != VEL_S_OK)
+        return rc;
+
+    vel_seq_iterator_context_t *ctx = iter_ctx(result);
+    result->opd[0] = join_with;
+    result->reset = vel_seq_reset_unary_iterator;
+    result->next = next;
+    result->prepare = nullptr;
+    result->merge = nullptr;
+    result->elem_type = VEL_DD_UINT8;
+    result->elem_size = sizeof(vel_uint8);
+    result->bounded = 0;
+    result->tile_offs = 0;
+    result->tile_size = 0;
+    ctx->cursor = nullptr;
+    if (root == nullptr)
+        return VEL_S_NOTFOUND;
+
+    ctx->pm = pm;
+    ctx->con = con;
+    ctx->page_size = static_cast<uint32_t>(page_size_of(con, pm));
+    ctx->stack[0].page = root;
+    ctx->order = order;
+    result->next_seq_no = result->first_seq_no = 0;
+    result->last_seq_no = kUnbounded;
+    return VEL_S_OK;
+}
+
+// One join tile: for each value of join_with's next tile the position of
+// the first element not before it (inclusive bound) in the field's order.
+// Positions are never null; next_seq_no counts the values handled.
+template <class E> VEL_RET join_next(const E &e, vel_seq_iterator_h iterator) {
+    vel_seq_iterator_context_t *ctx = iter_ctx(iterator);
+    vel_seq_iterator_h join_with = iterator->opd[0];
+    const vel_seq_no_t handled = iterator->next_seq_no;
+    vel_seq_page_t *root = ctx->stack[0].page;
+    VEL_RET rc = join_with->next(join_with);
+    if (rc != VEL_S_OK)
+        return rc;
+
+    vel_seq_reset_null_bitmap(iterator);
+    const uint64_t n = join_with->tile_size;
+    const size_t size = e.size();
+    for (uint64_t i = 0; i < n; i++) {
+        iterator->next_seq_no = 0;
+        rc = search_page(e, ctx->con, ctx->pm, iterator, root,
+                         reinterpret_cast<const byte *>(join_with->tile.u.arr_char) + i * size,
+                         VEL_SEQ_BOUNDARY_INCLUSIVE, 0, ctx->order);
+        if (rc != VEL_S_OK)
+            return rc;
+        iterator->tile.u.arr_uint8[i] = iterator->next_seq_no;
+    }
+    iterator->tile_size = static_cast<uint16_t>(n);
+    iterator->next_seq_no = handled + n;
+    return VEL_S_OK;
+}
+
+// Set-up of the scan of one field across a cursor's objects; never fails.
+// The cursor argument is not recorded: the scan walks whatever cursor the
+// context already holds, which the caller places there before next.
+template <class E>
+VEL_RET from_cursor_setup(const E &e, vel_trans_h trans, vel_offs32_t fld_u_offset,
+                          vel_offs32_t fld_c_offset, uint16_t class_code,
+                          vel_seq_iterator_h iterator) {
+    vel_page_manager_t *pm = vel_int_get_db_vtable()->class_pm(trans, class_code);
+    vel_seq_iterator_context_t *ctx = iter_ctx(iterator);
+    iterator->elem_type = E::type_code;
+    iterator->elem_size = static_cast<uint16_t>(e.size());
+    iterator->bounded = 0;
+    iterator->tile_offs = 0;
+    iterator->tile_size = 0;
+    ctx->fld_u_offset = fld_u_offset;
+    ctx->fld_c_offset = fld_c_offset;
+    ctx->class_code = class_code;
+    ctx->pm = pm;
+    ctx->con = reinterpret_cast<vel_db_connection_h>(trans);
+    ctx->page_size = static_cast<uint32_t>(page_size_of(ctx->con, pm));
+    ctx->stack_size = 0;
+    iterator->next = vel_seq_next_from_cursor;
+    iterator->reset = vel_seq_reset_cursor;
+    iterator->prepare = nullptr;
+    iterator->merge = nullptr;
+    iterator->next_seq_no = iterator->first_seq_no = 0;
+    iterator->last_seq_no = kUnbounded;
+    return VEL_S_OK;
+}
+
+} // namespace velseq

@@ -1,0 +1,154 @@
+// The iterator record's resets, the run-length queries and the tile filler
+// that every tree scan shares.
+#include <cstring>
+
+#include "common/trap.h"
+#include "iter/iter_internal.h"
+#include "storage/bitmap.h"
+#include "storage/page_format.h"
+
+using namespace velseq;
+
+extern "C" {
+
+VEL_SEQ_API vel_bool vel_seq_check_bindings = 1;
+
+// Iterators whose positions start at 0: next_seq_no goes to 0, whatever
+// first_seq_no says.
+VEL_SEQ_API VEL_RET vel_seq_reset_iterator(vel_seq_iterator_h iterator) {
+    iterator->tile_offs = 0;
+    iterator->tile_size = 0;
+    iterator->next_seq_no = 0;
+    iterator->bounded = 0;
+    iterator->prepared = 0;
+    return VEL_S_OK;
+}
+
+VEL_SEQ_API VEL_RET vel_seq_reset_unary_iterator(vel_seq_iterator_h iterator) {
+    vel_seq_iterator_h opd = iterator->opd[0];
+    if (opd != nullptr) {
+        VEL_RET rc = opd->reset(opd);
+        if (rc != VEL_S_OK)
+            return rc;
+    }
+    return vel_seq_reset_iterator(iterator);
+}
+
+// opd[2] is never reset.
+VEL_SEQ_API VEL_RET vel_seq_reset_binary_iterator(vel_seq_iterator_h iterator) {
+    for (int k = 0; k < 2; k++) {
+        vel_seq_iterator_h opd = iterator->opd[k];
+        if (opd != nullptr) {
+            VEL_RET rc = opd->reset(opd);
+            if (rc != VEL_S_OK)
+                return rc;
+        }
+    }
+    return vel_seq_reset_iterator(iterator);
+}
+
+// Tiles are never run-length encoded: every slot stands for one element.
+VEL_SEQ_API vel_seq_rle_count_t vel_seq_rle_count(vel_seq_iterator_h, int) { return 1; }
+VEL_SEQ_API vel_bool vel_seq_is_rle(void) { return 0; }
+
+} // extern "C"
+
+// Appends runs of leaf values behind the tile's tile_size elements until the
+// tile holds 128, the range ends or the tree does.  The whole tile null
+// bitmap is cleared first, so a second call into a non-empty tile loses the
+// null flags of what was already there; the cross-object scan relies on this
+// as it stands.
+VEL_RET vel_seq_append_tile(vel_seq_iterator_h iterator) {
+    vel_seq_iterator_context_t *ctx = iter_ctx(iterator);
+    int i = ctx->stack_size - 1;
+    if (i < 0)
+        return VEL_S_CURSOR_END;
+    if (iterator->next_seq_no > iterator->last_seq_no)
+        return VEL_S_CURSOR_END;
+    if (ctx->con->trans.error_code != 0)
+        return ctx->con->trans.error_code;
+    vel_seq_reset_null_bitmap(iterator);
+
+    const int32_t page_size = static_cast<int32_t>(ctx->page_size);
+    const size_t elem_size = iterator->elem_size;
+    const uint64_t capacity = leaf_capacity_by_size(page_size, elem_size);
+    vel_seq_iterator_stack_item_t *stack = ctx->stack;
+    uint64_t n = iterator->tile_size;
+    int step = 0; // 1 after a pop: the parent moves to its next child
+
+    for (;;) {
+        // Find the next leaf run, popping exhausted pages.
+        vel_seq_page_t *pg;
+        for (;;) {
+            pg = stack[i].page;
+            if (pg == nullptr)
+                return VEL_E_NOMEM;
+            stack[i].pos += step;
+            if (stack[i].pos != pg->hdr.user)
+                break;
+            if (--i < 0) {
+                ctx->stack_size = 0;
+                if (n == 0)
+                    return VEL_S_CURSOR_END;
+                iterator->tile_size = static_cast<uint16_t>(n);
+                return VEL_S_OK;
+            }
+            step = 1;
+        }
+        step = 0;
+        VEL_SEQ_CHECK(pg->hdr.user > stack[i].pos);
+
+        while (page_kind(pg) != kLeafPage) {
+            VEL_SEQ_CHECK(page_kind(pg) == kInnerPage);
+            VEL_SEQ_CHECK(i + 1 <= kMaxLevel);
+            VEL_SEQ_CHECK(stack[i].pos <= pg->hdr.user);
+            vel_seq_page_t *child = inner_entry(pg, page_size, stack[i].pos)->page;
+            stack[i + 1].page = child;
+            i++;
+            stack[i].pos = 0;
+            if (child == nullptr)
+                return VEL_E_NOMEM;
+            pg = child;
+        }
+
+        VEL_SEQ_CHECK(pg->hdr.user > stack[i].pos);
+        uint64_t k = static_cast<uint64_t>(pg->hdr.user - stack[i].pos);
+        // Written as k - 1 > last - next so that an unbounded last cannot overflow.
+        if (k - 1 > iterator->last_seq_no - iterator->next_seq_no)
+            k = iterator->last_seq_no - iterator->next_seq_no + 1;
+        if (VEL_SEQ_TILE_SIZE - n < k)
+            k = VEL_SEQ_TILE_SIZE - n;
+
+        std::memcpy(iterator->tile.u.arr_char + n * elem_size,
+                    page_value(pg, elem_size, static_cast<uint64_t>(stack[i].pos)), k * elem_size);
+        vel_seq_copy_bitmap(iterator->tile.null_bitmap, static_cast<int>(n),
+                            leaf_nulls(pg, page_size, capacity), stack[i].pos, static_cast<int>(k));
+
+        iterator->next_seq_no += k;
+        stack[i].pos += static_cast<int32_t>(k);
+        ctx->stack_size = static_cast<uint8_t>(i + 1);
+        n += k;
+        if (n == VEL_SEQ_TILE_SIZE || iterator->next_seq_no > iterator->last_seq_no) {
+            iterator->tile_size = static_cast<uint16_t>(n);
+            return VEL_S_OK;
+        }
+    }
+}
+
+VEL_RET vel_seq_next_tile(vel_seq_iterator_h iterator) {
+    iterator->tile_size = 0;
+    return vel_seq_append_tile(iterator);
+}
+
+// Reset of the cursor-driven scans: the cursor's own code is returned, the
+// scan state is cleared whatever it said.
+VEL_RET vel_seq_reset_cursor(vel_seq_iterator_h iterator) {
+    vel_seq_iterator_context_t *ctx = iter_ctx(iterator);
+    VEL_RET rc = vel_cursor_first(reinterpret_cast<vel_trans_h>(ctx->con), ctx->cursor);
+    ctx->stack_size = 0;
+    iterator->tile_offs = 0;
+    iterator->tile_size = 0;
+    iterator->next_seq_no = 0;
+    iterator->bounded = 0;
+    return rc;
+}
