@@ -1,0 +1,252 @@
+/*
+ * velembed.h -- public C API of velhost, the embedded in-memory host engine.
+ *
+ * velhost is a small object database living in the application's memory.
+ * It keeps objects of user-defined classes with scalar fields and sequence
+ * fields, gives every transaction a snapshot of the database (snapshot
+ * isolation by versions), and serves the pages of sequence fields to the
+ * sequence module (velseq) through the services of velhost.h.  Sequence pages
+ * are shared between versions by reference counts and copied on write.
+ *
+ * Typical use:
+ *
+ *     velh_config_t cfg;  velh_config_init(&cfg);
+ *     velh_db_t *db;      velh_db_open(&cfg, &db);
+ *     velh_field_def_t f[] = {{"id", VEL_DD_UINT4, 0}, {"ticks", VEL_DD_SEQUENCE_INT8, 0}};
+ *     uint16_t cls;       velh_class_define(db, "quote", f, 2, 0, VELH_PM_INMEM, &cls);
+ *     vel_db_connection_h con;  velh_connect(db, &con);
+ *     velh_begin(con, VELH_READ_WRITE);
+ *     vel_objhandle_t obj;      velh_obj_create(con, cls, &obj);
+ *     velh_field_info_t fi;     velh_field_info(db, cls, 1, &fi);
+ *     vel_w_seq_append_int8(&obj, fi.u_offset, fi.c_offset, fi.fld_no, vals, n, 0, NULL);
+ *     velh_commit(con);
+ *     velh_disconnect(con);  velh_db_close(db);
+ *
+ * Threads: a database may be used by several threads, each with its own
+ * connection.  A connection and the handles and cursors made on it belong to
+ * one thread at a time.  Readers never wait for writers.
+ *
+ * Every function returns VEL_S_OK or a VEL_E_HOST_* code (velseq.h) and
+ * changes nothing when it fails, unless its comment says otherwise.
+ */
+#ifndef VELEMBED_H
+#define VELEMBED_H
+
+#include "velhost.h"
+#include "velseq.h"
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* ---- database ----------------------------------------------------------- */
+
+typedef struct velh_db_t_ velh_db_t;
+
+typedef struct velh_config_t_ {
+    uint16_t object_page_size;              /* 128..65528, multiple of 8; an object
+                                               page holds object_page_size - 24 data
+                                               bytes (default 4096) */
+    uint32_t seq_page_size;                 /* sequence page bytes, 64..65536, multiple
+                                               of 8 (default 4096) */
+    uint16_t additional_object_field_size;  /* bytes of host header in front of every
+                                               object's fields (default 0) */
+    vel_bool concurrent_write_transactions; /* 0: one read-write transaction at a
+                                               time; 1: several, first updater of an
+                                               object wins (default 0) */
+    uint32_t warm_pages;                    /* sequence pages allocated and touched at open, so that
+                                               later allocations come from a warm pool (default 0) */
+} velh_config_t;
+
+/* Fills the defaults above. */
+void velh_config_init(velh_config_t *cfg);
+
+/* Opens a new, empty database. */
+VEL_RET velh_db_open(const velh_config_t *cfg, velh_db_t **db);
+
+/* Closes the database and releases everything in it.  VEL_E_HOST_BUSY while
+   a connection is open. */
+VEL_RET velh_db_close(velh_db_t *db);
+
+/* ---- schema ------------------------------------------------------------- */
+
+#define VELH_MAX_CLASSES 1024 /* class codes are 1..VELH_MAX_CLASSES - 1 */
+#define VELH_MAX_FIELDS 1024  /* fields of one class */
+
+/* Page managers a class may be placed in.  VELH_PM_INMEM is the connection's
+   pm_inmem.  VELH_PM_ALT is a second page manager of the same page size: the
+   module copies its pages on write only when concurrent_write_transactions
+   is set; otherwise the host isolates versions itself by making a field's
+   whole tree private at the first write of the field in a transaction. */
+#define VELH_PM_INMEM 0
+#define VELH_PM_ALT 1
+#define VELH_PM_ALL (-1) /* velh_page_stats: both page managers */
+
+typedef struct velh_field_def_t_ {
+    const char *name; /* may be NULL; copied */
+    uint8_t type;     /* VEL_DD_* scalar (VEL_DD_CHAR: fixed width) or
+                         VEL_DD_SEQUENCE_* */
+    uint16_t width;   /* VEL_DD_CHAR and VEL_DD_SEQUENCE_CHAR: bytes per value
+                         (1..4096); otherwise 0 */
+} velh_field_def_t;
+
+/* Defines a class.  flags: 0 or VEL_CLASS_COMPACT (the class's objects use
+   the compact layout); pm: VELH_PM_INMEM or VELH_PM_ALT.  Classes may be
+   defined at any time and are never dropped.  Fields are numbered 0.. in the
+   order given (fld_no).  VEL_E_HOST_LAYOUT if a field does not fit an object
+   page, VEL_E_HOST_BAD_ARG for a bad type, width or flag. */
+VEL_RET velh_class_define(velh_db_t *db, const char *name, const velh_field_def_t *fields,
+                          uint16_t n_fields, uint32_t flags, int pm, uint16_t *class_code);
+
+/* Where a field lives.  Both layouts are always computed: u_offset for the
+   uncompact layout (declaration order, natural alignment) and c_offset for
+   the compact one (widest alignment first, no padding between fields);
+   `offset` is the one the class uses.  An offset is relative to the object's
+   position `mo`; the field's bytes never straddle an object page. */
+typedef struct velh_field_info_t_ {
+    uint16_t fld_no;
+    uint8_t type;       /* VEL_DD_* as defined */
+    uint16_t size;      /* bytes in the object: 8 for a sequence root */
+    uint16_t elem_size; /* sequences: bytes per element; scalars: size */
+    vel_offs32_t u_offset;
+    vel_offs32_t c_offset;
+    vel_offs32_t offset; /* c_offset for a compact class, else u_offset */
+} velh_field_info_t;
+
+VEL_RET velh_field_info(velh_db_t *db, uint16_t class_code, uint16_t fld_no,
+                        velh_field_info_t *info);
+/* Looks a field up by name; VEL_E_HOST_NO_FIELD if there is none. */
+VEL_RET velh_field_by_name(velh_db_t *db, uint16_t class_code, const char *name,
+                           velh_field_info_t *info);
+
+/* The page manager of VELH_PM_INMEM or VELH_PM_ALT (NULL otherwise). */
+vel_page_manager_t *velh_page_manager(velh_db_t *db, int pm);
+
+/* ---- connections and transactions --------------------------------------- */
+
+VEL_RET velh_connect(velh_db_t *db, vel_db_connection_h *con);
+/* Rolls back an open transaction, then frees the connection. */
+VEL_RET velh_disconnect(vel_db_connection_h con);
+velh_db_t *velh_db_of(vel_db_connection_h con);
+
+#define VELH_READ_ONLY 0
+#define VELH_READ_WRITE 1
+#define VELH_NOWAIT                                                                                \
+    2 /* or-ed to VELH_READ_WRITE: VEL_E_HOST_BUSY instead of                                      \
+         waiting for the running writer */
+
+/* Starts a transaction on the snapshot of the last commit.  Without
+   concurrent_write_transactions a second read-write transaction waits until
+   the first ends.  con->trans.error_code is cleared.  The transaction handle
+   the module's calls take is &con->trans. */
+VEL_RET velh_begin(vel_db_connection_h con, int mode);
+
+/* Publishes the transaction's changes and ends it.  A transaction whose
+   trans.error_code is non-zero is rolled back instead and the result is
+   VEL_E_HOST_TRANS_FAILED.  Either way every sequence page the transaction
+   created that no version references is freed. */
+VEL_RET velh_commit(vel_db_connection_h con);
+
+/* Discards the transaction's changes and ends it. */
+VEL_RET velh_rollback(vel_db_connection_h con);
+
+/* 1 while a transaction is open on the connection. */
+vel_bool velh_in_transaction(vel_db_connection_h con);
+
+/* ---- objects ------------------------------------------------------------ */
+
+/* Creates an object with every field zero (sequences empty) and opens it. */
+VEL_RET velh_obj_create(vel_db_connection_h con, uint16_t class_code, vel_objhandle_t *obj);
+
+/* Opens the object `oid` as the transaction sees it.  VEL_E_HOST_NO_OBJECT if
+   it does not exist there or belongs to another class. */
+VEL_RET velh_obj_open(vel_db_connection_h con, uint16_t class_code, uint64_t oid,
+                      vel_objhandle_t *obj);
+
+/* Deletes the object with its sequences. */
+VEL_RET velh_obj_delete(vel_objhandle_t *obj);
+
+/* Reads / writes a scalar field; size must be the field's size (char(N): N).
+   Sequence fields are refused with VEL_E_HOST_WRONG_FIELD. */
+VEL_RET velh_get(const vel_objhandle_t *obj, uint16_t fld_no, void *value, size_t size);
+VEL_RET velh_set(const vel_objhandle_t *obj, uint16_t fld_no, const void *value, size_t size);
+
+/* Objects of a class visible to the transaction. */
+VEL_RET velh_obj_count(vel_db_connection_h con, uint16_t class_code, uint64_t *count);
+
+/* ---- cursors -------------------------------------------------------------
+ * A cursor lives in caller memory (sizeof(vel_cursor_t) <= 232 bytes) and is
+ * valid until its transaction ends.  After opening it stands before the
+ * first object: vel_cursor_first / vel_cursor_next (velhost.h) move it and
+ * return VEL_S_OK, VEL_S_CURSOR_END past the last object, or
+ * VEL_E_HOST_TRANS_CLOSED in another transaction; vel_w_obj_from_cursor opens
+ * the object under it (VEL_S_NOTFOUND when it stands on none).
+ *
+ * List cursor: vel_w_list_cursor(&con->trans, class_code, cursor) visits the
+ * class's objects in creation order and returns VEL_S_CURSOR_EMPTY when the
+ * class has none (the cursor is still opened); vel_cursor_first on an empty
+ * list cursor returns VEL_S_CURSOR_END.
+ *
+ * Index cursor: orders the class's objects by a scalar field (ascending;
+ * equal keys in creation order), as the transaction saw them when the cursor
+ * was opened.  vel_cursor_first on an empty index cursor returns
+ * VEL_S_NOTFOUND. */
+struct vel_cursor_t_ {
+    uint32_t magic; /* host private from here on */
+    uint16_t kind;
+    uint16_t class_code;
+    uint64_t trans_serial; /* transaction that opened the cursor */
+    uint64_t pos;          /* list: oid under the cursor; index: rank + 1 */
+    uint64_t index_slot;   /* index: the transaction's index number */
+    uint64_t reserved[4];
+};
+
+VEL_RET velh_index_cursor(vel_db_connection_h con, uint16_t class_code, uint16_t fld_no,
+                          vel_cursor_t *cursor);
+
+/* ---- testing and tools --------------------------------------------------- */
+
+typedef struct velh_page_stats_t_ {
+    uint64_t live;      /* pages allocated now */
+    uint64_t allocated; /* allocations since open */
+    uint64_t freed;     /* frees since open */
+    uint64_t peak;      /* highest `live` since open or the last reset */
+} velh_page_stats_t;
+
+/* Sequence page accounting of one page manager or of VELH_PM_ALL. */
+VEL_RET velh_page_stats(velh_db_t *db, int pm, velh_page_stats_t *stats);
+void velh_reset_peak(velh_db_t *db);
+
+/* Makes the nth sequence page allocation from now (1 = the next) fail with
+   VEL_E_NOMEM; with `sticky` every later one fails too.  0 turns it off. */
+void velh_fail_page_alloc(velh_db_t *db, uint64_t nth, vel_bool sticky);
+
+/* Handler of vel_stop__.  Without one, or when it returns, vel_stop__ prints
+   the trap and aborts.  A C++ handler may throw to leave the trap. */
+typedef void (*velh_trap_handler_t)(int code, const char *file, int line, void *ctx);
+void velh_set_trap_handler(velh_trap_handler_t handler, void *ctx);
+
+/* Walks the page tree of a sequence field of an open object and checks its
+   invariants: page kinds, item counts within capacity (leaf, inner ordered or
+   unordered), entry counts equal to subtree sizes, equal leaf depth, depth
+   at most 14, reference counts >= 1; with check_keys, that every key of an
+   ordered inner page is the first value of its subtree (true for trees built
+   by appends).  Returns VEL_S_OK when the walk could be made; the verdict is
+   in the report. */
+typedef struct velh_tree_report_t_ {
+    vel_bool ok;
+    uint32_t depth; /* levels; 0 for an empty field */
+    uint64_t pages;
+    uint64_t elements;
+    uint64_t nulls;
+    char message[160]; /* first violation found */
+} velh_tree_report_t;
+
+VEL_RET velh_check_tree(const vel_objhandle_t *obj, uint16_t fld_no, vel_seq_order_t order,
+                        vel_bool check_keys, velh_tree_report_t *report);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif /* VELEMBED_H */
