@@ -1,0 +1,153 @@
+// Pieces shared by the updating operations (append, insert): access to page
+// references that may sit unaligned in an object, the argument checks made
+// right after the root update opens, the creation of a first leaf and the
+// growth of the tree by one level at the top.
+#pragma once
+
+#include <cstring>
+
+#include "common/trap.h"
+#include "storage/bitmap.h"
+#include "storage/field_root.h"
+#include "storage/page_format.h"
+
+namespace velseq {
+
+// The field root lives in the object at whatever alignment the class layout
+// gives it, so it is read and written as 8 raw bytes.
+inline vel_seq_page_t *load_ref(vel_seq_page_t *const *slot) {
+    vel_seq_page_t *pg;
+    std::memcpy(&pg, slot, sizeof pg);
+    return pg;
+}
+inline void store_ref(vel_seq_page_t **slot, vel_seq_page_t *pg) {
+    std::memcpy(slot, &pg, sizeof pg);
+}
+
+// Null test of the caller's bitmap for ordered fields.  The whole words are
+// tested as they are; the last partial word is AND-ed with the number
+// n_vals % 64 itself, not with a mask of that many bits, so only the bit
+// positions set in that number are examined (n_vals = 3: bits 0 and 1;
+// n_vals = 4: bit 2 only).
+inline bool input_has_nulls(const vel_bitmap_word_t *null_bitmap, vel_size_t n_vals) {
+    vel_size_t full = n_vals / 64;
+    for (vel_size_t i = 0; i < full; i++)
+        if (null_bitmap[i] != 0)
+            return true;
+    vel_size_t tail = n_vals % 64;
+    return tail != 0 && (null_bitmap[full] & tail) != 0;
+}
+
+// The buffer against itself: fails only on a strict inversion between
+// neighbours, so a NaN (every comparison false) passes together with the
+// values around it.
+template <class E>
+bool input_out_of_order(const E &e, const byte *vals, vel_size_t n_vals, vel_seq_order_t order) {
+    const size_t s = e.size();
+    for (vel_size_t i = 1; i < n_vals; i++) {
+        const byte *cur = vals + i * s;
+        const byte *prev = cur - s;
+        if (order == VEL_SEQ_ASC_ORDER && e.lt(cur, prev))
+            return true;
+        if (order == VEL_SEQ_DESC_ORDER && e.gt(cur, prev))
+            return true;
+    }
+    return false;
+}
+
+// Checks made after the root update has begun; their failure is returned
+// without ending it.
+template <class E>
+VEL_RET check_input(const E &e, const byte *vals, vel_size_t n_vals, vel_seq_order_t order,
+                    const vel_bitmap_word_t *null_bitmap) {
+    if (order != VEL_SEQ_NO_ORDER && null_bitmap != nullptr && input_has_nulls(null_bitmap, n_vals))
+        return VEL_E_SEQ_NULL_VALUE;
+    if (input_out_of_order(e, vals, n_vals, order))
+        return VEL_E_SEQ_OUT_OF_ORDER;
+    return VEL_S_OK;
+}
+
+// A new value against a stored one: succeeds only when `stored` <= `val`
+// (ascending) or >= (descending), so a NaN on either side fails.  Order
+// values other than 0, 1 and 2 always fail.
+template <class E>
+bool stored_then_new_ok(const E &e, const byte *stored, const byte *val, vel_seq_order_t order) {
+    switch (order) {
+    case VEL_SEQ_NO_ORDER:
+        return true;
+    case VEL_SEQ_ASC_ORDER:
+        return e.le(stored, val);
+    case VEL_SEQ_DESC_ORDER:
+        return e.ge(stored, val);
+    default:
+        return false;
+    }
+}
+
+// Copies `n` values and their null bits (cleared when `null_bitmap` is null)
+// into leaf `pg` at slot `at`.
+template <class E>
+void put_values(const E &e, vel_seq_page_t *pg, vel_bitmap_word_t *mask, int at, const byte *vals,
+                int n, const vel_bitmap_word_t *null_bitmap, int null_bitmap_offs) {
+    std::memcpy(page_value(pg, e.size(), static_cast<uint64_t>(at)), vals,
+                static_cast<size_t>(n) * e.size());
+    vel_seq_copy_bitmap(mask, at, null_bitmap, null_bitmap_offs, n);
+}
+
+// Empty field: a leaf becomes the root, holding the first min(n_vals,
+// capacity) values.  Returns the count stored in *n, or the creation error.
+template <class E>
+VEL_RET create_root_leaf(const E &e, vel_db_connection_h con, vel_page_manager_t *pm,
+                         int32_t page_size, vel_seq_page_t **slot, const byte *vals,
+                         vel_size_t n_vals, const vel_bitmap_word_t *null_bitmap,
+                         int null_bitmap_offs, vel_size_t *n) {
+    vel_seq_page_t *leaf = nullptr;
+    VEL_RET rc = vel_seq_create_page(con, pm, &leaf, slot, kLeafPage);
+    if (rc != VEL_S_OK)
+        return rc;
+    uint64_t cap = e.leaf_capacity(page_size);
+    *n = n_vals < cap ? n_vals : cap;
+    put_values(e, leaf, leaf_nulls(leaf, page_size, cap), 0, vals, static_cast<int>(*n),
+               null_bitmap, null_bitmap_offs);
+    leaf->hdr.user = static_cast<uint16_t>(*n);
+    return VEL_S_OK;
+}
+
+// Element total of a subtree from its top page alone.
+inline vel_seq_count_t subtree_count(vel_seq_page_t *pg, int32_t page_size) {
+    if (page_kind(pg) != kInnerPage)
+        return pg->hdr.user;
+    vel_seq_count_t total = 0;
+    for (int i = 0; i < pg->hdr.user; i++)
+        total += inner_entry(pg, page_size, i)->count;
+    return total;
+}
+
+// The root overflowed and `sibling` (holding `sibling_count` elements, first
+// value `sibling_key`) is its new right neighbour: a new inner root takes
+// both.  For ordered fields key 0 is the old root's body element 0 (its
+// first value or first key).
+template <class E>
+VEL_RET grow_root(const E &e, vel_db_connection_h con, vel_page_manager_t *pm, int32_t page_size,
+                  vel_seq_page_t **slot, vel_seq_page_t *sibling, vel_seq_count_t sibling_count,
+                  const byte *sibling_key, vel_seq_order_t order) {
+    vel_seq_page_t *old_root = load_ref(slot);
+    if (old_root == nullptr)
+        return VEL_E_NOMEM;
+    vel_seq_page_t *root = nullptr;
+    VEL_RET rc = vel_seq_create_page(con, pm, &root, slot, kInnerPage);
+    if (rc != VEL_S_OK)
+        return rc;
+    vel_seq_count_t count = subtree_count(old_root, page_size);
+    root->hdr.user = 2;
+    *inner_entry(root, page_size, 0) = {old_root, count};
+    *inner_entry(root, page_size, 1) = {sibling, sibling_count};
+    if (order != VEL_SEQ_NO_ORDER) {
+        const size_t s = e.size();
+        std::memcpy(page_value(root, s, 0), page_value(old_root, s, 0), s);
+        std::memcpy(page_value(root, s, 1), sibling_key, s);
+    }
+    return VEL_S_OK;
+}
+
+} // namespace velseq
