@@ -1,0 +1,264 @@
+#include "harness/families.h"
+
+#include <cstdio>
+#include <cstring>
+#include <type_traits>
+
+namespace velrel {
+namespace {
+
+template <class T> T ld(const void *p) {
+    T v;
+    std::memcpy(&v, p, sizeof v);
+    return v;
+}
+
+template <class T> bool lt_t(const void *a, const void *b, size_t) { return ld<T>(a) < ld<T>(b); }
+template <class T> bool le_t(const void *a, const void *b, size_t) { return ld<T>(a) <= ld<T>(b); }
+bool lt_c(const void *a, const void *b, size_t w) { return std::memcmp(a, b, w) < 0; }
+bool le_c(const void *a, const void *b, size_t w) { return std::memcmp(a, b, w) <= 0; }
+
+// One adapter struct per scalar suffix: each forwards to that suffix's own
+// exported wrapper, so every family exercises its own functions.
+#define X(S, T, CODE)                                                                              \
+    struct Ops_##S {                                                                               \
+        static VEL_RET append(vel_objhandle_h o, vel_offs32_t u, vel_offs32_t c, uint16_t f,       \
+                              const void *v, vel_size_t n, vel_seq_order_t ord,                    \
+                              const vel_bitmap_word_t *nb, size_t) {                               \
+            return vel_w_seq_append_##S(o, u, c, f, static_cast<const T *>(v), n, ord, nb);        \
+        }                                                                                          \
+        static VEL_RET insert(vel_objhandle_h o, vel_offs32_t u, vel_offs32_t c, uint16_t f,       \
+                              vel_seq_no_t pos, const void *v, vel_size_t n, vel_seq_order_t ord,  \
+                              const vel_bitmap_word_t *nb, size_t) {                               \
+            return vel_w_seq_insert_##S(o, u, c, f, pos, static_cast<const T *>(v), n, ord, nb);   \
+        }                                                                                          \
+        static VEL_RET del(vel_objhandle_h o, vel_offs32_t u, vel_offs32_t c, uint16_t f,          \
+                           vel_seq_no_t a, vel_seq_no_t b, vel_seq_order_t ord, size_t) {          \
+            return vel_w_seq_delete_##S(o, u, c, f, a, b, ord);                                    \
+        }                                                                                          \
+        static VEL_RET first(vel_objhandle_h o, vel_offs32_t u, vel_offs32_t c, void *v, size_t) { \
+            return vel_w_seq_first_##S(o, u, c, static_cast<T *>(v));                              \
+        }                                                                                          \
+        static VEL_RET last(vel_objhandle_h o, vel_offs32_t u, vel_offs32_t c, void *v, size_t) {  \
+            return vel_w_seq_last_##S(o, u, c, static_cast<T *>(v));                               \
+        }                                                                                          \
+        static VEL_RET subseq(vel_objhandle_h o, vel_offs32_t u, vel_offs32_t c,                   \
+                              vel_seq_iterator_h it, vel_seq_no_t a, vel_seq_no_t b, size_t) {     \
+            return vel_w_seq_subseq_##S(o, u, c, it, a, b);                                        \
+        }                                                                                          \
+        static VEL_RET search(vel_objhandle_h o, vel_offs32_t u, vel_offs32_t c,                   \
+                              vel_seq_iterator_h it, const void *lo, vel_seq_boundary_kind_t lk,   \
+                              const void *hi, vel_seq_boundary_kind_t hk, vel_seq_order_t ord,     \
+                              size_t) {                                                            \
+            return vel_w_seq_search_##S(o, u, c, it, ld<T>(lo), lk, ld<T>(hi), hk, ord);           \
+        }                                                                                          \
+        static VEL_RET store(vel_objhandle_h o, vel_offs32_t u, vel_offs32_t c, uint16_t f,        \
+                             vel_seq_iterator_h src, vel_seq_order_t ord, size_t) {                \
+            return vel_w_seq_store_##S(o, u, c, f, src, ord);                                      \
+        }                                                                                          \
+        static VEL_RET map(vel_objhandle_h o, vel_offs32_t u, vel_offs32_t c,                      \
+                           vel_seq_iterator_h it, vel_seq_iterator_h pos, size_t) {                \
+            return vel_w_seq_map_##S(o, u, c, it, pos);                                            \
+        }                                                                                          \
+        static VEL_RET project(vel_objhandle_h o, vel_offs32_t u, vel_offs32_t c,                  \
+                               vel_seq_iterator_h d, vel_seq_iterator_h s, size_t) {               \
+            return vel_w_seq_project_##S(o, u, c, d, s);                                           \
+        }                                                                                          \
+        static VEL_RET join(vel_objhandle_h o, vel_offs32_t u, vel_offs32_t c,                     \
+                            vel_seq_iterator_h r, vel_seq_iterator_h jw, vel_seq_order_t ord) {    \
+            return vel_w_seq_join_##S(o, u, c, r, jw, ord);                                        \
+        }                                                                                          \
+    };
+#include "elem/elem_types.def"
+#undef X
+
+struct OpsChar {
+    static VEL_RET append(vel_objhandle_h o, vel_offs32_t u, vel_offs32_t c, uint16_t f,
+                          const void *v, vel_size_t n, vel_seq_order_t ord,
+                          const vel_bitmap_word_t *nb, size_t w) {
+        return vel_w_seq_append_char(o, u, c, f, static_cast<const char *>(v), n, ord, w, nb);
+    }
+    static VEL_RET insert(vel_objhandle_h o, vel_offs32_t u, vel_offs32_t c, uint16_t f,
+                          vel_seq_no_t pos, const void *v, vel_size_t n, vel_seq_order_t ord,
+                          const vel_bitmap_word_t *nb, size_t w) {
+        return vel_w_seq_insert_char(o, u, c, f, pos, static_cast<const char *>(v), n, ord, w, nb);
+    }
+    static VEL_RET del(vel_objhandle_h o, vel_offs32_t u, vel_offs32_t c, uint16_t f,
+                       vel_seq_no_t a, vel_seq_no_t b, vel_seq_order_t ord, size_t w) {
+        return vel_w_seq_delete_char(o, u, c, f, a, b, ord, w);
+    }
+    static VEL_RET first(vel_objhandle_h o, vel_offs32_t u, vel_offs32_t c, void *v, size_t w) {
+        return vel_w_seq_first_char(o, u, c, static_cast<char *>(v), w);
+    }
+    static VEL_RET last(vel_objhandle_h o, vel_offs32_t u, vel_offs32_t c, void *v, size_t w) {
+        return vel_w_seq_last_char(o, u, c, static_cast<char *>(v), w);
+    }
+    static VEL_RET subseq(vel_objhandle_h o, vel_offs32_t u, vel_offs32_t c, vel_seq_iterator_h it,
+                          vel_seq_no_t a, vel_seq_no_t b, size_t w) {
+        return vel_w_seq_subseq_char(o, u, c, it, a, b, w);
+    }
+    static VEL_RET search(vel_objhandle_h o, vel_offs32_t u, vel_offs32_t c, vel_seq_iterator_h it,
+                          const void *lo, vel_seq_boundary_kind_t lk, const void *hi,
+                          vel_seq_boundary_kind_t hk, vel_seq_order_t ord, size_t w) {
+        return vel_w_seq_search_char(o, u, c, it, static_cast<const char *>(lo), lk,
+                                     static_cast<const char *>(hi), hk, ord, w);
+    }
+    static VEL_RET store(vel_objhandle_h o, vel_offs32_t u, vel_offs32_t c, uint16_t f,
+                         vel_seq_iterator_h src, vel_seq_order_t ord, size_t w) {
+        return vel_w_seq_store_char(o, u, c, f, src, ord, w);
+    }
+    static VEL_RET map(vel_objhandle_h o, vel_offs32_t u, vel_offs32_t c, vel_seq_iterator_h it,
+                       vel_seq_iterator_h pos, size_t w) {
+        return vel_w_seq_map_char(o, u, c, it, pos, w);
+    }
+    static VEL_RET project(vel_objhandle_h o, vel_offs32_t u, vel_offs32_t c, vel_seq_iterator_h d,
+                           vel_seq_iterator_h s, size_t w) {
+        return vel_w_seq_project_char(o, u, c, d, s, w);
+    }
+    static VEL_RET join(vel_objhandle_h o, vel_offs32_t u, vel_offs32_t c, vel_seq_iterator_h r,
+                        vel_seq_iterator_h jw, vel_seq_order_t ord) {
+        return vel_w_seq_join_char(o, u, c, r, jw, ord);
+    }
+};
+
+template <class Ops> void bind_ops(Family &f) {
+    f.append = Ops::append;
+    f.insert = Ops::insert;
+    f.del = Ops::del;
+    f.first = Ops::first;
+    f.last = Ops::last;
+    f.subseq = Ops::subseq;
+    f.search = Ops::search;
+    f.store = Ops::store;
+    f.map = Ops::map;
+    f.project = Ops::project;
+    f.join = Ops::join;
+}
+
+uint8_t seq_code_of(uint8_t dd) {
+    switch (dd) {
+    case VEL_DD_UINT1:
+        return VEL_DD_SEQUENCE_UINT1;
+    case VEL_DD_UINT2:
+        return VEL_DD_SEQUENCE_UINT2;
+    case VEL_DD_UINT4:
+        return VEL_DD_SEQUENCE_UINT4;
+    case VEL_DD_UINT8:
+        return VEL_DD_SEQUENCE_UINT8;
+    case VEL_DD_INT1:
+        return VEL_DD_SEQUENCE_INT1;
+    case VEL_DD_INT2:
+        return VEL_DD_SEQUENCE_INT2;
+    case VEL_DD_INT4:
+        return VEL_DD_SEQUENCE_INT4;
+    case VEL_DD_INT8:
+        return VEL_DD_SEQUENCE_INT8;
+    case VEL_DD_FLOAT:
+        return VEL_DD_SEQUENCE_FLOAT;
+    case VEL_DD_DOUBLE:
+        return VEL_DD_SEQUENCE_DOUBLE;
+    case VEL_DD_DATETIME:
+        return VEL_DD_SEQUENCE_DATETIME;
+    default:
+        return VEL_DD_SEQUENCE_CHAR;
+    }
+}
+
+std::vector<Family> make_scalars() {
+    std::vector<Family> v;
+#define X(S, T, CODE)                                                                              \
+    {                                                                                              \
+        Family f{};                                                                                \
+        f.name = #S;                                                                               \
+        f.elem_type = CODE;                                                                        \
+        f.seq_code = seq_code_of(CODE);                                                            \
+        f.width = sizeof(T);                                                                       \
+        f.is_char = false;                                                                         \
+        f.is_float = std::is_floating_point_v<T>;                                                  \
+        f.lt = lt_t<T>;                                                                            \
+        f.le = le_t<T>;                                                                            \
+        bind_ops<Ops_##S>(f);                                                                      \
+        v.push_back(f);                                                                            \
+    }
+#include "elem/elem_types.def"
+#undef X
+    return v;
+}
+
+} // namespace
+
+const std::vector<Family> &scalar_families() {
+    static const std::vector<Family> v = make_scalars();
+    return v;
+}
+
+Family char_family(size_t width) {
+    Family f{};
+    f.name = "char";
+    f.elem_type = VEL_DD_CHAR;
+    f.seq_code = VEL_DD_SEQUENCE_CHAR;
+    f.width = width;
+    f.is_char = true;
+    f.is_float = false;
+    f.lt = lt_c;
+    f.le = le_c;
+    bind_ops<OpsChar>(f);
+    return f;
+}
+
+const std::vector<Family> &all_families() {
+    static const std::vector<Family> v = [] {
+        std::vector<Family> all = scalar_families();
+        all.push_back(char_family(5));
+        return all;
+    }();
+    return v;
+}
+
+std::string show(const Family &f, const void *elem) {
+    char buf[128];
+    const auto *p = static_cast<const unsigned char *>(elem);
+    if (f.is_char) {
+        std::string s = "'";
+        for (size_t i = 0; i < f.width; ++i) {
+            std::snprintf(buf, sizeof buf, "\\x%02x", p[i]);
+            s += buf;
+        }
+        return s + "'";
+    }
+    switch (f.elem_type) {
+    case VEL_DD_INT1:
+        std::snprintf(buf, sizeof buf, "%d", ld<int8_t>(p));
+        break;
+    case VEL_DD_INT2:
+        std::snprintf(buf, sizeof buf, "%d", ld<int16_t>(p));
+        break;
+    case VEL_DD_INT4:
+        std::snprintf(buf, sizeof buf, "%d", ld<int32_t>(p));
+        break;
+    case VEL_DD_INT8:
+        std::snprintf(buf, sizeof buf, "%lld", (long long)ld<int64_t>(p));
+        break;
+    case VEL_DD_UINT1:
+        std::snprintf(buf, sizeof buf, "%u", ld<uint8_t>(p));
+        break;
+    case VEL_DD_UINT2:
+        std::snprintf(buf, sizeof buf, "%u", ld<uint16_t>(p));
+        break;
+    case VEL_DD_UINT4:
+        std::snprintf(buf, sizeof buf, "%u", ld<uint32_t>(p));
+        break;
+    case VEL_DD_FLOAT:
+        std::snprintf(buf, sizeof buf, "%g", ld<float>(p));
+        break;
+    case VEL_DD_DOUBLE:
+        std::snprintf(buf, sizeof buf, "%g", ld<double>(p));
+        break;
+    default:
+        std::snprintf(buf, sizeof buf, "%llu", (unsigned long long)ld<uint64_t>(p));
+        break;
+    }
+    return buf;
+}
+
+} // namespace velrel

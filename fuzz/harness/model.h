@@ -1,0 +1,50 @@
+// The plain model a sequence field is checked against: a vector of
+// fixed-width values and a vector of null flags, with the module's refusal
+// rules written out directly (no pages, no iterators).
+#pragma once
+
+#include <cstdint>
+#include <cstring>
+#include <vector>
+
+#include "harness/families.h"
+
+namespace velrel {
+
+struct SeqModel {
+    size_t w = 0;
+    std::vector<uint8_t> vals; // size() * w bytes
+    std::vector<uint8_t> nulls;
+    // False once a delete trimmed the front of some subtree of an ordered
+    // field: inner keys may then lag behind the first values they name.
+    bool keys_exact = true;
+
+    size_t size() const { return nulls.size(); }
+    const uint8_t *at(size_t i) const { return vals.data() + i * w; }
+    void insert(size_t pos, const void *v, size_t n, const vel_bitmap_word_t *nb, size_t nb_offs);
+    void erase(size_t from, size_t till); // inclusive
+    void clear() {
+        vals.clear();
+        nulls.clear();
+        keys_exact = true;
+    }
+    bool operator==(const SeqModel &o) const { return vals == o.vals && nulls == o.nulls; }
+};
+
+inline bool bit_of(const vel_bitmap_word_t *b, size_t i) {
+    return b && ((b[i / 64] >> (i % 64)) & 1);
+}
+
+// The null test of append and insert on ordered fields: whole words, then the
+// last partial word ANDed with n % 64 itself (not with a mask of that width).
+bool ordered_null_test_hits(const vel_bitmap_word_t *nb, uint64_t n);
+
+// Buffer order check of append and insert: true when the buffer is refused.
+bool buffer_out_of_order(const Family &f, vel_seq_order_t order, const uint8_t *v, uint64_t n);
+
+// Outcome of append on the model, applying it when the module would.
+// `leaf_cap` matters only for order values other than 0, 1, 2.
+VEL_RET model_append(const Family &f, vel_seq_order_t order, SeqModel &m, const uint8_t *v,
+                     uint64_t n, const vel_bitmap_word_t *nb, uint64_t leaf_cap);
+
+} // namespace velrel

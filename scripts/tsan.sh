@@ -1,0 +1,22 @@
+#!/usr/bin/env bash
+# ThreadSanitizer build and run of the threaded tests: the snapshot stress
+# (writer committing while readers hold snapshots) and every other test
+# labelled or named for threads.  Build dir: $VELSEQ_TSAN_BUILD (default
+# build/tsan).  VELSEQ_STRESS_COMMITS raises the number of commits.
+set -euo pipefail
+
+ROOT=$(cd "$(dirname "$0")/.." && pwd)
+BUILD=${VELSEQ_TSAN_BUILD:-$ROOT/build/tsan}
+JOBS=${VELSEQ_JOBS:-2}
+
+as_root() { if [ "$(id -u)" = 0 ]; then "$@"; else sudo "$@"; fi; }
+command -v clang++ >/dev/null 2>&1 || { as_root apt-get update; as_root apt-get install -y clang; }
+
+CC=clang CXX=clang++ cmake -S "$ROOT" -B "$BUILD" -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+    -DVELSEQ_SANITIZE=thread >/dev/null
+cmake --build "$BUILD" --target velseq_reliability_tests -j"$JOBS"
+
+TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1" \
+VELSEQ_STRESS_COMMITS=${VELSEQ_STRESS_COMMITS:-2000} \
+    "$BUILD/tests/reliability/velseq_reliability_tests" --gtest_filter='SnapshotStress*'
+echo "tsan: clean"
