@@ -1,0 +1,484 @@
+// Sequence page arenas and the page services of velhost.h.
+//
+// Memory fresh from the operating system costs about 10 us per 4 KiB page on
+// its first touch (the kernel zeroes and maps it), some forty times a memcpy
+// of the page, so pages come from 1 MiB chunks and freed pages go to a LIFO
+// free list that the next allocation reuses.  A benchmark therefore measures
+// the warm pool once its working set has been allocated and freed before, or
+// when the database was opened with velh_config_t.warm_pages; the first
+// allocations of a fresh database measure fresh memory.
+#include <atomic>
+#include <cstdlib>
+#include <cstring>
+#include <new>
+
+#include "host_internal.h"
+
+#if defined(__SANITIZE_ADDRESS__)
+#define VELH_ASAN 1
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer)
+#define VELH_ASAN 1
+#endif
+#endif
+
+#ifdef VELH_ASAN
+#include <sanitizer/asan_interface.h>
+#define VELH_POISON(p, n) ASAN_POISON_MEMORY_REGION((p), (n))
+#define VELH_UNPOISON(p, n) ASAN_UNPOISON_MEMORY_REGION((p), (n))
+#else
+#define VELH_POISON(p, n) ((void)(p), (void)(n))
+#define VELH_UNPOISON(p, n) ((void)(p), (void)(n))
+#endif
+
+namespace velhost {
+
+namespace {
+
+ChunkHdr *chunk_of(const void *page) {
+    auto a = reinterpret_cast<uintptr_t>(page) & ~(uintptr_t(kChunkBytes) - 1);
+    return reinterpret_cast<ChunkHdr *>(a);
+}
+
+uint32_t slot_of(ChunkHdr *ch, const void *page) {
+    auto off = static_cast<uint32_t>(reinterpret_cast<const std::byte *>(page) -
+                                     reinterpret_cast<std::byte *>(ch));
+    return (off - ch->first_off) / ch->slot_size;
+}
+
+// Adds one chunk of free pages.  Called with Db::alloc_mutex held.
+bool add_chunk(PageManager *pm) {
+    const uint32_t slot = pm->page_size + kRedZone;
+    // Header and meta array, then slots from a 64-byte boundary.
+    uint32_t n = static_cast<uint32_t>(kChunkBytes / (slot + sizeof(PageMeta)));
+    uint32_t first = 0;
+    for (;; --n) {
+        first = static_cast<uint32_t>(offsetof(ChunkHdr, meta) + n * sizeof(PageMeta));
+        first = (first + 63) & ~63u;
+        if (first + size_t(n) * slot <= kChunkBytes)
+            break;
+    }
+    void *mem = std::aligned_alloc(kChunkBytes, kChunkBytes);
+    if (mem == nullptr)
+        return false;
+    auto *ch = static_cast<ChunkHdr *>(mem);
+    ch->magic = kChunkMagic;
+    ch->n_slots = n;
+    ch->first_off = first;
+    ch->slot_size = slot;
+    ch->pm = pm;
+    auto *base = static_cast<std::byte *>(mem);
+    pm->chunks.push_back(mem);
+    // Pushed in reverse so that the lowest address is handed out first.
+    for (uint32_t i = n; i-- > 0;) {
+        ch->meta[i] = PageMeta{0, 0, 0};
+        std::byte *pg = base + first + size_t(i) * slot;
+        pm->free_pages.push_back(pg);
+    }
+    VELH_POISON(base + first, size_t(n) * slot);
+    return true;
+}
+
+// The fault injector; called with Db::alloc_mutex held.
+bool injected_failure(Db *db) {
+    if (db->failing)
+        return true;
+    if (db->fail_countdown == 0)
+        return false;
+    if (--db->fail_countdown != 0)
+        return false;
+    db->failing = db->fail_sticky;
+    return true;
+}
+
+} // namespace
+
+uint32_t ref_load(vel_seq_page_t *pg) {
+    return std::atomic_ref<uint32_t>(pg->ref_count).load(std::memory_order_acquire);
+}
+
+void ref_add(vel_seq_page_t *pg) {
+    std::atomic_ref<uint32_t>(pg->ref_count).fetch_add(1, std::memory_order_acq_rel);
+}
+
+// Decrements unless already zero; returns the new count, or -1 when the
+// count was zero (a release too many).
+static int64_t ref_sub(vel_seq_page_t *pg) {
+    std::atomic_ref<uint32_t> rc(pg->ref_count);
+    uint32_t old = rc.load(std::memory_order_acquire);
+    do {
+        if (old == 0)
+            return -1;
+    } while (!rc.compare_exchange_weak(old, old - 1, std::memory_order_acq_rel));
+    return int64_t(old) - 1;
+}
+
+PageMeta *page_meta(std::byte *page) {
+    ChunkHdr *ch = chunk_of(page);
+    return &ch->meta[slot_of(ch, page)];
+}
+
+void arena_init(PageManager *pm, Db *db, int which, uint32_t page_size) {
+    pm->db = db;
+    pm->which = which;
+    pm->page_size = page_size;
+    pm->pub.large_page_size = [](vel_db_connection_h con) -> int32_t {
+        // Every page manager of a database has the database's page size; a
+        // transaction handle is accepted as the connection.
+        Db *d = db_of(con);
+        return d != nullptr ? static_cast<int32_t>(d->cfg.seq_page_size) : 0;
+    };
+    pm->pub.host = pm;
+}
+
+void arena_warm(PageManager *pm, uint32_t n_pages) {
+    std::lock_guard<std::mutex> lock(pm->db->alloc_mutex);
+    while (pm->free_pages.size() < n_pages)
+        if (!add_chunk(pm))
+            return;
+    // Touch every page once so that the kernel has mapped it.
+    for (std::byte *pg : pm->free_pages) {
+        VELH_UNPOISON(pg, pm->page_size);
+        std::memset(pg, 0, pm->page_size);
+        VELH_POISON(pg, pm->page_size);
+    }
+}
+
+void arena_destroy(PageManager *pm) {
+    for (void *c : pm->chunks) {
+        auto *ch = static_cast<ChunkHdr *>(c);
+        VELH_UNPOISON(reinterpret_cast<std::byte *>(c) + ch->first_off,
+                      size_t(ch->n_slots) * ch->slot_size);
+        std::free(c);
+    }
+    pm->chunks.clear();
+    pm->free_pages.clear();
+}
+
+VEL_RET page_alloc(PageManager *pm, Txn *creator, std::byte **page) {
+    Db *db = pm->db;
+    std::byte *pg;
+    {
+        std::lock_guard<std::mutex> lock(db->alloc_mutex);
+        if (injected_failure(db))
+            return VEL_E_NOMEM;
+        if (pm->free_pages.empty() && !add_chunk(pm))
+            return VEL_E_NOMEM;
+        pg = pm->free_pages.back();
+        pm->free_pages.pop_back();
+        VELH_UNPOISON(pg, pm->page_size);
+        PageMeta *m = page_meta(pg);
+        m->live = 1;
+        m->reached = 0;
+        m->creator = creator != nullptr ? creator->serial : 0;
+        velh_page_stats_t &s = pm->stats;
+        s.allocated++;
+        s.live++;
+        if (s.live > s.peak)
+            s.peak = s.live;
+    }
+#ifndef NDEBUG
+    // The module may not rely on anything but the header it was promised.
+    std::memset(pg, 0xCB, pm->page_size);
+#endif
+    if (creator != nullptr)
+        creator->created.emplace_back(pg, pm);
+    *page = pg;
+    return VEL_S_OK;
+}
+
+void page_free(PageManager *pm, std::byte *page) {
+    std::lock_guard<std::mutex> lock(pm->db->alloc_mutex);
+    PageMeta *m = page_meta(page);
+    if (m->live == 0)
+        vel_stop__(VEL_E_HOST_BAD_ARG, __FILE__, __LINE__); // double free
+    m->live = 0;
+    m->creator = 0;
+    pm->stats.freed++;
+    pm->stats.live--;
+    VELH_POISON(page, pm->page_size);
+    pm->free_pages.push_back(page);
+}
+
+void prune_tree(PageManager *pm, vel_seq_page_t *root) {
+    if (root == nullptr)
+        return;
+    int64_t n = ref_sub(root);
+    if (n != 0)
+        return; // still referenced elsewhere (or a release too many: keep it)
+    if ((root->hdr.kind & 15) == 2) {
+        const uint32_t ps = pm->page_size;
+        for (uint32_t i = 0; i < root->hdr.user; ++i) {
+            auto *e = reinterpret_cast<vel_seq_node_t *>(reinterpret_cast<std::byte *>(root) + ps -
+                                                         16 * (size_t(i) + 1));
+            prune_tree(pm, e->page);
+        }
+    }
+    page_free(pm, reinterpret_cast<std::byte *>(root));
+}
+
+// Copies every shared page of a tree, top-down, the way the module's
+// copy-on-write would on a full descent.  A failure leaves a consistent tree
+// (every step is one complete page copy).
+VEL_RET make_tree_private(Txn *txn, PageManager *pm, vel_seq_page_t **slot) {
+    vel_seq_page_t *pg = *slot;
+    if (pg == nullptr)
+        return VEL_S_OK;
+    const uint32_t ps = pm->page_size;
+    const bool inner = (pg->hdr.kind & 15) == 2;
+    if (ref_load(pg) > 1) {
+        std::byte *q;
+        VEL_RET r = page_alloc(pm, txn, &q);
+        if (r != VEL_S_OK)
+            return r;
+        std::memcpy(q, pg, ps);
+        auto *copy = reinterpret_cast<vel_seq_page_t *>(q);
+        std::atomic_ref<uint32_t>(copy->ref_count).store(1, std::memory_order_release);
+        if (inner)
+            for (uint32_t i = 0; i < copy->hdr.user; ++i)
+                ref_add(reinterpret_cast<vel_seq_node_t *>(q + ps - 16 * (size_t(i) + 1))->page);
+        ref_sub(pg);
+        *slot = copy;
+        pg = copy;
+    }
+    if (inner) {
+        auto *b = reinterpret_cast<std::byte *>(pg);
+        for (uint32_t i = 0; i < pg->hdr.user; ++i) {
+            auto *e = reinterpret_cast<vel_seq_node_t *>(b + ps - 16 * (size_t(i) + 1));
+            VEL_RET r = make_tree_private(txn, pm, &e->page);
+            if (r != VEL_S_OK)
+                return r;
+        }
+    }
+    return VEL_S_OK;
+}
+
+namespace {
+
+// Marks the pages created by `serial` that a tree reaches.  Pages made by
+// others are committed and never point to a page of a running transaction,
+// so the walk stops there.
+void mark_reached(PageManager *pm, vel_seq_page_t *pg, uint64_t serial, int depth) {
+    if (pg == nullptr || depth > VEL_SEQ_MAX_DEPTH)
+        return;
+    auto *b = reinterpret_cast<std::byte *>(pg);
+    ChunkHdr *ch = chunk_of(b);
+    if (ch->magic != kChunkMagic)
+        return;
+    PageMeta *m = page_meta(b);
+    if (!m->live || m->creator != serial || m->reached)
+        return;
+    m->reached = 1;
+    if ((pg->hdr.kind & 15) == 2) {
+        const uint32_t ps = pm->page_size;
+        for (uint32_t i = 0; i < pg->hdr.user; ++i)
+            mark_reached(pm,
+                         reinterpret_cast<vel_seq_node_t *>(b + ps - 16 * (size_t(i) + 1))->page,
+                         serial, depth + 1);
+    }
+}
+
+} // namespace
+
+// At the end of a transaction: frees every page it created that no version
+// references (the module may leave a created page unlinked after a failure)
+// and forgets the creations.  When committing, the private versions about
+// to be published are the only versions that can reach such pages; at
+// rollback they are already pruned, so whatever is left is garbage.
+void sweep_created(Db *db, Txn *txn, bool committing) {
+    if (txn->created.empty())
+        return;
+    if (committing) {
+        for (Chain *c : txn->written) {
+            Version *v = c->priv;
+            if (v == nullptr || v->deleted)
+                continue;
+            ClassDef *cls = class_of(db, c->class_code);
+            if (cls == nullptr)
+                continue;
+            const uint32_t afs = db->cfg.additional_object_field_size;
+            for (uint16_t fno : cls->seq_fields)
+                mark_reached(cls->pm, *root_slot(cls, v, cls->fields[fno], afs), txn->serial, 1);
+        }
+    }
+    for (auto &[pg, pm] : txn->created) {
+        bool free_it = false;
+        {
+            std::lock_guard<std::mutex> lock(pm->db->alloc_mutex);
+            PageMeta *m = page_meta(pg);
+            if (m->live && m->creator == txn->serial) {
+                free_it = !m->reached;
+                m->creator = 0;
+                m->reached = 0;
+            }
+        }
+        if (free_it)
+            page_free(pm, pg);
+    }
+    txn->created.clear();
+}
+
+} // namespace velhost
+
+using namespace velhost;
+
+namespace {
+
+// The transaction of a connection when it may create pages.
+VEL_RET writer_txn(vel_db_connection_h con, Txn **txn) {
+    Conn *c = conn_of(con);
+    if (c == nullptr)
+        return VEL_E_HOST_BAD_ARG;
+    if (c->txn == nullptr)
+        return VEL_E_HOST_TRANS_CLOSED;
+    if (!c->txn->rw)
+        return VEL_E_HOST_READ_ONLY;
+    *txn = c->txn;
+    return VEL_S_OK;
+}
+
+} // namespace
+
+extern "C" {
+
+VEL_RET vel_seq_create_page(vel_db_connection_h con, vel_page_manager_t *pm, vel_seq_page_t **page,
+                            vel_seq_page_t **ref_slot, int kind) {
+    PageManager *p = pm_of(pm);
+    if (p == nullptr || page == nullptr || ref_slot == nullptr)
+        return VEL_E_HOST_BAD_ARG;
+    Txn *txn;
+    VEL_RET r = writer_txn(con, &txn);
+    if (r != VEL_S_OK)
+        return r;
+    std::byte *b;
+    r = page_alloc(p, txn, &b);
+    if (r != VEL_S_OK)
+        return r;
+    auto *pg = reinterpret_cast<vel_seq_page_t *>(b);
+    pg->hdr.kind = static_cast<uint8_t>(kind & 15);
+    pg->hdr.user = 1;
+    std::atomic_ref<uint32_t>(pg->ref_count).store(1, std::memory_order_release);
+    *page = pg;
+    *ref_slot = pg;
+    return VEL_S_OK;
+}
+
+VEL_RET vel_seq_free_page(vel_db_connection_h con, vel_page_manager_t *pm, vel_seq_page_t *page) {
+    (void)con;
+    PageManager *p = pm_of(pm);
+    if (p == nullptr || page == nullptr)
+        return VEL_E_HOST_BAD_ARG;
+    // Only a private page may go; a shared one still belongs to a version.
+    if (ref_load(page) > 1)
+        return VEL_E_HOST_BAD_ARG;
+    page_free(p, reinterpret_cast<std::byte *>(page));
+    return VEL_S_OK;
+}
+
+vel_bool vel_seq_is_copy(vel_db_connection_h con, vel_page_manager_t *pm, vel_seq_page_t *page,
+                         vel_seq_page_t *ref) {
+    (void)con;
+    (void)pm;
+    vel_seq_page_t *pg = ref != nullptr ? ref : page;
+    return pg != nullptr && ref_load(pg) > 1;
+}
+
+void vel_seq_lock_cow_bitmap(vel_db_connection_h con, vel_page_manager_t *pm) {
+    (void)con;
+    PageManager *p = pm_of(pm);
+    if (p == nullptr)
+        vel_stop__(VEL_E_HOST_BAD_ARG, __FILE__, __LINE__);
+    p->cow_mutex.lock();
+}
+
+void vel_seq_unlock_cow_bitmap(vel_db_connection_h con, vel_page_manager_t *pm) {
+    (void)con;
+    PageManager *p = pm_of(pm);
+    if (p == nullptr)
+        vel_stop__(VEL_E_HOST_BAD_ARG, __FILE__, __LINE__);
+    p->cow_mutex.unlock();
+}
+
+void vel_seq_init_ref_count(vel_db_connection_h con, vel_page_manager_t *pm, vel_seq_page_t *page,
+                            vel_seq_page_t *ref) {
+    (void)con;
+    (void)pm;
+    vel_seq_page_t *pg = ref != nullptr ? ref : page;
+    if (pg != nullptr)
+        std::atomic_ref<uint32_t>(pg->ref_count).store(1, std::memory_order_release);
+}
+
+VEL_RET vel_seq_increment_ref_count(vel_db_connection_h con, vel_page_manager_t *pm,
+                                    vel_seq_page_t *ref) {
+    (void)con;
+    (void)pm;
+    if (ref == nullptr)
+        return VEL_E_NOMEM;
+    ref_add(ref);
+    return VEL_S_OK;
+}
+
+VEL_RET vel_seq_decrement_ref_count(vel_db_connection_h con, vel_page_manager_t *pm,
+                                    vel_seq_page_t *ref, int32_t *count) {
+    (void)con;
+    (void)pm;
+    if (ref == nullptr || count == nullptr)
+        return VEL_E_HOST_BAD_ARG;
+    int64_t n = ref_sub(ref);
+    if (n < 0) {
+        *count = 0;
+        return VEL_E_HOST_BAD_ARG;
+    }
+    *count = static_cast<int32_t>(n);
+    return VEL_S_OK;
+}
+
+VEL_RET vel_seq_prune(vel_db_connection_h con, vel_page_manager_t *pm, vel_seq_page_t *root) {
+    (void)con;
+    PageManager *p = pm_of(pm);
+    if (p == nullptr)
+        return VEL_E_HOST_BAD_ARG;
+    prune_tree(p, root);
+    return VEL_S_OK;
+}
+
+VEL_RET velh_page_stats(velh_db_t *db, int pm, velh_page_stats_t *stats) {
+    if (db == nullptr || stats == nullptr || pm < VELH_PM_ALL || pm > VELH_PM_ALT)
+        return VEL_E_HOST_BAD_ARG;
+    Db *d = reinterpret_cast<Db *>(db);
+    std::lock_guard<std::mutex> lock(d->alloc_mutex);
+    if (pm != VELH_PM_ALL) {
+        *stats = d->pms[pm].stats;
+        return VEL_S_OK;
+    }
+    velh_page_stats_t s{};
+    for (auto &p : d->pms) {
+        s.live += p.stats.live;
+        s.allocated += p.stats.allocated;
+        s.freed += p.stats.freed;
+        s.peak += p.stats.peak;
+    }
+    *stats = s;
+    return VEL_S_OK;
+}
+
+void velh_reset_peak(velh_db_t *db) {
+    if (db == nullptr)
+        return;
+    Db *d = reinterpret_cast<Db *>(db);
+    std::lock_guard<std::mutex> lock(d->alloc_mutex);
+    for (auto &p : d->pms)
+        p.stats.peak = p.stats.live;
+}
+
+void velh_fail_page_alloc(velh_db_t *db, uint64_t nth, vel_bool sticky) {
+    if (db == nullptr)
+        return;
+    Db *d = reinterpret_cast<Db *>(db);
+    std::lock_guard<std::mutex> lock(d->alloc_mutex);
+    d->fail_countdown = nth;
+    d->fail_sticky = nth != 0 && sticky;
+    d->failing = false;
+}
+
+} // extern "C"
