@@ -1,0 +1,256 @@
+// Count, first and last, and the structural edge cases of insert and
+// delete: where values land, which pages split or disappear, and that
+// delete never merges.
+#include "test_util.h"
+
+namespace vstest {
+namespace {
+
+class Shapes : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        ASSERT_EQ(sdb.begin_write(), VEL_S_OK);
+        obj = sdb.new_object();
+        f = sdb.field("int4");
+    }
+    void TearDown() override { sdb.rollback(); }
+
+    VEL_RET append(const std::vector<vel_int4> &v, const vel_bitmap_word_t *nb = nullptr,
+                   vel_seq_order_t order = VEL_SEQ_NO_ORDER) {
+        return vel_w_seq_append_int4(&obj, f.u_offset, f.c_offset, f.fld_no, v.data(), v.size(),
+                                     order, nb);
+    }
+    VEL_RET insert(vel_seq_no_t pos, const std::vector<vel_int4> &v,
+                   const vel_bitmap_word_t *nb = nullptr) {
+        return vel_w_seq_insert_int4(&obj, f.u_offset, f.c_offset, f.fld_no, pos, v.data(),
+                                     v.size(), VEL_SEQ_NO_ORDER, nb);
+    }
+    VEL_RET del(vel_seq_no_t from, vel_seq_no_t till, vel_seq_order_t order = VEL_SEQ_NO_ORDER) {
+        return vel_w_seq_delete_int4(&obj, f.u_offset, f.c_offset, f.fld_no, from, till, order);
+    }
+    static std::vector<vel_int4> iota(size_t n, vel_int4 start = 0) {
+        std::vector<vel_int4> v(n);
+        for (size_t i = 0; i < n; i++)
+            v[i] = start + static_cast<vel_int4>(i);
+        return v;
+    }
+    std::vector<vel_int4> values(vel_seq_order_t order = VEL_SEQ_NO_ORDER) {
+        TreeReport r = check_tree(&obj, f, order);
+        EXPECT_TRUE(r.ok()) << r.error;
+        std::vector<vel_int4> out(r.contents.size());
+        std::memcpy(out.data(), r.contents.bytes.data(), r.contents.bytes.size());
+        return out;
+    }
+    vel_seq_no_t count() {
+        vel_seq_no_t c = 999;
+        EXPECT_EQ(vel_w_seq_count(&obj, f.u_offset, f.c_offset, &c), VEL_S_OK);
+        return c;
+    }
+
+    SeqDb sdb{DbOptions{.seq_page_size = 4096}};
+    vel_objhandle_t obj{};
+    FieldRef f;
+    static constexpr uint64_t kLeaf = 989; // int4 at 4096
+};
+
+TEST_F(Shapes, EmptyFieldAnswersNotFoundAndZero) {
+    EXPECT_EQ(count(), 0u);
+    vel_int4 v = 77;
+    EXPECT_EQ(vel_w_seq_first_int4(&obj, f.u_offset, f.c_offset, &v), VEL_S_NOTFOUND);
+    EXPECT_EQ(vel_w_seq_last_int4(&obj, f.u_offset, f.c_offset, &v), VEL_S_NOTFOUND);
+    EXPECT_EQ(v, 77);
+    ASSERT_EQ(append({42}), VEL_S_OK);
+    vel_int4 a = 0, b = 0;
+    EXPECT_EQ(vel_w_seq_first_int4(&obj, f.u_offset, f.c_offset, &a), VEL_S_OK);
+    EXPECT_EQ(vel_w_seq_last_int4(&obj, f.u_offset, f.c_offset, &b), VEL_S_OK);
+    EXPECT_EQ(a, 42);
+    EXPECT_EQ(b, 42);
+}
+
+// The last element's bit lies in word 0, 1, 1 for 64, 65, 128 elements.
+TEST_F(Shapes, LastTestsTheBitOfTheLastElement) {
+    for (size_t n : {64u, 65u, 128u}) {
+        SCOPED_TRACE(n);
+        ASSERT_EQ(vel_w_seq_truncate(&obj, f.u_offset, f.c_offset, f.fld_no), VEL_S_OK);
+        std::vector<vel_bitmap_word_t> nb(3, 0);
+        nb[(n - 1) / 64] = vel_bitmap_word_t{1} << ((n - 1) % 64);
+        ASSERT_EQ(append(iota(n, 100), nb.data()), VEL_S_OK);
+        vel_int4 v = 0;
+        EXPECT_EQ(vel_w_seq_last_int4(&obj, f.u_offset, f.c_offset, &v), VEL_E_SEQ_NULL_VALUE);
+        EXPECT_EQ(v, 100 + static_cast<vel_int4>(n) - 1);
+        EXPECT_EQ(vel_w_seq_first_int4(&obj, f.u_offset, f.c_offset, &v), VEL_S_OK);
+        EXPECT_EQ(v, 100);
+        ASSERT_EQ(del(n - 1, n - 1), VEL_S_OK);
+        EXPECT_EQ(vel_w_seq_last_int4(&obj, f.u_offset, f.c_offset, &v), VEL_S_OK);
+        EXPECT_EQ(v, 100 + static_cast<vel_int4>(n) - 2);
+    }
+}
+
+TEST_F(Shapes, CountOfAThreeLevelTreeComesFromTheRoot) {
+    SeqDb small{DbOptions{.seq_page_size = 1024}};
+    ASSERT_EQ(small.begin_write(), VEL_S_OK);
+    vel_objhandle_t o = small.new_object();
+    FieldRef g = small.field("int4");
+    auto v = iota(244 * 63 + 500);
+    ASSERT_EQ(vel_w_seq_append_int4(&o, g.u_offset, g.c_offset, g.fld_no, v.data(), v.size(),
+                                    VEL_SEQ_NO_ORDER, nullptr),
+              VEL_S_OK);
+    TreeReport r = check_tree(&o, g, VEL_SEQ_NO_ORDER);
+    ASSERT_TRUE(r.ok()) << r.error;
+    EXPECT_EQ(r.depth, 3);
+    vel_seq_no_t c = 0;
+    EXPECT_EQ(vel_w_seq_count(&o, g.u_offset, g.c_offset, &c), VEL_S_OK);
+    EXPECT_EQ(c, v.size());
+    vel_int4 last = 0;
+    EXPECT_EQ(vel_w_seq_last_int4(&o, g.u_offset, g.c_offset, &last), VEL_S_OK);
+    EXPECT_EQ(last, static_cast<vel_int4>(v.size() - 1));
+    small.rollback();
+}
+
+TEST_F(Shapes, InsertPositionsAtTheEdges) {
+    EXPECT_EQ(insert(1, {5}), VEL_E_ILLEGAL_PARAM);
+    EXPECT_EQ(count(), 0u);
+    ASSERT_EQ(insert(0, {5, 6}), VEL_S_OK);
+    EXPECT_EQ(insert(3, {9}), VEL_E_ILLEGAL_PARAM);
+    ASSERT_EQ(insert(2, {7}), VEL_S_OK); // at the end, through the insert path
+    ASSERT_EQ(insert(0, {4}), VEL_S_OK);
+    EXPECT_EQ(values(), (std::vector<vel_int4>{4, 5, 6, 7}));
+    // Zero values at an impossible position do nothing and succeed.
+    EXPECT_EQ(insert(100, {}), VEL_S_OK);
+}
+
+// A full leaf split by one value in the middle stays full and gives its
+// last value to a new right sibling.
+TEST_F(Shapes, InsertIntoAFullLeafSplitsOffExactlyThePassCount) {
+    auto v = iota(kLeaf);
+    ASSERT_EQ(append(v), VEL_S_OK);
+    ASSERT_EQ(insert(500, {-1}), VEL_S_OK);
+    TreeReport r = check_tree(&obj, f, VEL_SEQ_NO_ORDER);
+    ASSERT_TRUE(r.ok()) << r.error;
+    ASSERT_EQ(r.depth, 2);
+    EXPECT_EQ(velseq::inner_entry(r.pages[0], 4096, 0)->count, kLeaf);
+    EXPECT_EQ(velseq::inner_entry(r.pages[0], 4096, 1)->count, 1u);
+    v.insert(v.begin() + 500, -1);
+    EXPECT_EQ(values(), v);
+
+    // At the end of a full last leaf: rest = 0, every value starts the new page.
+    auto more = iota(kLeaf - 1, 5000);
+    ASSERT_EQ(append(more), VEL_S_OK); // second leaf now full
+    ASSERT_EQ(insert(2 * kLeaf, {-2, -3, -4}), VEL_S_OK);
+    r = check_tree(&obj, f, VEL_SEQ_NO_ORDER);
+    ASSERT_TRUE(r.ok()) << r.error;
+    EXPECT_EQ(r.pages[0]->hdr.user, 3);
+    EXPECT_EQ(velseq::inner_entry(r.pages[0], 4096, 2)->count, 3u);
+    v.insert(v.end(), more.begin(), more.end());
+    v.insert(v.end(), {-2, -3, -4});
+    EXPECT_EQ(values(), v);
+
+    // More values than the tail right of the position: mixed split.
+    std::vector<vel_int4> big = iota(700, -1000);
+    ASSERT_EQ(insert(kLeaf - 10, big), VEL_S_OK);
+    v.insert(v.begin() + static_cast<std::ptrdiff_t>(kLeaf - 10), big.begin(), big.end());
+    EXPECT_EQ(values(), v);
+}
+
+TEST_F(Shapes, InsertedNullBitsLandAtTheirPositions) {
+    ASSERT_EQ(append(iota(10), nullptr), VEL_S_OK);
+    vel_bitmap_word_t old_bits = 0b1000000001; // elements 0 and 9
+    ASSERT_EQ(vel_w_seq_truncate(&obj, f.u_offset, f.c_offset, f.fld_no), VEL_S_OK);
+    ASSERT_EQ(append(iota(10), &old_bits), VEL_S_OK);
+    vel_bitmap_word_t new_bits = 0b010;
+    ASSERT_EQ(insert(5, {50, 51, 52}, &new_bits), VEL_S_OK);
+    TreeReport r = check_tree(&obj, f, VEL_SEQ_NO_ORDER);
+    ASSERT_TRUE(r.ok()) << r.error;
+    std::vector<bool> expect(13, false);
+    expect[0] = true;
+    expect[6] = true;  // the middle inserted value
+    expect[12] = true; // old element 9 moved up by 3
+    EXPECT_EQ(r.contents.nulls, expect);
+}
+
+TEST_F(Shapes, DeleteRangesAtTheEdges) {
+    auto v = iota(3000);
+    ASSERT_EQ(append(v), VEL_S_OK);
+    ASSERT_EQ(del(3000, 5000), VEL_S_OK); // from = length: nothing
+    ASSERT_EQ(del(10, 5), VEL_S_OK);      // till < from: nothing
+    ASSERT_EQ(del(9000, 9999), VEL_S_OK); // beyond a taller tree's end: no child, nothing
+    EXPECT_EQ(values(), v);
+    ASSERT_EQ(del(1500, 1500), VEL_S_OK);
+    v.erase(v.begin() + 1500);
+    ASSERT_EQ(del(2500, ~vel_seq_no_t{0}), VEL_S_OK); // tail from 2500
+    v.resize(2500);
+    EXPECT_EQ(values(), v);
+    EXPECT_EQ(count(), 2500u);
+}
+
+// A range ending on a leaf boundary frees that leaf and trims its left
+// neighbour; the freed leaf's entry (and key) leave the parent; nothing is
+// merged and the depth stays even when the root keeps one child.
+TEST_F(Shapes, DeleteFreesEmptiedLeavesAndNeverMerges) {
+    std::vector<vel_int4> v = iota(4 * kLeaf);
+    ASSERT_EQ(append(v, nullptr, VEL_SEQ_ASC_ORDER), VEL_S_OK);
+    ASSERT_EQ(del(kLeaf - 5, 2 * kLeaf - 1, VEL_SEQ_ASC_ORDER), VEL_S_OK);
+    TreeReport r = check_tree(&obj, f, VEL_SEQ_ASC_ORDER);
+    ASSERT_TRUE(r.ok()) << r.error;
+    vel_seq_page_t *root = r.pages[0];
+    ASSERT_EQ(root->hdr.user, 3);
+    EXPECT_EQ(velseq::inner_entry(root, 4096, 0)->count, kLeaf - 5);
+    EXPECT_EQ(velseq::inner_entry(root, 4096, 1)->count, kLeaf);
+    // The keys of the later children moved with their entries.
+    auto *keys = reinterpret_cast<vel_int4 *>(velseq::page_values(root));
+    EXPECT_EQ(keys[0], 0);
+    EXPECT_EQ(keys[1], static_cast<vel_int4>(2 * kLeaf));
+    EXPECT_EQ(keys[2], static_cast<vel_int4>(3 * kLeaf));
+    v.erase(v.begin() + static_cast<std::ptrdiff_t>(kLeaf - 5),
+            v.begin() + static_cast<std::ptrdiff_t>(2 * kLeaf));
+    EXPECT_EQ(values(VEL_SEQ_ASC_ORDER), v);
+
+    // Deleting the first element leaves the first key as it was.
+    ASSERT_EQ(del(0, 0, VEL_SEQ_ASC_ORDER), VEL_S_OK);
+    r = check_tree(&obj, f, VEL_SEQ_ASC_ORDER);
+    ASSERT_TRUE(r.ok()) << r.error;
+    EXPECT_EQ(reinterpret_cast<vel_int4 *>(velseq::page_values(r.pages[0]))[0], 0);
+
+    // Down to one element: the root keeps its single child, the depth stays.
+    vel_seq_no_t n = count();
+    ASSERT_EQ(del(1, n - 1, VEL_SEQ_ASC_ORDER), VEL_S_OK);
+    r = check_tree(&obj, f, VEL_SEQ_ASC_ORDER);
+    ASSERT_TRUE(r.ok()) << r.error;
+    EXPECT_EQ(r.depth, 2);
+    EXPECT_EQ(r.pages.size(), 2u);
+    EXPECT_EQ(count(), 1u);
+    ASSERT_EQ(del(0, 0, VEL_SEQ_ASC_ORDER), VEL_S_OK);
+    EXPECT_EQ(count(), 0u);
+    vel_int4 x = 3;
+    EXPECT_EQ(vel_w_seq_first_int4(&obj, f.u_offset, f.c_offset, &x), VEL_S_NOTFOUND);
+}
+
+TEST_F(Shapes, DeletedNullBitsMoveWithTheirValues) {
+    vel_bitmap_word_t bits = 0b1100100;
+    ASSERT_EQ(append(iota(7), &bits), VEL_S_OK);
+    ASSERT_EQ(del(1, 2), VEL_S_OK);
+    TreeReport r = check_tree(&obj, f, VEL_SEQ_NO_ORDER);
+    ASSERT_TRUE(r.ok()) << r.error;
+    EXPECT_EQ(r.contents.nulls, (std::vector<bool>{false, false, false, true, true}));
+    EXPECT_EQ(values(), (std::vector<vel_int4>{0, 3, 4, 5, 6}));
+}
+
+TEST_F(Shapes, TruncateReleasesEveryPage) {
+    ASSERT_EQ(sdb.commit(), VEL_S_OK);
+    ASSERT_EQ(sdb.begin_write(), VEL_S_OK);
+    ASSERT_EQ(velh_obj_open(sdb.con(), sdb.class_code(), obj.oid, &obj), VEL_S_OK);
+    EXPECT_EQ(vel_w_seq_truncate(&obj, f.u_offset, f.c_offset, f.fld_no), VEL_S_OK); // empty
+    ASSERT_EQ(append(iota(5000)), VEL_S_OK);
+    ASSERT_EQ(sdb.commit(), VEL_S_OK);
+    EXPECT_GT(sdb.stats().live, 5u);
+    ASSERT_EQ(sdb.begin_write(), VEL_S_OK);
+    ASSERT_EQ(velh_obj_open(sdb.con(), sdb.class_code(), obj.oid, &obj), VEL_S_OK);
+    EXPECT_EQ(vel_w_seq_truncate(&obj, f.u_offset, f.c_offset, f.fld_no), VEL_S_OK);
+    EXPECT_EQ(count(), 0u);
+    ASSERT_EQ(sdb.commit(), VEL_S_OK);
+    EXPECT_EQ(sdb.stats().live, 0u);
+    ASSERT_EQ(sdb.begin_write(), VEL_S_OK); // for TearDown's rollback
+}
+
+} // namespace
+} // namespace vstest
