@@ -154,7 +154,7 @@ TEST_F(TileTest, CorruptTreesTrap) {
 
     // An empty page on the path.
     auto *empty_leaf = pages.make(velseq::kLeafPage, 0);
-    auto *r2 = pages.inner({{empty_leaf, 0}});
+    auto *r2 = pages.inner({{empty_leaf, 1}}); // the count leads into it
     EXPECT_THROW(vel_seq_subseq_page(&con, &pm, &it, r2, 0, 0), Trapped);
 }
 
