@@ -37,7 +37,7 @@ Words model_copy(Words dst, int dstindx, const Words *src, int srcindx, int leng
     return dst;
 }
 
-constexpr size_t kWords = 8; // 512 bits: room for runs up to 200 at offsets up to 300
+constexpr size_t kWords = 10; // 640 bits: runs up to 200 at offsets up to 370
 
 TEST(BitmapCopy, DifferentArraysMatchModel) {
     std::mt19937_64 rng(0x5eed0001);

@@ -38,7 +38,8 @@ class Shapes : public ::testing::Test {
         TreeReport r = check_tree(&obj, f, order);
         EXPECT_TRUE(r.ok()) << r.error;
         std::vector<vel_int4> out(r.contents.size());
-        std::memcpy(out.data(), r.contents.bytes.data(), r.contents.bytes.size());
+        if (!out.empty())
+            std::memcpy(out.data(), r.contents.bytes.data(), r.contents.bytes.size());
         return out;
     }
     vel_seq_no_t count() {
