@@ -97,6 +97,7 @@ void end_txn(Db *db, Conn *c) {
 
 // Releases every retired version that no running transaction can see.
 void collect_garbage(Db *db) {
+    std::lock_guard<std::mutex> gc(db->gc_mutex);
     std::vector<Retired> done;
     {
         std::lock_guard<std::mutex> lock(db->state_mutex);

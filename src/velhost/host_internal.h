@@ -17,7 +17,7 @@
 // while ref_count > 1.
 //
 // Locks, outermost first: Db::writer_mutex (one read-write transaction at a
-// time unless concurrent_write_transactions), Db::state_mutex (timestamps,
+// time unless concurrent_write_transactions), Db::gc_mutex, Db::state_mutex (timestamps,
 // active snapshots, retired versions; held briefly), Db::objects_mutex
 // (shared by readers, exclusive while chains change; held briefly),
 // Db::alloc_mutex (arenas and accounting).  Page reference counts are atomic;
@@ -184,6 +184,10 @@ struct Db {
     std::mutex writer_mutex;
     std::condition_variable writer_cv;
     bool writer_active = false;
+
+    // Serialises garbage collection, so that versions of one chain are
+    // released oldest first even when several transactions end at once.
+    std::mutex gc_mutex;
 
     std::mutex state_mutex;
     uint64_t commit_ts = 1;
