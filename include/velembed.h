@@ -54,8 +54,9 @@ typedef struct velh_config_t_ {
     vel_bool concurrent_write_transactions; /* 0: one read-write transaction at a
                                                time; 1: several, first updater of an
                                                object wins (default 0) */
-    uint32_t warm_pages;                    /* sequence pages allocated and touched at open, so that
-                                               later allocations come from a warm pool (default 0) */
+    uint32_t warm_pages;                    /* pages of pm_inmem allocated and touched at open, so
+                                               that later allocations come from a warm pool instead
+                                               of fresh OS memory (default 0) */
 } velh_config_t;
 
 /* Fills the defaults above. */
@@ -213,7 +214,8 @@ typedef struct velh_page_stats_t_ {
     uint64_t peak;      /* highest `live` since open or the last reset */
 } velh_page_stats_t;
 
-/* Sequence page accounting of one page manager or of VELH_PM_ALL. */
+/* Sequence page accounting of one page manager, or of both with VELH_PM_ALL
+   (whose peak is the sum of the two peaks). */
 VEL_RET velh_page_stats(velh_db_t *db, int pm, velh_page_stats_t *stats);
 void velh_reset_peak(velh_db_t *db);
 

@@ -81,6 +81,17 @@ VEL_RET write_version(Db *db, Resolved &r, Version **out) {
     if (!r.txn->rw)
         return VEL_E_HOST_READ_ONLY;
     Chain *c = r.chain;
+    {
+        // Fast path of every later write: only this transaction changes a
+        // chain whose writer it is.
+        std::shared_lock<std::shared_mutex> lock(db->objects_mutex);
+        if (c->writer == r.txn) {
+            if (c->priv->deleted)
+                return VEL_E_HOST_NO_OBJECT;
+            *out = c->priv;
+            return VEL_S_OK;
+        }
+    }
     std::unique_lock<std::shared_mutex> lock(db->objects_mutex);
     if (c->writer == r.txn) {
         if (c->priv->deleted)
