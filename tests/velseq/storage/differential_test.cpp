@@ -12,6 +12,8 @@ struct DiffParam {
     uint32_t page_size;
 };
 
+void PrintTo(const DiffParam &p, std::ostream *os) { *os << p.family << "/" << p.page_size; }
+
 class Differential : public ::testing::TestWithParam<DiffParam> {};
 
 constexpr int kSteps = 70;

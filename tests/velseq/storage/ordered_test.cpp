@@ -290,6 +290,10 @@ TEST_F(Ordered, InsertChecksOnlyTheFirstValueAgainstItsLeafNeighbours) {
     EXPECT_EQ(vel_w_seq_insert_int4(&obj, f.u_offset, f.c_offset, f.fld_no, 2, bad, 2,
                                     VEL_SEQ_ASC_ORDER, nullptr),
               VEL_E_SEQ_OUT_OF_ORDER);
+    const vel_int4 above_right = 11; // left neighbour 5 fine, right neighbour 10 not
+    EXPECT_EQ(vel_w_seq_insert_int4(&obj, f.u_offset, f.c_offset, f.fld_no, 2, &above_right, 1,
+                                    VEL_SEQ_ASC_ORDER, nullptr),
+              VEL_E_SEQ_OUT_OF_ORDER);
     const vel_int4 loose[] = {6, 100};
     EXPECT_EQ(vel_w_seq_insert_int4(&obj, f.u_offset, f.c_offset, f.fld_no, 2, loose, 2,
                                     VEL_SEQ_ASC_ORDER, nullptr),
@@ -302,7 +306,10 @@ TEST_F(Ordered, InsertChecksOnlyTheFirstValueAgainstItsLeafNeighbours) {
     ASSERT_EQ(vel_w_seq_append_uint2(&obj, g.u_offset, g.c_offset, g.fld_no, down, 3,
                                      VEL_SEQ_DESC_ORDER, nullptr),
               VEL_S_OK);
-    const vel_uint2 dbad = 11, dok[] = {7, 0};
+    const vel_uint2 dbad = 11, dok[] = {7, 0}, below_right = 4;
+    EXPECT_EQ(vel_w_seq_insert_uint2(&obj, g.u_offset, g.c_offset, g.fld_no, 1, &below_right, 1,
+                                     VEL_SEQ_DESC_ORDER, nullptr),
+              VEL_E_SEQ_OUT_OF_ORDER);
     EXPECT_EQ(vel_w_seq_insert_uint2(&obj, g.u_offset, g.c_offset, g.fld_no, 1, &dbad, 1,
                                      VEL_SEQ_DESC_ORDER, nullptr),
               VEL_E_SEQ_OUT_OF_ORDER);
