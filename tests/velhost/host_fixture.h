@@ -59,6 +59,11 @@ inline vel_seq_node_t *entry(vel_seq_page_t *pg, int32_t ps, int i) {
     return reinterpret_cast<vel_seq_node_t *>(reinterpret_cast<char *>(pg) + ps - 16 * (i + 1));
 }
 
+// The int4 values (or keys) of a page; the page's own array is nominal.
+inline int32_t *vals4(vel_seq_page_t *pg) {
+    return reinterpret_cast<int32_t *>(reinterpret_cast<char *>(pg) + 8);
+}
+
 // Leaf capacity of 4-byte elements: value bytes plus one null bit each.
 inline int leaf_cap4(int32_t ps) { return (8 * ps - 127) / 33; }
 
@@ -112,7 +117,7 @@ inline VEL_RET build_tree(vel_objhandle_t &obj, const velh_field_info_t &fi,
             return r;
         leaf->hdr.user = static_cast<uint16_t>(leaves[i]);
         for (int k = 0; k < leaves[i]; ++k)
-            leaf->u.val_int4[k] = v++;
+            vals4(leaf)[k] = v++;
         std::memset(leaf_nulls4(leaf, ps), 0, 8 * ((leaf_cap4(ps) + 63) / 64));
         if (root != nullptr) {
             entry(root, ps, static_cast<int>(i))->page = leaf;
@@ -131,7 +136,7 @@ inline void collect(vel_seq_page_t *pg, int32_t ps, std::vector<int32_t> &out) {
         return;
     if ((pg->hdr.kind & 15) == 3) {
         for (int k = 0; k < pg->hdr.user; ++k)
-            out.push_back(pg->u.val_int4[k]);
+            out.push_back(vals4(pg)[k]);
         return;
     }
     for (int i = 0; i < pg->hdr.user; ++i)

@@ -128,7 +128,7 @@ TEST_F(PagesTest, VersionsShareAndCopyOnWrite) {
     vel_seq_page_t *leaf = entry(root, ps, 0)->page;
     EXPECT_EQ(leaf->ref_count, 1u);
     EXPECT_EQ(old_leaf->ref_count, 1u);
-    leaf->u.val_int4[0] = 100;
+    vals4(leaf)[0] = 100;
     EXPECT_EQ(live_pages(), 6u);
 
     std::vector<int32_t> changed = iota(12);
@@ -249,15 +249,15 @@ TEST_F(PagesTest, CheckerFindsBrokenTrees) {
     ASSERT_EQ(build_tree(obj, fi, {3, 4, 5}, 0), VEL_S_OK);
     vel_seq_page_t *root = *root_for_write(obj, fi);
     // Keys of an ordered tree: the first value of each child.
-    root->u.val_int4[0] = 0;
-    root->u.val_int4[1] = 3;
-    root->u.val_int4[2] = 7;
+    vals4(root)[0] = 0;
+    vals4(root)[1] = 3;
+    vals4(root)[2] = 7;
     leaf_nulls4(entry(root, ps, 2)->page, ps)[0] = 0x5; // two nulls
     ASSERT_EQ(velh_check_tree(&obj, 1, VEL_SEQ_ASC_ORDER, 1, &rep), VEL_S_OK);
     EXPECT_TRUE(rep.ok) << rep.message;
     EXPECT_EQ(rep.nulls, 2u);
 
-    root->u.val_int4[2] = 8;
+    vals4(root)[2] = 8;
     ASSERT_EQ(velh_check_tree(&obj, 1, VEL_SEQ_ASC_ORDER, 1, &rep), VEL_S_OK);
     EXPECT_FALSE(rep.ok);
     EXPECT_NE(std::string(rep.message).find("key 2"), std::string::npos) << rep.message;
@@ -316,7 +316,7 @@ TEST_F(PagesTest, SecondPageManagerGetsPrivateTrees) {
     vel_seq_page_t *root = *slot;
     EXPECT_EQ(root->ref_count, 1u) << "already private";
     EXPECT_EQ(live_pages(VELH_PM_ALT), 8u) << "the whole tree was copied";
-    entry(root, ps, 2)->page->u.val_int4[4] = -1; // in place, no copy-on-write
+    vals4(entry(root, ps, 2)->page)[4] = -1; // in place, no copy-on-write
     ASSERT_EQ(velh_commit(con), VEL_S_OK);
     vel_objhandle_t ro;
     ASSERT_EQ(velh_obj_open(reader, alt, o.oid, &ro), VEL_S_OK);
@@ -402,7 +402,7 @@ TEST_F(PagesTest, RandomHistoriesLeaveNoPages) {
                     ASSERT_EQ(cow(con, o.pm, ref), VEL_S_OK);
                     pg = *ref;
                 }
-                pg->u.val_int4[rel] = -next_value;
+                vals4(pg)[rel] = -next_value;
                 it->second[pos] = -next_value++;
             }
         }

@@ -45,7 +45,7 @@ class ThreadTest : public HostTest {
             for (int i = 0; i < 3; ++i) {
                 vel_seq_page_t *root = *root_for_write(o, vals);
                 for (int k = 0; k < 5; ++k)
-                    entry(root, ps, i)->page->u.val_int4[k] = zero;
+                    vals4(entry(root, ps, i)->page)[k] = zero;
             }
         EXPECT_EQ(velh_commit(con), VEL_S_OK);
         return o.oid;
@@ -67,7 +67,7 @@ class ThreadTest : public HostTest {
             if ((r = cow(c, o.pm, &entry(*slot, ps, i)->page)) != VEL_S_OK)
                 return r;
             for (int k = 0; k < 5; ++k)
-                entry(*slot, ps, i)->page->u.val_int4[k] = round;
+                vals4(entry(*slot, ps, i)->page)[k] = round;
         }
         return velh_set(&o, kRound, &round, 4);
     }
