@@ -141,7 +141,9 @@ VEL_RET vel_seq_next_tile(vel_seq_iterator_h iterator) {
 }
 
 // Reset of the cursor-driven scans: the cursor's own code is returned, the
-// scan state is cleared whatever it said.
+// scan state is cleared whatever it said.  Like every reset here it also
+// unbinds the iterator, so a cursor scan used as an operand can be taken
+// again after its consumer was reset.
 VEL_RET vel_seq_reset_cursor(vel_seq_iterator_h iterator) {
     vel_seq_iterator_context_t *ctx = iter_ctx(iterator);
     VEL_RET rc = vel_cursor_first(reinterpret_cast<vel_trans_h>(ctx->con), ctx->cursor);
