@@ -135,6 +135,19 @@ TEST_F(FromCursorTest, ListCursorInCreationOrder) {
     ASSERT_EQ(host->open_list_cursor(mem), VEL_S_OK);
     // A: 0..99 (null 5, lost), C: 100..199 (nulls 110 and 150).
     check_order(mem.get(), 1000, 5000, 5, {110, 150});
+
+    // The cursor reset unbinds, like every reset: a positions scan across
+    // objects can feed a new map after its consumer was reset.
+    vel_seq_iterator_t scan{};
+    ASSERT_EQ(vel_w_seq_from_cursor_uint8(host->trans(), host->pos.u, host->pos.c, host->cls, &scan,
+                                          nullptr),
+              VEL_S_OK);
+    EXPECT_EQ(scan.elem_type, VEL_DD_UINT8);
+    ctx_of(scan)->cursor = mem.get();
+    scan.bounded = 1;
+    EXPECT_EQ(scan.reset(&scan), VEL_S_OK);
+    EXPECT_EQ(scan.bounded, 0);
+    EXPECT_EQ(scan.next(&scan), VEL_S_CURSOR_END) << "no object has positions";
 }
 
 TEST_F(FromCursorTest, IndexCursorInKeyOrder) {
