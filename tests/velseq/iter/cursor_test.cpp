@@ -215,3 +215,58 @@ TEST_F(BareHostTest, FromCursorFullTileObject) {
 
 } // namespace
 } // namespace itest
+
+namespace itest {
+namespace {
+
+// In a compact class the iterators find each field through its compact
+// offset; the object-class scan reads at the offset it is given.
+TEST(CompactLayout, IteratorsUseTheClassLayout) {
+    Host host(/*compact=*/true);
+    ASSERT_NE(host.seq[F_INT2].u, host.seq[F_INT2].c);
+    host.begin_write();
+    std::vector<vel_objhandle_t> objs;
+    for (int k = 0; k < 3; k++) {
+        vel_objhandle_t o = host.create();
+        host.set_int4(&o, host.num, 40 + k);
+        std::vector<vel_int2> v;
+        for (int i = 0; i < 90; i++)
+            v.push_back(static_cast<vel_int2>(k * 1000 + i));
+        const Field &f = host.seq[F_INT2];
+        ASSERT_EQ(vel_w_seq_append_int2(&o, f.u, f.c, f.no, v.data(), v.size(), VEL_SEQ_ASC_ORDER,
+                                        nullptr),
+                  VEL_S_OK);
+        objs.push_back(o);
+    }
+    host.commit();
+    host.begin_read();
+    const Field &f = host.seq[F_INT2];
+    vel_objhandle_t o = host.open(objs[1]);
+    vel_seq_iterator_t it{};
+    ASSERT_EQ(vel_w_seq_search_int2(&o, f.u, f.c, &it, 1010, VEL_SEQ_BOUNDARY_INCLUSIVE, 1020,
+                                    VEL_SEQ_BOUNDARY_EXCLUSIVE, VEL_SEQ_ASC_ORDER),
+              VEL_S_OK);
+    auto d = drain<Fam_int2>(&it);
+    ASSERT_EQ(d.vals.size(), 10u);
+    EXPECT_EQ(d.vals[0], 1010);
+
+    CursorMem mem;
+    ASSERT_EQ(host.open_list_cursor(mem), VEL_S_OK);
+    vel_seq_iterator_t all{};
+    ASSERT_EQ(vel_w_seq_from_cursor_int2(host.trans(), f.u, f.c, host.cls, &all, nullptr),
+              VEL_S_OK);
+    ctx_of(all)->cursor = mem.get();
+    auto every = drain<Fam_int2>(&all);
+    ASSERT_EQ(every.vals.size(), 270u);
+    EXPECT_EQ(every.vals[90], 1000);
+    EXPECT_EQ(every.vals[269], 2089);
+
+    vel_seq_iterator_t nums{};
+    ASSERT_EQ(vel_w_seq_sequence_int4(host.trans(), host.cls, host.num.c, &nums), VEL_S_OK);
+    auto n = drain<Fam_int4>(&nums);
+    EXPECT_EQ(n.vals, (std::vector<vel_int4>{40, 41, 42}));
+    host.commit();
+}
+
+} // namespace
+} // namespace itest

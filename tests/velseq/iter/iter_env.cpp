@@ -26,14 +26,16 @@ Host::Host(bool compact) {
     cfg.seq_page_size = kSeqPage;
     must(velh_db_open(&cfg, &db_), "velh_db_open");
 
+    // The scalars come first so that the compact layout (widest first)
+    // differs from the uncompact one (declaration order).
     std::vector<velh_field_def_t> defs;
+    defs.push_back({"num", VEL_DD_INT4, 0});
+    defs.push_back({"key", VEL_DD_INT4, 0});
     for (int f = 0; f < F_COUNT; f++)
         defs.push_back({nullptr, kSeqType[f], static_cast<uint16_t>(f == F_CHAR8 ? 8 : 0)});
     for (int f = 0; f < F_COUNT; f++)
         defs.push_back({nullptr, kSeqType[f], static_cast<uint16_t>(f == F_CHAR8 ? 8 : 0)});
     defs.push_back({"pos", VEL_DD_SEQUENCE_UINT8, 0});
-    defs.push_back({"num", VEL_DD_INT4, 0});
-    defs.push_back({"key", VEL_DD_INT4, 0});
     must(velh_class_define(db_, "rec", defs.data(), static_cast<uint16_t>(defs.size()),
                            compact ? VEL_CLASS_COMPACT : 0, VELH_PM_INMEM, &cls),
          "velh_class_define");
@@ -42,13 +44,13 @@ Host::Host(bool compact) {
         must(velh_field_info(db_, cls, no, &fi), "velh_field_info");
         return Field{fi.u_offset, fi.c_offset, fi.fld_no};
     };
+    num = field(0);
+    key = field(1);
     for (int f = 0; f < F_COUNT; f++) {
-        seq[f] = field(static_cast<uint16_t>(f));
-        out[f] = field(static_cast<uint16_t>(F_COUNT + f));
+        seq[f] = field(static_cast<uint16_t>(2 + f));
+        out[f] = field(static_cast<uint16_t>(2 + F_COUNT + f));
     }
-    pos = field(2 * F_COUNT);
-    num = field(2 * F_COUNT + 1);
-    key = field(2 * F_COUNT + 2);
+    pos = field(2 + 2 * F_COUNT);
 
     velh_field_def_t lone = {"x", VEL_DD_INT4, 0};
     must(velh_class_define(db_, "none", &lone, 1, 0, VELH_PM_INMEM, &cls_empty), "empty class");
