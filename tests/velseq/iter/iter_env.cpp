@@ -36,6 +36,8 @@ Host::Host(bool compact) {
     for (int f = 0; f < F_COUNT; f++)
         defs.push_back({nullptr, kSeqType[f], static_cast<uint16_t>(f == F_CHAR8 ? 8 : 0)});
     defs.push_back({"pos", VEL_DD_SEQUENCE_UINT8, 0});
+    defs.push_back({"chr4", VEL_DD_SEQUENCE_CHAR, 4});
+    defs.push_back({"chr4b", VEL_DD_SEQUENCE_CHAR, 4});
     must(velh_class_define(db_, "rec", defs.data(), static_cast<uint16_t>(defs.size()),
                            compact ? VEL_CLASS_COMPACT : 0, VELH_PM_INMEM, &cls),
          "velh_class_define");
@@ -51,6 +53,8 @@ Host::Host(bool compact) {
         out[f] = field(static_cast<uint16_t>(2 + F_COUNT + f));
     }
     pos = field(2 + 2 * F_COUNT);
+    chr4 = field(3 + 2 * F_COUNT);
+    chr4b = field(4 + 2 * F_COUNT);
 
     velh_field_def_t lone = {"x", VEL_DD_INT4, 0};
     must(velh_class_define(db_, "none", &lone, 1, 0, VELH_PM_INMEM, &cls_empty), "empty class");

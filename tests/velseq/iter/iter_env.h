@@ -67,6 +67,7 @@ class Host {
     Field seq[F_COUNT];
     Field out[F_COUNT];
     Field pos;
+    Field chr4, chr4b; // char(4) sequences
     Field num;
     Field key;
 

@@ -394,6 +394,22 @@ TEST_F(HostTest, JoinCharUsesOperandWidth) {
     ASSERT_EQ(vel_w_seq_subseq_char(&q, pf.u, pf.c, &with, 0, kAll, 8), VEL_S_OK);
     ASSERT_EQ(vel_w_seq_join_char(&obj, f.u, f.c, &join, &with, VEL_SEQ_ASC_ORDER), VEL_S_OK);
     EXPECT_EQ(drain<Fam_uint8>(&join).vals, (std::vector<vel_uint8>{21, 0, 297}));
+
+    // A char(4) field: the width comes from the operand (4), not from the
+    // join's own 8-byte positions.
+    const char four[] = "aaaabbbbbbbbccccdddd"; // aaaa bbbb bbbb cccc dddd
+    ASSERT_EQ(vel_w_seq_append_char(&obj, host->chr4.u, host->chr4.c, host->chr4.no, four, 5,
+                                    VEL_SEQ_ASC_ORDER, 4, nullptr),
+              VEL_S_OK);
+    const char probes4[] = "ccccbbbbaaaa";
+    ASSERT_EQ(vel_w_seq_append_char(&q, host->chr4b.u, host->chr4b.c, host->chr4b.no, probes4, 3,
+                                    VEL_SEQ_NO_ORDER, 4, nullptr),
+              VEL_S_OK);
+    vel_seq_iterator_t w4{}, j4{};
+    ASSERT_EQ(vel_w_seq_subseq_char(&q, host->chr4b.u, host->chr4b.c, &w4, 0, kAll, 4), VEL_S_OK);
+    ASSERT_EQ(vel_w_seq_join_char(&obj, host->chr4.u, host->chr4.c, &j4, &w4, VEL_SEQ_ASC_ORDER),
+              VEL_S_OK);
+    EXPECT_EQ(drain<Fam_uint8>(&j4).vals, (std::vector<vel_uint8>{3, 1, 0}));
 }
 
 } // namespace
