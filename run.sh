@@ -1,0 +1,23 @@
+#!/usr/bin/env bash
+# Installs what the build needs (Debian), builds the module, the embedded host
+# and the example, and runs the example: a day of one-second ticks stored in a
+# sequence field, searched, projected, joined as-of, mapped and stored.
+set -euo pipefail
+cd "$(dirname "$0")"
+
+PACKAGES=(cmake make g++)
+missing=()
+for p in "${PACKAGES[@]}"; do
+    dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing+=("$p")
+done
+if [ ${#missing[@]} -gt 0 ]; then
+    as_root=()
+    [ "$(id -u)" -eq 0 ] || as_root=(sudo)
+    export DEBIAN_FRONTEND=noninteractive
+    "${as_root[@]}" apt-get update -q
+    "${as_root[@]}" apt-get install -y -q --no-install-recommends "${missing[@]}"
+fi
+
+cmake -S . -B build/run -DCMAKE_BUILD_TYPE=Release -DVELSEQ_TESTS=OFF >/dev/null
+cmake --build build/run -j "$(nproc 2>/dev/null || echo 2)" --target ticks_example >/dev/null
+exec ./build/run/examples/ticks_example
