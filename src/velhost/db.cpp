@@ -90,6 +90,7 @@ void end_txn(Db *db, Conn *c) {
         db->writer_active = false;
         db->writer_cv.notify_one();
     }
+    release_quarantine(db, txn);
     c->txn = nullptr;
     c->pub.trans.host = nullptr;
     delete txn;
@@ -132,7 +133,7 @@ void collect_garbage(Db *db) {
         }
     }
     for (auto &[cls, v] : versions)
-        release_version(db, cls, v);
+        release_version(db, cls, v, nullptr);
     for (Chain *ch : chains)
         delete ch;
 }
@@ -168,12 +169,12 @@ Version *visible_version(Chain *c, Txn *txn) {
     return nullptr;
 }
 
-void release_version(Db *db, ClassDef *cls, Version *v) {
+void release_version(Db *db, ClassDef *cls, Version *v, Txn *txn) {
     if (!v->deleted && !v->data.empty()) {
         const uint32_t afs = db->cfg.additional_object_field_size;
         for (uint16_t fno : cls->seq_fields) {
             vel_seq_page_t **slot = root_slot(cls, v, cls->fields[fno], afs);
-            prune_tree(cls->pm, *slot);
+            prune_tree(cls->pm, *slot, txn);
             *slot = nullptr;
         }
     }
@@ -234,7 +235,7 @@ VEL_RET velh_db_close(velh_db_t *db) {
         ClassDef *cls = class_of(d, ch->class_code);
         for (Version *v = ch->head; v != nullptr;) {
             Version *o = v->older;
-            release_version(d, cls, v);
+            release_version(d, cls, v, nullptr);
             v = o;
         }
         delete ch;
@@ -450,7 +451,12 @@ VEL_RET velh_commit(vel_db_connection_h con) {
     Db *d = c->db;
     Txn *txn = c->txn;
     if (txn->rw) {
-        sweep_created(d, txn, true);
+        if (!sweep_created(d, txn, true)) {
+            // An update failed halfway and left a tree that references a
+            // freed page; publishing it would corrupt the database.
+            velh_rollback(con);
+            return VEL_E_HOST_TRANS_FAILED;
+        }
         std::lock_guard<std::mutex> state(d->state_mutex);
         const uint64_t ts = d->commit_ts + 1;
         {
@@ -501,7 +507,7 @@ VEL_RET velh_rollback(vel_db_connection_h con) {
         }
     }
     for (auto &[cls, v] : drop)
-        release_version(d, cls, v);
+        release_version(d, cls, v, txn);
     for (Chain *ch : unborn)
         delete ch;
     sweep_created(d, txn, false);

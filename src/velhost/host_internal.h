@@ -148,6 +148,11 @@ struct Txn {
     std::vector<Chain *> written; // chains holding a private version of ours
     std::vector<std::pair<std::byte *, PageManager *>> created; // page creations
     std::vector<std::vector<uint64_t>> indexes;                 // oids of each index cursor
+    // Pages freed while the transaction runs stay out of the free lists
+    // until it ends: an update that fails halfway may leave entries that
+    // still point to a page it freed, and such a reference must keep
+    // meaning "freed" (not "some other live page") until rollback.
+    std::vector<std::pair<std::byte *, PageManager *>> quarantine;
 };
 
 struct Conn {
@@ -217,20 +222,22 @@ inline uint32_t &ref_count_word(vel_seq_page_t *pg) { return pg->ref_count; }
 
 // Pages (pages.cpp).
 VEL_RET page_alloc(PageManager *pm, Txn *creator, std::byte **page);
-void page_free(PageManager *pm, std::byte *page);
+void page_free(PageManager *pm, std::byte *page, Txn *txn);
+bool page_live(const void *page);
+void release_quarantine(Db *db, Txn *txn);
 PageMeta *page_meta(std::byte *page);
 void arena_init(PageManager *pm, Db *db, int which, uint32_t page_size);
 void arena_warm(PageManager *pm, uint32_t n_pages);
 void arena_destroy(PageManager *pm);
 uint32_t ref_load(vel_seq_page_t *pg);
 void ref_add(vel_seq_page_t *pg);
-void prune_tree(PageManager *pm, vel_seq_page_t *root);
+void prune_tree(PageManager *pm, vel_seq_page_t *root, Txn *txn);
 VEL_RET make_tree_private(Txn *txn, PageManager *pm, vel_seq_page_t **slot);
-void sweep_created(Db *db, Txn *txn, bool committing);
+bool sweep_created(Db *db, Txn *txn, bool committing);
 
 // Versions (db.cpp).
 Version *visible_version(Chain *c, Txn *txn);
-void release_version(Db *db, ClassDef *cls, Version *v);
+void release_version(Db *db, ClassDef *cls, Version *v, Txn *txn);
 
 // Object slots of sequence roots in a version.
 inline vel_seq_page_t **root_slot(ClassDef *, Version *v, const Field &f, uint32_t afs) {

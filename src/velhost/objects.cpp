@@ -351,7 +351,7 @@ VEL_RET velh_obj_delete(vel_objhandle_t *obj) {
     const uint32_t afs = db->cfg.additional_object_field_size;
     for (uint16_t fno : r.cls->seq_fields) {
         vel_seq_page_t **slot = root_slot(r.cls, v, r.cls->fields[fno], afs);
-        prune_tree(r.cls->pm, *slot);
+        prune_tree(r.cls->pm, *slot, r.txn);
         *slot = nullptr;
     }
     std::unique_lock<std::shared_mutex> lock(db->objects_mutex);

@@ -187,7 +187,7 @@ VEL_RET page_alloc(PageManager *pm, Txn *creator, std::byte **page) {
     return VEL_S_OK;
 }
 
-void page_free(PageManager *pm, std::byte *page) {
+void page_free(PageManager *pm, std::byte *page, Txn *txn) {
     std::lock_guard<std::mutex> lock(pm->db->alloc_mutex);
     PageMeta *m = page_meta(page);
     if (m->live == 0)
@@ -197,11 +197,35 @@ void page_free(PageManager *pm, std::byte *page) {
     pm->stats.freed++;
     pm->stats.live--;
     VELH_POISON(page, pm->page_size);
-    pm->free_pages.push_back(page);
+    if (txn != nullptr)
+        txn->quarantine.emplace_back(page, pm);
+    else
+        pm->free_pages.push_back(page);
 }
 
-void prune_tree(PageManager *pm, vel_seq_page_t *root) {
-    if (root == nullptr)
+// True for an allocated page of a velhost arena.
+bool page_live(const void *page) {
+    if (page == nullptr)
+        return false;
+    ChunkHdr *ch = chunk_of(page);
+    if (ch->magic != kChunkMagic)
+        return false;
+    std::lock_guard<std::mutex> lock(ch->pm->db->alloc_mutex);
+    return ch->meta[slot_of(ch, page)].live != 0;
+}
+
+void release_quarantine(Db *db, Txn *txn) {
+    std::lock_guard<std::mutex> lock(db->alloc_mutex);
+    for (auto &[pg, pm] : txn->quarantine)
+        pm->free_pages.push_back(pg);
+    txn->quarantine.clear();
+}
+
+// A reference to a page that is no longer allocated is left over by an
+// update that failed halfway (it freed a child before it could remove the
+// parent's entry); it holds no count and is skipped.
+void prune_tree(PageManager *pm, vel_seq_page_t *root, Txn *txn) {
+    if (!page_live(root))
         return;
     int64_t n = ref_sub(root);
     if (n != 0)
@@ -211,10 +235,10 @@ void prune_tree(PageManager *pm, vel_seq_page_t *root) {
         for (uint32_t i = 0; i < root->hdr.user; ++i) {
             auto *e = reinterpret_cast<vel_seq_node_t *>(reinterpret_cast<std::byte *>(root) + ps -
                                                          16 * (size_t(i) + 1));
-            prune_tree(pm, e->page);
+            prune_tree(pm, e->page, txn);
         }
     }
-    page_free(pm, reinterpret_cast<std::byte *>(root));
+    page_free(pm, reinterpret_cast<std::byte *>(root), txn);
 }
 
 // Copies every shared page of a tree, top-down, the way the module's
@@ -258,24 +282,31 @@ namespace {
 // Marks the pages created by `serial` that a tree reaches.  Pages made by
 // others are committed and never point to a page of a running transaction,
 // so the walk stops there.
-void mark_reached(PageManager *pm, vel_seq_page_t *pg, uint64_t serial, int depth) {
+// Called with Db::alloc_mutex held.  Returns false when the tree references
+// a page that is no longer allocated: a tree left broken by an update that
+// failed halfway.
+bool mark_reached(PageManager *pm, vel_seq_page_t *pg, uint64_t serial, int depth) {
     if (pg == nullptr || depth > VEL_SEQ_MAX_DEPTH)
-        return;
+        return true;
     auto *b = reinterpret_cast<std::byte *>(pg);
     ChunkHdr *ch = chunk_of(b);
     if (ch->magic != kChunkMagic)
-        return;
+        return false;
     PageMeta *m = page_meta(b);
-    if (!m->live || m->creator != serial || m->reached)
-        return;
+    if (!m->live)
+        return false;
+    if (m->creator != serial || m->reached)
+        return true;
     m->reached = 1;
     if ((pg->hdr.kind & 15) == 2) {
         const uint32_t ps = pm->page_size;
-        for (uint32_t i = 0; i < pg->hdr.user; ++i)
-            mark_reached(pm,
-                         reinterpret_cast<vel_seq_node_t *>(b + ps - 16 * (size_t(i) + 1))->page,
-                         serial, depth + 1);
+        for (uint32_t i = 0; i < pg->hdr.user; ++i) {
+            auto *e = reinterpret_cast<vel_seq_node_t *>(b + ps - 16 * (size_t(i) + 1));
+            if (!mark_reached(pm, e->page, serial, depth + 1))
+                return false;
+        }
     }
+    return true;
 }
 
 } // namespace
@@ -284,21 +315,23 @@ void mark_reached(PageManager *pm, vel_seq_page_t *pg, uint64_t serial, int dept
 // references (the module may leave a created page unlinked after a failure)
 // and forgets the creations.  When committing, the private versions about
 // to be published are the only versions that can reach such pages; at
-// rollback they are already pruned, so whatever is left is garbage.
-void sweep_created(Db *db, Txn *txn, bool committing) {
-    if (txn->created.empty())
-        return;
+// rollback they are already pruned, so whatever is left is garbage.  A
+// commit whose trees reference a freed page is refused (false) before
+// anything is freed.
+bool sweep_created(Db *db, Txn *txn, bool committing) {
     if (committing) {
+        const uint32_t afs = db->cfg.additional_object_field_size;
         for (Chain *c : txn->written) {
             Version *v = c->priv;
-            if (v == nullptr || v->deleted)
-                continue;
             ClassDef *cls = class_of(db, c->class_code);
-            if (cls == nullptr)
+            if (v == nullptr || v->deleted || cls == nullptr)
                 continue;
-            const uint32_t afs = db->cfg.additional_object_field_size;
-            for (uint16_t fno : cls->seq_fields)
-                mark_reached(cls->pm, *root_slot(cls, v, cls->fields[fno], afs), txn->serial, 1);
+            for (uint16_t fno : cls->seq_fields) {
+                std::lock_guard<std::mutex> lock(db->alloc_mutex);
+                if (!mark_reached(cls->pm, *root_slot(cls, v, cls->fields[fno], afs), txn->serial,
+                                  1))
+                    return false;
+            }
         }
     }
     for (auto &[pg, pm] : txn->created) {
@@ -313,9 +346,10 @@ void sweep_created(Db *db, Txn *txn, bool committing) {
             }
         }
         if (free_it)
-            page_free(pm, pg);
+            page_free(pm, pg, txn);
     }
     txn->created.clear();
+    return true;
 }
 
 } // namespace velhost
@@ -364,14 +398,14 @@ VEL_RET vel_seq_create_page(vel_db_connection_h con, vel_page_manager_t *pm, vel
 }
 
 VEL_RET vel_seq_free_page(vel_db_connection_h con, vel_page_manager_t *pm, vel_seq_page_t *page) {
-    (void)con;
     PageManager *p = pm_of(pm);
     if (p == nullptr || page == nullptr)
         return VEL_E_HOST_BAD_ARG;
     // Only a private page may go; a shared one still belongs to a version.
-    if (ref_load(page) > 1)
+    if (!page_live(page) || ref_load(page) > 1)
         return VEL_E_HOST_BAD_ARG;
-    page_free(p, reinterpret_cast<std::byte *>(page));
+    Conn *c = conn_of(con);
+    page_free(p, reinterpret_cast<std::byte *>(page), c != nullptr ? c->txn : nullptr);
     return VEL_S_OK;
 }
 
@@ -434,11 +468,11 @@ VEL_RET vel_seq_decrement_ref_count(vel_db_connection_h con, vel_page_manager_t 
 }
 
 VEL_RET vel_seq_prune(vel_db_connection_h con, vel_page_manager_t *pm, vel_seq_page_t *root) {
-    (void)con;
     PageManager *p = pm_of(pm);
     if (p == nullptr)
         return VEL_E_HOST_BAD_ARG;
-    prune_tree(p, root);
+    Conn *c = conn_of(con);
+    prune_tree(p, root, c != nullptr ? c->txn : nullptr);
     return VEL_S_OK;
 }
 

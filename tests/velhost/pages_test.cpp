@@ -201,6 +201,47 @@ TEST_F(PagesTest, ReferenceCountMisuseIsRefused) {
     EXPECT_EQ(live_pages(), 4u);
 }
 
+// A delete that fails halfway frees children before it can remove their
+// entries.  Such a tree must not be published, and rollback, prune and a
+// second free must cope with the dangling entries.
+TEST_F(PagesTest, DanglingEntriesOfAFailedUpdate) {
+    committed_tree();
+    for (int ending = 0; ending < 3; ++ending) {
+        SCOPED_TRACE(::testing::Message() << "ending " << ending);
+        ASSERT_EQ(velh_begin(con, VELH_READ_WRITE), VEL_S_OK);
+        vel_seq_page_t **slot = root_for_write(obj, fi);
+        ASSERT_EQ(cow(con, obj.pm, slot), VEL_S_OK);
+        vel_seq_page_t **leaf = &entry(*slot, ps, 0)->page;
+        ASSERT_EQ(cow(con, obj.pm, leaf), VEL_S_OK);
+        vel_seq_page_t *freed = *leaf;
+        ASSERT_EQ(vel_seq_free_page(con, obj.pm, freed), VEL_S_OK);
+        EXPECT_EQ(vel_seq_free_page(con, obj.pm, freed), VEL_E_HOST_BAD_ARG) << "freed twice";
+        // New pages must not reuse the freed one while its entry dangles.
+        vel_seq_page_t *fresh, *scratch;
+        ASSERT_EQ(vel_seq_create_page(con, obj.pm, &fresh, &scratch, 3), VEL_S_OK);
+        EXPECT_NE(fresh, freed);
+        if (ending == 0) {
+            EXPECT_EQ(velh_commit(con), VEL_E_HOST_TRANS_FAILED);
+        } else if (ending == 1) {
+            ASSERT_EQ(velh_rollback(con), VEL_S_OK);
+        } else { // truncated in the same transaction, then committed
+            ASSERT_EQ(vel_seq_prune(con, obj.pm, *slot), VEL_S_OK);
+            *slot = nullptr;
+            ASSERT_EQ(velh_commit(con), VEL_S_OK);
+            EXPECT_EQ(live_pages(), 0u);
+            break;
+        }
+        EXPECT_FALSE(velh_in_transaction(con));
+        EXPECT_EQ(live_pages(), 4u);
+        ASSERT_EQ(velh_begin(con, VELH_READ_ONLY), VEL_S_OK);
+        EXPECT_EQ(values_in(con), iota(12));
+        vel_seq_page_t *root = root_for_read(obj, fi);
+        EXPECT_EQ(root->ref_count, 1u);
+        EXPECT_EQ(entry(root, ps, 0)->page->ref_count, 1u);
+        ASSERT_EQ(velh_commit(con), VEL_S_OK);
+    }
+}
+
 TEST_F(PagesTest, FaultInjectorFailsTheNthAllocation) {
     ASSERT_EQ(velh_begin(con, VELH_READ_WRITE), VEL_S_OK);
     vel_seq_page_t *pg, *slot;
