@@ -143,9 +143,12 @@ velh_db_t *velh_db_of(vel_db_connection_h con);
 VEL_RET velh_begin(vel_db_connection_h con, int mode);
 
 /* Publishes the transaction's changes and ends it.  A transaction whose
-   trans.error_code is non-zero is rolled back instead and the result is
+   trans.error_code is non-zero, or one of whose sequence trees still refers
+   to a page it freed (left so by an update that failed halfway: roll such a
+   transaction back), is rolled back instead and the result is
    VEL_E_HOST_TRANS_FAILED.  Either way every sequence page the transaction
-   created that no version references is freed. */
+   created that no version references is freed; pages it freed become
+   reusable when it ends. */
 VEL_RET velh_commit(vel_db_connection_h con);
 
 /* Discards the transaction's changes and ends it. */
