@@ -15,10 +15,11 @@
 namespace velrel {
 
 struct DriverStats {
-    uint64_t ops = 0;         // operations executed
-    uint64_t updates = 0;     // append/insert/delete/truncate/store calls
-    uint64_t refusals = 0;    // calls that returned an expected error code
-    uint64_t tree_checks = 0; // tree checker runs
+    uint64_t ops = 0;           // operations executed
+    uint64_t updates = 0;       // append/insert/delete/truncate/store calls
+    uint64_t refusals = 0;      // updates refused with the expected code
+    uint64_t codes_checked = 0; // return codes compared with the model
+    uint64_t tree_checks = 0;   // tree checker runs
     uint64_t elements_compared = 0;
     uint64_t commits = 0;
     uint64_t rollbacks = 0;

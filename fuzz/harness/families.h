@@ -25,35 +25,35 @@ struct Family {
     bool (*lt)(const void *a, const void *b, size_t w);
     bool (*le)(const void *a, const void *b, size_t w);
 
-    VEL_RET (*append)
+    VEL_RET(*append)
     (vel_objhandle_h obj, vel_offs32_t u, vel_offs32_t c, uint16_t fld, const void *vals,
      vel_size_t n, vel_seq_order_t order, const vel_bitmap_word_t *nulls, size_t w);
-    VEL_RET (*insert)
+    VEL_RET(*insert)
     (vel_objhandle_h obj, vel_offs32_t u, vel_offs32_t c, uint16_t fld, vel_seq_no_t pos,
      const void *vals, vel_size_t n, vel_seq_order_t order, const vel_bitmap_word_t *nulls,
      size_t w);
-    VEL_RET (*del)
+    VEL_RET(*del)
     (vel_objhandle_h obj, vel_offs32_t u, vel_offs32_t c, uint16_t fld, vel_seq_no_t from,
      vel_seq_no_t till, vel_seq_order_t order, size_t w);
     VEL_RET (*first)(vel_objhandle_h obj, vel_offs32_t u, vel_offs32_t c, void *val, size_t w);
     VEL_RET (*last)(vel_objhandle_h obj, vel_offs32_t u, vel_offs32_t c, void *val, size_t w);
-    VEL_RET (*subseq)
+    VEL_RET(*subseq)
     (vel_objhandle_h obj, vel_offs32_t u, vel_offs32_t c, vel_seq_iterator_h it, vel_seq_no_t from,
      vel_seq_no_t till, size_t w);
-    VEL_RET (*search)
+    VEL_RET(*search)
     (vel_objhandle_h obj, vel_offs32_t u, vel_offs32_t c, vel_seq_iterator_h it, const void *low,
      vel_seq_boundary_kind_t lk, const void *high, vel_seq_boundary_kind_t hk,
      vel_seq_order_t order, size_t w);
-    VEL_RET (*store)
+    VEL_RET(*store)
     (vel_objhandle_h obj, vel_offs32_t u, vel_offs32_t c, uint16_t fld, vel_seq_iterator_h src,
      vel_seq_order_t order, size_t w);
-    VEL_RET (*map)
+    VEL_RET(*map)
     (vel_objhandle_h obj, vel_offs32_t u, vel_offs32_t c, vel_seq_iterator_h it,
      vel_seq_iterator_h positions, size_t w);
-    VEL_RET (*project)
+    VEL_RET(*project)
     (vel_objhandle_h obj, vel_offs32_t u, vel_offs32_t c, vel_seq_iterator_h dst,
      vel_seq_iterator_h src, size_t w);
-    VEL_RET (*join)
+    VEL_RET(*join)
     (vel_objhandle_h obj, vel_offs32_t u, vel_offs32_t c, vel_seq_iterator_h result,
      vel_seq_iterator_h join_with, vel_seq_order_t order);
 

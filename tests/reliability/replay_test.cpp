@@ -63,13 +63,14 @@ TEST(DifferentialReplay, RandomOperationStrings) {
     }
     EXPECT_GT(total.refusals, 0u);
     EXPECT_GT(total.commits + total.rollbacks, 0u);
-    std::printf("[replay] seeds %llu, ops %llu, updates %llu, refusals %llu, tree checks %llu, "
-                "elements compared %llu, commits %llu, rollbacks %llu, snapshot checks %llu\n",
+    std::printf("[replay] seeds %llu, ops %llu, updates %llu, refusals %llu, codes %llu, tree "
+                "checks %llu, elements compared %llu, commits %llu, rollbacks %llu, snapshot "
+                "checks %llu\n",
                 (unsigned long long)seeds, (unsigned long long)total.ops,
                 (unsigned long long)total.updates, (unsigned long long)total.refusals,
-                (unsigned long long)total.tree_checks, (unsigned long long)total.elements_compared,
-                (unsigned long long)total.commits, (unsigned long long)total.rollbacks,
-                (unsigned long long)total.snapshot_checks);
+                (unsigned long long)total.codes_checked, (unsigned long long)total.tree_checks,
+                (unsigned long long)total.elements_compared, (unsigned long long)total.commits,
+                (unsigned long long)total.rollbacks, (unsigned long long)total.snapshot_checks);
 }
 
 } // namespace
