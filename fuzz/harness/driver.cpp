@@ -795,7 +795,8 @@ bool Driver::op_map(Src &s) {
     if (bad && n)
         p[s.below(static_cast<uint32_t>(n))] = cnt + s.below(3);
     pos->data.resize(n * 8);
-    std::memcpy(pos->data.data(), p.data(), n * 8);
+    if (n)
+        std::memcpy(pos->data.data(), p.data(), n * 8);
     // Tile sizes, cycled; empty tiles may occur, but not only empty ones.
     pos->chunks.push_back(static_cast<uint16_t>(1 + s.below(128)));
     for (int i = 0, k = static_cast<int>(s.below(4)); i < k; ++i)
