@@ -255,8 +255,10 @@ VEL_RET make_tree_private(Txn *txn, PageManager *pm, vel_seq_page_t **slot) {
         VEL_RET r = page_alloc(pm, txn, &q);
         if (r != VEL_S_OK)
             return r;
-        std::memcpy(q, pg, ps);
+        // Not the reference count: other versions may be releasing the page.
         auto *copy = reinterpret_cast<vel_seq_page_t *>(q);
+        std::memcpy(&copy->hdr, &pg->hdr, sizeof pg->hdr);
+        std::memcpy(q + 8, reinterpret_cast<std::byte *>(pg) + 8, ps - 8);
         std::atomic_ref<uint32_t>(copy->ref_count).store(1, std::memory_order_release);
         if (inner)
             for (uint32_t i = 0; i < copy->hdr.user; ++i)

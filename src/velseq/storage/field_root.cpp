@@ -69,7 +69,11 @@ VEL_RET vel_seq_copy_on_write_page(vel_db_connection_h con, vel_page_manager_t *
     VEL_RET rc = vel_seq_create_page(con, pm, &copy, pp, page_kind(src));
     if (rc != VEL_S_OK)
         return rc;
-    std::memcpy(copy, src, static_cast<size_t>(page_size));
+    // Everything but the reference count, which other versions' releases may
+    // be changing right now; the copy keeps the count its creation gave it.
+    std::memcpy(&copy->hdr, &src->hdr, sizeof src->hdr);
+    std::memcpy(page_values(copy), page_values(src),
+                static_cast<size_t>(page_size - kPageHeaderBytes));
 
     vel_seq_lock_cow_bitmap(con, pm);
     int32_t count = 0;
