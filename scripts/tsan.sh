@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # ThreadSanitizer build and run of the threaded tests: the snapshot stress
-# (writer committing while readers hold snapshots) and every other test
-# labelled or named for threads.  Build dir: $VELSEQ_TSAN_BUILD (default
+# (writer committing while readers hold snapshots) and the host's threads
+# tests (writers and readers on their own connections).  Build dir: $VELSEQ_TSAN_BUILD (default
 # build/tsan).  VELSEQ_STRESS_COMMITS raises the number of commits.
 set -euo pipefail
 
@@ -14,9 +14,11 @@ command -v clang++ >/dev/null 2>&1 || { as_root apt-get update; as_root apt-get 
 
 CC=clang CXX=clang++ cmake -S "$ROOT" -B "$BUILD" -DCMAKE_BUILD_TYPE=RelWithDebInfo \
     -DVELSEQ_SANITIZE=thread >/dev/null
-cmake --build "$BUILD" --target velseq_reliability_tests -j"$JOBS"
+cmake --build "$BUILD" --target velseq_reliability_tests velhost_tests -j"$JOBS"
 
 TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1" \
 VELSEQ_STRESS_COMMITS=${VELSEQ_STRESS_COMMITS:-2000} \
     "$BUILD/tests/reliability/velseq_reliability_tests" --gtest_filter='SnapshotStress*'
+TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1" \
+    "$BUILD/tests/velhost/velhost_tests" --gtest_filter='Thread*'
 echo "tsan: clean"
