@@ -1,12 +1,13 @@
 #!/usr/bin/env bash
 # ThreadSanitizer build and run of the threaded tests: the snapshot stress
-# (writer committing while readers hold snapshots) and the host's threads
-# tests (writers and readers on their own connections).  Build dir: $VELSEQ_TSAN_BUILD (default
+# (writer committing while readers hold snapshots) and the host's thread
+# tests (writers and readers on their own connections).  Builds with clang in
+# $VELSEQ_TSAN_BUILD (default build/tsan-clang; the gcc `tsan` preset owns
 # build/tsan).  VELSEQ_STRESS_COMMITS raises the number of commits.
 set -euo pipefail
 
 ROOT=$(cd "$(dirname "$0")/.." && pwd)
-BUILD=${VELSEQ_TSAN_BUILD:-$ROOT/build/tsan}
+BUILD=${VELSEQ_TSAN_BUILD:-$ROOT/build/tsan-clang}
 JOBS=${VELSEQ_JOBS:-2}
 
 as_root() { if [ "$(id -u)" = 0 ]; then "$@"; else sudo "$@"; fi; }
