@@ -1,13 +1,13 @@
-// One table entry per element family (the eleven scalar types and char(N)
-// for a few widths), so that a test can run the same scenario over every
-// family through untyped byte buffers.
+// The element families of the differential harness (which the fuzz target
+// shares, without GoogleTest), called with a FieldRef: the eleven scalar
+// families and char(N) for a few widths, so that a test can run the same
+// scenario over every family through untyped byte buffers.
 #pragma once
 
-#include <cstddef>
-#include <cstdint>
 #include <string>
 #include <vector>
 
+#include "harness/families.h"
 #include "velembed.h"
 
 namespace vstest {
@@ -22,29 +22,33 @@ struct FieldRef {
 };
 
 struct FamilyOps {
-    std::string name;  // "int4", "char16", ...
-    uint8_t seq_type;  // VEL_DD_SEQUENCE_*
-    uint8_t elem_type; // VEL_DD_* of one element
+    velrel::Family ops;
+    std::string name; // "int4", "char16", ...
+    uint8_t seq_type;
     size_t elem_size;
     bool is_char;
-    bool is_float;  // float or double: IEEE comparison
-    bool is_signed; // signed integers
+    bool is_float;
+    bool is_signed;
 
-    VEL_RET(*append)
-    (vel_objhandle_h obj, const FieldRef &f, const void *vals, vel_size_t n, vel_seq_order_t order,
-     const vel_bitmap_word_t *nulls);
-    VEL_RET(*insert)
-    (vel_objhandle_h obj, const FieldRef &f, vel_seq_no_t pos, const void *vals, vel_size_t n,
-     vel_seq_order_t order, const vel_bitmap_word_t *nulls);
-    VEL_RET(*remove)
-    (vel_objhandle_h obj, const FieldRef &f, vel_seq_no_t from, vel_seq_no_t till,
-     vel_seq_order_t order);
-    VEL_RET (*first)(vel_objhandle_h obj, const FieldRef &f, void *val);
-    VEL_RET (*last)(vel_objhandle_h obj, const FieldRef &f, void *val);
-
-    // The element's own ordering of two values: -1, 0, 1, or 2 when
-    // unordered (a NaN is involved).
-    int (*compare)(const void *a, const void *b, size_t size);
+    VEL_RET append(vel_objhandle_h obj, const FieldRef &f, const void *vals, vel_size_t n,
+                   vel_seq_order_t order, const vel_bitmap_word_t *nulls) const {
+        return ops.append(obj, f.u_offset, f.c_offset, f.fld_no, vals, n, order, nulls, elem_size);
+    }
+    VEL_RET insert(vel_objhandle_h obj, const FieldRef &f, vel_seq_no_t pos, const void *vals,
+                   vel_size_t n, vel_seq_order_t order, const vel_bitmap_word_t *nulls) const {
+        return ops.insert(obj, f.u_offset, f.c_offset, f.fld_no, pos, vals, n, order, nulls,
+                          elem_size);
+    }
+    VEL_RET remove(vel_objhandle_h obj, const FieldRef &f, vel_seq_no_t from, vel_seq_no_t till,
+                   vel_seq_order_t order) const {
+        return ops.del(obj, f.u_offset, f.c_offset, f.fld_no, from, till, order, elem_size);
+    }
+    VEL_RET first(vel_objhandle_h obj, const FieldRef &f, void *val) const {
+        return ops.first(obj, f.u_offset, f.c_offset, val, elem_size);
+    }
+    VEL_RET last(vel_objhandle_h obj, const FieldRef &f, void *val) const {
+        return ops.last(obj, f.u_offset, f.c_offset, val, elem_size);
+    }
 };
 
 // The eleven scalar families followed by char(3), char(16), char(32).

@@ -21,10 +21,12 @@ class HostTest : public ::testing::Test {
         ASSERT_EQ(velh_db_open(&cfg, &db), VEL_S_OK);
         ASSERT_EQ(velh_connect(db, &con), VEL_S_OK);
     }
-    void open_default() {
+    // 256-byte sequence pages: 61 int4 values a leaf.
+    void open_default(vel_bool concurrent = 0) {
         velh_config_t cfg;
         velh_config_init(&cfg);
         cfg.seq_page_size = 256;
+        cfg.concurrent_write_transactions = concurrent;
         open(cfg);
     }
     void TearDown() override {

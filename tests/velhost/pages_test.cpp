@@ -18,14 +18,10 @@ class PagesTest : public HostTest {
 
     void SetUp() override { setup(VELH_PM_INMEM, 0); }
     void setup(int pm, vel_bool concurrent) {
-        velh_config_t cfg;
-        velh_config_init(&cfg);
-        cfg.seq_page_size = 256; // 61 int4 values a leaf
-        cfg.concurrent_write_transactions = concurrent;
-        open(cfg);
+        open_default(concurrent);
         cls = seq_class(pm);
         ASSERT_EQ(velh_field_info(db, cls, 1, &fi), VEL_S_OK);
-        ps = static_cast<int32_t>(cfg.seq_page_size);
+        ps = 256;
     }
     // One committed object whose field holds leaves of 3, 4 and 5 values 0..11.
     void committed_tree() {

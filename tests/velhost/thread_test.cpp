@@ -18,11 +18,7 @@ class ThreadTest : public HostTest {
     int32_t ps = 0;
 
     void setup(vel_bool concurrent) {
-        velh_config_t cfg;
-        velh_config_init(&cfg);
-        cfg.seq_page_size = 256;
-        cfg.concurrent_write_transactions = concurrent;
-        open(cfg);
+        open_default(concurrent);
         ps = 256;
         velh_field_def_t f[] = {{"round", VEL_DD_INT4, 0},
                                 {"vals", VEL_DD_SEQUENCE_INT4, 0},

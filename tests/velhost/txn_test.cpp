@@ -12,11 +12,7 @@ class TxnTest : public HostTest {
 
     void SetUp() override { setup(0); }
     void setup(vel_bool concurrent) {
-        velh_config_t cfg;
-        velh_config_init(&cfg);
-        cfg.seq_page_size = 256;
-        cfg.concurrent_write_transactions = concurrent;
-        open(cfg);
+        open_default(concurrent);
         ASSERT_EQ(velh_connect(db, &other), VEL_S_OK);
         cls = seq_class();
     }

@@ -11,6 +11,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <memory>
+#include <random>
 #include <string>
 #include <vector>
 
@@ -109,6 +110,15 @@ inline std::vector<vel_bitmap_word_t> bitmap_of(size_t n, const std::vector<size
     for (size_t i : null_at)
         bm[i / 64] |= vel_bitmap_word_t{1} << (i % 64);
     return bm;
+}
+
+// n values from a domain of 101, for unordered fields.
+template <class F> std::vector<typename F::T> random_vals(size_t n, uint64_t seed) {
+    std::mt19937_64 rng(seed);
+    std::vector<typename F::T> v;
+    for (size_t i = 0; i < n; i++)
+        v.push_back(F::make(static_cast<int64_t>(rng() % 101) - 50));
+    return v;
 }
 
 inline std::string seed_msg(uint64_t seed) { return "seed " + std::to_string(seed); }

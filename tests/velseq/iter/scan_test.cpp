@@ -107,14 +107,6 @@ TEST(IteratorReset, TilesAreNeverRunLengthEncoded) {
 
 // ---- positional scan -----------------------------------------------------
 
-template <class F> std::vector<typename F::T> random_vals(size_t n, uint64_t seed) {
-    std::mt19937_64 rng(seed);
-    std::vector<typename F::T> v;
-    for (size_t i = 0; i < n; i++)
-        v.push_back(F::make(static_cast<int64_t>(rng() % 101) - 50));
-    return v;
-}
-
 template <class F>
 void expect_range(const Drained<F> &d, const std::vector<typename F::T> &model,
                   const std::vector<bool> &model_nulls, uint64_t from, uint64_t till) {

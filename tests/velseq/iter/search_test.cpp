@@ -207,33 +207,6 @@ TYPED_TEST(FamilyTest, SearchEmptyFieldAndRangeEncodings) {
     EXPECT_EQ(drain<F>(&it).vals.size(), 300u);
 }
 
-TEST_F(HostTest, SearchSmallCases) {
-    const Field &f = host->seq[F_INT4];
-    vel_seq_iterator_t it{};
-    const auto inc = VEL_SEQ_BOUNDARY_INCLUSIVE, exc = VEL_SEQ_BOUNDARY_EXCLUSIVE,
-               open = VEL_SEQ_BOUNDARY_OPEN;
-    put<Fam_int4>(obj, f, {1, 3, 3, 5}, VEL_SEQ_ASC_ORDER);
-    ASSERT_EQ(vel_w_seq_search_int4(&obj, f.u, f.c, &it, 3, inc, 3, inc, VEL_SEQ_ASC_ORDER),
-              VEL_S_OK);
-    EXPECT_EQ(it.first_seq_no, 1u);
-    EXPECT_EQ(it.last_seq_no, 2u);
-    ASSERT_EQ(vel_w_seq_search_int4(&obj, f.u, f.c, &it, 3, exc, 0, open, VEL_SEQ_ASC_ORDER),
-              VEL_S_OK);
-    auto d = drain<Fam_int4>(&it);
-    ASSERT_EQ(d.vals, std::vector<vel_int4>{5});
-    EXPECT_EQ(vel_w_seq_search_int4(&obj, f.u, f.c, &it, 3, exc, 3, inc, VEL_SEQ_ASC_ORDER),
-              VEL_S_NOTFOUND);
-
-    vel_objhandle_t o2 = host->create();
-    put<Fam_int4>(o2, f, {9, 7, 7, 2}, VEL_SEQ_DESC_ORDER);
-    ASSERT_EQ(vel_w_seq_search_int4(&o2, f.u, f.c, &it, 7, inc, 2, exc, VEL_SEQ_DESC_ORDER),
-              VEL_S_OK);
-    d = drain<Fam_int4>(&it);
-    EXPECT_EQ(d.vals, (std::vector<vel_int4>{7, 7}));
-    EXPECT_EQ(it.first_seq_no, 1u);
-    EXPECT_EQ(it.last_seq_no, 2u);
-}
-
 // A NaN probed by the halving search counts as qualifying; a NaN bound
 // makes every element qualify.
 template <class F> void nan_cases(HostTest &t, Host &host, vel_objhandle_t &obj) {
@@ -263,29 +236,6 @@ template <class F> void nan_cases(HostTest &t, Host &host, vel_objhandle_t &obj)
 
 TEST_F(HostTest, SearchNaNFloat) { nan_cases<Fam_float>(*this, *host, obj); }
 TEST_F(HostTest, SearchNaNDouble) { nan_cases<Fam_double>(*this, *host, obj); }
-
-// The first qualifying element is the first element of a later leaf: found
-// through the second child search.
-TEST_F(HostTest, SearchFirstElementOfLaterLeaf) {
-    const Field &f = host->seq[F_INT8];
-    const uint64_t cap = leaf_cap(8);
-    std::vector<vel_int8> v;
-    for (uint64_t i = 0; i < 4 * cap; i++)
-        v.push_back(static_cast<vel_int8>(i / cap) * 10); // one value per leaf
-    put<Fam_int8>(obj, f, v, VEL_SEQ_ASC_ORDER);
-    vel_seq_iterator_t it{};
-    for (int leaf = 1; leaf < 4; leaf++) {
-        ASSERT_EQ(vel_w_seq_search_int8(&obj, f.u, f.c, &it, leaf * 10 - 5,
-                                        VEL_SEQ_BOUNDARY_INCLUSIVE, 0, VEL_SEQ_BOUNDARY_OPEN,
-                                        VEL_SEQ_ASC_ORDER),
-                  VEL_S_OK);
-        EXPECT_EQ(it.first_seq_no, leaf * cap);
-        auto *ctx = ctx_of(it);
-        EXPECT_EQ(ctx->stack[ctx->stack_size - 1].pos, 0);
-        ASSERT_EQ(it.next(&it), VEL_S_OK);
-        EXPECT_EQ(it.tile.u.arr_int8[0], leaf * 10);
-    }
-}
 
 } // namespace
 } // namespace itest

@@ -39,48 +39,29 @@ Words model_copy(Words dst, int dstindx, const Words *src, int srcindx, int leng
 
 constexpr size_t kWords = 10; // 640 bits: runs up to 200 at offsets up to 370
 
-TEST(BitmapCopy, DifferentArraysMatchModel) {
-    std::mt19937_64 rng(0x5eed0001);
-    for (int round = 0; round < 3000; round++) {
-        int length = static_cast<int>(rng() % 201);
-        int dstindx = static_cast<int>(rng() % 300);
-        int srcindx = static_cast<int>(rng() % 300);
-        Words src = random_words(rng, kWords);
-        Words dst = random_words(rng, kWords);
-        Words expect = model_copy(dst, dstindx, &src, srcindx, length);
-        vel_seq_copy_bitmap(dst.data(), dstindx, src.data(), srcindx, length);
-        ASSERT_EQ(dst, expect) << "round " << round << " dst " << dstindx << " src " << srcindx
-                               << " len " << length;
-    }
-}
-
-TEST(BitmapCopy, ClearingRunKeepsNeighbours) {
-    std::mt19937_64 rng(0x5eed0002);
-    for (int round = 0; round < 2000; round++) {
-        int length = static_cast<int>(rng() % 201);
-        int dstindx = static_cast<int>(rng() % 300);
-        Words dst = random_words(rng, kWords);
-        Words expect = model_copy(dst, dstindx, nullptr, 0, length);
-        vel_seq_copy_bitmap(dst.data(), dstindx, nullptr, 0, length);
-        ASSERT_EQ(dst, expect) << "round " << round << " dst " << dstindx << " len " << length;
-    }
-}
-
-// Moves inside one array in both directions, every distance, including
-// distances below 64 and not multiples of 64.
-TEST(BitmapCopy, SameArrayMovesBothWays) {
-    std::mt19937_64 rng(0x5eed0003);
-    for (int round = 0; round < 4000; round++) {
-        int length = static_cast<int>(rng() % 201);
-        int a = static_cast<int>(rng() % 300);
-        int b = round % 4 == 0 ? a + static_cast<int>(rng() % 70) : static_cast<int>(rng() % 300);
-        int dstindx = round % 2 ? a : b;
-        int srcindx = round % 2 ? b : a;
-        Words w = random_words(rng, kWords);
-        Words expect = model_copy(w, dstindx, &w, srcindx, length);
-        vel_seq_copy_bitmap(w.data(), dstindx, w.data(), srcindx, length);
-        ASSERT_EQ(w, expect) << "round " << round << " dst " << dstindx << " src " << srcindx
-                             << " len " << length;
+// Runs between two arrays, cleared runs (no source), and moves inside one
+// array in both directions at every distance, including distances below 64
+// and not multiples of 64.
+TEST(BitmapCopy, RunsMatchModel) {
+    enum Mode { kOtherArray, kClear, kSameArray };
+    for (Mode mode : {kOtherArray, kClear, kSameArray}) {
+        std::mt19937_64 rng(0x5eed0001 + mode);
+        for (int round = 0; round < 3000; round++) {
+            int length = static_cast<int>(rng() % 201);
+            int a = static_cast<int>(rng() % 300);
+            int b =
+                round % 4 == 0 ? a + static_cast<int>(rng() % 70) : static_cast<int>(rng() % 300);
+            int dstindx = round % 2 ? a : b;
+            int srcindx = round % 2 ? b : a;
+            Words src = random_words(rng, kWords);
+            Words dst = mode == kSameArray ? src : random_words(rng, kWords);
+            const Words *from = mode == kOtherArray ? &src : mode == kSameArray ? &dst : nullptr;
+            Words expect = model_copy(dst, dstindx, from, srcindx, length);
+            vel_seq_copy_bitmap(dst.data(), dstindx, from == nullptr ? nullptr : from->data(),
+                                srcindx, length);
+            ASSERT_EQ(dst, expect) << "mode " << mode << " round " << round << " dst " << dstindx
+                                   << " src " << srcindx << " len " << length;
+        }
     }
 }
 

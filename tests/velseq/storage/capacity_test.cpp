@@ -77,31 +77,46 @@ TEST(Capacity, LeafMaskEndsFlushWithThePage) {
     EXPECT_EQ(reinterpret_cast<uint8_t *>(mask) - page, 3968);
 }
 
-class CapacityTree : public ::testing::TestWithParam<std::string> {};
+struct TreeParam {
+    std::string family;
+    bool ordered;
+};
+
+class CapacityTree : public ::testing::TestWithParam<TreeParam> {};
 
 // Filling a leaf exactly keeps one page; one more value makes a root with
-// counts {capacity, 1}.  Filling an unordered root to its capacity keeps two
-// levels; one more leaf's worth grows a third.
+// counts {capacity, 1}.  Filling the root to its capacity keeps two levels;
+// one more value grows a third.  Ordered scalar inner pages hold fewer
+// children (a key beside each entry).
 TEST_P(CapacityTree, AppendsFillPagesToCapacity) {
-    const FamilyOps &fam = family(GetParam());
+    const FamilyOps &fam = family(GetParam().family);
+    const bool ordered = GetParam().ordered;
+    const vel_seq_order_t order = ordered ? VEL_SEQ_ASC_ORDER : VEL_SEQ_NO_ORDER;
     SeqDb sdb(DbOptions{.seq_page_size = 1024});
     FieldRef f = sdb.field(fam);
     const uint64_t leaf = leaf_capacity(1024, fam.elem_size);
-    const uint64_t inner = inner_capacity(1024, fam.elem_size, fam.is_char, false);
+    const uint64_t inner = inner_capacity(1024, fam.elem_size, fam.is_char, ordered);
     ASSERT_EQ(sdb.begin_write(), VEL_S_OK);
     vel_objhandle_t obj = sdb.new_object();
 
+    const uint64_t n = leaf * inner + 1;
     std::mt19937_64 rng(7);
-    auto vals = random_values(fam, rng, leaf * inner + 1);
-    ASSERT_EQ(fam.append(&obj, f, vals.data(), leaf, VEL_SEQ_NO_ORDER, nullptr), VEL_S_OK);
-    TreeReport r = check_tree(&obj, f, VEL_SEQ_NO_ORDER);
+    std::vector<uint8_t> vals = random_values(fam, rng, n);
+    if (ordered) // narrow types cannot ascend strictly that far; equal neighbours are in order
+        for (uint64_t i = 0; i < n; i++)
+            ascending_value(fam, fam.elem_size < 4 ? i / 512 : i, &vals[i * fam.elem_size]);
+    auto append = [&](uint64_t from, uint64_t count) {
+        ASSERT_EQ(fam.append(&obj, f, vals.data() + from * fam.elem_size, count, order, nullptr),
+                  VEL_S_OK);
+    };
+    append(0, leaf);
+    TreeReport r = check_tree(&obj, f, order, ordered);
     ASSERT_TRUE(r.ok()) << r.error;
     EXPECT_EQ(r.depth, 1);
     EXPECT_EQ(r.elements, leaf);
 
-    ASSERT_EQ(fam.append(&obj, f, vals.data() + leaf * fam.elem_size, 1, VEL_SEQ_NO_ORDER, nullptr),
-              VEL_S_OK);
-    r = check_tree(&obj, f, VEL_SEQ_NO_ORDER);
+    append(leaf, 1);
+    r = check_tree(&obj, f, order, ordered);
     ASSERT_TRUE(r.ok()) << r.error;
     ASSERT_EQ(r.depth, 2);
     vel_seq_page_t *root = r.pages[0];
@@ -109,74 +124,40 @@ TEST_P(CapacityTree, AppendsFillPagesToCapacity) {
     EXPECT_EQ(velseq::inner_entry(root, 1024, 0)->count, leaf);
     EXPECT_EQ(velseq::inner_entry(root, 1024, 1)->count, 1u);
 
-    uint64_t done = leaf + 1;
-    ASSERT_EQ(fam.append(&obj, f, vals.data() + done * fam.elem_size, leaf * inner - done,
-                         VEL_SEQ_NO_ORDER, nullptr),
-              VEL_S_OK);
-    r = check_tree(&obj, f, VEL_SEQ_NO_ORDER);
+    append(leaf + 1, n - 1 - (leaf + 1));
+    r = check_tree(&obj, f, order, ordered);
     ASSERT_TRUE(r.ok()) << r.error;
     EXPECT_EQ(r.depth, 2);
     EXPECT_EQ(r.pages[0]->hdr.user, inner);
     EXPECT_EQ(r.pages.size(), inner + 1);
 
-    ASSERT_EQ(fam.append(&obj, f, vals.data() + leaf * inner * fam.elem_size, 1, VEL_SEQ_NO_ORDER,
-                         nullptr),
-              VEL_S_OK);
-    r = check_tree(&obj, f, VEL_SEQ_NO_ORDER);
+    append(n - 1, 1);
+    r = check_tree(&obj, f, order, ordered);
     ASSERT_TRUE(r.ok()) << r.error;
     EXPECT_EQ(r.depth, 3);
-    EXPECT_EQ(r.elements, leaf * inner + 1);
     SeqModel m(fam.elem_size);
-    m.append(vals.data(), leaf * inner + 1, nullptr);
+    m.append(vals.data(), n, nullptr);
     EXPECT_EQ(m.diff(r.contents), "");
     ASSERT_EQ(sdb.rollback(), VEL_S_OK);
     EXPECT_EQ(sdb.stats().live, 0u);
 }
 
-// Ordered scalar inner pages hold fewer children (a key beside each entry).
-class OrderedCapacityTree : public ::testing::TestWithParam<std::string> {};
-
-TEST_P(OrderedCapacityTree, OrderedInnerPagesMakeRoomForKeys) {
-    const FamilyOps &fam = family(GetParam());
-    SeqDb sdb(DbOptions{.seq_page_size = 1024});
-    FieldRef f = sdb.field(fam);
-    const uint64_t leaf = leaf_capacity(1024, fam.elem_size);
-    const uint64_t inner = inner_capacity(1024, fam.elem_size, false, true);
-    ASSERT_EQ(sdb.begin_write(), VEL_S_OK);
-    vel_objhandle_t obj = sdb.new_object();
-    const uint64_t n = leaf * inner + 1;
-    // Narrow types cannot ascend strictly that far; equal neighbours are in order.
-    std::vector<uint8_t> vals(n * fam.elem_size);
-    for (uint64_t i = 0; i < n; i++)
-        ascending_value(fam, fam.elem_size < 4 ? i / 512 : i, &vals[i * fam.elem_size]);
-    ASSERT_EQ(fam.append(&obj, f, vals.data(), n - 1, VEL_SEQ_ASC_ORDER, nullptr), VEL_S_OK);
-    TreeReport r = check_tree(&obj, f, VEL_SEQ_ASC_ORDER, true);
-    ASSERT_TRUE(r.ok()) << r.error;
-    EXPECT_EQ(r.depth, 2);
-    EXPECT_EQ(r.pages[0]->hdr.user, inner);
-    ASSERT_EQ(
-        fam.append(&obj, f, vals.data() + (n - 1) * fam.elem_size, 1, VEL_SEQ_ASC_ORDER, nullptr),
-        VEL_S_OK);
-    r = check_tree(&obj, f, VEL_SEQ_ASC_ORDER, true);
-    ASSERT_TRUE(r.ok()) << r.error;
-    EXPECT_EQ(r.depth, 3);
-    ASSERT_EQ(sdb.rollback(), VEL_S_OK);
-}
-
-INSTANTIATE_TEST_SUITE_P(Families, CapacityTree, ::testing::ValuesIn(family_names()),
-                         [](const auto &info) { return info.param; });
-
-// Char inner pages are sized for entries alone, so only the scalar families.
-std::vector<std::string> scalar_names() {
-    std::vector<std::string> out;
-    for (const FamilyOps &f : all_families())
+// Every family unordered; ordered only the scalar ones, since char inner
+// pages are sized for entries alone.
+std::vector<TreeParam> tree_params() {
+    std::vector<TreeParam> out;
+    for (const FamilyOps &f : all_families()) {
+        out.push_back({f.name, false});
         if (!f.is_char)
-            out.push_back(f.name);
+            out.push_back({f.name, true});
+    }
     return out;
 }
 
-INSTANTIATE_TEST_SUITE_P(Scalars, OrderedCapacityTree, ::testing::ValuesIn(scalar_names()),
-                         [](const auto &info) { return info.param; });
+INSTANTIATE_TEST_SUITE_P(Families, CapacityTree, ::testing::ValuesIn(tree_params()),
+                         [](const auto &info) {
+                             return info.param.family + (info.param.ordered ? "_asc" : "");
+                         });
 
 } // namespace
 } // namespace vstest

@@ -9,6 +9,8 @@
 namespace vstest {
 namespace {
 
+constexpr auto kAsc = VEL_SEQ_ASC_ORDER, kDesc = VEL_SEQ_DESC_ORDER, kNone = VEL_SEQ_NO_ORDER;
+
 class Ordered : public ::testing::Test {
   protected:
     void SetUp() override {
@@ -17,83 +19,58 @@ class Ordered : public ::testing::Test {
     }
     void TearDown() override { sdb.rollback(); }
 
-    template <class T> std::vector<T> contents(const std::string &fam, vel_seq_order_t order) {
-        TreeReport r = check_tree(&obj, sdb.field(fam), order);
-        EXPECT_TRUE(r.ok()) << r.error;
-        std::vector<T> out(r.contents.size());
-        if (!out.empty())
-            std::memcpy(out.data(), r.contents.bytes.data(), r.contents.bytes.size());
-        return out;
+    // Appends / inserts `v` to the field of family `fam`; for char families
+    // T is char and `v` holds the elements back to back.
+    template <class T>
+    VEL_RET app(const char *fam, const std::vector<T> &v, vel_seq_order_t order,
+                const vel_bitmap_word_t *nb = nullptr) {
+        const FamilyOps &F = family(fam);
+        return F.append(&obj, sdb.field(F), v.data(), v.size() * sizeof(T) / F.elem_size, order,
+                        nb);
+    }
+    template <class T>
+    VEL_RET ins(const char *fam, vel_seq_no_t pos, const std::vector<T> &v, vel_seq_order_t order,
+                const vel_bitmap_word_t *nb = nullptr) {
+        const FamilyOps &F = family(fam);
+        return F.insert(&obj, sdb.field(F), pos, v.data(), v.size() * sizeof(T) / F.elem_size,
+                        order, nb);
+    }
+    template <class T> std::vector<T> contents(const char *fam, vel_seq_order_t order) {
+        return contents_as<T>(&obj, sdb.field(fam), order);
     }
 
     SeqDb sdb{DbOptions{.seq_page_size = 1024}};
     vel_objhandle_t obj{};
 };
 
+using I4 = std::vector<vel_int4>;
+
 TEST_F(Ordered, InputBufferOrderIsCheckedBeforeAnythingIsStored) {
-    FieldRef f = sdb.field("int4");
-    const vel_int4 bad_asc[] = {1, 3, 2};
-    const vel_int4 bad_desc[] = {3, 1, 2};
-    const vel_int4 equal[] = {2, 2, 2};
-    EXPECT_EQ(vel_w_seq_append_int4(&obj, f.u_offset, f.c_offset, f.fld_no, bad_asc, 3,
-                                    VEL_SEQ_ASC_ORDER, nullptr),
-              VEL_E_SEQ_OUT_OF_ORDER);
-    EXPECT_EQ(vel_w_seq_append_int4(&obj, f.u_offset, f.c_offset, f.fld_no, bad_desc, 3,
-                                    VEL_SEQ_DESC_ORDER, nullptr),
-              VEL_E_SEQ_OUT_OF_ORDER);
-    EXPECT_EQ(vel_w_seq_insert_int4(&obj, f.u_offset, f.c_offset, f.fld_no, 0, bad_asc, 3,
-                                    VEL_SEQ_ASC_ORDER, nullptr),
-              VEL_E_SEQ_OUT_OF_ORDER);
-    EXPECT_TRUE(contents<vel_int4>("int4", VEL_SEQ_ASC_ORDER).empty());
-    // The same buffers are fine for the other order or none.
-    EXPECT_EQ(vel_w_seq_append_int4(&obj, f.u_offset, f.c_offset, f.fld_no, bad_asc, 3,
-                                    VEL_SEQ_NO_ORDER, nullptr),
-              VEL_S_OK);
-    FieldRef g = sdb.field("int2");
-    const vel_int2 desc[] = {9, 9, 4, -3};
-    EXPECT_EQ(vel_w_seq_append_int2(&obj, g.u_offset, g.c_offset, g.fld_no, desc, 4,
-                                    VEL_SEQ_DESC_ORDER, nullptr),
-              VEL_S_OK);
-    FieldRef h = sdb.field("int8");
-    const vel_int8 eq[] = {2, 2, 2};
-    EXPECT_EQ(vel_w_seq_append_int8(&obj, h.u_offset, h.c_offset, h.fld_no, eq, 3,
-                                    VEL_SEQ_ASC_ORDER, nullptr),
-              VEL_S_OK);
-    (void)equal;
-    EXPECT_EQ(contents<vel_int2>("int2", VEL_SEQ_DESC_ORDER), (std::vector<vel_int2>{9, 9, 4, -3}));
+    EXPECT_EQ(app("int4", I4{1, 3, 2}, kAsc), VEL_E_SEQ_OUT_OF_ORDER);
+    EXPECT_EQ(app("int4", I4{3, 1, 2}, kDesc), VEL_E_SEQ_OUT_OF_ORDER);
+    EXPECT_EQ(ins("int4", 0, I4{1, 3, 2}, kAsc), VEL_E_SEQ_OUT_OF_ORDER);
+    EXPECT_TRUE(contents<vel_int4>("int4", kAsc).empty());
+    // Unordered takes anything; equal neighbours are in order both ways.
+    EXPECT_EQ(app("int4", I4{1, 3, 2}, kNone), VEL_S_OK);
+    EXPECT_EQ(app("int2", std::vector<vel_int2>{9, 9, 4, -3}, kDesc), VEL_S_OK);
+    EXPECT_EQ(app("int8", std::vector<vel_int8>{2, 2, 2}, kAsc), VEL_S_OK);
+    EXPECT_EQ(contents<vel_int2>("int2", kDesc), (std::vector<vel_int2>{9, 9, 4, -3}));
 }
 
 TEST_F(Ordered, FirstValueIsCheckedAgainstStoredLastValue) {
-    FieldRef f = sdb.field("int4");
-    const vel_int4 a[] = {1, 5};
-    const vel_int4 five = 5, four = 4;
-    ASSERT_EQ(vel_w_seq_append_int4(&obj, f.u_offset, f.c_offset, f.fld_no, a, 2, VEL_SEQ_ASC_ORDER,
-                                    nullptr),
-              VEL_S_OK);
-    EXPECT_EQ(vel_w_seq_append_int4(&obj, f.u_offset, f.c_offset, f.fld_no, &five, 1,
-                                    VEL_SEQ_ASC_ORDER, nullptr),
-              VEL_S_OK);
-    EXPECT_EQ(vel_w_seq_append_int4(&obj, f.u_offset, f.c_offset, f.fld_no, &four, 1,
-                                    VEL_SEQ_ASC_ORDER, nullptr),
-              VEL_E_SEQ_OUT_OF_ORDER);
-    EXPECT_EQ(contents<vel_int4>("int4", VEL_SEQ_ASC_ORDER), (std::vector<vel_int4>{1, 5, 5}));
+    ASSERT_EQ(app("int4", I4{1, 5}, kAsc), VEL_S_OK);
+    EXPECT_EQ(app("int4", I4{5}, kAsc), VEL_S_OK);
+    EXPECT_EQ(app("int4", I4{4}, kAsc), VEL_E_SEQ_OUT_OF_ORDER);
+    EXPECT_EQ(contents<vel_int4>("int4", kAsc), (I4{1, 5, 5}));
 
     // Descending, across a multi-level tree: the check runs on every level.
-    FieldRef g = sdb.field("int8");
     std::vector<vel_int8> down(300);
     for (size_t i = 0; i < down.size(); i++)
         down[i] = 1000 - static_cast<vel_int8>(i);
-    ASSERT_EQ(vel_w_seq_append_int8(&obj, g.u_offset, g.c_offset, g.fld_no, down.data(),
-                                    down.size(), VEL_SEQ_DESC_ORDER, nullptr),
-              VEL_S_OK);
-    const vel_int8 up = 702, ok = 701;
-    EXPECT_EQ(vel_w_seq_append_int8(&obj, g.u_offset, g.c_offset, g.fld_no, &up, 1,
-                                    VEL_SEQ_DESC_ORDER, nullptr),
-              VEL_E_SEQ_OUT_OF_ORDER);
-    EXPECT_EQ(vel_w_seq_append_int8(&obj, g.u_offset, g.c_offset, g.fld_no, &ok, 1,
-                                    VEL_SEQ_DESC_ORDER, nullptr),
-              VEL_S_OK);
-    TreeReport r = check_tree(&obj, g, VEL_SEQ_DESC_ORDER, true);
+    ASSERT_EQ(app("int8", down, kDesc), VEL_S_OK);
+    EXPECT_EQ(app("int8", std::vector<vel_int8>{702}, kDesc), VEL_E_SEQ_OUT_OF_ORDER);
+    EXPECT_EQ(app("int8", std::vector<vel_int8>{701}, kDesc), VEL_S_OK);
+    TreeReport r = check_tree(&obj, sdb.field("int8"), kDesc, true);
     ASSERT_TRUE(r.ok()) << r.error;
     EXPECT_EQ(r.elements, 301u);
 }
@@ -101,178 +78,89 @@ TEST_F(Ordered, FirstValueIsCheckedAgainstStoredLastValue) {
 // The tail word is AND-ed with n_vals % 64 itself: for n_vals = 3 only bits
 // 0 and 1 are looked at, for n_vals = 4 only bit 2.
 TEST_F(Ordered, NullRefusalTestsTheTailWithTheCountItself) {
-    FieldRef f = sdb.field("int4");
-    const vel_int4 v[] = {1, 2, 3, 4};
     const vel_bitmap_word_t bit2 = 4, bit0 = 1, bits01 = 3;
-    EXPECT_EQ(vel_w_seq_append_int4(&obj, f.u_offset, f.c_offset, f.fld_no, v, 3, VEL_SEQ_ASC_ORDER,
-                                    &bit0),
-              VEL_E_SEQ_NULL_VALUE);
-    EXPECT_TRUE(contents<vel_int4>("int4", VEL_SEQ_ASC_ORDER).empty());
+    EXPECT_EQ(app("int4", I4{1, 2, 3}, kAsc, &bit0), VEL_E_SEQ_NULL_VALUE);
+    EXPECT_TRUE(contents<vel_int4>("int4", kAsc).empty());
     // Bit 2 is not examined for n_vals = 3: the null goes in, as a null.
-    EXPECT_EQ(vel_w_seq_append_int4(&obj, f.u_offset, f.c_offset, f.fld_no, v, 3, VEL_SEQ_ASC_ORDER,
-                                    &bit2),
-              VEL_S_OK);
+    EXPECT_EQ(app("int4", I4{1, 2, 3}, kAsc, &bit2), VEL_S_OK);
+    FieldRef f = sdb.field("int4");
     vel_int4 last = 0;
     EXPECT_EQ(vel_w_seq_last_int4(&obj, f.u_offset, f.c_offset, &last), VEL_E_SEQ_NULL_VALUE);
     EXPECT_EQ(last, 3);
     // For n_vals = 4 bits 0 and 1 are not examined, bit 2 is.
-    const vel_int4 w[] = {5, 6, 7, 8};
-    EXPECT_EQ(vel_w_seq_insert_int4(&obj, f.u_offset, f.c_offset, f.fld_no, 3, w, 4,
-                                    VEL_SEQ_ASC_ORDER, &bit2),
-              VEL_E_SEQ_NULL_VALUE);
-    EXPECT_EQ(vel_w_seq_insert_int4(&obj, f.u_offset, f.c_offset, f.fld_no, 3, w, 4,
-                                    VEL_SEQ_ASC_ORDER, &bits01),
-              VEL_S_OK);
-    EXPECT_EQ(contents<vel_int4>("int4", VEL_SEQ_ASC_ORDER),
-              (std::vector<vel_int4>{1, 2, 3, 5, 6, 7, 8}));
+    EXPECT_EQ(ins("int4", 3, I4{5, 6, 7, 8}, kAsc, &bit2), VEL_E_SEQ_NULL_VALUE);
+    EXPECT_EQ(ins("int4", 3, I4{5, 6, 7, 8}, kAsc, &bits01), VEL_S_OK);
+    EXPECT_EQ(contents<vel_int4>("int4", kAsc), (I4{1, 2, 3, 5, 6, 7, 8}));
     // Whole words are tested whole; n_vals = 64 has no tail.
-    std::vector<vel_int4> many(70, 9);
     std::vector<vel_bitmap_word_t> nb{vel_bitmap_word_t{1} << 63, 0};
-    EXPECT_EQ(vel_w_seq_append_int4(&obj, f.u_offset, f.c_offset, f.fld_no, many.data(), 70,
-                                    VEL_SEQ_ASC_ORDER, nb.data()),
-              VEL_E_SEQ_NULL_VALUE);
+    EXPECT_EQ(app("int4", I4(70, 9), kAsc, nb.data()), VEL_E_SEQ_NULL_VALUE);
     nb = {0, ~vel_bitmap_word_t{0} ^ 6}; // tail 70 % 64 = 6: bits 1 and 2
-    EXPECT_EQ(vel_w_seq_append_int4(&obj, f.u_offset, f.c_offset, f.fld_no, many.data(), 70,
-                                    VEL_SEQ_ASC_ORDER, nb.data()),
-              VEL_S_OK);
-    // Unordered fields take nulls anywhere; zero values pass with any bitmap.
-    EXPECT_EQ(vel_w_seq_append_int4(&obj, f.u_offset, f.c_offset, f.fld_no, v, 0, VEL_SEQ_ASC_ORDER,
-                                    &bit0),
-              VEL_S_OK);
+    EXPECT_EQ(app("int4", I4(70, 9), kAsc, nb.data()), VEL_S_OK);
+    // Zero values pass with any bitmap; unordered fields take nulls anywhere.
+    EXPECT_EQ(app("int4", I4{}, kAsc, &bit0), VEL_S_OK);
+    EXPECT_EQ(app("uint4", std::vector<vel_uint4>{3, 1}, kNone, &bit0), VEL_S_OK);
     FieldRef g = sdb.field("uint4");
-    const vel_uint4 u[] = {3, 1};
-    EXPECT_EQ(vel_w_seq_append_uint4(&obj, g.u_offset, g.c_offset, g.fld_no, u, 2, VEL_SEQ_NO_ORDER,
-                                     &bit0),
-              VEL_S_OK);
     vel_uint4 first = 0;
     EXPECT_EQ(vel_w_seq_first_uint4(&obj, g.u_offset, g.c_offset, &first), VEL_E_SEQ_NULL_VALUE);
     EXPECT_EQ(first, 3u);
 }
 
 TEST_F(Ordered, OrderValueOutsideTheEnumFailsOnceDataIsStored) {
-    FieldRef f = sdb.field("int4");
-    std::vector<vel_int4> v(300);
+    I4 v(300);
     for (size_t i = 0; i < v.size(); i++)
         v[i] = static_cast<vel_int4>(i);
     // 244 values fill the first leaf unchecked; the second turn is refused.
-    EXPECT_EQ(vel_w_seq_append_int4(&obj, f.u_offset, f.c_offset, f.fld_no, v.data(), v.size(),
-                                    static_cast<vel_seq_order_t>(3), nullptr),
-              VEL_E_SEQ_OUT_OF_ORDER);
-    EXPECT_EQ(contents<vel_int4>("int4", VEL_SEQ_NO_ORDER).size(), 244u);
+    EXPECT_EQ(app("int4", v, static_cast<vel_seq_order_t>(3)), VEL_E_SEQ_OUT_OF_ORDER);
+    EXPECT_EQ(contents<vel_int4>("int4", kNone).size(), 244u);
 }
 
 TEST_F(Ordered, NaNPassesTheBufferCheckButNotTheStoredCheck) {
-    FieldRef f = sdb.field("double");
     const double nan = std::numeric_limits<double>::quiet_NaN();
-    const double mixed[] = {1.0, nan, 0.5};
-    ASSERT_EQ(vel_w_seq_append_double(&obj, f.u_offset, f.c_offset, f.fld_no, mixed, 3,
-                                      VEL_SEQ_ASC_ORDER, nullptr),
-              VEL_S_OK);
-    auto got = contents<double>("double", VEL_SEQ_ASC_ORDER);
+    using D = std::vector<double>;
+    ASSERT_EQ(app("double", D{1.0, nan, 0.5}, kAsc), VEL_S_OK);
+    auto got = contents<double>("double", kAsc);
     ASSERT_EQ(got.size(), 3u);
     EXPECT_TRUE(std::isnan(got[1]));
     // The stored last value 0.5 against a NaN: refused both ways.
-    EXPECT_EQ(vel_w_seq_append_double(&obj, f.u_offset, f.c_offset, f.fld_no, &nan, 1,
-                                      VEL_SEQ_ASC_ORDER, nullptr),
-              VEL_E_SEQ_OUT_OF_ORDER);
-    EXPECT_EQ(vel_w_seq_append_double(&obj, f.u_offset, f.c_offset, f.fld_no, &nan, 1,
-                                      VEL_SEQ_DESC_ORDER, nullptr),
-              VEL_E_SEQ_OUT_OF_ORDER);
-    // A stored NaN refuses every later first value.
-    const double tail[] = {7.0, nan};
-    ASSERT_EQ(vel_w_seq_append_double(&obj, f.u_offset, f.c_offset, f.fld_no, tail, 2,
-                                      VEL_SEQ_ASC_ORDER, nullptr),
-              VEL_S_OK);
-    const double big = 1e300;
-    EXPECT_EQ(vel_w_seq_append_double(&obj, f.u_offset, f.c_offset, f.fld_no, &big, 1,
-                                      VEL_SEQ_ASC_ORDER, nullptr),
-              VEL_E_SEQ_OUT_OF_ORDER);
-    // Unordered: stored unchecked.
-    EXPECT_EQ(vel_w_seq_append_double(&obj, f.u_offset, f.c_offset, f.fld_no, &big, 1,
-                                      VEL_SEQ_NO_ORDER, nullptr),
-              VEL_S_OK);
+    EXPECT_EQ(app("double", D{nan}, kAsc), VEL_E_SEQ_OUT_OF_ORDER);
+    EXPECT_EQ(app("double", D{nan}, kDesc), VEL_E_SEQ_OUT_OF_ORDER);
+    // A stored NaN refuses every later first value, unless unordered.
+    ASSERT_EQ(app("double", D{7.0, nan}, kAsc), VEL_S_OK);
+    EXPECT_EQ(app("double", D{1e300}, kAsc), VEL_E_SEQ_OUT_OF_ORDER);
+    EXPECT_EQ(app("double", D{1e300}, kNone), VEL_S_OK);
     // Signed zeros are equal, hence in order.
-    FieldRef g = sdb.field("float");
-    const float zeros[] = {0.0f, -0.0f};
-    EXPECT_EQ(vel_w_seq_append_float(&obj, g.u_offset, g.c_offset, g.fld_no, zeros, 2,
-                                     VEL_SEQ_ASC_ORDER, nullptr),
-              VEL_S_OK);
-    const float nz = -0.0f;
-    EXPECT_EQ(vel_w_seq_append_float(&obj, g.u_offset, g.c_offset, g.fld_no, &nz, 1,
-                                     VEL_SEQ_DESC_ORDER, nullptr),
-              VEL_S_OK);
+    using F = std::vector<float>;
+    EXPECT_EQ(app("float", F{0.0f, -0.0f}, kAsc), VEL_S_OK);
+    EXPECT_EQ(app("float", F{-0.0f}, kDesc), VEL_S_OK);
     // Insert's leaf check uses the stored-data phrasing too.
-    const float fnan = std::numeric_limits<float>::quiet_NaN();
-    EXPECT_EQ(vel_w_seq_insert_float(&obj, g.u_offset, g.c_offset, g.fld_no, 1, &fnan, 1,
-                                     VEL_SEQ_ASC_ORDER, nullptr),
+    EXPECT_EQ(ins("float", 1, F{std::numeric_limits<float>::quiet_NaN()}, kAsc),
               VEL_E_SEQ_OUT_OF_ORDER);
 }
 
 TEST_F(Ordered, SignedUnsignedAndDatetimeCompareInTheirOwnArithmetic) {
-    FieldRef u4 = sdb.field("uint4"), i4 = sdb.field("int4"), dt = sdb.field("datetime"),
-             i8 = sdb.field("int8"), u1 = sdb.field("uint1"), i1 = sdb.field("int1");
-    const vel_uint4 one_u = 1, max_u = 4294967295u;
-    ASSERT_EQ(vel_w_seq_append_uint4(&obj, u4.u_offset, u4.c_offset, u4.fld_no, &one_u, 1,
-                                     VEL_SEQ_ASC_ORDER, nullptr),
-              VEL_S_OK);
-    EXPECT_EQ(vel_w_seq_append_uint4(&obj, u4.u_offset, u4.c_offset, u4.fld_no, &max_u, 1,
-                                     VEL_SEQ_ASC_ORDER, nullptr),
-              VEL_S_OK);
-    const vel_int4 one_s = 1, minus = -1;
-    ASSERT_EQ(vel_w_seq_append_int4(&obj, i4.u_offset, i4.c_offset, i4.fld_no, &one_s, 1,
-                                    VEL_SEQ_ASC_ORDER, nullptr),
-              VEL_S_OK);
-    EXPECT_EQ(vel_w_seq_append_int4(&obj, i4.u_offset, i4.c_offset, i4.fld_no, &minus, 1,
-                                    VEL_SEQ_ASC_ORDER, nullptr),
-              VEL_E_SEQ_OUT_OF_ORDER);
-    const vel_datetime small = 1, top = vel_datetime{1} << 63;
-    ASSERT_EQ(vel_w_seq_append_datetime(&obj, dt.u_offset, dt.c_offset, dt.fld_no, &small, 1,
-                                        VEL_SEQ_ASC_ORDER, nullptr),
-              VEL_S_OK);
-    EXPECT_EQ(vel_w_seq_append_datetime(&obj, dt.u_offset, dt.c_offset, dt.fld_no, &top, 1,
-                                        VEL_SEQ_ASC_ORDER, nullptr),
-              VEL_S_OK);
-    const vel_int8 one8 = 1, top8 = std::numeric_limits<vel_int8>::min();
-    ASSERT_EQ(vel_w_seq_append_int8(&obj, i8.u_offset, i8.c_offset, i8.fld_no, &one8, 1,
-                                    VEL_SEQ_ASC_ORDER, nullptr),
-              VEL_S_OK);
-    EXPECT_EQ(vel_w_seq_append_int8(&obj, i8.u_offset, i8.c_offset, i8.fld_no, &top8, 1,
-                                    VEL_SEQ_ASC_ORDER, nullptr),
+    ASSERT_EQ(app("uint4", std::vector<vel_uint4>{1}, kAsc), VEL_S_OK);
+    EXPECT_EQ(app("uint4", std::vector<vel_uint4>{4294967295u}, kAsc), VEL_S_OK);
+    ASSERT_EQ(app("int4", I4{1}, kAsc), VEL_S_OK);
+    EXPECT_EQ(app("int4", I4{-1}, kAsc), VEL_E_SEQ_OUT_OF_ORDER);
+    ASSERT_EQ(app("datetime", std::vector<vel_datetime>{1}, kAsc), VEL_S_OK);
+    EXPECT_EQ(app("datetime", std::vector<vel_datetime>{vel_datetime{1} << 63}, kAsc), VEL_S_OK);
+    ASSERT_EQ(app("int8", std::vector<vel_int8>{1}, kAsc), VEL_S_OK);
+    EXPECT_EQ(app("int8", std::vector<vel_int8>{std::numeric_limits<vel_int8>::min()}, kAsc),
               VEL_E_SEQ_OUT_OF_ORDER);
     // The same byte 0x80 sorts above 0x7f unsigned and below it signed.
-    const vel_uint1 ub[] = {0x7f, 0x80};
-    const vel_int1 sb[] = {0x7f, static_cast<vel_int1>(-128)};
-    EXPECT_EQ(vel_w_seq_append_uint1(&obj, u1.u_offset, u1.c_offset, u1.fld_no, ub, 2,
-                                     VEL_SEQ_ASC_ORDER, nullptr),
-              VEL_S_OK);
-    EXPECT_EQ(vel_w_seq_append_int1(&obj, i1.u_offset, i1.c_offset, i1.fld_no, sb, 2,
-                                    VEL_SEQ_ASC_ORDER, nullptr),
-              VEL_E_SEQ_OUT_OF_ORDER);
+    EXPECT_EQ(app("uint1", std::vector<vel_uint1>{0x7f, 0x80}, kAsc), VEL_S_OK);
+    EXPECT_EQ(app("int1", std::vector<vel_int1>{0x7f, -128}, kAsc), VEL_E_SEQ_OUT_OF_ORDER);
 }
 
 TEST_F(Ordered, CharComparesAsUnsignedBytes) {
-    // char(3) field with four-byte thinking trimmed to the width.
-    FieldRef f = sdb.field("char3");
-    const char ab[] = {'a', 'b', 'd', 'a', 'b', 'e'};
-    ASSERT_EQ(vel_w_seq_append_char(&obj, f.u_offset, f.c_offset, f.fld_no, ab, 2,
-                                    VEL_SEQ_ASC_ORDER, 3, nullptr),
-              VEL_S_OK);
-    const char abc[] = {'a', 'b', 'c'};
-    EXPECT_EQ(vel_w_seq_append_char(&obj, f.u_offset, f.c_offset, f.fld_no, abc, 1,
-                                    VEL_SEQ_ASC_ORDER, 3, nullptr),
-              VEL_E_SEQ_OUT_OF_ORDER);
-    const char hi[] = {'\x7f', 0, 0, '\x80', 0, 0};
-    FieldRef g = sdb.field("char16");
+    ASSERT_EQ(app("char3", std::vector<char>{'a', 'b', 'd', 'a', 'b', 'e'}, kAsc), VEL_S_OK);
+    EXPECT_EQ(app("char3", std::vector<char>{'a', 'b', 'c'}, kAsc), VEL_E_SEQ_OUT_OF_ORDER);
     std::vector<char> two(32, 0);
     two[0] = '\x7f';
     two[16] = '\x80';
-    EXPECT_EQ(vel_w_seq_append_char(&obj, g.u_offset, g.c_offset, g.fld_no, two.data(), 2,
-                                    VEL_SEQ_ASC_ORDER, 16, nullptr),
-              VEL_S_OK);
-    EXPECT_EQ(vel_w_seq_append_char(&obj, g.u_offset, g.c_offset, g.fld_no, two.data(), 2,
-                                    VEL_SEQ_DESC_ORDER, 16, nullptr),
-              VEL_E_SEQ_OUT_OF_ORDER);
-    (void)hi;
+    EXPECT_EQ(app("char16", two, kAsc), VEL_S_OK);
+    EXPECT_EQ(app("char16", two, kDesc), VEL_E_SEQ_OUT_OF_ORDER);
+    FieldRef g = sdb.field("char16");
     char out[16];
     ASSERT_EQ(vel_w_seq_last_char(&obj, g.u_offset, g.c_offset, out, 16), VEL_S_OK);
     EXPECT_EQ(static_cast<unsigned char>(out[0]), 0x80u);
@@ -281,43 +169,18 @@ TEST_F(Ordered, CharComparesAsUnsignedBytes) {
 // Insert compares only the pass's first value with its neighbours in the
 // target leaf.
 TEST_F(Ordered, InsertChecksOnlyTheFirstValueAgainstItsLeafNeighbours) {
-    FieldRef f = sdb.field("int4");
-    const vel_int4 base[] = {1, 5, 10};
-    ASSERT_EQ(vel_w_seq_append_int4(&obj, f.u_offset, f.c_offset, f.fld_no, base, 3,
-                                    VEL_SEQ_ASC_ORDER, nullptr),
-              VEL_S_OK);
-    const vel_int4 bad[] = {4, 7};
-    EXPECT_EQ(vel_w_seq_insert_int4(&obj, f.u_offset, f.c_offset, f.fld_no, 2, bad, 2,
-                                    VEL_SEQ_ASC_ORDER, nullptr),
-              VEL_E_SEQ_OUT_OF_ORDER);
-    const vel_int4 above_right = 11; // left neighbour 5 fine, right neighbour 10 not
-    EXPECT_EQ(vel_w_seq_insert_int4(&obj, f.u_offset, f.c_offset, f.fld_no, 2, &above_right, 1,
-                                    VEL_SEQ_ASC_ORDER, nullptr),
-              VEL_E_SEQ_OUT_OF_ORDER);
-    const vel_int4 loose[] = {6, 100};
-    EXPECT_EQ(vel_w_seq_insert_int4(&obj, f.u_offset, f.c_offset, f.fld_no, 2, loose, 2,
-                                    VEL_SEQ_ASC_ORDER, nullptr),
-              VEL_S_OK);
-    EXPECT_EQ(contents<vel_int4>("int4", VEL_SEQ_ASC_ORDER),
-              (std::vector<vel_int4>{1, 5, 6, 100, 10}));
+    ASSERT_EQ(app("int4", I4{1, 5, 10}, kAsc), VEL_S_OK);
+    EXPECT_EQ(ins("int4", 2, I4{4, 7}, kAsc), VEL_E_SEQ_OUT_OF_ORDER);
+    EXPECT_EQ(ins("int4", 2, I4{11}, kAsc), VEL_E_SEQ_OUT_OF_ORDER); // above the right one
+    EXPECT_EQ(ins("int4", 2, I4{6, 100}, kAsc), VEL_S_OK);
+    EXPECT_EQ(contents<vel_int4>("int4", kAsc), (I4{1, 5, 6, 100, 10}));
     // Descending: the same rule mirrored.
-    FieldRef g = sdb.field("uint2");
-    const vel_uint2 down[] = {10, 5, 1};
-    ASSERT_EQ(vel_w_seq_append_uint2(&obj, g.u_offset, g.c_offset, g.fld_no, down, 3,
-                                     VEL_SEQ_DESC_ORDER, nullptr),
-              VEL_S_OK);
-    const vel_uint2 dbad = 11, dok[] = {7, 0}, below_right = 4;
-    EXPECT_EQ(vel_w_seq_insert_uint2(&obj, g.u_offset, g.c_offset, g.fld_no, 1, &below_right, 1,
-                                     VEL_SEQ_DESC_ORDER, nullptr),
-              VEL_E_SEQ_OUT_OF_ORDER);
-    EXPECT_EQ(vel_w_seq_insert_uint2(&obj, g.u_offset, g.c_offset, g.fld_no, 1, &dbad, 1,
-                                     VEL_SEQ_DESC_ORDER, nullptr),
-              VEL_E_SEQ_OUT_OF_ORDER);
-    EXPECT_EQ(vel_w_seq_insert_uint2(&obj, g.u_offset, g.c_offset, g.fld_no, 1, dok, 2,
-                                     VEL_SEQ_DESC_ORDER, nullptr),
-              VEL_S_OK);
-    EXPECT_EQ(contents<vel_uint2>("uint2", VEL_SEQ_DESC_ORDER),
-              (std::vector<vel_uint2>{10, 7, 0, 5, 1}));
+    using U2 = std::vector<vel_uint2>;
+    ASSERT_EQ(app("uint2", U2{10, 5, 1}, kDesc), VEL_S_OK);
+    EXPECT_EQ(ins("uint2", 1, U2{4}, kDesc), VEL_E_SEQ_OUT_OF_ORDER);
+    EXPECT_EQ(ins("uint2", 1, U2{11}, kDesc), VEL_E_SEQ_OUT_OF_ORDER);
+    EXPECT_EQ(ins("uint2", 1, U2{7, 0}, kDesc), VEL_S_OK);
+    EXPECT_EQ(contents<vel_uint2>("uint2", kDesc), (U2{10, 7, 0, 5, 1}));
 }
 
 // Trees built by ascending appends carry keys equal to their subtrees'
@@ -339,10 +202,10 @@ TEST_F(Ordered, AppendBuiltKeysAreFirstValues) {
             for (size_t i = 0; i < n; i++)
                 ascending_value(fam, fam.elem_size < 4 ? (done + i) / 1024 : done + i,
                                 &vals[i * fam.elem_size]);
-            ASSERT_EQ(fam.append(&obj, f, vals.data(), n, VEL_SEQ_ASC_ORDER, nullptr), VEL_S_OK);
+            ASSERT_EQ(fam.append(&obj, f, vals.data(), n, kAsc, nullptr), VEL_S_OK);
             done += n;
         }
-        TreeReport r = check_tree(&obj, f, VEL_SEQ_ASC_ORDER, true);
+        TreeReport r = check_tree(&obj, f, kAsc, true);
         ASSERT_TRUE(r.ok()) << r.error;
         EXPECT_EQ(r.elements, done);
         EXPECT_GE(r.depth, fam.is_char ? 2 : 3);

@@ -109,6 +109,17 @@ inline void expect_matches(const FamilyOps &fam, vel_objhandle_h obj, const Fiel
     }
 }
 
+// The field's elements as T, read by the tree checker.
+template <class T>
+std::vector<T> contents_as(vel_objhandle_h obj, const FieldRef &f, vel_seq_order_t order) {
+    TreeReport r = check_tree(obj, f, order);
+    EXPECT_TRUE(r.ok()) << r.error;
+    std::vector<T> out(r.contents.size());
+    if (!out.empty())
+        std::memcpy(out.data(), r.contents.bytes.data(), r.contents.bytes.size());
+    return out;
+}
+
 inline std::vector<std::string> family_names() {
     std::vector<std::string> out;
     for (const FamilyOps &f : all_families())
