@@ -68,9 +68,9 @@ VEL_RET delete_inner(vel_db_connection_h con, vel_page_manager_t *pm, int32_t pa
         if (tail > 0) {
             // Entry j lies below entry j-1: the block of entries i..n_items-1
             // moves up in memory to follow entry first-1.
-            std::memmove(inner_entry(pg, page_size, first + tail - 1),
-                         inner_entry(pg, page_size, n_items - 1),
-                         static_cast<size_t>(tail) * kEntryBytes);
+            vel_memmove(inner_entry(pg, page_size, first + tail - 1),
+                        inner_entry(pg, page_size, n_items - 1),
+                        static_cast<size_t>(tail) * kEntryBytes);
             if (order != VEL_SEQ_NO_ORDER)
                 vel_memmove(page_value(pg, elem_size, static_cast<uint64_t>(first)),
                             page_value(pg, elem_size, static_cast<uint64_t>(i)),

@@ -1,5 +1,6 @@
 #include "storage/field_root.h"
 
+#include <atomic>
 #include <cstring>
 
 #include "common/trap.h"
@@ -69,9 +70,11 @@ VEL_RET vel_seq_copy_on_write_page(vel_db_connection_h con, vel_page_manager_t *
     VEL_RET rc = vel_seq_create_page(con, pm, &copy, pp, page_kind(src));
     if (rc != VEL_S_OK)
         return rc;
-    // Everything but the reference count, which other versions' releases may
-    // be changing right now; the copy keeps the count its creation gave it.
+    // All page_size bytes, the reference count included.  Other versions may
+    // be releasing the source right now, so its count word is read
+    // atomically; the other bytes of a shared page do not change.
     std::memcpy(&copy->hdr, &src->hdr, sizeof src->hdr);
+    copy->ref_count = std::atomic_ref<uint32_t>(src->ref_count).load(std::memory_order_relaxed);
     std::memcpy(page_values(copy), page_values(src),
                 static_cast<size_t>(page_size - kPageHeaderBytes));
 

@@ -86,20 +86,21 @@ VEL_RET vel_seq_insert_page(const E &e, vel_db_connection_h con, vel_page_manage
         const bool keyed = order != VEL_SEQ_NO_ORDER;
         if (n_items != e.inner_capacity(page_size, order)) {
             // Entries i+1.. move one place towards the header (lower
-            // addresses); keys i+1.. one slot up.
+            // addresses), then keys i+1.. one slot up.  Entries go first:
+            // where char keys reach into the entries, the last write wins.
             const int tail = n_items - 1 - i;
-            if (tail > 0) {
-                std::memmove(inner_entry(pg, page_size, n_items),
-                             inner_entry(pg, page_size, n_items - 1),
-                             static_cast<size_t>(tail) * kEntryBytes);
-                if (keyed)
+            if (tail > 0)
+                vel_memmove(inner_entry(pg, page_size, n_items),
+                            inner_entry(pg, page_size, n_items - 1),
+                            static_cast<size_t>(tail) * kEntryBytes);
+            *inner_entry(pg, page_size, i + 1) = {child, *ins_count};
+            if (keyed) {
+                if (tail > 0)
                     vel_memmove(page_value(pg, s, static_cast<uint64_t>(i + 2)),
                                 page_value(pg, s, static_cast<uint64_t>(i + 1)),
                                 static_cast<size_t>(tail) * s);
-            }
-            *inner_entry(pg, page_size, i + 1) = {child, *ins_count};
-            if (keyed)
                 std::memcpy(page_value(pg, s, static_cast<uint64_t>(i + 1)), *ins_val, s);
+            }
             pg->hdr.user = static_cast<uint16_t>(n_items + 1);
             return VEL_S_OK;
         }
@@ -119,9 +120,9 @@ VEL_RET vel_seq_insert_page(const E &e, vel_db_connection_h con, vel_page_manage
         *inner_entry(np, page_size, 0) = moved;
         const int shift = n_items - 2 - i; // entries i+1 .. n_items-2
         if (shift > 0)
-            std::memmove(inner_entry(pg, page_size, n_items - 1),
-                         inner_entry(pg, page_size, n_items - 2),
-                         static_cast<size_t>(shift) * kEntryBytes);
+            vel_memmove(inner_entry(pg, page_size, n_items - 1),
+                        inner_entry(pg, page_size, n_items - 2),
+                        static_cast<size_t>(shift) * kEntryBytes);
         *inner_entry(pg, page_size, i + 1) = {child, *ins_count};
         *ins_count = moved.count;
         if (keyed) {
