@@ -37,7 +37,7 @@ typedef struct vel_db_connection_t_ {
 } vel_db_connection_t, *vel_db_connection_h;
 
 typedef struct vel_database_header_t_ {
-    uint16_t pagesize; /* object page size; pagesize - 24 data bytes a page */
+    uint16_t pagesize;  /* object page size; pagesize - 24 data bytes a page */
     uint32_t dict_offs; /* dictionary = (char*)db + dict_offs */
     uint16_t additional_object_field_size;
     vel_bool concurrent_write_transactions;
@@ -77,7 +77,7 @@ typedef struct VEL_WRK_ {
     vel_db_connection_h con;
     vel_page_manager_t *pm;
     uint16_t pagesize;
-    void *pobj; /* object head, passed to vel_obj_pos */
+    void *pobj;  /* object head, passed to vel_obj_pos */
     VEL_RET ret; /* the host's code when access was refused */
     uint16_t class_code;
 } VEL_WRK;

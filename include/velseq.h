@@ -65,18 +65,18 @@ typedef enum VEL_RET_ {
     VEL_E_SEQ_NULL_VALUE = 703,
 
     /* codes of the embedded host (velhost) */
-    VEL_E_HOST_BAD_ARG = 900,       /* null handle, bad size, bad definition */
-    VEL_E_HOST_TRANS_CLOSED = 901,  /* transaction not open */
-    VEL_E_HOST_READ_ONLY = 902,     /* write in a read-only transaction */
-    VEL_E_HOST_NO_CLASS = 903,      /* unknown class code */
-    VEL_E_HOST_NO_OBJECT = 904,     /* unknown or deleted object */
-    VEL_E_HOST_NO_FIELD = 905,      /* unknown field number */
-    VEL_E_HOST_WRONG_FIELD = 906,   /* field of another kind or width */
-    VEL_E_HOST_CONFLICT = 907,      /* another writer committed first */
-    VEL_E_HOST_TRANS_ACTIVE = 908,  /* connection already has a transaction */
-    VEL_E_HOST_BUSY = 909,          /* object still in use (open connections) */
-    VEL_E_HOST_LAYOUT = 910,        /* class does not fit the object page */
-    VEL_E_HOST_TRANS_FAILED = 911   /* transaction carries an earlier error */
+    VEL_E_HOST_BAD_ARG = 900,      /* null handle, bad size, bad definition */
+    VEL_E_HOST_TRANS_CLOSED = 901, /* transaction not open */
+    VEL_E_HOST_READ_ONLY = 902,    /* write in a read-only transaction */
+    VEL_E_HOST_NO_CLASS = 903,     /* unknown class code */
+    VEL_E_HOST_NO_OBJECT = 904,    /* unknown or deleted object */
+    VEL_E_HOST_NO_FIELD = 905,     /* unknown field number */
+    VEL_E_HOST_WRONG_FIELD = 906,  /* field of another kind or width */
+    VEL_E_HOST_CONFLICT = 907,     /* another writer committed first */
+    VEL_E_HOST_TRANS_ACTIVE = 908, /* connection already has a transaction */
+    VEL_E_HOST_BUSY = 909,         /* object still in use (open connections) */
+    VEL_E_HOST_LAYOUT = 910,       /* class does not fit the object page */
+    VEL_E_HOST_TRANS_FAILED = 911  /* transaction carries an earlier error */
 } VEL_RET;
 
 #define VEL_ERR_SEQ 1060000 /* trap code of the sequence module */
@@ -180,9 +180,9 @@ typedef struct vel_seq_page_t_ {
 
 /* ---- tiles and iterators ------------------------------------------------ */
 
-#define VEL_SEQ_TILE_SIZE 128     /* elements per tile, whatever the type */
+#define VEL_SEQ_TILE_SIZE 128 /* elements per tile, whatever the type */
 #define VEL_SEQ_PAYLOAD_BYTES 4096
-#define VEL_SEQ_MAX_DEPTH 14      /* tree levels 0..13 */
+#define VEL_SEQ_MAX_DEPTH 14 /* tree levels 0..13 */
 #define VEL_SEQ_CONTEXT_WORDS 35
 
 typedef uint32_t vel_time; /* host time of day */
@@ -238,8 +238,7 @@ typedef struct vel_seq_iterator_t_ vel_seq_iterator_t, *vel_seq_iterator_h;
 typedef VEL_RET (*vel_seq_iterator_next_t)(vel_seq_iterator_h iterator);
 typedef VEL_RET (*vel_seq_iterator_reset_t)(vel_seq_iterator_h iterator);
 typedef VEL_RET (*vel_seq_iterator_prepare_t)(vel_seq_iterator_h iterator);
-typedef VEL_RET (*vel_seq_iterator_merge_t)(vel_seq_iterator_h iterator,
-                                            vel_seq_iterator_h other);
+typedef VEL_RET (*vel_seq_iterator_merge_t)(vel_seq_iterator_h iterator, vel_seq_iterator_h other);
 
 struct vel_seq_iterator_t_ {
     vel_seq_iterator_next_t next;       /* refill the tile; CURSOR_END at end */
@@ -276,9 +275,8 @@ VEL_SEQ_API VEL_RET vel_w_seq_count(vel_objhandle_h obj, vel_offs32_t fld_u_offs
 VEL_SEQ_API VEL_RET vel_w_seq_truncate(vel_objhandle_h obj, vel_offs32_t fld_u_offset,
                                        vel_offs32_t fld_c_offset, uint16_t fld_no);
 VEL_SEQ_API VEL_RET vel_seq_delete(vel_objhandle_h obj, vel_offs32_t fld_u_offset,
-                                   vel_offs32_t fld_c_offset, uint16_t fld_no,
-                                   vel_seq_no_t from, vel_seq_no_t till, vel_seq_order_t order,
-                                   vel_size_t elem_size);
+                                   vel_offs32_t fld_c_offset, uint16_t fld_no, vel_seq_no_t from,
+                                   vel_seq_no_t till, vel_seq_order_t order, vel_size_t elem_size);
 VEL_SEQ_API VEL_RET vel_w_seq_sequence(vel_trans_h trans, uint16_t class_code,
                                        vel_offs32_t fld_offset, vel_seq_iterator_h iterator);
 VEL_SEQ_API void vel_seq_copy_bitmap(vel_bitmap_word_t *dst, int dstindx,
@@ -292,50 +290,46 @@ VEL_SEQ_API vel_bool vel_seq_is_rle(void);
 
 /* ---- typed operations: one set per scalar element type ------------------ */
 
-#define VEL_SEQ_DECLARE_TYPED(S, T)                                                               \
-    VEL_SEQ_API VEL_RET vel_w_seq_append_##S(vel_objhandle_h obj, vel_offs32_t fld_u_offset,    \
-                                             vel_offs32_t fld_c_offset, uint16_t fld_no,        \
-                                             const T *vals, vel_size_t n_vals,                  \
-                                             vel_seq_order_t order,                             \
-                                             const vel_bitmap_word_t *null_bitmap);             \
-    VEL_SEQ_API VEL_RET vel_w_seq_first_##S(vel_objhandle_h obj, vel_offs32_t fld_u_offset,     \
-                                            vel_offs32_t fld_c_offset, T *val);                 \
-    VEL_SEQ_API VEL_RET vel_w_seq_last_##S(vel_objhandle_h obj, vel_offs32_t fld_u_offset,      \
-                                           vel_offs32_t fld_c_offset, T *val);                  \
-    VEL_SEQ_API VEL_RET vel_w_seq_insert_##S(vel_objhandle_h obj, vel_offs32_t fld_u_offset,    \
-                                             vel_offs32_t fld_c_offset, uint16_t fld_no,        \
-                                             vel_seq_no_t pos, const T *vals, vel_size_t n_vals, \
-                                             vel_seq_order_t order,                             \
-                                             const vel_bitmap_word_t *null_bitmap);             \
-    VEL_SEQ_API VEL_RET vel_w_seq_delete_##S(vel_objhandle_h obj, vel_offs32_t fld_u_offset,    \
-                                             vel_offs32_t fld_c_offset, uint16_t fld_no,        \
-                                             vel_seq_no_t from, vel_seq_no_t till,              \
-                                             vel_seq_order_t order);                            \
-    VEL_SEQ_API VEL_RET vel_w_seq_subseq_##S(vel_objhandle_h obj, vel_offs32_t fld_u_offset,    \
-                                             vel_offs32_t fld_c_offset,                         \
-                                             vel_seq_iterator_h iterator, vel_seq_no_t from,    \
-                                             vel_seq_no_t till);                                \
-    VEL_SEQ_API VEL_RET vel_w_seq_sequence_##S(vel_trans_h trans, uint16_t class_code,          \
-                                               vel_offs32_t fld_offset,                         \
-                                               vel_seq_iterator_h iterator);                    \
-    VEL_SEQ_API VEL_RET vel_w_seq_search_##S(                                                    \
-        vel_objhandle_h obj, vel_offs32_t fld_u_offset, vel_offs32_t fld_c_offset,              \
-        vel_seq_iterator_h iterator, T low, vel_seq_boundary_kind_t low_boundary, T high,        \
-        vel_seq_boundary_kind_t high_boundary, vel_seq_order_t order);                          \
-    VEL_SEQ_API VEL_RET vel_w_seq_store_##S(vel_objhandle_h obj, vel_offs32_t fld_u_offset,     \
-                                            vel_offs32_t fld_c_offset, uint16_t fld_no,         \
-                                            vel_seq_iterator_h src, vel_seq_order_t order);     \
-    VEL_SEQ_API VEL_RET vel_w_seq_map_##S(vel_objhandle_h obj, vel_offs32_t fld_u_offset,       \
-                                          vel_offs32_t fld_c_offset, vel_seq_iterator_h iterator, \
-                                          vel_seq_iterator_h map_iterator);                     \
-    VEL_SEQ_API VEL_RET vel_w_seq_project_##S(vel_objhandle_h obj, vel_offs32_t fld_u_offset,   \
-                                              vel_offs32_t fld_c_offset, vel_seq_iterator_h dst, \
-                                              vel_seq_iterator_h src);                          \
-    VEL_SEQ_API VEL_RET vel_w_seq_join_##S(vel_objhandle_h obj, vel_offs32_t fld_u_offset,      \
-                                           vel_offs32_t fld_c_offset, vel_seq_iterator_h result, \
-                                           vel_seq_iterator_h join_with, vel_seq_order_t order); \
-    VEL_SEQ_API VEL_RET vel_w_seq_from_cursor_##S(                                               \
-        vel_trans_h trans, vel_offs32_t fld_u_offset, vel_offs32_t fld_c_offset,                \
+#define VEL_SEQ_DECLARE_TYPED(S, T)                                                                \
+    VEL_SEQ_API VEL_RET vel_w_seq_append_##S(                                                      \
+        vel_objhandle_h obj, vel_offs32_t fld_u_offset, vel_offs32_t fld_c_offset,                 \
+        uint16_t fld_no, const T *vals, vel_size_t n_vals, vel_seq_order_t order,                  \
+        const vel_bitmap_word_t *null_bitmap);                                                     \
+    VEL_SEQ_API VEL_RET vel_w_seq_first_##S(vel_objhandle_h obj, vel_offs32_t fld_u_offset,        \
+                                            vel_offs32_t fld_c_offset, T *val);                    \
+    VEL_SEQ_API VEL_RET vel_w_seq_last_##S(vel_objhandle_h obj, vel_offs32_t fld_u_offset,         \
+                                           vel_offs32_t fld_c_offset, T *val);                     \
+    VEL_SEQ_API VEL_RET vel_w_seq_insert_##S(                                                      \
+        vel_objhandle_h obj, vel_offs32_t fld_u_offset, vel_offs32_t fld_c_offset,                 \
+        uint16_t fld_no, vel_seq_no_t pos, const T *vals, vel_size_t n_vals,                       \
+        vel_seq_order_t order, const vel_bitmap_word_t *null_bitmap);                              \
+    VEL_SEQ_API VEL_RET vel_w_seq_delete_##S(                                                      \
+        vel_objhandle_h obj, vel_offs32_t fld_u_offset, vel_offs32_t fld_c_offset,                 \
+        uint16_t fld_no, vel_seq_no_t from, vel_seq_no_t till, vel_seq_order_t order);             \
+    VEL_SEQ_API VEL_RET vel_w_seq_subseq_##S(                                                      \
+        vel_objhandle_h obj, vel_offs32_t fld_u_offset, vel_offs32_t fld_c_offset,                 \
+        vel_seq_iterator_h iterator, vel_seq_no_t from, vel_seq_no_t till);                        \
+    VEL_SEQ_API VEL_RET vel_w_seq_sequence_##S(vel_trans_h trans, uint16_t class_code,             \
+                                               vel_offs32_t fld_offset,                            \
+                                               vel_seq_iterator_h iterator);                       \
+    VEL_SEQ_API VEL_RET vel_w_seq_search_##S(                                                      \
+        vel_objhandle_h obj, vel_offs32_t fld_u_offset, vel_offs32_t fld_c_offset,                 \
+        vel_seq_iterator_h iterator, T low, vel_seq_boundary_kind_t low_boundary, T high,          \
+        vel_seq_boundary_kind_t high_boundary, vel_seq_order_t order);                             \
+    VEL_SEQ_API VEL_RET vel_w_seq_store_##S(vel_objhandle_h obj, vel_offs32_t fld_u_offset,        \
+                                            vel_offs32_t fld_c_offset, uint16_t fld_no,            \
+                                            vel_seq_iterator_h src, vel_seq_order_t order);        \
+    VEL_SEQ_API VEL_RET vel_w_seq_map_##S(vel_objhandle_h obj, vel_offs32_t fld_u_offset,          \
+                                          vel_offs32_t fld_c_offset, vel_seq_iterator_h iterator,  \
+                                          vel_seq_iterator_h map_iterator);                        \
+    VEL_SEQ_API VEL_RET vel_w_seq_project_##S(vel_objhandle_h obj, vel_offs32_t fld_u_offset,      \
+                                              vel_offs32_t fld_c_offset, vel_seq_iterator_h dst,   \
+                                              vel_seq_iterator_h src);                             \
+    VEL_SEQ_API VEL_RET vel_w_seq_join_##S(vel_objhandle_h obj, vel_offs32_t fld_u_offset,         \
+                                           vel_offs32_t fld_c_offset, vel_seq_iterator_h result,   \
+                                           vel_seq_iterator_h join_with, vel_seq_order_t order);   \
+    VEL_SEQ_API VEL_RET vel_w_seq_from_cursor_##S(                                                 \
+        vel_trans_h trans, vel_offs32_t fld_u_offset, vel_offs32_t fld_c_offset,                   \
         uint16_t class_code, vel_seq_iterator_h iterator, vel_cursor_h cursor);
 
 VEL_SEQ_DECLARE_TYPED(int1, vel_int1)

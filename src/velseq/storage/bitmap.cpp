@@ -89,7 +89,8 @@ extern "C" VEL_SEQ_API void vel_seq_copy_bitmap(vel_bitmap_word_t *dst, int dsti
             set_full_word(dst, dstindx + 64 * i, 0);
         if (bits_in_last_word != 0) {
             int p = dstindx + 64 * full_words;
-            vel_bitmap_word_t word = get_word(dst, p, bits_in_last_word) & ~low_mask(bits_in_last_word);
+            vel_bitmap_word_t word =
+                get_word(dst, p, bits_in_last_word) & ~low_mask(bits_in_last_word);
             set_word(dst, p, word, bits_in_last_word);
         }
         return;

@@ -13,8 +13,8 @@ vel_seq_page_t **locate_root(vel_objhandle_h obj, vel_offs32_t fld_u_offset,
     vel_db_connection_h con = obj->con;
     vel_database_header_t *db = con->db;
     auto *dict = reinterpret_cast<vel_dictionary_t *>(reinterpret_cast<char *>(db) + db->dict_offs);
-    auto *classes = reinterpret_cast<vel_class_info_t *>(reinterpret_cast<char *>(dict) +
-                                                         dict->v_class_info);
+    auto *classes =
+        reinterpret_cast<vel_class_info_t *>(reinterpret_cast<char *>(dict) + dict->v_class_info);
     uint32_t foffset =
         (classes[obj->class_code].flags & VEL_CLASS_COMPACT) ? fld_c_offset : fld_u_offset;
 
@@ -32,8 +32,8 @@ vel_seq_page_t **locate_root(vel_objhandle_h obj, vel_offs32_t fld_u_offset,
 
 using namespace velseq;
 
-VEL_RET vel_seq_get_root(vel_objhandle_h obj, vel_offs32_t fld_u_offset,
-                         vel_offs32_t fld_c_offset, vel_seq_page_t **root) {
+VEL_RET vel_seq_get_root(vel_objhandle_h obj, vel_offs32_t fld_u_offset, vel_offs32_t fld_c_offset,
+                         vel_seq_page_t **root) {
     VEL_WRK w;
     if (vel_reading(obj, &w) != 0)
         return w.ret;
