@@ -221,7 +221,10 @@ extern "C" int velt_search(vel_objhandle_h obj, const velt_field_t *f, const voi
     int rc = scan_tiles(
         *f, it.get(),
         [&](vel_seq_iterator_t *i) {
-            VEL_RET r = fam->search(obj, *f, i, low, high);
+            // The module's bounds follow position order: on a descending
+            // field the first position holds the highest value.
+            const bool desc = f->order == VEL_SEQ_DESC_ORDER;
+            VEL_RET r = fam->search(obj, *f, i, desc ? high : low, desc ? low : high);
             *first = i->first_seq_no;
             return r;
         },
