@@ -32,16 +32,19 @@ std::string slurp(const std::string &path) {
 
 class Cli : public ::testing::Test {
   protected:
-    std::string dir = ::testing::TempDir();
+    // ctest runs the tests of this suite in parallel: every file carries the
+    // test's name.
+    std::string dir = ::testing::TempDir() + "velseq_cli_" +
+                      ::testing::UnitTest::GetInstance()->current_test_info()->name() + "_";
 
     std::string file(const std::string &name, const std::string &text) {
-        const std::string path = dir + "velseq_cli_" + name;
+        const std::string path = dir + name;
         std::ofstream(path, std::ios::binary) << text;
         return path;
     }
 
     Result run(const std::vector<std::string> &args) {
-        const std::string out = dir + "velseq_cli_stdout", err = dir + "velseq_cli_stderr";
+        const std::string out = dir + "stdout", err = dir + "stderr";
         std::string cmd = quoted(VELSEQ_CLI);
         for (const std::string &a : args)
             cmd += " " + quoted(a);
@@ -94,7 +97,7 @@ TEST_F(Cli, UsageErrorsExitWithTwo) {
 }
 
 TEST_F(Cli, MissingFileExitsWithOne) {
-    Result r = run({"--type", "int4", dir + "velseq_cli_no_such_file.csv"});
+    Result r = run({"--type", "int4", dir + "no_such_file.csv"});
     EXPECT_EQ(r.code, 1);
     EXPECT_TRUE(has(r.err, "cannot read")) << r.err;
 }
@@ -141,7 +144,7 @@ TEST_F(Cli, StatsAndSearchOnAnOrderedField) {
 
 TEST_F(Cli, ScanDumpCheckAndExportInOrder) {
     const std::string csv = file("mixed.csv", "id,name\n1,ab\n2,\n3,\"c,d\"\n4,\"\"\n");
-    const std::string out = dir + "velseq_cli_export.csv";
+    const std::string out = dir + "export.csv";
     Result r = run({"load", "--type", "char(4)", "--column", "2", "--header", "--page-size", "64",
                     "scan", "1", "end", "--check", "--dump", "--export", out, csv});
     ASSERT_EQ(r.code, 0) << r.err;
