@@ -24,14 +24,14 @@ struct Family {
     // -1, 0, 1 by the module's ordering, 2 when unordered (a NaN).
     int (*compare)(const void *a, const void *b, size_t width);
 
-    VEL_RET (*append)
+    VEL_RET(*append)
     (vel_objhandle_h obj, const velt_field_t &f, const void *vals, uint64_t n,
      const vel_bitmap_word_t *nulls);
     VEL_RET (*last)(vel_objhandle_h obj, const velt_field_t &f, void *val);
-    VEL_RET (*subseq)
+    VEL_RET(*subseq)
     (vel_objhandle_h obj, const velt_field_t &f, vel_seq_iterator_h it, uint64_t from,
      uint64_t till);
-    VEL_RET (*search)
+    VEL_RET(*search)
     (vel_objhandle_h obj, const velt_field_t &f, vel_seq_iterator_h it, const void *low,
      const void *high);
 };
