@@ -83,12 +83,16 @@ VEL_RET velh_db_close(velh_db_t *db);
 #define VELH_PM_ALT 1
 #define VELH_PM_ALL (-1) /* velh_page_stats: both page managers */
 
+#define VELH_MAX_SEQ_CHAR_WIDTH 32
+
 typedef struct velh_field_def_t_ {
     const char *name; /* may be NULL; copied */
     uint8_t type;     /* VEL_DD_* scalar (VEL_DD_CHAR: fixed width) or
                          VEL_DD_SEQUENCE_* */
-    uint16_t width;   /* VEL_DD_CHAR and VEL_DD_SEQUENCE_CHAR: bytes per value
-                         (1..4096); otherwise 0 */
+    uint16_t width;   /* bytes per value: VEL_DD_CHAR 1..4096,
+                         VEL_DD_SEQUENCE_CHAR 1..VELH_MAX_SEQ_CHAR_WIDTH (the
+                         most a tile's 4096-byte payload holds 128 of);
+                         otherwise 0 */
 } velh_field_def_t;
 
 /* Defines a class.  flags: 0 or VEL_CLASS_COMPACT (the class's objects use

@@ -6,6 +6,8 @@
 
 #include "host_internal.h"
 
+static_assert(VELH_MAX_SEQ_CHAR_WIDTH * VEL_SEQ_TILE_SIZE == VEL_SEQ_PAYLOAD_BYTES);
+
 namespace velhost {
 
 namespace {
@@ -275,8 +277,11 @@ VEL_RET velh_class_define(velh_db_t *db, const char *name, const velh_field_def_
             f.is_seq = true;
             f.size = 8;
             if (elem == VEL_DD_CHAR) {
-                // At least one element must fit a leaf: 8 * width + 1 bits.
-                if (def.width == 0 || def.width > 4096 || 8u * def.width + 1 > 8u * ps - 127)
+                // A tile holds 128 elements of at most 32 bytes, and the
+                // module's set-ups do not check the width against it; at
+                // least one element must also fit a leaf (8 * width + 1 bits).
+                if (def.width == 0 || def.width > VELH_MAX_SEQ_CHAR_WIDTH ||
+                    8u * def.width + 1 > 8u * ps - 127)
                     return VEL_E_HOST_BAD_ARG;
                 f.is_char = true;
                 f.elem_size = def.width;

@@ -86,7 +86,7 @@ TEST_F(Cli, UsageErrorsExitWithTwo) {
         {{"--type", "int4", csv, "--scan", "5"}, "takes two values"},
         {{"--type", "int4", "--scan", "5", csv}, "no input file"}, // the file became TILL
         {{"--type", "int4", "--asc", "--search", "1", "x", csv}, "not values of the field's type"},
-        {{"--type", "char(40)", "--export", "-", csv}, "up to N = 32"},
+        {{"--type", "char(40)", csv}, "up to N = 32"},
         {{"--type", "int4", csv, csv}, "more than one input file"},
     };
     for (const Case &c : cases) {

@@ -166,24 +166,5 @@ TEST(Scan, RangesAreClipped) {
     }
 }
 
-TEST(Scan, WideCharIsRefusedBeforeTheIterator) {
-    const velt_type_t wide{VEL_DD_CHAR, 40};
-    FieldDb d(wide, VEL_SEQ_NO_ORDER);
-    velt_column_t col;
-    velt_column_init(&col, wide);
-    char v[40] = "x";
-    ASSERT_EQ(velt_column_push(&col, v), VELT_OK);
-    velt_error_t err{};
-    ASSERT_EQ(velt_append_column(d.obj(), d.field(), &col, &err), VELT_OK);
-    velt_column_t got;
-    velt_column_init(&got, wide);
-    EXPECT_EQ(velt_read_range(d.obj(), d.field(), 0, 0, &got), VELT_E_UNSUPPORTED);
-    // The tree walk reads any width.
-    velt_tree_stats_t st;
-    EXPECT_EQ(velt_tree_stats(d.obj(), d.field(), &st, &err), VELT_OK);
-    EXPECT_EQ(st.elements, 1u);
-    velt_column_free(&col);
-}
-
 } // namespace
 } // namespace vttest

@@ -77,6 +77,7 @@ TEST_F(LayoutTest, BadDefinitionsAreRefused) {
         {"t", VEL_DD_INT4, 4},             // width on a fixed-size scalar
         {"t", VEL_DD_CHAR, 0},             // char without width
         {"t", VEL_DD_SEQUENCE_CHAR, 0},    // char sequence without width
+        {"t", VEL_DD_SEQUENCE_CHAR, 33},   // 128 of them overflow a tile
         {"t", VEL_DD_SEQUENCE_CHAR, 4096}, // element wider than a 256-byte page
         {"t", VEL_DD_SEQUENCE_INT4, 2},    // width on a scalar sequence
     };

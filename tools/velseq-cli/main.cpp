@@ -150,14 +150,11 @@ int parse_args(int argc, char **argv, Options &o) {
         return usage_error("%s--type is required", "");
     if (o.file.empty())
         return usage_error("%sno input file", "");
-    const bool iterates = o.type.elem_type == VEL_DD_CHAR && o.type.elem_size > VELT_MAX_SCAN_WIDTH;
-    for (const Action &a : o.actions) {
+    if (o.type.elem_type == VEL_DD_CHAR && o.type.elem_size > VELT_MAX_SCAN_WIDTH)
+        return usage_error("%schar(N) sequences hold N up to N = 32 (a tile holds 128 values)", "");
+    for (const Action &a : o.actions)
         if (a.name == "search" && o.order == VEL_SEQ_NO_ORDER)
             return usage_error("%s needs an ordered field (--ordered or --desc)", a.name);
-        if (iterates && (a.name == "scan" || a.name == "search" || a.name == "export"))
-            return usage_error("%s reads through iterators, which hold char(N) only up to N = 32",
-                               a.name);
-    }
     return -1;
 }
 
