@@ -59,7 +59,7 @@ VEL_RET vel_seq_copy_on_write_page(vel_db_connection_h con, vel_page_manager_t *
     // Only the in-memory page manager, or concurrent writers, share pages.
     if (pm != con->pm_inmem && !con->db->concurrent_write_transactions)
         return VEL_S_OK;
-    vel_seq_page_t *src = *pp;
+    vel_seq_page_t *src = load_ref(pp);
     if (src == nullptr)
         return VEL_S_OK;
     int32_t page_size = page_size_of(con, pm);

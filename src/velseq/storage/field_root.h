@@ -7,6 +7,8 @@
 // the returned slot, and closes with vel_seq_end_root_update.
 #pragma once
 
+#include <cstring>
+
 #include "velhost.h"
 
 // Opens read access and returns the current root (null: empty sequence).
@@ -36,5 +38,16 @@ namespace velseq {
 // `w`.  Traps when the 8-byte reference would straddle two object pages.
 vel_seq_page_t **locate_root(vel_objhandle_h obj, vel_offs32_t fld_u_offset,
                              vel_offs32_t fld_c_offset, VEL_WRK *w, int for_write);
+
+// The field root lives in the object at whatever alignment the class layout
+// gives it, so it is read and written as 8 raw bytes.
+inline vel_seq_page_t *load_ref(vel_seq_page_t *const *slot) {
+    vel_seq_page_t *pg;
+    std::memcpy(&pg, slot, sizeof pg);
+    return pg;
+}
+inline void store_ref(vel_seq_page_t **slot, vel_seq_page_t *pg) {
+    std::memcpy(slot, &pg, sizeof pg);
+}
 
 } // namespace velseq

@@ -1,7 +1,6 @@
-// Pieces shared by the updating operations (append, insert): access to page
-// references that may sit unaligned in an object, the argument checks made
-// right after the root update opens, the creation of a first leaf and the
-// growth of the tree by one level at the top.
+// Pieces shared by the updating operations (append, insert): the argument
+// checks made right after the root update opens, the creation of a first leaf
+// and the growth of the tree by one level at the top.
 #pragma once
 
 #include <cstring>
@@ -12,17 +11,6 @@
 #include "storage/page_format.h"
 
 namespace velseq {
-
-// The field root lives in the object at whatever alignment the class layout
-// gives it, so it is read and written as 8 raw bytes.
-inline vel_seq_page_t *load_ref(vel_seq_page_t *const *slot) {
-    vel_seq_page_t *pg;
-    std::memcpy(&pg, slot, sizeof pg);
-    return pg;
-}
-inline void store_ref(vel_seq_page_t **slot, vel_seq_page_t *pg) {
-    std::memcpy(slot, &pg, sizeof pg);
-}
 
 // Null test of the caller's bitmap for ordered fields.  The whole words are
 // tested as they are; the last partial word is AND-ed with the number
