@@ -162,11 +162,7 @@ TEST(AllocFailure, SweepEveryAllocationOfTheScenario) {
             build_base(*env, fields);
             if (HasFatalFailure())
                 return;
-            std::vector<SeqModel> base(fields.size());
-            for (size_t i = 0; i < fields.size(); ++i)
-                ASSERT_EQ(read_content(env->obj(), env->loc(i), fields[i], env->page_size(), true,
-                                       &base[i]),
-                          "");
+            const std::vector<SeqModel> base = read_all(*env, fields, true);
             velh_fail_page_alloc(env->db(), nth, 0);
             int failed_at = -1;
             for (size_t k = 0; k < steps.size(); ++k) {
@@ -180,12 +176,7 @@ TEST(AllocFailure, SweepEveryAllocationOfTheScenario) {
             if (failed_at < 0) {
                 // The injected failure was never reached: the sweep is complete.
                 EXPECT_GT(nth, 10u) << "scenario allocates suspiciously few pages";
-                for (size_t i = 0; i < fields.size(); ++i) {
-                    SeqModel now;
-                    EXPECT_EQ(read_content(env->obj(), env->loc(i), fields[i], env->page_size(),
-                                           false, &now),
-                              "");
-                }
+                read_all(*env, fields, false);
                 EXPECT_EQ(env->release_all(), VEL_S_OK);
                 EXPECT_EQ(env->live_pages(), 0u);
                 break;
@@ -194,23 +185,10 @@ TEST(AllocFailure, SweepEveryAllocationOfTheScenario) {
             ++failures_per_step[failed_at];
             SCOPED_TRACE(std::string("failing step: ") + steps[failed_at].name);
             EXPECT_EQ(rc, VEL_E_NOMEM);
-            if (steps[failed_at].tree_sound_after_failure) {
-                for (size_t i = 0; i < fields.size(); ++i) {
-                    SeqModel now;
-                    EXPECT_EQ(read_content(env->obj(), env->loc(i), fields[i], env->page_size(),
-                                           false, &now),
-                              "")
-                        << "field " << i;
-                }
-            }
+            if (steps[failed_at].tree_sound_after_failure)
+                read_all(*env, fields, false);
             ASSERT_EQ(env->rollback_and_begin(), VEL_S_OK);
-            for (size_t i = 0; i < fields.size(); ++i) {
-                SeqModel now;
-                EXPECT_EQ(
-                    read_content(env->obj(), env->loc(i), fields[i], env->page_size(), true, &now),
-                    "");
-                EXPECT_TRUE(now == base[i]) << "field " << i << " differs after rollback";
-            }
+            EXPECT_TRUE(read_all(*env, fields, true) == base) << "content differs after rollback";
             EXPECT_EQ(env->release_all(), VEL_S_OK);
             EXPECT_EQ(env->live_pages(), 0u);
             if (HasFailure())

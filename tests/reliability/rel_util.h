@@ -58,6 +58,19 @@ inline std::string read_content(vel_objhandle_h obj, const FieldLoc &l, const Fi
     return e;
 }
 
+// Every field's content after a tree check of each; a failed check is a
+// test failure naming the field.
+inline std::vector<SeqModel> read_all(Env &env, const std::vector<FieldSpec> &fields,
+                                      bool keys_exact) {
+    std::vector<SeqModel> out(fields.size());
+    for (size_t i = 0; i < fields.size(); ++i)
+        EXPECT_EQ(
+            read_content(env.obj(), env.loc(i), fields[i], env.page_size(), keys_exact, &out[i]),
+            "")
+            << "field " << i;
+    return out;
+}
+
 inline uint64_t env_u64(const char *name, uint64_t dflt) {
     const char *s = std::getenv(name);
     return s && *s ? std::strtoull(s, nullptr, 10) : dflt;

@@ -13,6 +13,9 @@
 
 namespace vttest {
 
+constexpr velt_type_t kInt8{VEL_DD_INT8, 8};
+constexpr velt_type_t kInt4{VEL_DD_INT4, 4};
+
 class FieldDb {
   public:
     FieldDb(velt_type_t type, vel_seq_order_t order, uint32_t page_size = 4096) {
@@ -43,6 +46,12 @@ class FieldDb {
     const velt_field_t *field() const { return &field_; }
     velh_db_t *db() const { return db_; }
 
+    // Appends a column that must be accepted.
+    void append(const velt_column_t &col) {
+        velt_error_t err{};
+        ASSERT_EQ(velt_append_column(&obj_, &field_, &col, &err), VELT_OK) << err.message;
+    }
+
     // The host's own verdict on the field's tree.
     velh_tree_report_t host_check() {
         velh_tree_report_t rep{};
@@ -69,6 +78,15 @@ inline int64_t int8_at(const velt_column_t &col, uint64_t i) {
     return v;
 }
 
+// An int8 column holding from, from+step, ... while <= to.
+inline velt_column_t int8_column(int64_t from, int64_t to, int64_t step = 1) {
+    velt_column_t col;
+    velt_column_init(&col, kInt8);
+    for (int64_t v = from; v <= to; v += step)
+        EXPECT_EQ(velt_column_push(&col, &v), VELT_OK);
+    return col;
+}
+
 // Everything written to a FILE* by `fn`, as a string.
 template <class Fn> std::string capture(Fn fn) {
     char *buf = nullptr;
@@ -80,8 +98,5 @@ template <class Fn> std::string capture(Fn fn) {
     std::free(buf);
     return s;
 }
-
-constexpr velt_type_t kInt8{VEL_DD_INT8, 8};
-constexpr velt_type_t kInt4{VEL_DD_INT4, 4};
 
 } // namespace vttest

@@ -23,18 +23,13 @@ void fill(FieldDb &d, uint64_t n, uint64_t null_every = 0) {
         bool null = null_every != 0 && i % null_every == 0;
         ASSERT_EQ(velt_column_push(&col, null ? nullptr : v.data()), VELT_OK);
     }
-    velt_error_t err{};
-    ASSERT_EQ(velt_append_column(d.obj(), d.field(), &col, &err), VELT_OK) << err.message;
+    d.append(col);
     velt_column_free(&col);
 }
 
 void fill_int8(FieldDb &d, int64_t from, int64_t to) {
-    velt_column_t col;
-    velt_column_init(&col, kInt8);
-    for (int64_t v = from; v <= to; v++)
-        push_int8(&col, v);
-    velt_error_t err{};
-    ASSERT_EQ(velt_append_column(d.obj(), d.field(), &col, &err), VELT_OK) << err.message;
+    velt_column_t col = int8_column(from, to);
+    d.append(col);
     velt_column_free(&col);
 }
 
@@ -51,32 +46,28 @@ const velt_type_t kFamilies[] = {{VEL_DD_INT1, 1},   {VEL_DD_INT2, 2},     {VEL_
                                  {VEL_DD_DOUBLE, 8}, {VEL_DD_DATETIME, 8}, {VEL_DD_CHAR, 3},
                                  {VEL_DD_CHAR, 32}};
 
-TEST(TreeStats, EmptyFieldHasNoPages) {
-    FieldDb d(kInt8, VEL_SEQ_NO_ORDER);
-    velt_tree_stats_t st = stats(d);
-    EXPECT_EQ(st.depth, 0u);
-    EXPECT_EQ(st.pages, 0u);
-    EXPECT_EQ(st.elements, 0u);
-    EXPECT_EQ(st.bytes_allocated, 0u);
-    EXPECT_EQ(st.page_size, 4096);
-    EXPECT_GT(st.leaf_capacity, 0u);
-    std::string out =
-        capture([&](FILE *f) { velt_dump_tree(d.obj(), d.field(), f, nullptr, nullptr); });
-    EXPECT_EQ(out, "sequence int8, unordered, page size 4096: empty\n");
-}
-
-// A leaf filled to the capacity the statistics report stays one page; one
-// more value opens a second leaf under a new root.  If the reported capacity
-// were not the module's, one of the two shapes would come out differently.
+// An empty field has no pages; a leaf filled to the capacity the statistics
+// report stays one page; one more value opens a second leaf under a new root.  If the reported
+// capacity were not the module's, one of the two shapes would come out differently.
 TEST(TreeStats, FullLeafThenOneMoreEveryFamily) {
     for (velt_type_t t : kFamilies) {
         for (uint32_t ps : {256u, 4096u}) {
             SCOPED_TRACE("type " + std::to_string(t.elem_type) + " size " +
                          std::to_string(t.elem_size) + " page " + std::to_string(ps));
             FieldDb d(t, VEL_SEQ_NO_ORDER, ps);
-            const uint64_t cap = stats(d).leaf_capacity;
-            fill(d, cap, 5);
             velt_tree_stats_t st = stats(d);
+            EXPECT_EQ(st.depth + st.pages + st.elements + st.bytes_allocated, 0u);
+            EXPECT_EQ(st.page_size, static_cast<int32_t>(ps));
+            char name[16];
+            velt_type_name(t, name, sizeof name);
+            EXPECT_EQ(
+                capture([&](FILE *f) { velt_dump_tree(d.obj(), d.field(), f, nullptr, nullptr); }),
+                std::string("sequence ") + name + ", unordered, page size " + std::to_string(ps) +
+                    ": empty\n");
+            const uint64_t cap = st.leaf_capacity;
+            ASSERT_GT(cap, 0u);
+            fill(d, cap, 5);
+            st = stats(d);
             velh_tree_report_t rep = d.host_check();
             EXPECT_EQ(st.depth, 1u);
             EXPECT_EQ(st.pages, 1u);
@@ -211,13 +202,11 @@ TEST(TreeDump, OrderedTreeShowsKeysCountsAndPreviews) {
     FieldDb d(kInt4, VEL_SEQ_ASC_ORDER, 64);
     velt_column_t col;
     velt_column_init(&col, kInt4);
-    for (int32_t v = 0; v < 13; v++) {
-        int32_t x = v * 10;
-        ASSERT_EQ(velt_column_push(&col, &x), VELT_OK);
-    }
-    velt_error_t err{};
-    ASSERT_EQ(velt_append_column(d.obj(), d.field(), &col, &err), VELT_OK) << err.message;
+    for (int32_t v = 0; v < 130; v += 10)
+        ASSERT_EQ(velt_column_push(&col, &v), VELT_OK);
+    d.append(col);
     velt_column_free(&col);
+    velt_error_t err{};
     const velt_dump_options_t opt{3, 16};
     std::string out =
         capture([&](FILE *f) { EXPECT_EQ(velt_dump_tree(d.obj(), d.field(), f, &opt, &err), 0); });
@@ -236,14 +225,13 @@ TEST(TreeDump, CharPreviewIsEscapedAndTruncated) {
     velt_column_init(&col, t);
     const char a[12] = {'a', 'b', 'c', 'd', 'e', 'f', 'g', 'h', 'i', 'j', 'k', 'l'};
     const char b[12] = {'q', '"', '\\', '\x01', 'z'};
-    ASSERT_EQ(velt_column_push(&col, a), VELT_OK);
-    ASSERT_EQ(velt_column_push(&col, nullptr), VELT_OK);
-    ASSERT_EQ(velt_column_push(&col, b), VELT_OK);
-    velt_error_t err{};
-    ASSERT_EQ(velt_append_column(d.obj(), d.field(), &col, &err), VELT_OK) << err.message;
+    for (const char *v : {a, static_cast<const char *>(nullptr), b})
+        ASSERT_EQ(velt_column_push(&col, v), VELT_OK);
+    d.append(col);
     velt_column_free(&col);
     const velt_dump_options_t opt{10, 5};
-    std::string out = capture([&](FILE *f) { velt_dump_tree(d.obj(), d.field(), f, &opt, &err); });
+    std::string out =
+        capture([&](FILE *f) { velt_dump_tree(d.obj(), d.field(), f, &opt, nullptr); });
     EXPECT_NE(out.find("#0 leaf L0: 3 values, 1 null: \"abcde\"..., null, \"q\\\"\\\\\\x01z\"\n"),
               std::string::npos)
         << out;

@@ -119,23 +119,6 @@ uint32_t module_view_flags(vel_db_connection_h con, uint16_t code) {
     return table[code].flags;
 }
 
-uint16_t type_size(uint8_t t) {
-    switch (t) {
-    case VEL_DD_INT1:
-    case VEL_DD_UINT1:
-        return 1;
-    case VEL_DD_INT2:
-    case VEL_DD_UINT2:
-        return 2;
-    case VEL_DD_INT4:
-    case VEL_DD_UINT4:
-    case VEL_DD_FLOAT:
-        return 4;
-    default:
-        return 8;
-    }
-}
-
 // Random classes on random page sizes and object headers: every field is
 // aligned at its absolute position, lies inside one object page by the
 // module's own test with the object's mo, overlaps no other field, and
@@ -143,9 +126,10 @@ uint16_t type_size(uint8_t t) {
 TEST(LayoutProperty, RandomClassesKeepEveryInvariant) {
     const uint32_t seed = 20261122;
     std::mt19937 rng(seed);
-    const uint8_t scalars[] = {VEL_DD_UINT1, VEL_DD_UINT2,  VEL_DD_UINT4,   VEL_DD_UINT8,
-                               VEL_DD_INT1,  VEL_DD_INT2,   VEL_DD_INT4,    VEL_DD_INT8,
-                               VEL_DD_FLOAT, VEL_DD_DOUBLE, VEL_DD_DATETIME};
+    const std::pair<uint8_t, uint16_t> scalars[] = {
+        {VEL_DD_UINT1, 1}, {VEL_DD_UINT2, 2},  {VEL_DD_UINT4, 4},   {VEL_DD_UINT8, 8},
+        {VEL_DD_INT1, 1},  {VEL_DD_INT2, 2},   {VEL_DD_INT4, 4},    {VEL_DD_INT8, 8},
+        {VEL_DD_FLOAT, 4}, {VEL_DD_DOUBLE, 8}, {VEL_DD_DATETIME, 8}};
     for (int round = 0; round < 40; ++round) {
         SCOPED_TRACE(::testing::Message() << "seed " << seed << " round " << round);
         velh_config_t cfg;
@@ -160,7 +144,7 @@ TEST(LayoutProperty, RandomClassesKeepEveryInvariant) {
         for (int i = 0; i < n; ++i) {
             int k = static_cast<int>(rng() % 14);
             if (k < 11)
-                defs.push_back({nullptr, scalars[k], 0});
+                defs.push_back({nullptr, scalars[k].first, 0});
             else if (k == 11)
                 defs.push_back({nullptr, VEL_DD_CHAR, static_cast<uint16_t>(1 + rng() % 60)});
             else
@@ -206,7 +190,10 @@ TEST(LayoutProperty, RandomClassesKeepEveryInvariant) {
             EXPECT_EQ(fi.offset, flags ? fi.c_offset : fi.u_offset);
             if (fi.type >= VEL_DD_SEQUENCE_UINT1)
                 continue;
-            EXPECT_EQ(fi.size, fi.type == VEL_DD_CHAR ? defs[i].width : type_size(fi.type));
+            uint16_t want = defs[i].width;
+            for (auto [type, size] : scalars)
+                want = type == fi.type ? size : want;
+            EXPECT_EQ(fi.size, want) << "field " << i;
             vals[i].resize(fi.size);
             for (auto &b : vals[i])
                 b = static_cast<uint8_t>(rng());

@@ -76,80 +76,6 @@ TEST_F(PagesTest, CreatedPageContract) {
     EXPECT_EQ(s.peak, 2u);
 }
 
-TEST_F(PagesTest, CommitKeepsLinkedPagesAndFreesUnlinkedOnes) {
-    ASSERT_EQ(velh_begin(con, VELH_READ_WRITE), VEL_S_OK);
-    ASSERT_EQ(velh_obj_create(con, cls, &obj), VEL_S_OK);
-    ASSERT_EQ(build_tree(obj, fi, {3, 4, 5}, 0), VEL_S_OK);
-    vel_seq_page_t *lost, *slot;
-    ASSERT_EQ(vel_seq_create_page(con, obj.pm, &lost, &slot, 3), VEL_S_OK);
-    vel_seq_page_t *gone;
-    ASSERT_EQ(vel_seq_create_page(con, obj.pm, &gone, &slot, 3), VEL_S_OK);
-    ASSERT_EQ(vel_seq_free_page(con, obj.pm, gone), VEL_S_OK);
-    EXPECT_EQ(live_pages(), 5u);
-    ASSERT_EQ(velh_commit(con), VEL_S_OK);
-    EXPECT_EQ(live_pages(), 4u) << "only the unlinked page goes";
-
-    ASSERT_EQ(velh_begin(con, VELH_READ_ONLY), VEL_S_OK);
-    EXPECT_EQ(values_in(con), iota(12));
-    velh_tree_report_t rep;
-    ASSERT_EQ(velh_check_tree(&obj, 1, VEL_SEQ_NO_ORDER, 0, &rep), VEL_S_OK);
-    EXPECT_TRUE(rep.ok) << rep.message;
-    EXPECT_EQ(rep.depth, 2u);
-    EXPECT_EQ(rep.pages, 4u);
-    EXPECT_EQ(rep.elements, 12u);
-    ASSERT_EQ(velh_commit(con), VEL_S_OK);
-}
-
-TEST_F(PagesTest, VersionsShareAndCopyOnWrite) {
-    committed_tree();
-    vel_db_connection_h reader;
-    ASSERT_EQ(velh_connect(db, &reader), VEL_S_OK);
-    ASSERT_EQ(velh_begin(reader, VELH_READ_ONLY), VEL_S_OK);
-
-    ASSERT_EQ(velh_begin(con, VELH_READ_WRITE), VEL_S_OK);
-    vel_seq_page_t **slot = root_for_write(obj, fi);
-    ASSERT_NE(slot, nullptr);
-    vel_seq_page_t *old_root = *slot;
-    EXPECT_EQ(old_root->ref_count, 2u) << "committed version and private version";
-    EXPECT_TRUE(vel_seq_is_copy(con, obj.pm, old_root, old_root));
-    ASSERT_EQ(cow(con, obj.pm, slot), VEL_S_OK);
-    vel_seq_page_t *root = *slot;
-    ASSERT_NE(root, old_root);
-    EXPECT_EQ(old_root->ref_count, 1u);
-    EXPECT_EQ(root->ref_count, 1u);
-    vel_seq_page_t *old_leaf = entry(root, ps, 0)->page;
-    EXPECT_EQ(old_leaf->ref_count, 2u) << "both roots reference the children";
-    EXPECT_EQ(entry(root, ps, 2)->page->ref_count, 2u);
-    ASSERT_EQ(cow(con, obj.pm, &entry(root, ps, 0)->page), VEL_S_OK);
-    vel_seq_page_t *leaf = entry(root, ps, 0)->page;
-    EXPECT_EQ(leaf->ref_count, 1u);
-    EXPECT_EQ(old_leaf->ref_count, 1u);
-    vals4(leaf)[0] = 100;
-    EXPECT_EQ(live_pages(), 6u);
-
-    std::vector<int32_t> changed = iota(12);
-    changed[0] = 100;
-    EXPECT_EQ(values_in(con), changed);
-    EXPECT_EQ(values_in(reader), iota(12));
-    ASSERT_EQ(velh_commit(con), VEL_S_OK);
-    EXPECT_EQ(values_in(reader), iota(12)) << "the reader's snapshot must survive the commit";
-    EXPECT_EQ(live_pages(), 6u) << "the old version is still in use";
-    ASSERT_EQ(velh_commit(reader), VEL_S_OK);
-    EXPECT_EQ(live_pages(), 4u) << "old root and old leaf are released with their version";
-
-    ASSERT_EQ(velh_begin(reader, VELH_READ_ONLY), VEL_S_OK);
-    EXPECT_EQ(values_in(reader), changed);
-    vel_objhandle_t o;
-    ASSERT_EQ(velh_obj_open(reader, cls, obj.oid, &o), VEL_S_OK);
-    vel_seq_page_t *r = root_for_read(o, fi);
-    EXPECT_EQ(r->ref_count, 1u);
-    for (int i = 0; i < 3; ++i) {
-        EXPECT_EQ(entry(r, ps, i)->page->ref_count, 1u) << "child " << i;
-    }
-    ASSERT_EQ(velh_commit(reader), VEL_S_OK);
-    ASSERT_EQ(velh_disconnect(reader), VEL_S_OK);
-}
-
 TEST_F(PagesTest, PruneRegardsSharing) {
     committed_tree();
     ASSERT_EQ(velh_begin(con, VELH_READ_WRITE), VEL_S_OK);
@@ -162,9 +88,12 @@ TEST_F(PagesTest, PruneRegardsSharing) {
     ASSERT_EQ(vel_seq_prune(con, tmp.pm, *tslot), VEL_S_OK);
     *tslot = nullptr;
     EXPECT_EQ(live_pages(), 4u);
-    // The shared tree only loses the private version's reference.
+    // The shared tree (committed and private version) only loses the
+    // private version's reference.
     vel_seq_page_t **slot = root_for_write(obj, fi);
     vel_seq_page_t *root = *slot;
+    EXPECT_EQ(root->ref_count, 2u);
+    EXPECT_TRUE(vel_seq_is_copy(con, obj.pm, root, root));
     ASSERT_EQ(vel_seq_prune(con, obj.pm, root), VEL_S_OK);
     *slot = nullptr;
     EXPECT_EQ(live_pages(), 4u);
@@ -276,54 +205,67 @@ TEST_F(PagesTest, FaultInjectorFailsTheNthAllocation) {
     EXPECT_EQ(live_pages(), 0u);
 }
 
-TEST_F(PagesTest, CheckerFindsBrokenTrees) {
+// The checker reports each kind of damage (undone again), and commit keeps
+// the linked pages while it frees those no tree references.
+TEST_F(PagesTest, CheckerFindsDamageAndCommitFreesUnlinkedPages) {
     ASSERT_EQ(velh_begin(con, VELH_READ_WRITE), VEL_S_OK);
     ASSERT_EQ(velh_obj_create(con, cls, &obj), VEL_S_OK);
     velh_tree_report_t rep;
-    ASSERT_EQ(velh_check_tree(&obj, 1, VEL_SEQ_NO_ORDER, 0, &rep), VEL_S_OK);
-    EXPECT_TRUE(rep.ok);
+    auto check = [&](vel_seq_order_t order, vel_bool keys, const char *damage) {
+        ASSERT_EQ(velh_check_tree(&obj, 1, order, keys, &rep), VEL_S_OK);
+        if (damage == nullptr) {
+            EXPECT_TRUE(rep.ok) << rep.message;
+        } else {
+            EXPECT_FALSE(rep.ok);
+            EXPECT_NE(std::string(rep.message).find(damage), std::string::npos) << rep.message;
+        }
+    };
+    check(VEL_SEQ_NO_ORDER, 0, nullptr);
     EXPECT_EQ(rep.depth, 0u) << "empty field";
     ASSERT_EQ(build_tree(obj, fi, {3, 4, 5}, 0), VEL_S_OK);
     vel_seq_page_t *root = *root_for_write(obj, fi);
     // Keys of an ordered tree: the first value of each child.
     vals4(root)[0] = 0;
     vals4(root)[1] = 3;
-    vals4(root)[2] = 7;
-    leaf_nulls4(entry(root, ps, 2)->page, ps)[0] = 0x5; // two nulls
-    ASSERT_EQ(velh_check_tree(&obj, 1, VEL_SEQ_ASC_ORDER, 1, &rep), VEL_S_OK);
-    EXPECT_TRUE(rep.ok) << rep.message;
-    EXPECT_EQ(rep.nulls, 2u);
-
     vals4(root)[2] = 8;
-    ASSERT_EQ(velh_check_tree(&obj, 1, VEL_SEQ_ASC_ORDER, 1, &rep), VEL_S_OK);
-    EXPECT_FALSE(rep.ok);
-    EXPECT_NE(std::string(rep.message).find("key 2"), std::string::npos) << rep.message;
-    ASSERT_EQ(velh_check_tree(&obj, 1, VEL_SEQ_ASC_ORDER, 0, &rep), VEL_S_OK);
-    EXPECT_TRUE(rep.ok) << "keys are checked only on request";
-
+    leaf_nulls4(entry(root, ps, 2)->page, ps)[0] = 0x5; // two nulls
+    check(VEL_SEQ_ASC_ORDER, 1, "key 2");
+    check(VEL_SEQ_ASC_ORDER, 0, nullptr); // keys are checked only on request
+    vals4(root)[2] = 7;
+    check(VEL_SEQ_ASC_ORDER, 1, nullptr);
+    EXPECT_EQ(rep.nulls, 2u);
     entry(root, ps, 1)->count = 5;
-    ASSERT_EQ(velh_check_tree(&obj, 1, VEL_SEQ_NO_ORDER, 0, &rep), VEL_S_OK);
-    EXPECT_FALSE(rep.ok);
-    EXPECT_NE(std::string(rep.message).find("entry 1"), std::string::npos) << rep.message;
+    check(VEL_SEQ_NO_ORDER, 0, "entry 1");
     entry(root, ps, 1)->count = 4;
-
     entry(root, ps, 0)->page->hdr.user = static_cast<uint16_t>(leaf_cap4(ps) + 1);
-    ASSERT_EQ(velh_check_tree(&obj, 1, VEL_SEQ_NO_ORDER, 0, &rep), VEL_S_OK);
-    EXPECT_FALSE(rep.ok) << "leaf over capacity";
+    check(VEL_SEQ_NO_ORDER, 0, ""); // leaf over capacity
     entry(root, ps, 0)->page->hdr.user = 3;
-
     // A leaf one level deeper than its siblings.
-    vel_seq_page_t *mid, *scratch;
-    ASSERT_EQ(vel_seq_create_page(con, obj.pm, &mid, &scratch, 2), VEL_S_OK);
-    entry(mid, ps, 0)->page = entry(root, ps, 2)->page;
+    vel_seq_page_t *mid, *slot;
+    ASSERT_EQ(vel_seq_create_page(con, obj.pm, &mid, &slot, 2), VEL_S_OK);
+    vel_seq_page_t *leaf2 = entry(root, ps, 2)->page;
+    entry(mid, ps, 0)->page = leaf2;
     entry(mid, ps, 0)->count = 5;
     entry(root, ps, 2)->page = mid;
-    ASSERT_EQ(velh_check_tree(&obj, 1, VEL_SEQ_NO_ORDER, 0, &rep), VEL_S_OK);
-    EXPECT_FALSE(rep.ok);
-    EXPECT_NE(std::string(rep.message).find("depths"), std::string::npos) << rep.message;
+    check(VEL_SEQ_NO_ORDER, 0, "depths");
+    entry(root, ps, 2)->page = leaf2;
     EXPECT_EQ(velh_check_tree(&obj, 0, VEL_SEQ_NO_ORDER, 0, &rep), VEL_E_HOST_WRONG_FIELD);
-    ASSERT_EQ(velh_rollback(con), VEL_S_OK);
-    EXPECT_EQ(live_pages(), 0u);
+
+    // `mid` and `lost` are unlinked; `gone` is freed already.
+    vel_seq_page_t *lost, *gone;
+    ASSERT_EQ(vel_seq_create_page(con, obj.pm, &lost, &slot, 3), VEL_S_OK);
+    ASSERT_EQ(vel_seq_create_page(con, obj.pm, &gone, &slot, 3), VEL_S_OK);
+    ASSERT_EQ(vel_seq_free_page(con, obj.pm, gone), VEL_S_OK);
+    EXPECT_EQ(live_pages(), 6u);
+    ASSERT_EQ(velh_commit(con), VEL_S_OK);
+    EXPECT_EQ(live_pages(), 4u) << "only the unlinked pages go";
+    ASSERT_EQ(velh_begin(con, VELH_READ_ONLY), VEL_S_OK);
+    EXPECT_EQ(values_in(con), iota(12));
+    check(VEL_SEQ_ASC_ORDER, 1, nullptr);
+    EXPECT_EQ(rep.depth, 2u);
+    EXPECT_EQ(rep.pages, 4u);
+    EXPECT_EQ(rep.elements, 12u);
+    ASSERT_EQ(velh_commit(con), VEL_S_OK);
 }
 
 // A class in the second page manager: without concurrent writes the module

@@ -1,4 +1,5 @@
 // Resets, run-length queries and the positional scan.
+#include <array>
 #include <random>
 
 #include "iter_env.h"
@@ -36,64 +37,53 @@ struct ResetRig {
     }
 };
 
-TEST(IteratorReset, PlainResetGoesToZeroNotFirst) {
-    ResetRig r;
-    EXPECT_EQ(vel_seq_reset_iterator(&r.top), VEL_S_OK);
-    EXPECT_EQ(r.top.next_seq_no, 0u);
-    EXPECT_EQ(r.top.first_seq_no, 7u);
-    EXPECT_EQ(r.top.last_seq_no, 90u);
-    EXPECT_EQ(r.top.tile_size, 0);
-    EXPECT_EQ(r.top.tile_offs, 0);
-    EXPECT_EQ(r.top.bounded, 0);
-    EXPECT_EQ(r.top.prepared, 0);
-    EXPECT_EQ(g_resets[0] + g_resets[1] + g_resets[2], 0);
-}
-
-TEST(IteratorReset, UnaryResetsOperandFirstAndStopsOnItsFailure) {
-    ResetRig r;
-    EXPECT_EQ(vel_seq_reset_unary_iterator(&r.top), VEL_S_OK);
-    EXPECT_EQ(g_resets[0], 1);
-    EXPECT_EQ(g_resets[1], 0);
-    EXPECT_EQ(r.a.bounded, 0);
-    EXPECT_EQ(r.top.next_seq_no, 0u);
-
-    ResetRig f;
-    g_reset_rc[0] = VEL_E_NOMEM;
-    EXPECT_EQ(vel_seq_reset_unary_iterator(&f.top), VEL_E_NOMEM);
-    EXPECT_EQ(f.top.next_seq_no, 40u) << "a failed operand reset leaves the iterator";
-    EXPECT_EQ(f.top.bounded, 1);
-
-    ResetRig n;
-    n.top.opd[0] = nullptr;
-    EXPECT_EQ(vel_seq_reset_unary_iterator(&n.top), VEL_S_OK);
-    EXPECT_EQ(n.top.next_seq_no, 0u);
-}
-
-TEST(IteratorReset, BinaryResetsTwoOperandsNeverTheThird) {
-    ResetRig r;
-    EXPECT_EQ(vel_seq_reset_binary_iterator(&r.top), VEL_S_OK);
-    EXPECT_EQ(g_resets[0], 1);
-    EXPECT_EQ(g_resets[1], 1);
-    EXPECT_EQ(g_resets[2], 0);
-    EXPECT_EQ(r.c.bounded, 1);
-
-    ResetRig n; // a null first operand still resets the second
-    n.top.opd[0] = nullptr;
-    EXPECT_EQ(vel_seq_reset_binary_iterator(&n.top), VEL_S_OK);
-    EXPECT_EQ(g_resets[1], 1);
-    EXPECT_EQ(n.top.next_seq_no, 0u);
-
-    ResetRig f; // the first failure stops
-    g_reset_rc[0] = VEL_S_NOTFOUND;
-    EXPECT_EQ(vel_seq_reset_binary_iterator(&f.top), VEL_S_NOTFOUND);
-    EXPECT_EQ(g_resets[1], 0);
-    EXPECT_EQ(f.top.next_seq_no, 40u);
-
-    ResetRig g;
-    g_reset_rc[1] = VEL_E_SEQ_BOUNDED;
-    EXPECT_EQ(vel_seq_reset_binary_iterator(&g.top), VEL_E_SEQ_BOUNDED);
-    EXPECT_EQ(g_resets[0], 1);
-    EXPECT_EQ(g.top.tile_size, 12);
+// A reset goes to position 0 (not first_seq_no) and keeps the range; unary
+// and binary resets reset their operands first (never a third) and stop,
+// changing nothing, at the first operand that fails.
+TEST(IteratorReset, OperandsFirstAndStopOnFailure) {
+    using Fn = VEL_RET (*)(vel_seq_iterator_h);
+    const struct {
+        const char *name;
+        Fn reset;
+        bool null_first;
+        int failing; // operand whose reset fails, -1: none
+        VEL_RET rc;
+        std::array<int, 3> resets;
+    } rows[] = {
+        {"plain", vel_seq_reset_iterator, false, -1, VEL_S_OK, {0, 0, 0}},
+        {"unary", vel_seq_reset_unary_iterator, false, -1, VEL_S_OK, {1, 0, 0}},
+        {"unary, operand fails", vel_seq_reset_unary_iterator, false, 0, VEL_E_NOMEM, {1, 0, 0}},
+        {"unary, no operand", vel_seq_reset_unary_iterator, true, -1, VEL_S_OK, {0, 0, 0}},
+        {"binary", vel_seq_reset_binary_iterator, false, -1, VEL_S_OK, {1, 1, 0}},
+        {"binary, no first operand", vel_seq_reset_binary_iterator, true, -1, VEL_S_OK, {0, 1, 0}},
+        {"binary, first fails", vel_seq_reset_binary_iterator, false, 0, VEL_S_NOTFOUND, {1, 0, 0}},
+        {"binary, second fails",
+         vel_seq_reset_binary_iterator,
+         false,
+         1,
+         VEL_E_SEQ_BOUNDED,
+         {1, 1, 0}},
+    };
+    for (const auto &row : rows) {
+        SCOPED_TRACE(row.name);
+        ResetRig r;
+        if (row.null_first)
+            r.top.opd[0] = nullptr;
+        if (row.failing >= 0)
+            g_reset_rc[row.failing] = row.rc;
+        EXPECT_EQ(row.reset(&r.top), row.rc);
+        EXPECT_EQ((std::array<int, 3>{g_resets[0], g_resets[1], g_resets[2]}), row.resets);
+        const bool ok = row.rc == VEL_S_OK;
+        EXPECT_EQ(r.top.next_seq_no, ok ? 0u : 40u);
+        EXPECT_EQ(r.top.tile_size, ok ? 0 : 12);
+        EXPECT_EQ(r.top.bounded, ok ? 0 : 1);
+        EXPECT_EQ(r.top.first_seq_no, 7u);
+        EXPECT_EQ(r.top.last_seq_no, 90u);
+        if (ok) {
+            EXPECT_EQ(r.top.tile_offs, 0);
+            EXPECT_EQ(r.top.prepared, 0);
+        }
+    }
 }
 
 TEST(IteratorReset, TilesAreNeverRunLengthEncoded) {
