@@ -11,7 +11,11 @@ BUILD=${VELSEQ_TSAN_BUILD:-$ROOT/build/tsan-clang}
 JOBS=${VELSEQ_JOBS:-2}
 
 as_root() { if [ "$(id -u)" = 0 ]; then "$@"; else sudo "$@"; fi; }
-command -v clang++ >/dev/null 2>&1 || { as_root apt-get update; as_root apt-get install -y clang; }
+if ! command -v clang++ >/dev/null 2>&1 ||
+   ! ls /usr/lib/llvm-*/lib/clang/*/lib/linux/libclang_rt.tsan-x86_64.a >/dev/null 2>&1; then
+    as_root apt-get update
+    as_root apt-get install -y clang libclang-rt-14-dev
+fi
 
 CC=clang CXX=clang++ cmake -S "$ROOT" -B "$BUILD" -DCMAKE_BUILD_TYPE=RelWithDebInfo \
     -DVELSEQ_SANITIZE=thread >/dev/null
