@@ -43,6 +43,7 @@ namespace velhost {
 
 struct Db;
 struct Txn;
+struct Durable;
 
 // ---- sequence page arenas -------------------------------------------------
 
@@ -209,6 +210,8 @@ struct Db {
 
     std::atomic<uint64_t> next_oid{1};
     std::atomic<uint32_t> n_connections{0};
+
+    Durable *durable = nullptr; // the commit log, when the config names one
 };
 
 // ---- helpers shared by the source files -----------------------------------
