@@ -19,7 +19,8 @@
 //   20     4     object page size
 //   24     8     id of the image the log follows (0: the empty database)
 //   32     8     first page id the records may introduce
-//   40     16    zero
+//   40     2     additional object field size
+//   42     14    zero
 //   56     8     XXH3-64 of bytes 0..55
 //
 //   records, each a 24-byte header and a body
@@ -112,6 +113,7 @@ int create_log(const Db *d, const std::string &path, uint64_t image_id, uint64_t
     h.put<uint32_t>(d->cfg.object_page_size);
     h.put<uint64_t>(image_id);
     h.put<uint64_t>(first_page_id);
+    h.put<uint16_t>(d->cfg.additional_object_field_size);
     h.b.resize(56, '\0');
     h.put<uint64_t>(XXH3_64bits(h.b.data(), 56));
     if (!write_all(fd, h.b.data(), h.b.size()) || ::fdatasync(fd) != 0 ||
@@ -351,6 +353,7 @@ VEL_RET log_open(Db *d, const velh_config_t *cfg, Loader *ld, velh_open_stats_t 
     const auto obj_ps = h.get<uint32_t>();
     const auto image_id = h.get<uint64_t>();
     const auto first_page_id = h.get<uint64_t>();
+    const auto afs = h.get<uint16_t>();
     uint64_t sum;
     std::memcpy(&sum, hb + 56, 8);
     if (version != kLogVersion)
@@ -368,7 +371,7 @@ VEL_RET log_open(Db *d, const velh_config_t *cfg, Loader *ld, velh_open_stats_t 
         return bad("it follows another image than the one opened");
     }
     if (seq_ps != d->cfg.seq_page_size || obj_ps != d->cfg.object_page_size ||
-        first_page_id <= ld->max_page_id)
+        afs != d->cfg.additional_object_field_size || first_page_id <= ld->max_page_id)
         return bad("its page sizes or page ids disagree with the image");
 
     uint64_t pos = kLogHeader, seq = 1, replayed = 0;
@@ -584,7 +587,29 @@ VEL_RET velh_db_open_file(const velh_config_t *cfg, const char *image_path, velh
     velh_open_stats_t st{};
     Loader ld;
     velh_db_t *h = nullptr;
-    VEL_RET r = image_load(cfg, image_path, &ld, &h, &st);
+    velh_config_t c = *cfg;
+    if (image_path == nullptr && cfg->log_path != nullptr) {
+        // No image: the log's header gives the layout of the empty database.
+        int fd = ::open(cfg->log_path, O_RDONLY | O_CLOEXEC);
+        std::byte hb[kLogHeader];
+        if (fd >= 0 && pread_full(fd, hb, kLogHeader, 0) == kLogHeader &&
+            std::memcmp(hb, kLogMagic, 8) == 0) {
+            In in(hb, kLogHeader);
+            in.bytes(16);
+            const auto seq_ps = in.get<uint32_t>();
+            const auto obj_ps = in.get<uint32_t>();
+            in.bytes(16);
+            const auto afs = in.get<uint16_t>();
+            if (obj_ps <= UINT16_MAX) {
+                c.seq_page_size = seq_ps;
+                c.object_page_size = static_cast<uint16_t>(obj_ps);
+                c.additional_object_field_size = afs;
+            }
+        }
+        if (fd >= 0)
+            ::close(fd);
+    }
+    VEL_RET r = image_load(&c, image_path, &ld, &h, &st);
     if (r != VEL_S_OK)
         return r;
     Db *d = reinterpret_cast<Db *>(h);

@@ -189,6 +189,13 @@ class Workload {
         n_classes_ = 2;
     }
 
+    // Defines the third class now rather than after the sixth commit.
+    void define_late(const std::vector<Target *> &ts) {
+        for (Target *t : ts)
+            define_class(t->db, classes()[2]);
+        n_classes_ = 3;
+    }
+
     // One transaction of 1..4 operations, committed (or, one time in eight,
     // rolled back).  `before_commit` runs on each target inside the
     // transaction, after its operations.  Returns true when committed.
