@@ -60,8 +60,9 @@ const char *error_text();
 // ---- images (image.cpp) ------------------------------------------------------
 
 // Writes the image of the last commit; `numbering` (may be null) receives the
-// id given to every page.  `prev_id` is stamped as the previous image.
-VEL_RET image_save(Db *db, const char *path, uint64_t prev_id, uint64_t *image_id,
+// id given to every page.  A checkpoint passes the id of the image its log
+// followed as `prev_id` (null otherwise).
+VEL_RET image_save(Db *db, const char *path, const uint64_t *prev_id, uint64_t *image_id,
                    std::unordered_map<const std::byte *, uint64_t> *numbering);
 
 // Tree checks and page ids while a database is loaded and its log replayed.
@@ -78,7 +79,8 @@ struct Loader {
     std::unordered_map<uint64_t, std::byte *> ptr_of;
     std::unordered_map<const std::byte *, PageInfo> info;
     uint64_t image_id = 0;
-    uint64_t prev_image_id = 0;
+    bool checkpoint = false;    // the image was written by a checkpoint,
+    uint64_t prev_image_id = 0; // of the log that followed this image
     uint64_t max_page_id = 0;
 
     // A page read from a file: allocated, copied, its ref count zeroed.  An

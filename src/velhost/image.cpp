@@ -19,9 +19,10 @@
 //   20     4     sequence page size
 //   24     2     additional object field size
 //   26     2     layout flags (kLayoutFlags: little-endian, 8-byte pointers)
-//   28     4     zero
+//   28     4     flags: bit 0, written by a checkpoint
 //   32     8     image id (random, never 0)
-//   40     8     id of the image the database was opened from (0: none)
+//   40     8     a checkpoint's: id of the image its log followed (0: the
+//                empty database); otherwise 0
 //   48     8     classes
 //   56     8     objects
 //   64     8     sequence pages
@@ -230,7 +231,7 @@ bool put_page(Out &o, const std::byte *page, uint32_t ps,
     return true;
 }
 
-VEL_RET image_save(Db *d, const char *path, uint64_t prev_id, uint64_t *image_id,
+VEL_RET image_save(Db *d, const char *path, const uint64_t *prev_id, uint64_t *image_id,
                    std::unordered_map<const std::byte *, uint64_t> *numbering) {
     if (path == nullptr || *path == '\0')
         return fail(VEL_E_HOST_BAD_ARG, "no image path");
@@ -308,9 +309,9 @@ VEL_RET image_save(Db *d, const char *path, uint64_t prev_id, uint64_t *image_id
         h.put<uint32_t>(ps);
         h.put<uint16_t>(d->cfg.additional_object_field_size);
         h.put<uint16_t>(kLayoutFlags);
-        h.put<uint32_t>(0);
+        h.put<uint32_t>(prev_id != nullptr ? 1 : 0);
         h.put<uint64_t>(id);
-        h.put<uint64_t>(prev_id);
+        h.put<uint64_t>(prev_id != nullptr ? *prev_id : 0);
         h.put<uint64_t>(n_classes - 1);
         h.put<uint64_t>(objs.size());
         h.put<uint64_t>(pages.size());
@@ -578,7 +579,7 @@ VEL_RET image_load(const velh_config_t *cfg, const char *path, Loader *ld, velh_
     const auto seq_ps = h.get<uint32_t>();
     const auto afs = h.get<uint16_t>();
     const auto layout = h.get<uint16_t>();
-    h.get<uint32_t>();
+    ld->checkpoint = (h.get<uint32_t>() & 1) != 0;
     ld->image_id = h.get<uint64_t>();
     ld->prev_image_id = h.get<uint64_t>();
     const auto n_classes = h.get<uint64_t>();

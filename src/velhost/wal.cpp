@@ -364,7 +364,7 @@ VEL_RET log_open(Db *d, const velh_config_t *cfg, Loader *ld, velh_open_stats_t 
     if (image_id != ld->image_id) {
         // A checkpoint stopped between renaming its image and its new log:
         // the image holds every record of the old log.
-        if (image_id != 0 && image_id == ld->prev_image_id) {
+        if (ld->checkpoint && image_id == ld->prev_image_id) {
             ::close(fd);
             return start_new();
         }
@@ -576,7 +576,7 @@ const char *velh_error_message(void) { return error_text(); }
 VEL_RET velh_db_save(velh_db_t *db, const char *path) {
     if (db == nullptr)
         return fail(VEL_E_HOST_BAD_ARG, "no database");
-    return image_save(reinterpret_cast<Db *>(db), path, 0, nullptr, nullptr);
+    return image_save(reinterpret_cast<Db *>(db), path, nullptr, nullptr, nullptr);
 }
 
 VEL_RET velh_db_open_file(const velh_config_t *cfg, const char *image_path, velh_db_t **db,
@@ -640,7 +640,7 @@ VEL_RET velh_checkpoint(velh_db_t *db, const char *image_path) {
         return fail(VEL_E_HOST_IO, "the log failed earlier: " + L->failure);
     uint64_t id = 0;
     std::unordered_map<const std::byte *, uint64_t> ids;
-    VEL_RET r = image_save(d, image_path, L->image_id, &id, &ids);
+    VEL_RET r = image_save(d, image_path, &L->image_id, &id, &ids);
     if (r != VEL_S_OK)
         return r;
     const uint64_t first = ids.size() + 1;
