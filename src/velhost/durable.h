@@ -53,6 +53,10 @@ struct Durable {
     bool dirty = false;
 };
 
+// Fuzzing only: images are read without comparing checksums, so that the
+// structural checks behind them see arbitrary bytes.
+extern std::atomic<bool> g_fuzz_skip_checksums;
+
 // Sets the calling thread's velh_error_message() and returns `code`.
 VEL_RET fail(VEL_RET code, const std::string &message);
 const char *error_text();
