@@ -12,8 +12,8 @@
 #pragma once
 
 #include <condition_variable>
-#include <cstring>
 #include <cstdint>
+#include <cstring>
 #include <string>
 #include <thread>
 #include <unordered_map>
@@ -73,10 +73,10 @@ VEL_RET image_save(Db *db, const char *path, const uint64_t *prev_id, uint64_t *
 struct Loader {
     struct PageInfo {
         uint64_t id = 0;
-        uint64_t count = 0;  // elements of the subtree, once checked
-        uint8_t height = 0;  // 1 for a leaf, once checked
-        uint16_t width = 0;  // element width of the field that reached it
-        uint8_t pm = 0;      // VELH_PM_INMEM or VELH_PM_ALT
+        uint64_t count = 0; // elements of the subtree, once checked
+        uint8_t height = 0; // 1 for a leaf, once checked
+        uint16_t width = 0; // element width of the field that reached it
+        uint8_t pm = 0;     // VELH_PM_INMEM or VELH_PM_ALT
         bool checked = false;
     };
     Db *db = nullptr;

@@ -273,7 +273,8 @@ VEL_RET image_save(Db *d, const char *path, const uint64_t *prev_id, uint64_t *i
     std::vector<std::byte *> stack;
     for (const SavedObject &o : objs)
         for (uint16_t fno : o.cls->seq_fields) {
-            auto *root = reinterpret_cast<std::byte *>(*root_slot(o.cls, o.v, o.cls->fields[fno], afs));
+            auto *root =
+                reinterpret_cast<std::byte *>(*root_slot(o.cls, o.v, o.cls->fields[fno], afs));
             if (root != nullptr)
                 stack.push_back(root);
             while (!stack.empty()) {
@@ -357,7 +358,8 @@ VEL_RET image_save(Db *d, const char *path, const uint64_t *prev_id, uint64_t *i
         const size_t at = o.b.size();
         o.bytes(s.v->bytes(), s.cls->image_bytes);
         for (uint16_t fno : s.cls->seq_fields) {
-            auto *root = reinterpret_cast<std::byte *>(*root_slot(s.cls, s.v, s.cls->fields[fno], afs));
+            auto *root =
+                reinterpret_cast<std::byte *>(*root_slot(s.cls, s.v, s.cls->fields[fno], afs));
             uint64_t pid = root != nullptr ? ids.at(root) : 0;
             std::memcpy(o.b.data() + at + afs + s.cls->fields[fno].off, &pid, 8);
         }
@@ -620,7 +622,8 @@ VEL_RET image_load(const velh_config_t *cfg, const char *path, Loader *ld, velh_
         payload.resize(len);
         if (read_full(fd, payload.data(), len) != len)
             return bad("cut short at byte " + std::to_string(pos));
-        if (sums && XXH3_64bits_withSeed(payload.data(), len, block_seed(kind, items, len)) != bh[2])
+        if (sums &&
+            XXH3_64bits_withSeed(payload.data(), len, block_seed(kind, items, len)) != bh[2])
             return bad("the block at byte " + std::to_string(pos) + " is damaged (checksum)");
         // Blocks come in the order classes, pages..., objects..., end.
         if ((kind == kClasses) != (state == 0) || kind < state)

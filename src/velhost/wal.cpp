@@ -232,8 +232,7 @@ bool replay_commit(Db *d, Loader *ld, In &in, uint64_t first_page_id, std::strin
         Chain *ch = it != d->chains.end() ? it->second : nullptr;
         if (o.cls == nullptr || o.oid == 0 || o.oid >= (uint64_t(1) << 62) ||
             !oids.insert(o.oid).second || (o.op != kOpWrite && o.op != kOpDelete) ||
-            (ch != nullptr && ch->class_code != code) ||
-            (o.op == kOpDelete && ch == nullptr) ||
+            (ch != nullptr && ch->class_code != code) || (o.op == kOpDelete && ch == nullptr) ||
             uint64_t(o.mo) + o.cls->image_bytes > UINT32_MAX) {
             *why = "object " + std::to_string(o.oid) + " of the record is malformed";
             return false;
@@ -492,7 +491,8 @@ VEL_RET log_encode_commit(Db *d, Txn *txn, std::string *record) {
             continue;
         ClassDef *cls = class_of(d, ch->class_code);
         for (uint16_t fno : cls->seq_fields) {
-            if (auto *root = reinterpret_cast<std::byte *>(*root_slot(cls, v, cls->fields[fno], afs)))
+            if (auto *root =
+                    reinterpret_cast<std::byte *>(*root_slot(cls, v, cls->fields[fno], afs)))
                 stack.push_back(root);
             while (!stack.empty()) {
                 std::byte *pg = stack.back();

@@ -119,8 +119,7 @@ TEST(DurableBadFile, ImagesRefusedWhole) {
     EXPECT_EQ(velh_db_open_file(&wr.cfg, wr.dir.file("none").c_str(), nullptr, nullptr),
               VEL_E_HOST_BAD_ARG);
     velh_db_t *db = nullptr;
-    EXPECT_EQ(velh_db_open_file(&wr.cfg, wr.dir.file("none").c_str(), &db, nullptr),
-              VEL_E_HOST_IO);
+    EXPECT_EQ(velh_db_open_file(&wr.cfg, wr.dir.file("none").c_str(), &db, nullptr), VEL_E_HOST_IO);
 
     // Cut at every block boundary, one byte either side, and every 127th byte.
     std::vector<size_t> cuts;
@@ -136,9 +135,8 @@ TEST(DurableBadFile, ImagesRefusedWhole) {
     // One byte changed: every byte of the header and of each block header,
     // every 29th byte elsewhere.
     for (size_t p = 0; p < good.size(); ++p) {
-        const bool framing =
-            p < 128 || std::any_of(blocks.begin(), blocks.end(),
-                                   [p](size_t b) { return p >= b && p < b + 24; });
+        const bool framing = p < 128 || std::any_of(blocks.begin(), blocks.end(),
+                                                    [p](size_t b) { return p >= b && p < b + 24; });
         if (!framing && p % 29 != 0)
             continue;
         std::string b = good;

@@ -32,7 +32,8 @@ void say(int fd, const std::string &line) {
 }
 
 [[noreturn]] void child(const TempDir &dir, int mode, uint64_t seed, int out) {
-    const std::string log = dir.file("db.log"), img = dir.file("db.img"), snap = dir.file("snap.img");
+    const std::string log = dir.file("db.log"), img = dir.file("db.img"),
+                      snap = dir.file("snap.img");
     velh_config_t cfg;
     velh_config_init(&cfg);
     cfg.seq_page_size = 256;
@@ -48,7 +49,8 @@ void say(int fd, const std::string &line) {
     say(out, "P 0 " + std::to_string(digest(t.db, t.con)) + "\nC 0\n");
     for (uint64_t k = 1; k < 100000;) {
         const bool committed = w.txn({&t}, [&](Target *tt) {
-            say(out, "P " + std::to_string(k) + " " + std::to_string(digest(tt->db, tt->con)) + "\n");
+            say(out,
+                "P " + std::to_string(k) + " " + std::to_string(digest(tt->db, tt->con)) + "\n");
         });
         if (!committed)
             continue;

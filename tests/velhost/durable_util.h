@@ -65,7 +65,9 @@ inline const std::vector<ClassSpec> &classes() {
     return c;
 }
 
-inline bool is_seq(uint8_t t) { return t >= VEL_DD_SEQUENCE_UINT1 && t <= VEL_DD_SEQUENCE_DATETIME; }
+inline bool is_seq(uint8_t t) {
+    return t >= VEL_DD_SEQUENCE_UINT1 && t <= VEL_DD_SEQUENCE_DATETIME;
+}
 
 inline velrel::Family family_of(const FieldSpec &f) {
     if (f.type == VEL_DD_SEQUENCE_CHAR)
@@ -78,22 +80,21 @@ inline velrel::Family family_of(const FieldSpec &f) {
 }
 
 inline uint16_t scalar_width(const FieldSpec &f) {
-    static const std::map<uint8_t, uint16_t> w = {{VEL_DD_INT4, 4},  {VEL_DD_UINT2, 2},
-                                                  {VEL_DD_FLOAT, 4}, {VEL_DD_INT8, 8},
-                                                  {VEL_DD_CHAR, 0}};
+    static const std::map<uint8_t, uint16_t> w = {
+        {VEL_DD_INT4, 4}, {VEL_DD_UINT2, 2}, {VEL_DD_FLOAT, 4}, {VEL_DD_INT8, 8}, {VEL_DD_CHAR, 0}};
     return f.type == VEL_DD_CHAR ? f.width : w.at(f.type);
 }
 
 inline uint16_t define_class(velh_db_t *db, const ClassSpec &c) {
     std::vector<velh_field_def_t> defs;
     for (const FieldSpec &f : c.fields)
-        defs.push_back({f.name, f.type, f.type == VEL_DD_SEQUENCE_CHAR || f.type == VEL_DD_CHAR
-                                            ? f.width
-                                            : uint16_t(0)});
+        defs.push_back(
+            {f.name, f.type,
+             f.type == VEL_DD_SEQUENCE_CHAR || f.type == VEL_DD_CHAR ? f.width : uint16_t(0)});
     uint16_t code = 0;
-    EXPECT_EQ(velh_class_define(db, c.name, defs.data(), uint16_t(defs.size()), c.flags, c.pm,
-                                &code),
-              VEL_S_OK);
+    EXPECT_EQ(
+        velh_class_define(db, c.name, defs.data(), uint16_t(defs.size()), c.flags, c.pm, &code),
+        VEL_S_OK);
     return code;
 }
 
@@ -148,8 +149,8 @@ inline std::string dump(velh_db_t *db, vel_db_connection_h con) {
                             sizeof root);
                 velrel::TreeInfo ti;
                 const velrel::Family fam = family_of(f);
-                std::string e = velrel::check_tree(fam, f.order, root,
-                                                   obj.pm->large_page_size(con), false, &ti);
+                std::string e = velrel::check_tree(fam, f.order, root, obj.pm->large_page_size(con),
+                                                   false, &ti);
                 EXPECT_EQ(e, "") << "class " << code << " oid " << obj.oid << " field " << k;
                 for (size_t i = 0; i < ti.content.size(); ++i) {
                     if (ti.content.nulls[i])
@@ -235,10 +236,10 @@ class Workload {
 
   private:
     struct Op {
-        int kind;      // 0 create, 1 delete object, 2 set scalar, 3 append, 4 insert, 5 delete range
-        size_t cls;    // class index
-        size_t pick;   // which live object (modulo)
-        uint16_t fld;  // field
+        int kind;     // 0 create, 1 delete object, 2 set scalar, 3 append, 4 insert, 5 delete range
+        size_t cls;   // class index
+        size_t pick;  // which live object (modulo)
+        uint16_t fld; // field
         uint64_t a, b; // positions or counts, taken modulo the field's length
         uint64_t seed; // values and nulls
     };
@@ -247,7 +248,12 @@ class Workload {
         Op op{};
         op.cls = rng_() % n_classes_;
         op.kind = int(rng_() % 12);
-        op.kind = op.kind < 2 ? 0 : op.kind < 3 ? 1 : op.kind < 4 ? 2 : op.kind < 8 ? 3 : op.kind < 10 ? 4 : 5;
+        op.kind = op.kind < 2    ? 0
+                  : op.kind < 3  ? 1
+                  : op.kind < 4  ? 2
+                  : op.kind < 8  ? 3
+                  : op.kind < 10 ? 4
+                                 : 5;
         op.pick = rng_();
         op.fld = uint16_t(rng_() % classes()[op.cls].fields.size());
         op.a = rng_();
@@ -297,8 +303,9 @@ class Workload {
             kind = 3;
         if (kind == 5) {
             uint64_t from = op.a % len, till = from + op.b % std::min<uint64_t>(len - from, 200);
-            EXPECT_EQ(fam.del(&obj, fi.u_offset, fi.c_offset, op.fld, from, till, f.order, fam.width),
-                      VEL_S_OK);
+            EXPECT_EQ(
+                fam.del(&obj, fi.u_offset, fi.c_offset, op.fld, from, till, f.order, fam.width),
+                VEL_S_OK);
             return;
         }
         const uint64_t n = 1 + op.b % (op.a % 5 == 0 ? 400 : 40);
