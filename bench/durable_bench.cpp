@@ -43,10 +43,9 @@ velh_db_t *make_db(bool one_field, uint64_t n) {
     velh_config_init(&cfg);
     velh_db_t *db;
     check(velh_db_open(&cfg, &db), "open");
-    velh_field_def_t f[] = {{"id", VEL_DD_INT8, 0},
-                            {"vals", one_field ? uint8_t(VEL_DD_SEQUENCE_INT4)
-                                               : uint8_t(VEL_DD_SEQUENCE_INT8),
-                             0}};
+    velh_field_def_t f[] = {
+        {"id", VEL_DD_INT8, 0},
+        {"vals", one_field ? uint8_t(VEL_DD_SEQUENCE_INT4) : uint8_t(VEL_DD_SEQUENCE_INT8), 0}};
     uint16_t cls;
     check(velh_class_define(db, "c", f, 2, 0, VELH_PM_INMEM, &cls), "class");
     velh_field_info_t fi;
@@ -73,8 +72,8 @@ velh_db_t *make_db(bool one_field, uint64_t n) {
             for (int i = 0; i < 16; ++i)
                 v[i] = int64_t(k * 16 + i);
             check(velh_set(&obj, 0, &v[0], 8), "set");
-            check(vel_w_seq_append_int8(&obj, fi.u_offset, fi.c_offset, 1, v, 16,
-                                        VEL_SEQ_NO_ORDER, nullptr),
+            check(vel_w_seq_append_int8(&obj, fi.u_offset, fi.c_offset, 1, v, 16, VEL_SEQ_NO_ORDER,
+                                        nullptr),
                   "append");
         }
     }
