@@ -369,6 +369,9 @@ inline std::string read_file(const std::string &path) {
 }
 
 inline void write_file(const std::string &path, const std::string &bytes) {
+    // A new file, not a truncated one: ext4 flushes a file truncated and
+    // rewritten when it is closed, which would make each case wait on disk.
+    ::unlink(path.c_str());
     FILE *f = std::fopen(path.c_str(), "wb");
     ASSERT_NE(f, nullptr);
     std::fwrite(bytes.data(), 1, bytes.size(), f);
