@@ -17,7 +17,8 @@
 // while ref_count > 1.
 //
 // Locks, outermost first: Db::writer_mutex (one read-write transaction at a
-// time unless concurrent_write_transactions), Db::gc_mutex, Db::state_mutex (timestamps,
+// time unless concurrent_write_transactions), Db::schema_mutex, Durable::mutex
+// (the commit log, durable.h), Db::gc_mutex, Db::state_mutex (timestamps,
 // active snapshots, retired versions; held briefly), Db::objects_mutex
 // (shared by readers, exclusive while chains change; held briefly),
 // Db::alloc_mutex (arenas and accounting).  Page reference counts are atomic;
