@@ -187,7 +187,8 @@ void BM_CommitSmallAppend(benchmark::State &state) {
     }
     state.SetItemsProcessed(int64_t(state.iterations()));
     if (mode >= 0)
-        state.counters["log_bytes_per_commit"] = double(file_size(log)) / double(state.iterations());
+        state.counters["log_bytes_per_commit"] =
+            double(file_size(log)) / double(state.iterations());
     velh_disconnect(con);
     velh_db_close(db);
     ::unlink(log.c_str());
