@@ -475,8 +475,9 @@ bool Loader::check(std::byte *root, uint16_t w, PageManager *pm, std::string *wh
         uint64_t count = 0;
         uint8_t height = 1;
         if (!is_inner(page)) {
-            if ((pg->hdr.kind & 15) != 3 || pg->hdr.user > leaf_cap) {
-                *why = name + " has a bad kind or more values than a leaf holds";
+            // The module frees a leaf it empties: an empty leaf is damage.
+            if ((pg->hdr.kind & 15) != 3 || pg->hdr.user == 0 || pg->hdr.user > leaf_cap) {
+                *why = name + " has a bad kind, no values or more than a leaf holds";
                 return nullptr;
             }
             count = pg->hdr.user;
