@@ -301,7 +301,8 @@ typedef struct velh_open_stats_t_ {
    database), then, when cfg->log_path is set, replays the log's records that
    follow that image, cuts a torn or corrupt tail, and goes on appending to
    the log (a missing log is created).  Page sizes and the object header size
-   come from the image; the other settings from cfg.  Either the whole
+   come from the image (without one, from the log's header); the other
+   settings from cfg.  Either the whole
    database is opened or nothing is.  `stats` may be NULL. */
 VEL_RET velh_db_open_file(const velh_config_t *cfg, const char *image_path, velh_db_t **db,
                           velh_open_stats_t *stats);

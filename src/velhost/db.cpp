@@ -196,6 +196,7 @@ void velh_config_init(velh_config_t *cfg) {
     *cfg = velh_config_t{};
     cfg->object_page_size = 4096;
     cfg->seq_page_size = 4096;
+    cfg->log_group_ms = 10;
 }
 
 VEL_RET velh_db_open(const velh_config_t *cfg, velh_db_t **db) {
