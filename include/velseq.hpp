@@ -197,6 +197,9 @@ inline void check(VEL_RET rc, const char *what) {
 
 // ---- span and null view ----------------------------------------------------
 
+template <class T> struct is_optional : std::false_type {};
+template <class T> struct is_optional<const std::optional<T>> : std::true_type {};
+
 // A read-only view of contiguous values (C++17 has no std::span).
 template <class T> class span {
   public:
@@ -206,10 +209,18 @@ template <class T> class span {
     template <class C, class = std::enable_if_t<
                            std::is_convertible_v<decltype(std::declval<C &>().data()), T *>>>
     constexpr span(C &&c) noexcept : data_(c.data()), size_(c.size()) {}
-    // For const T: a braced list, alive until the end of the full expression.
-    template <class U = T, class = std::enable_if_t<std::is_const_v<U>>>
+    // For const T: a braced list, alive until the end of the full expression
+    // (not for std::optional elements, whose lists would be ambiguous).
+#if defined(__GNUC__) && !defined(__clang__)
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Winit-list-lifetime"
+#endif
+    template <class U = T, class = std::enable_if_t<std::is_const_v<U> && !is_optional<U>::value>>
     constexpr span(std::initializer_list<value_type> l) noexcept
         : data_(l.begin()), size_(l.size()) {}
+#if defined(__GNUC__) && !defined(__clang__)
+#pragma GCC diagnostic pop
+#endif
     template <size_t N> constexpr span(T (&a)[N]) noexcept : data_(a), size_(N) {}
     constexpr T *data() const noexcept { return data_; }
     constexpr size_t size() const noexcept { return size_; }
