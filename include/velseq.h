@@ -76,7 +76,8 @@ typedef enum VEL_RET_ {
     VEL_E_HOST_TRANS_ACTIVE = 908, /* connection already has a transaction */
     VEL_E_HOST_BUSY = 909,         /* object still in use (open connections) */
     VEL_E_HOST_LAYOUT = 910,       /* class does not fit the object page */
-    VEL_E_HOST_TRANS_FAILED = 911  /* transaction carries an earlier error */
+    VEL_E_HOST_TRANS_FAILED = 911, /* transaction carries an earlier error */
+    VEL_E_HOST_TREE_DEPTH = 912    /* a sequence tree deeper than VEL_SEQ_MAX_DEPTH levels */
 } VEL_RET;
 
 #define VEL_ERR_SEQ 1060000 /* trap code of the sequence module */

@@ -456,11 +456,11 @@ VEL_RET velh_commit(vel_db_connection_h con) {
     Db *d = c->db;
     Txn *txn = c->txn;
     if (txn->rw) {
-        if (!sweep_created(d, txn, true)) {
-            // An update failed halfway and left a tree that references a
-            // freed page; publishing it would corrupt the database.
+        // A tree that references a freed page (an update failed halfway) or
+        // that no iterator can read would corrupt the database.
+        if (VEL_RET refused = sweep_created(d, txn, true); refused != VEL_S_OK) {
             velh_rollback(con);
-            return VEL_E_HOST_TRANS_FAILED;
+            return refused;
         }
         std::lock_guard<std::mutex> state(d->state_mutex);
         const uint64_t ts = d->commit_ts + 1;

@@ -233,7 +233,7 @@ uint32_t ref_load(vel_seq_page_t *pg);
 void ref_add(vel_seq_page_t *pg);
 void prune_tree(PageManager *pm, vel_seq_page_t *root, Txn *txn);
 VEL_RET make_tree_private(Txn *txn, PageManager *pm, vel_seq_page_t **slot);
-bool sweep_created(Db *db, Txn *txn, bool committing);
+VEL_RET sweep_created(Db *db, Txn *txn, bool committing);
 
 // Versions (db.cpp).
 Version *visible_version(Chain *c, Txn *txn);
