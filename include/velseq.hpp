@@ -46,132 +46,73 @@
 #include "velembed.h"
 #include "velseq/datetime.h"
 
-// velh_keep_compact (the host's amortised compaction after inserts and
-// deletes) is called when the host provides it.
-#ifndef VELSEQ_HAVE_KEEP_COMPACT
-#define VELSEQ_HAVE_KEEP_COMPACT 0
-#endif
-
 namespace velseq {
 
 // ---- errors ----------------------------------------------------------------
 
+namespace detail {
+struct code_text {
+    int code;
+    const char *name;
+    const char *sentence;
+};
+// Every code of velseq.h, with its name and what it means.
+inline const code_text *find_code(int code) noexcept {
+    static const code_text table[] = {
+        {VEL_S_OK, "VEL_S_OK", "success"},
+        {VEL_S_OVERFLOW, "VEL_S_OVERFLOW", "a page overflowed into a new page (internal)"},
+        {VEL_S_UNDERFLOW, "VEL_S_UNDERFLOW", "a page became empty and was freed (internal)"},
+        {VEL_S_NOTFOUND, "VEL_S_NOTFOUND", "no element qualifies"},
+        {VEL_S_CURSOR_END, "VEL_S_CURSOR_END", "the iterator or cursor is past its end"},
+        {VEL_S_CURSOR_EMPTY, "VEL_S_CURSOR_EMPTY", "the class has no objects"},
+        {VEL_E_NOMEM, "VEL_E_NOMEM", "out of pages, or a page reference is missing"},
+        {VEL_E_ILLEGAL_TYPE, "VEL_E_ILLEGAL_TYPE", "an operand has the wrong element type"},
+        {VEL_E_ILLEGAL_PARAM, "VEL_E_ILLEGAL_PARAM", "an argument is out of range for this field"},
+        {VEL_E_SEQ_OUT_OF_ORDER, "VEL_E_SEQ_OUT_OF_ORDER",
+         "the values break the field's declared order"},
+        {VEL_E_SEQ_BOUNDED, "VEL_E_SEQ_BOUNDED",
+         "the operand iterator is already bound to another one"},
+        {VEL_E_SEQ_LENGTH_MISMATCH, "VEL_E_SEQ_LENGTH_MISMATCH",
+         "two inputs that go together differ in length"},
+        {VEL_E_SEQ_NULL_VALUE, "VEL_E_SEQ_NULL_VALUE",
+         "a null where none is allowed, or the element is null"},
+        {VEL_E_HOST_BAD_ARG, "VEL_E_HOST_BAD_ARG", "a null handle, a bad size or a bad definition"},
+        {VEL_E_HOST_TRANS_CLOSED, "VEL_E_HOST_TRANS_CLOSED", "no transaction is open"},
+        {VEL_E_HOST_READ_ONLY, "VEL_E_HOST_READ_ONLY", "a write in a read-only transaction"},
+        {VEL_E_HOST_NO_CLASS, "VEL_E_HOST_NO_CLASS", "unknown class"},
+        {VEL_E_HOST_NO_OBJECT, "VEL_E_HOST_NO_OBJECT", "unknown or deleted object"},
+        {VEL_E_HOST_NO_FIELD, "VEL_E_HOST_NO_FIELD", "unknown field"},
+        {VEL_E_HOST_WRONG_FIELD, "VEL_E_HOST_WRONG_FIELD",
+         "the field is of another kind, type or class"},
+        {VEL_E_HOST_CONFLICT, "VEL_E_HOST_CONFLICT", "another writer committed first"},
+        {VEL_E_HOST_TRANS_ACTIVE, "VEL_E_HOST_TRANS_ACTIVE",
+         "the connection already has a transaction"},
+        {VEL_E_HOST_BUSY, "VEL_E_HOST_BUSY", "still in use"},
+        {VEL_E_HOST_LAYOUT, "VEL_E_HOST_LAYOUT", "the class does not fit an object page"},
+        {VEL_E_HOST_TRANS_FAILED, "VEL_E_HOST_TRANS_FAILED",
+         "the transaction carried an earlier error and was rolled back"},
+        {VEL_E_HOST_TREE_DEPTH, "VEL_E_HOST_TREE_DEPTH",
+         "a sequence tree is deeper than the module can read"},
+        {VEL_ERR_SEQ, "VEL_ERR_SEQ",
+         "the sequence module trapped on a corrupt page or a broken invariant"},
+    };
+    for (const code_text &t : table)
+        if (t.code == code)
+            return &t;
+    return nullptr;
+}
+} // namespace detail
+
 // Name of any code of velseq.h ("VEL_E_SEQ_OUT_OF_ORDER"); "VEL_?" if unknown.
 inline const char *code_name(int code) noexcept {
-    switch (code) {
-    case VEL_S_OK:
-        return "VEL_S_OK";
-    case VEL_S_OVERFLOW:
-        return "VEL_S_OVERFLOW";
-    case VEL_S_UNDERFLOW:
-        return "VEL_S_UNDERFLOW";
-    case VEL_S_NOTFOUND:
-        return "VEL_S_NOTFOUND";
-    case VEL_S_CURSOR_END:
-        return "VEL_S_CURSOR_END";
-    case VEL_S_CURSOR_EMPTY:
-        return "VEL_S_CURSOR_EMPTY";
-    case VEL_E_NOMEM:
-        return "VEL_E_NOMEM";
-    case VEL_E_ILLEGAL_TYPE:
-        return "VEL_E_ILLEGAL_TYPE";
-    case VEL_E_ILLEGAL_PARAM:
-        return "VEL_E_ILLEGAL_PARAM";
-    case VEL_E_SEQ_OUT_OF_ORDER:
-        return "VEL_E_SEQ_OUT_OF_ORDER";
-    case VEL_E_SEQ_BOUNDED:
-        return "VEL_E_SEQ_BOUNDED";
-    case VEL_E_SEQ_LENGTH_MISMATCH:
-        return "VEL_E_SEQ_LENGTH_MISMATCH";
-    case VEL_E_SEQ_NULL_VALUE:
-        return "VEL_E_SEQ_NULL_VALUE";
-    case VEL_E_HOST_BAD_ARG:
-        return "VEL_E_HOST_BAD_ARG";
-    case VEL_E_HOST_TRANS_CLOSED:
-        return "VEL_E_HOST_TRANS_CLOSED";
-    case VEL_E_HOST_READ_ONLY:
-        return "VEL_E_HOST_READ_ONLY";
-    case VEL_E_HOST_NO_CLASS:
-        return "VEL_E_HOST_NO_CLASS";
-    case VEL_E_HOST_NO_OBJECT:
-        return "VEL_E_HOST_NO_OBJECT";
-    case VEL_E_HOST_NO_FIELD:
-        return "VEL_E_HOST_NO_FIELD";
-    case VEL_E_HOST_WRONG_FIELD:
-        return "VEL_E_HOST_WRONG_FIELD";
-    case VEL_E_HOST_CONFLICT:
-        return "VEL_E_HOST_CONFLICT";
-    case VEL_E_HOST_TRANS_ACTIVE:
-        return "VEL_E_HOST_TRANS_ACTIVE";
-    case VEL_E_HOST_BUSY:
-        return "VEL_E_HOST_BUSY";
-    case VEL_E_HOST_LAYOUT:
-        return "VEL_E_HOST_LAYOUT";
-    case VEL_E_HOST_TRANS_FAILED:
-        return "VEL_E_HOST_TRANS_FAILED";
-    case VEL_ERR_SEQ:
-        return "VEL_ERR_SEQ";
-    }
-    return "VEL_?";
+    const detail::code_text *t = detail::find_code(code);
+    return t ? t->name : "VEL_?";
 }
 
 // One sentence saying what the code means.
 inline const char *code_message(int code) noexcept {
-    switch (code) {
-    case VEL_S_OK:
-        return "success";
-    case VEL_S_OVERFLOW:
-        return "a page overflowed into a new page (internal)";
-    case VEL_S_UNDERFLOW:
-        return "a page became empty and was freed (internal)";
-    case VEL_S_NOTFOUND:
-        return "no element qualifies";
-    case VEL_S_CURSOR_END:
-        return "the iterator or cursor is past its end";
-    case VEL_S_CURSOR_EMPTY:
-        return "the class has no objects";
-    case VEL_E_NOMEM:
-        return "out of pages, or a page reference is missing";
-    case VEL_E_ILLEGAL_TYPE:
-        return "an operand has the wrong element type";
-    case VEL_E_ILLEGAL_PARAM:
-        return "an argument is out of range for this field";
-    case VEL_E_SEQ_OUT_OF_ORDER:
-        return "the values break the field's declared order";
-    case VEL_E_SEQ_BOUNDED:
-        return "the operand iterator is already bound to another one";
-    case VEL_E_SEQ_LENGTH_MISMATCH:
-        return "two inputs that go together differ in length";
-    case VEL_E_SEQ_NULL_VALUE:
-        return "a null where none is allowed, or the element is null";
-    case VEL_E_HOST_BAD_ARG:
-        return "a null handle, a bad size or a bad definition";
-    case VEL_E_HOST_TRANS_CLOSED:
-        return "no transaction is open";
-    case VEL_E_HOST_READ_ONLY:
-        return "a write in a read-only transaction";
-    case VEL_E_HOST_NO_CLASS:
-        return "unknown class";
-    case VEL_E_HOST_NO_OBJECT:
-        return "unknown or deleted object";
-    case VEL_E_HOST_NO_FIELD:
-        return "unknown field";
-    case VEL_E_HOST_WRONG_FIELD:
-        return "the field is of another kind, type or class";
-    case VEL_E_HOST_CONFLICT:
-        return "another writer committed first";
-    case VEL_E_HOST_TRANS_ACTIVE:
-        return "the connection already has a transaction";
-    case VEL_E_HOST_BUSY:
-        return "still in use";
-    case VEL_E_HOST_LAYOUT:
-        return "the class does not fit an object page";
-    case VEL_E_HOST_TRANS_FAILED:
-        return "the transaction carried an earlier error and was rolled back";
-    case VEL_ERR_SEQ:
-        return "the sequence module trapped on a corrupt page or a broken invariant";
-    }
-    return "unknown code";
+    const detail::code_text *t = detail::find_code(code);
+    return t ? t->sentence : "unknown code";
 }
 
 // The one exception of this API: code, its name, and a sentence with context.
@@ -755,11 +696,10 @@ class transaction {
         detail::check(velh_obj_count(con_, cls.code(), &n), "counting objects");
         return n;
     }
-#if VELSEQ_HAVE_KEEP_COMPACT
+    // State of the host's compaction policy for one field of one object.
     velh_compact_state_t &compact_state(uint64_t oid, uint16_t fld_no) {
         return compact_[{oid, fld_no}]; // value-initialised: zeroed on first use
     }
-#endif
 
   private:
     void require_open() const {
@@ -769,9 +709,7 @@ class transaction {
     vel_db_connection_h con_;
     bool write_;
     bool open_ = false;
-#if VELSEQ_HAVE_KEEP_COMPACT
     std::map<std::pair<uint64_t, uint16_t>, velh_compact_state_t> compact_;
-#endif
 };
 
 // ---- ranges ------------------------------------------------------------------
@@ -1159,12 +1097,12 @@ template <class T> class sequence {
         detail::check(it->next(it.get()), "reading");
         return *reinterpret_cast<const T *>(it->tile.u.arr_char);
     }
-    void keep_compact([[maybe_unused]] uint64_t n_changed) {
-#if VELSEQ_HAVE_KEEP_COMPACT
+    // Single inserts split full leaves into nearly empty ones; the host
+    // rebuilds the tree densely when it has degraded (amortised).
+    void keep_compact(uint64_t n_changed) {
         detail::check(velh_keep_compact(&h_, fi_.fld_no, c_order(), n_changed,
                                         &tx_->compact_state(h_.oid, fi_.fld_no)),
                       "compacting");
-#endif
     }
     position_range search_into(vel_seq_iterator_t &it, const T &lo, const T &hi, bound lo_kind,
                                bound hi_kind) const {

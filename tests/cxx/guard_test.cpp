@@ -5,6 +5,7 @@
 
 #include <cmath>
 #include <functional>
+#include <random>
 #include <set>
 
 #include "velseq.hpp"
@@ -181,6 +182,39 @@ TEST(Guard, TransactionRollsBackWhenUnwinding) {
     EXPECT_EQ(tx.count(s.cls), 0u);
 }
 
+// Single-value inserts and erases at random places, against a vector: the
+// contents follow the model and the tree stays near its dense shape.
+TEST(Guard, SingleInsertsKeepTheFieldDense) {
+    Db s;
+    connection con(s.db);
+    transaction tx(con, transaction::write);
+    object o = tx.create(s.cls);
+    sequence<int32_t> d = o[s.desc];
+    vector<optional<int32_t>> model;
+    std::mt19937 rng(3);
+    for (int i = 0; i < 6000; i++) {
+        if (i % 10 == 9 && !model.empty()) {
+            const size_t at = rng() % model.size();
+            d.erase(at, at + 1);
+            model.erase(model.begin() + long(at));
+            continue;
+        }
+        // a value between its neighbours keeps the descending order
+        const size_t at = model.empty() ? 0 : rng() % (model.size() + 1);
+        const int32_t v = at < model.size() ? *model[at] : at > 0 ? *model[at - 1] : 1000000;
+        d.insert(at, {v});
+        model.insert(model.begin() + long(at), v);
+    }
+    ASSERT_EQ(contents(d), model);
+    velh_field_shape_t shape{};
+    ASSERT_EQ(velh_field_shape(o.handle(), s.desc.info().fld_no, VEL_SEQ_DESC_ORDER, &shape),
+              VEL_S_OK);
+    EXPECT_EQ(shape.elements, model.size());
+    EXPECT_LE(shape.depth, unsigned(VELH_COMPACT_MAX_DEPTH));
+    EXPECT_LE(shape.pages, 2 * shape.dense_pages);
+    tx.commit();
+}
+
 TEST(Guard, EveryCodeHasItsOwnName) {
     const int codes[] = {VEL_S_OK,
                          VEL_S_OVERFLOW,
@@ -207,6 +241,7 @@ TEST(Guard, EveryCodeHasItsOwnName) {
                          VEL_E_HOST_BUSY,
                          VEL_E_HOST_LAYOUT,
                          VEL_E_HOST_TRANS_FAILED,
+                         VEL_E_HOST_TREE_DEPTH,
                          VEL_ERR_SEQ};
     std::set<std::string> names, sentences;
     for (int c : codes) {

@@ -60,13 +60,14 @@ void store(object &o, Db &s, const Data &d) {
 
 optional<uint64_t> brute_asof(const vector<int64_t> &k, int64_t p, direction dir, bool strict,
                               optional<int64_t> tol) {
+    // the keys are sorted: the standard library's bounds are the model
+    const auto lb = size_t(std::lower_bound(k.begin(), k.end(), p) - k.begin());
+    const auto ub = size_t(std::upper_bound(k.begin(), k.end(), p) - k.begin());
     optional<uint64_t> back, fwd;
-    for (size_t i = 0; i < k.size(); i++) {
-        if (strict ? k[i] < p : k[i] <= p)
-            back = i;
-        if (!fwd && (strict ? k[i] > p : k[i] >= p))
-            fwd = i;
-    }
+    if ((strict ? lb : ub) > 0)
+        back = (strict ? lb : ub) - 1;
+    if ((strict ? ub : lb) < k.size())
+        fwd = strict ? ub : lb;
     if (dir == direction::backward)
         fwd.reset();
     if (dir == direction::forward)
