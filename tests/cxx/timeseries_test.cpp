@@ -144,6 +144,31 @@ TEST(Timeseries, AsofMatchesBruteForce) {
                                          : brute_asof(d.keys, probes[i], direction::backward, false,
                                                       std::nullopt));
         }
+        // the module's join (probes up to the last key) and a value window
+        if (n > 0) {
+            vector<datetime> in;
+            for (const datetime &p : pts)
+                if (p.ns() <= d.keys.back())
+                    in.push_back(p);
+            size_t i = 0;
+            for (const tile<uint64_t> &t : o[s.ts].join(in))
+                for (uint64_t pos : t.values) {
+                    const int64_t p = in[i++].ns();
+                    ASSERT_EQ(pos, size_t(std::lower_bound(d.keys.begin(), d.keys.end(), p) -
+                                          d.keys.begin()));
+                }
+            ASSERT_EQ(i, in.size());
+            const int64_t w0 = probes[0], w1 = probes[0] + 60;
+            vector<int64_t> want, got;
+            for (int64_t k : d.keys)
+                if (k > w0 && k <= w1)
+                    want.push_back(k);
+            for (optional<datetime> k : element_range<datetime>(
+                     o[s.ts].window(datetime::from_ns(w0), datetime::from_ns(w1), bound::exclusive,
+                                    bound::inclusive)))
+                got.push_back(k->ns());
+            ASSERT_EQ(got, want);
+        }
         // last observation carried forward
         vector<optional<int32_t>> filled = read_filled(o[s.val], {0, n});
         optional<int32_t> last;
