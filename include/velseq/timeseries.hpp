@@ -53,55 +53,127 @@ template <class K> struct asof_options {
 
 namespace detail {
 
-// Answers "first position whose key is >= p (or > p)" over an ascending field,
-// for a stream of probes.  It keeps the tile of the previous answer; a probe
-// whose answer lies in that tile or the next two is found by galloping from
-// the previous index, any other by one value search from the root, which
-// restarts the scan one element before the answer.
-template <class K> class key_cursor {
+// Reads a field by positions that mostly ascend.  It keeps the tile in hand;
+// a position in it costs nothing, one in the next two tiles costs their
+// fetch, any other one descent from the root (a positional set-up of the
+// iterator it owns, which is reused: nothing is allocated per jump).
+template <class T> class tile_cursor {
   public:
-    explicit key_cursor(const sequence<K> &keys) : keys_(keys), n_(keys.size()) {}
+    explicit tile_cursor(const sequence<T> &s)
+        : obj_(s.obj()), fi_(s.info()), n_(s.size()), it_(new_iter()) {}
 
     uint64_t size() const noexcept { return n_; }
+    uint64_t base() const noexcept { return base_; }
+    size_t len() const noexcept { return len_; }
+    const T *values() const noexcept { return vals_; }
+    bool null_at(size_t i) const noexcept {
+        return ((it_->tile.null_bitmap[i / 64] >> (i % 64)) & 1u) != 0;
+    }
+
+    // Makes `pos` (< size()) part of the tile in hand.
+    void reach(uint64_t pos) {
+        if (len_ > 0 && pos >= base_ && pos < base_ + len_)
+            return;
+        if (len_ > 0 && pos >= base_ + len_ && pos < base_ + len_ + 2 * VEL_SEQ_TILE_SIZE) {
+            while (next() && pos >= base_ + len_) {
+            }
+            if (len_ > 0 && pos >= base_ && pos < base_ + len_)
+                return;
+        }
+        jump(pos);
+    }
+    // The tile after the one in hand; false at the end of the field.
+    bool next() {
+        if (len_ == 0)
+            return false;
+        const VEL_RET rc = it_->next(it_.get());
+        if (rc == VEL_S_CURSOR_END) {
+            len_ = 0;
+            return false;
+        }
+        check(rc, "reading a tile");
+        load();
+        return true;
+    }
+    // The iterator, for a caller that sets it up by a value search; then
+    // adopt() takes its first tile.
+    vel_seq_iterator_t &iter() noexcept { return *it_; }
+    void adopt() {
+        len_ = 0;
+        if (it_->next(it_.get()) == VEL_S_OK)
+            load();
+    }
+
+  private:
+    void jump(uint64_t pos) {
+        check(elem<T>::subseq(obj_, fi_, it_.get(), pos, n_ - 1), "positioning a scan");
+        adopt();
+    }
+    void load() {
+        len_ = it_->tile_size;
+        base_ = it_->next_seq_no - len_;
+        vals_ = reinterpret_cast<const T *>(it_->tile.u.arr_char);
+    }
+    vel_objhandle_h obj_;
+    velh_field_info_t fi_;
+    uint64_t n_;
+    iter_ptr it_;
+    uint64_t base_ = 0;
+    size_t len_ = 0;
+    const T *vals_ = nullptr;
+};
+
+// Answers "first position whose key is >= p (or > p)" over an ascending field,
+// for a stream of probes: galloping from the previous answer in the tile in
+// hand, on over the next two tiles, otherwise one value search from the root.
+template <class K> class key_cursor {
+  public:
+    explicit key_cursor(const sequence<K> &keys)
+        : keys_(keys), cur_(keys), last_(keys.back().value_or(K{})) {}
+
+    uint64_t size() const noexcept { return cur_.size(); }
 
     uint64_t bound(const K &p, bool upper) {
-        if (n_ == 0)
-            return 0;
-        if (!loaded_)
-            return seek(p, upper);
-        for (int hops = 0;; hops++) {
-            const K *v = tile_.values.data();
-            const size_t len = tile_.values.size();
-            if (len > 0 && !qualifies(v[len - 1], p, upper)) {
+        const uint64_t n = cur_.size();
+        if (n == 0 || !qualifies(last_, p, upper))
+            return n;
+        for (int hops = 0; cur_.len() > 0; hops++) {
+            const K *v = cur_.values();
+            const size_t len = cur_.len();
+            if (!qualifies(v[len - 1], p, upper)) {
                 // The answer lies beyond this tile.
-                if (hops == 2 || base_ + len >= n_)
-                    return base_ + len >= n_ ? n_ : seek(p, upper);
+                if (cur_.base() + len >= n)
+                    return n;
+                if (hops == 2)
+                    break;
                 prev_ = v[len - 1];
                 prev_known_ = true;
-                if (!next_tile())
-                    return n_;
+                seek_valid_ = false; // the search said nothing about this tile's start
+                if (!cur_.next())
+                    break;
                 hint_ = 0;
                 continue;
             }
             const size_t i = search_tile(v, len, p, upper);
-            if (i == 0 && base_ > 0) {
+            if (i == 0 && cur_.base() > 0 && !prev_fails(p, upper)) {
                 if (!prev_known_) {
-                    prev_ = keys_.at(base_ - 1).value_or(K{});
+                    prev_ = keys_.at(cur_.base() - 1).value_or(K{});
                     prev_known_ = true;
                 }
                 if (qualifies(prev_, p, upper))
-                    return seek(p, upper); // the answer lies before this tile
+                    break; // the answer lies before this tile
             }
             hint_ = i;
-            return base_ + i;
+            return cur_.base() + i;
         }
+        return seek(p, upper);
     }
 
-    // Key at `pos`, cheap for the tile in hand and the element before it.
+    // Key at `pos`: the tile in hand, the element before it, or a descent.
     K key(uint64_t pos) {
-        if (loaded_ && pos >= base_ && pos < base_ + tile_.values.size())
-            return tile_.values[pos - base_];
-        if (loaded_ && prev_known_ && pos + 1 == base_)
+        if (cur_.len() > 0 && pos >= cur_.base() && pos < cur_.base() + cur_.len())
+            return cur_.values()[pos - cur_.base()];
+        if (prev_known_ && pos + 1 == cur_.base())
             return prev_;
         return keys_.at(pos).value_or(K{});
     }
@@ -109,14 +181,25 @@ template <class K> class key_cursor {
   private:
     static bool qualifies(const K &v, const K &p, bool upper) { return upper ? p < v : !(v < p); }
 
+    // Whether the element before the tile is known not to qualify for (p,
+    // upper), from the search that placed the tile: it did not qualify for
+    // (p0, upper0), so it is below p0 (or at most p0 when upper0).
+    bool prev_fails(const K &p, bool upper) const {
+        return seek_valid_ && (p0_ < p || (!(p < p0_) && (upper || !upper0_)));
+    }
+
     // Gallops from the previous index, then halves.
     size_t search_tile(const K *v, size_t len, const K &p, bool upper) const {
         size_t lo = 0, hi = len;
-        size_t h = std::min(hint_, len);
+        const size_t h = std::min(hint_, len);
         if (h > 0 && qualifies(v[h - 1], p, upper)) {
             hi = h - 1;
         } else {
-            lo = h;
+            // Dense probes move a step or two: look there before galloping.
+            for (size_t k = h; k < len && k < h + 4; k++)
+                if (qualifies(v[k], p, upper))
+                    return k;
+            lo = std::min(len, h + 4);
             size_t step = 1;
             while (lo + step < len && !qualifies(v[lo + step], p, upper)) {
                 lo += step + 1;
@@ -134,50 +217,101 @@ template <class K> class key_cursor {
         return lo;
     }
 
-    bool next_tile() {
-        ++cur_;
-        if (cur_ == range_.end()) {
-            loaded_ = false;
-            return false;
-        }
-        tile_ = *cur_;
-        base_ = tile_.first;
-        return true;
-    }
-
-    // One descent for the answer, then a scan from the element before it.
+    // One descent: the search iterator starts its scan at the answer.
     uint64_t seek(const K &p, bool upper) {
-        const position_range r =
-            keys_.search(p, p, upper ? bound::exclusive : bound::inclusive, bound::open);
-        const uint64_t ans = r.empty() ? n_ : r.first;
-        const uint64_t start = ans > 0 ? ans - 1 : 0;
-        range_ = keys_.tiles(start, n_);
-        cur_ = range_.begin();
-        loaded_ = cur_ != range_.end();
-        if (loaded_) {
-            tile_ = *cur_;
-            base_ = tile_.first;
-            hint_ = static_cast<size_t>(ans - base_);
-        }
+        vel_seq_iterator_t &it = cur_.iter();
+        const VEL_RET rc = elem<K>::search(keys_.obj(), keys_.info(), &it, p,
+                                           upper ? bound::exclusive : bound::inclusive, p,
+                                           bound::open, VEL_SEQ_ASC_ORDER);
+        if (rc != VEL_S_NOTFOUND)
+            check(rc, "asof: searching the keys");
+        cur_.adopt();
+        hint_ = 0;
         prev_known_ = false;
-        return ans;
+        seek_valid_ = cur_.len() > 0;
+        p0_ = p;
+        upper0_ = upper;
+        return rc == VEL_S_NOTFOUND ? cur_.size() : it.first_seq_no;
     }
 
     const sequence<K> &keys_;
-    uint64_t n_;
-    tile_range<K> range_;
-    typename tile_range<K>::iterator cur_;
-    tile<K> tile_;
-    uint64_t base_ = 0;
+    tile_cursor<K> cur_;
+    K last_; // the last key: probes beyond it need no search
     size_t hint_ = 0;
     K prev_{};
     bool prev_known_ = false;
-    bool loaded_ = false;
+    K p0_{};
+    bool upper0_ = false;
+    bool seek_valid_ = false;
 };
 
 template <class K> void require_ascending(const sequence<K> &keys, const char *what) {
     if (keys.declared_order() != order::ascending)
         throw error(VEL_E_ILLEGAL_PARAM, std::string(what) + " needs an ascending key field");
+}
+
+} // namespace detail
+
+namespace detail {
+
+constexpr uint64_t no_match = ~uint64_t(0);
+
+// The as-of merge; no_match where a probe has no match.
+template <class K>
+std::vector<uint64_t> asof_positions(const sequence<K> &keys, span<const K> probes,
+                                     const asof_options<K> &opt) {
+    require_ascending(keys, "asof");
+    using D = key_distance<K>;
+    std::vector<uint64_t> out(probes.size(), no_match);
+    key_cursor<K> cur(keys);
+    const uint64_t n = cur.size();
+    for (size_t i = 0; i < probes.size(); i++) {
+        const K &p = probes[i];
+        if (is_nan(p) || n == 0)
+            continue;
+        // back: the last candidate before (or at) p; fwd: the first after (or at) it.
+        uint64_t back = no_match, fwd = no_match;
+        if (opt.dir != direction::forward) {
+            const uint64_t b = cur.bound(p, !opt.strict);
+            back = b > 0 ? b - 1 : no_match;
+        }
+        if (opt.dir != direction::backward) {
+            const uint64_t f = cur.bound(p, opt.strict);
+            fwd = f < n ? f : no_match;
+        }
+        uint64_t pick = back != no_match ? back : fwd;
+        if (back != no_match && fwd != no_match &&
+            D::between(p, cur.key(fwd)) < D::between(cur.key(back), p))
+            pick = fwd;
+        if (pick != no_match && opt.tolerance) {
+            const K k = cur.key(pick);
+            if ((k < p ? D::between(k, p) : D::between(p, k)) > D::of(*opt.tolerance))
+                pick = no_match;
+        }
+        out[i] = pick;
+    }
+    return out;
+}
+
+// The values of `col` at positions pos(0) .. pos(count - 1) (no_match: null).
+template <class V, class Pos>
+std::vector<std::optional<V>> gather_at(const sequence<V> &col, size_t count, Pos pos) {
+    std::vector<std::optional<V>> out(count);
+    tile_cursor<V> cur(col);
+    const uint64_t n = cur.size();
+    for (size_t i = 0; i < count; i++) {
+        const uint64_t p = pos(i);
+        if (p == no_match)
+            continue;
+        if (p >= n)
+            throw error(VEL_E_ILLEGAL_PARAM, "gather: position " + std::to_string(p) +
+                                                 " past the end (" + std::to_string(n) + ")");
+        cur.reach(p);
+        const size_t k = static_cast<size_t>(p - cur.base());
+        if (!cur.null_at(k))
+            out[i] = cur.values()[k];
+    }
+    return out;
 }
 
 } // namespace detail
@@ -188,41 +322,11 @@ template <class K> void require_ascending(const sequence<K> &keys, const char *w
 template <class K>
 std::vector<std::optional<uint64_t>> asof(const sequence<K> &keys, span<const K> probes,
                                           const asof_options<K> &opt = {}) {
-    detail::require_ascending(keys, "asof");
-    using D = key_distance<K>;
-    std::vector<std::optional<uint64_t>> out(probes.size());
-    detail::key_cursor<K> cur(keys);
-    const uint64_t n = cur.size();
-    for (size_t i = 0; i < probes.size(); i++) {
-        const K &p = probes[i];
-        if (detail::is_nan(p) || n == 0)
-            continue;
-        // back: last candidate before or at p; fwd: first at or after p.
-        std::optional<uint64_t> back, fwd;
-        if (opt.dir != direction::forward) {
-            const uint64_t b = cur.bound(p, !opt.strict);
-            if (b > 0)
-                back = b - 1;
-        }
-        if (opt.dir != direction::backward) {
-            const uint64_t f = cur.bound(p, opt.strict);
-            if (f < n)
-                fwd = f;
-        }
-        std::optional<uint64_t> pick;
-        if (back && fwd) {
-            pick = D::between(cur.key(*back), p) <= D::between(p, cur.key(*fwd)) ? back : fwd;
-        } else {
-            pick = back ? back : fwd;
-        }
-        if (pick && opt.tolerance) {
-            const K k = cur.key(*pick);
-            const auto d = k < p ? D::between(k, p) : D::between(p, k);
-            if (d > D::of(*opt.tolerance))
-                pick.reset();
-        }
-        out[i] = pick;
-    }
+    const std::vector<uint64_t> pos = detail::asof_positions(keys, probes, opt);
+    std::vector<std::optional<uint64_t>> out(pos.size());
+    for (size_t i = 0; i < pos.size(); i++)
+        if (pos[i] != detail::no_match)
+            out[i] = pos[i];
     return out;
 }
 
@@ -248,27 +352,14 @@ std::vector<std::optional<uint64_t>> asof(const sequence<K> &keys, const sequenc
 }
 
 // The values of `col` at the given positions (null position or null element:
-// nullopt), read by the module's map.
+// nullopt).  Ascending positions are read by one pass over the tiles they
+// touch; a far jump costs one descent.
 template <class V>
 std::vector<std::optional<V>> gather(const sequence<V> &col,
                                      span<const std::optional<uint64_t>> positions) {
-    std::vector<uint64_t> pos;
-    for (const auto &p : positions)
-        if (p)
-            pos.push_back(*p);
-    std::vector<std::optional<V>> out(positions.size());
-    if (pos.empty())
-        return out;
-    size_t k = 0;
-    auto next_slot = [&]() {
-        while (!positions[k])
-            k++;
-        return k++;
-    };
-    for (const tile<V> &t : col.map(span<const uint64_t>(pos)))
-        for (size_t j = 0; j < t.size(); j++)
-            out[next_slot()] = t[j];
-    return out;
+    return detail::gather_at(col, positions.size(), [&positions](size_t i) {
+        return positions[i] ? *positions[i] : detail::no_match;
+    });
 }
 
 // As-of join: for each probe, the prevailing values of several columns of the
@@ -277,9 +368,9 @@ template <class K, class... V>
 std::tuple<std::vector<std::optional<V>>...>
 asof_join(const sequence<K> &keys, span<const K> probes, const asof_options<K> &opt,
           const sequence<V> &...cols) {
-    const auto pos = asof(keys, probes, opt);
-    const span<const std::optional<uint64_t>> p(pos);
-    return std::tuple<std::vector<std::optional<V>>...>(gather(cols, p)...);
+    const std::vector<uint64_t> pos = detail::asof_positions(keys, probes, opt);
+    auto at = [&pos](size_t i) { return pos[i]; };
+    return std::tuple<std::vector<std::optional<V>>...>(detail::gather_at(cols, pos.size(), at)...);
 }
 
 // Last observation carried forward: each null takes the closest earlier
@@ -331,34 +422,56 @@ template <class T> struct summary {
 
 namespace detail {
 
+// Whether any of bits [off, off + n) of a bitmap is set, a word at a time.
+inline bool any_bit(const vel_bitmap_word_t *words, size_t off, size_t n) {
+    while (n > 0) {
+        const size_t b = off % 64, k = std::min<size_t>(n, 64 - b);
+        const vel_bitmap_word_t mask =
+            k == 64 ? ~vel_bitmap_word_t(0) : ((vel_bitmap_word_t(1) << k) - 1) << b;
+        if ((words[off / 64] & mask) != 0)
+            return true;
+        off += k;
+        n -= k;
+    }
+    return false;
+}
+
 // Folds `n` values (nulls flagged in `nulls` from bit `off`) into `s`.
 template <class T>
 void fold(summary<T> &s, const T *v, size_t n, const vel_bitmap_word_t *nulls, size_t off) {
     s.rows += n;
-    bool any_null = false;
-    for (size_t i = 0; i < n && !any_null; i++)
-        any_null = ((nulls[(off + i) / 64] >> ((off + i) % 64)) & 1u) != 0;
+    if (n == 0)
+        return;
     auto take = [&s](const T &x, bool first) {
         if (first || x < *s.min)
             s.min = x;
         if (first || *s.max < x)
             s.max = x;
     };
-    if (!any_null) {
-        if (n == 0)
-            return;
-        // Dense tile: the loop the compiler vectorises.
+    if (!any_bit(nulls, off, n)) {
         if constexpr (std::is_arithmetic_v<T>) {
-            sum_t<T> sum{};
-            T lo = v[0], hi = v[0];
-            for (size_t i = 0; i < n; i++) {
-                sum += static_cast<sum_t<T>>(v[i]);
-                lo = v[i] < lo ? v[i] : lo;
-                hi = hi < v[i] ? v[i] : hi;
+            // Four independent lanes, so that the adds and compares of one
+            // value do not wait for those of the previous one.
+            sum_t<T> sum[4] = {};
+            T lo[4] = {v[0], v[0], v[0], v[0]}, hi[4] = {v[0], v[0], v[0], v[0]};
+            size_t i = 0;
+            for (; i + 4 <= n; i += 4)
+                for (size_t l = 0; l < 4; l++) {
+                    const T x = v[i + l];
+                    sum[l] += static_cast<sum_t<T>>(x);
+                    lo[l] = x < lo[l] ? x : lo[l];
+                    hi[l] = hi[l] < x ? x : hi[l];
+                }
+            for (; i < n; i++) {
+                sum[0] += static_cast<sum_t<T>>(v[i]);
+                lo[0] = v[i] < lo[0] ? v[i] : lo[0];
+                hi[0] = hi[0] < v[i] ? v[i] : hi[0];
             }
-            s.sum += sum;
-            take(lo, s.count == 0);
-            take(hi, false);
+            s.sum += (sum[0] + sum[1]) + (sum[2] + sum[3]);
+            for (size_t l = 0; l < 4; l++) {
+                take(lo[l], s.count == 0 && l == 0);
+                take(hi[l], false);
+            }
         } else {
             for (size_t i = 0; i < n; i++)
                 take(v[i], s.count == 0 && i == 0);
