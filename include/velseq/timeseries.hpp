@@ -137,14 +137,16 @@ template <class K> class key_cursor {
         const uint64_t n = cur_.size();
         if (n == 0 || !qualifies(last_, p, upper))
             return n;
-        for (int hops = 0; cur_.len() > 0; hops++) {
+        // After a probe that needed a search, the next one likely does too:
+        // hopping over tiles first would only add their fetches.
+        for (int hops = far_ ? 2 : 0; cur_.len() > 0; hops++) {
             const K *v = cur_.values();
             const size_t len = cur_.len();
             if (!qualifies(v[len - 1], p, upper)) {
                 // The answer lies beyond this tile.
                 if (cur_.base() + len >= n)
                     return n;
-                if (hops == 2)
+                if (hops >= 2)
                     break;
                 prev_ = v[len - 1];
                 prev_known_ = true;
@@ -164,8 +166,10 @@ template <class K> class key_cursor {
                     break; // the answer lies before this tile
             }
             hint_ = i;
+            far_ = false;
             return cur_.base() + i;
         }
+        far_ = true;
         return seek(p, upper);
     }
 
@@ -243,6 +247,7 @@ template <class K> class key_cursor {
     K p0_{};
     bool upper0_ = false;
     bool seek_valid_ = false;
+    bool far_ = false; // the last probe was answered by a search
 };
 
 template <class K> void require_ascending(const sequence<K> &keys, const char *what) {
