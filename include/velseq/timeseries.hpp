@@ -299,11 +299,16 @@ std::vector<uint64_t> asof_positions(const sequence<K> &keys, span<const K> prob
 }
 
 // The values of `col` at positions pos(0) .. pos(count - 1) (no_match: null).
+// Positions closer than a tile apart on average are read through whole tiles;
+// sparser ones through the module's map, which copies single elements out of
+// the leaf in hand and descends once per leaf.
 template <class V, class Pos>
 std::vector<std::optional<V>> gather_at(const sequence<V> &col, size_t count, Pos pos) {
     std::vector<std::optional<V>> out(count);
     tile_cursor<V> cur(col);
     const uint64_t n = cur.size();
+    std::vector<uint64_t> wanted;
+    uint64_t lo = no_match, hi = 0;
     for (size_t i = 0; i < count; i++) {
         const uint64_t p = pos(i);
         if (p == no_match)
@@ -311,6 +316,26 @@ std::vector<std::optional<V>> gather_at(const sequence<V> &col, size_t count, Po
         if (p >= n)
             throw error(VEL_E_ILLEGAL_PARAM, "gather: position " + std::to_string(p) +
                                                  " past the end (" + std::to_string(n) + ")");
+        lo = std::min(lo, p);
+        hi = std::max(hi, p);
+        wanted.push_back(p);
+    }
+    if (wanted.empty())
+        return out;
+    if ((hi - lo) / wanted.size() >= VEL_SEQ_TILE_SIZE / 2) {
+        size_t i = 0;
+        for (const tile<V> &t : col.map(span<const uint64_t>(wanted)))
+            for (size_t j = 0; j < t.size(); j++) {
+                while (pos(i) == no_match)
+                    i++;
+                out[i++] = t[j];
+            }
+        return out;
+    }
+    for (size_t i = 0; i < count; i++) {
+        const uint64_t p = pos(i);
+        if (p == no_match)
+            continue;
         cur.reach(p);
         const size_t k = static_cast<size_t>(p - cur.base());
         if (!cur.null_at(k))
