@@ -307,8 +307,7 @@ std::vector<std::optional<V>> gather_at(const sequence<V> &col, size_t count, Po
     std::vector<std::optional<V>> out(count);
     tile_cursor<V> cur(col);
     const uint64_t n = cur.size();
-    std::vector<uint64_t> wanted;
-    uint64_t lo = no_match, hi = 0;
+    uint64_t lo = no_match, hi = 0, found = 0;
     for (size_t i = 0; i < count; i++) {
         const uint64_t p = pos(i);
         if (p == no_match)
@@ -318,11 +317,16 @@ std::vector<std::optional<V>> gather_at(const sequence<V> &col, size_t count, Po
                                                  " past the end (" + std::to_string(n) + ")");
         lo = std::min(lo, p);
         hi = std::max(hi, p);
-        wanted.push_back(p);
+        found++;
     }
-    if (wanted.empty())
+    if (found == 0)
         return out;
-    if ((hi - lo) / wanted.size() >= VEL_SEQ_TILE_SIZE / 2) {
+    if ((hi - lo) / found >= VEL_SEQ_TILE_SIZE / 2) {
+        std::vector<uint64_t> wanted;
+        wanted.reserve(found);
+        for (size_t i = 0; i < count; i++)
+            if (pos(i) != no_match)
+                wanted.push_back(pos(i));
         size_t i = 0;
         for (const tile<V> &t : col.map(span<const uint64_t>(wanted)))
             for (size_t j = 0; j < t.size(); j++) {
