@@ -149,8 +149,8 @@ std::vector<uint8_t> ordered_value(const FamilyOps &fam, uint64_t k) {
 
 // Compares two trees page by page (depth-first): kinds, counts, entry
 // counts, keys of ordered inner pages, leaf values and null bits.
-void expect_same_pages(const TreeReport &a, const TreeReport &b, const FamilyOps &fam,
-                       int32_t ps, bool keyed) {
+void expect_same_pages(const TreeReport &a, const TreeReport &b, const FamilyOps &fam, int32_t ps,
+                       bool keyed) {
     ASSERT_EQ(a.pages.size(), b.pages.size());
     const uint64_t cap = leaf_capacity(ps, fam.elem_size);
     const size_t mask_at = static_cast<size_t>(ps) - 8 * ((cap + 63) / 64);
