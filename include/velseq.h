@@ -22,7 +22,7 @@
  *   - Positions count from 0; ranges `from`..`till` include both ends.
  *   - Null bitmaps: bit i (bit i%64 of word i/64) set marks element i null.
  *     A null bitmap pointer means "no nulls".
- *   - Every function returns VEL_S_OK or a code.  Besides the codes listed
+ *   - A VEL_RET function returns VEL_S_OK or a code.  Besides those listed
  *     for each, any code of the host is passed through unchanged: refused
  *     object access (velhost: VEL_E_HOST_TRANS_CLOSED, VEL_E_HOST_NO_OBJECT,
  *     VEL_E_HOST_READ_ONLY and VEL_E_HOST_CONFLICT for updates, ...) and
@@ -37,8 +37,8 @@
  * purpose surprise callers and are marked "Kept:" below.  The guard rails
  * live in the layers above: the C++ API (velseq.hpp) refuses NaN in ordered
  * float and double fields, reversed bounds and positions past the end, and
- * answers as-of probes one by one; velhost rebuilds fields degraded by
- * single inserts (compaction, with the late-insert work).
+ * answers as-of probes one by one; velhost's field compaction rebuilds a
+ * field that single inserts degraded.
  */
 #ifndef VELSEQ_H
 #define VELSEQ_H
@@ -442,11 +442,12 @@ VEL_SEQ_API vel_bool vel_seq_is_rle(void);
  * leaf is a fatal trap, while on a taller tree it deletes nothing.
  *
  * ---- vel_w_seq_subseq_<S>(obj, u, c, iterator, from, till)
- * Sets `iterator` up over positions from..till (till = all ones: to the end)
- * of the field; `next` then delivers tiles of up to 128 elements with their
- * null bits, VEL_S_CURSOR_END after the last, and `reset` starts over.  The
- * iterator reads the tree as it was at set-up, within the caller's
- * transaction; do not use it after that transaction ends.
+ * Sets `iterator` up over positions from..till of the field (a `till` past
+ * the end, e.g. all ones, runs to the end; last_seq_no keeps it as given).
+ * `next` then delivers tiles of up to 128 elements with their null bits,
+ * VEL_S_CURSOR_END after the last, and `reset` starts over.  The iterator
+ * reads the tree as it was at set-up, within the caller's transaction; do
+ * not use it after that transaction ends.
  *   VEL_S_OK
  *   VEL_S_NOTFOUND          till < from, empty field or from past the end;
  *                           the iterator is set up over an empty range

@@ -7,6 +7,8 @@
 # Also checks the SONAME and symlinks of the shared libraries.
 #
 #   scripts/consumer-test.sh        # VELSEQ_JOBS sets the build parallelism
+#
+# Needs cmake, a C and a C++ compiler, pkg-config and readelf (binutils).
 set -euo pipefail
 
 ROOT=$(cd "$(dirname "$0")/.." && pwd)
@@ -18,8 +20,11 @@ trap 'rm -rf "$WORK"' EXIT
 
 fail() { echo "consumer-test: $*" >&2; exit 1; }
 
-cmake -S "$ROOT" -B "$BUILD" -DCMAKE_BUILD_TYPE=Release -DVELSEQ_TESTS=OFF -DVELSEQ_WERROR=ON \
-    -DCMAKE_INSTALL_PREFIX="$WORK/stage" >/dev/null
+# A build tree given in VELSEQ_CONSUMER_BUILD (CI: the release-werror one) is
+# reused as it is configured; the default one builds the libraries only.
+only_libs=()
+[ -n "${VELSEQ_CONSUMER_BUILD:-}" ] || only_libs=(-DVELSEQ_TESTS=OFF)
+cmake -S "$ROOT" -B "$BUILD" -DCMAKE_BUILD_TYPE=Release -DVELSEQ_WERROR=ON "${only_libs[@]}" >/dev/null
 cmake --build "$BUILD" -j"$JOBS" --target velseq velseq_static velhost velhost_static >/dev/null
 cmake --install "$BUILD" --prefix "$WORK/stage" >/dev/null
 mv "$WORK/stage" "$WORK/prefix"
