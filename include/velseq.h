@@ -367,15 +367,16 @@ VEL_SEQ_API vel_bool vel_seq_is_rle(void);
  * VEL_SEQ_DECLARE_TYPED(S, T) declares the 13 operations below for the
  * suffix S and value type T: int1..int8 (signed), uint1..uint8 (unsigned),
  * float, double (IEEE) and datetime (an unsigned count, compared as such).
- * Comparisons are T's own: a NaN compares false with everything.
+ * Comparisons are T's own: a NaN compares false with everything.  Below, u
+ * and c stand for fld_u_offset and fld_c_offset.
  *
  * ---- vel_w_seq_append_<S>(obj, u, c, fld_no, vals, n_vals, order, null_bitmap)
  * Appends vals[0..n_vals-1] (null where `null_bitmap` says) at the end of the
  * field.  The rightmost leaf is filled up, then new leaves open to its right;
- * no page is split.  Ordered fields: nulls are refused, the values must be
- * in `order` among themselves (equal neighbours allowed), and the first one
- * must not break the order against the last stored value.  n_vals = 0 is
- * VEL_S_OK and changes nothing.
+ * no page is split.  Ordered fields: nulls are refused (but see Kept), the
+ * values must be in `order` among themselves (equal neighbours allowed),
+ * and the first one must not break the order against the last stored
+ * value.  n_vals = 0 is VEL_S_OK and changes nothing.
  *   VEL_S_OK
  *   VEL_E_SEQ_NULL_VALUE    ordered field and the null check finds a bit
  *   VEL_E_SEQ_OUT_OF_ORDER  input out of order, or its first value out of
@@ -388,7 +389,7 @@ VEL_SEQ_API vel_bool vel_seq_is_rle(void);
  *     ANDs the last partial word with the number n_vals % 64 itself, not with
  *     a mask: only the bit positions set in that number are examined (for
  *     n_vals = 3 bits 0 and 1, for n_vals = 4 only bit 2).  A null elsewhere
- *     in the last word is stored as an ordinary value.
+ *     in the last word gets through, and the ordered field then holds it.
  *   - When that null check or the input order check fails, the call returns
  *     without ending the field's write access (the host's root update stays
  *     open); end the transaction (velhost: roll back) rather than go on.
@@ -423,7 +424,7 @@ VEL_SEQ_API vel_bool vel_seq_is_rle(void);
  * Kept: every single-value insert into a full leaf opens a page for that one
  * value, and a full inner page passes one entry to a new sibling, so a field
  * fed by many single inserts grows far more pages than its values need and
- * deepens toward the 14-level limit.  Insert in batches, or go through the
+ * deepens toward the 14 levels an iterator can walk.  Insert in batches, or go through the
  * C++ API, whose insert compacts a degraded field through velhost.
  *
  * ---- vel_w_seq_delete_<S>(obj, u, c, fld_no, from, till, order)
@@ -432,8 +433,9 @@ VEL_SEQ_API vel_bool vel_seq_is_rle(void);
  * nothing; pages left empty are freed and a field left empty has no tree
  * (as after truncate).  Pages are never merged and the tree keeps its depth.
  * In an ordered field the key of a child that lost its first elements is
- * not refreshed (still no greater than its first value, so searches stay
- * right).  `order` is not checked against the data.
+ * not refreshed: it stays no greater than the child's first value, so
+ * searches stay right, but velh_check_tree's key check reports it.
+ * `order` is not checked against the data.
  *   VEL_S_OK
  *   host codes              write access refused
  *   VEL_E_NOMEM, host codes a page copy failed on the way down (the part
