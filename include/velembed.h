@@ -256,15 +256,16 @@ VEL_RET velh_compact(const vel_objhandle_t *obj, uint16_t fld_no, vel_seq_order_
    transaction; zero it before first use.  A state used for another object,
    field or transaction is recognised and starts over. */
 typedef struct velh_compact_state_t_ {
-    uint64_t word[4];
+    uint64_t word[6];
 } velh_compact_state_t;
 
-/* Call after every insert or delete of n_changed values on the field: keeps
-   it at most VELH_COMPACT_MAX_DEPTH levels deep and at most twice the pages
-   of its dense tree, compacting when it has degraded.  The state bounds how
-   far the field can have grown since the last full look, so most calls read
-   only the tree's left edge; the amortised cost per single-value insert is
-   a few microseconds at 10^7 values.  Codes as velh_compact. */
+/* Call after every insert or delete of n_changed values on the field (with
+   the count of values changed since the last call when several calls came
+   in between): keeps it at most VELH_COMPACT_MAX_DEPTH levels deep and at
+   most twice the pages of its dense tree, compacting when it has degraded.
+   The state bounds how far the field can have grown since the last full
+   look, so most calls read only the root and the tree's left edge.  Codes
+   as velh_compact. */
 VEL_RET velh_keep_compact(const vel_objhandle_t *obj, uint16_t fld_no, vel_seq_order_t order,
                           vel_size_t n_changed, velh_compact_state_t *state);
 

@@ -97,6 +97,20 @@ void copy_bits(uint64_t *dst, uint32_t to, const uint64_t *src, uint32_t from, u
     }
 }
 
+// True when one of n bits from bit `from` is set.
+bool any_bits(const uint64_t *src, uint32_t from, uint32_t n) {
+    for (uint32_t w = from / 64; w <= (from + n - 1) / 64; ++w) {
+        uint64_t bits = src[w];
+        if (w == from / 64)
+            bits &= ~uint64_t(0) << (from % 64);
+        if (w == (from + n - 1) / 64 && (from + n) % 64 != 0)
+            bits &= (uint64_t(1) << ((from + n) % 64)) - 1;
+        if (bits != 0)
+            return true;
+    }
+    return false;
+}
+
 // One page of a level under construction: where its subtree starts
 // (first value, for the parent's key) and how many elements it holds.
 struct Built {
@@ -126,12 +140,14 @@ class Builder {
                 if (r != VEL_S_OK)
                     return r;
                 cur_->hdr.user = 0;
+                std::memset(g_.nulls(cur_), 0, 8 * ((size_t(g_.leaf_cap) + 63) / 64));
                 leaves_.push_back({cur_, g_.value(cur_, 0), 0});
             }
             const uint32_t at = cur_->hdr.user;
             const uint32_t k = n - done < g_.leaf_cap - at ? n - done : g_.leaf_cap - at;
             std::memcpy(g_.value(cur_, at), g_.value(old, done), size_t(k) * g_.s);
-            copy_bits(g_.nulls(cur_), at, old_nulls, done, k);
+            if (any_bits(old_nulls, done, k))
+                copy_bits(g_.nulls(cur_), at, old_nulls, done, k);
             cur_->hdr.user = static_cast<uint16_t>(at + k);
             leaves_.back().count += k;
             done += k;
@@ -221,6 +237,34 @@ VEL_RET rebuild(const Geometry &g, vel_seq_page_t *root, Builder &b) {
     return VEL_S_OK;
 }
 
+// Drops one reference to a tree: pages whose count falls to zero are freed
+// (with one reference less on each child), in one batch under one lock.
+// A reference to a page no longer allocated (left by a failed update) holds
+// no count and is skipped.
+void release_tree(const Geometry &g, PageManager *pm, vel_seq_page_t *root) {
+    std::vector<std::byte *> dead;
+    std::vector<vel_seq_page_t *> todo{root};
+    while (!todo.empty()) {
+        vel_seq_page_t *pg = todo.back();
+        todo.pop_back();
+        if (!page_live(pg))
+            continue;
+        std::atomic_ref<uint32_t> rc(pg->ref_count);
+        uint32_t old = rc.load(std::memory_order_acquire);
+        do {
+            if (old == 0)
+                break;
+        } while (!rc.compare_exchange_weak(old, old - 1, std::memory_order_acq_rel));
+        if (old != 1)
+            continue; // still referenced elsewhere (or a release too many)
+        if (is_inner(pg))
+            for (uint32_t i = 0; i < pg->hdr.user; ++i)
+                todo.push_back(g.entry(pg, i)->page);
+        dead.push_back(reinterpret_cast<std::byte *>(pg));
+    }
+    page_free_many(pm, dead);
+}
+
 // The field of an open object, its class and the version the access gave.
 struct Access {
     Conn *conn = nullptr;
@@ -292,9 +336,13 @@ VEL_RET compact(const Access &a, vel_seq_order_t order) {
         return r;
     }
     // The old tree loses this version's reference; pages that other
-    // versions share stay theirs.
+    // versions share stay theirs.  Its private pages go straight back to
+    // the pool rather than to the transaction's quarantine: nothing can
+    // refer to them any more (the quarantine is for entries a failed update
+    // leaves behind), and a policy that compacts again and again in one
+    // transaction would otherwise take fresh memory every time.
     *a.slot = root;
-    prune_tree(a.cls->pm, old, a.conn->txn);
+    release_tree(g, a.cls->pm, old);
     return VEL_S_OK;
 }
 
@@ -302,8 +350,33 @@ VEL_RET compact(const Access &a, vel_seq_order_t order) {
 //   word[0]  serial of the transaction the figures belong to
 //   word[1]  oid of the object
 //   word[2]  field number + 1 (0: never used)
-//   word[3]  pages the field may still grow (signed) before a full check
-constexpr uint64_t kSerial = 0, kOid = 1, kField = 2, kSlack = 3;
+//   word[3]  an upper bound of the field's pages
+//   word[4]  the field's elements at the last call
+//   word[5]  pages the transaction had created at the last call
+constexpr int kSerial = 0, kOid = 1, kField = 2, kPages = 3, kElements = 4, kCreated = 5;
+
+// Elements of a tree from its root alone.
+uint64_t elements_of(const Geometry &g, vel_seq_page_t *root) {
+    if (root == nullptr)
+        return 0;
+    if (!is_inner(root))
+        return root->hdr.user;
+    uint64_t n = 0;
+    for (uint32_t i = 0; i < root->hdr.user; ++i)
+        n += g.entry(root, i)->count;
+    return n;
+}
+
+// The most pages `n` inserted values can add to a tree of `depth` levels:
+// each pass of an insert puts values into one leaf (the first pass may find
+// room for one value only, later ones take a leaf's worth) and makes at most
+// one page a level plus a new root.
+uint64_t insert_growth(const Geometry &g, uint64_t n, uint32_t depth) {
+    if (n == 0)
+        return 0;
+    const uint64_t passes = 1 + (n - 1 + g.leaf_cap - 1) / g.leaf_cap;
+    return passes * (uint64_t(depth) + 1);
+}
 
 } // namespace
 
@@ -342,33 +415,50 @@ VEL_RET velh_keep_compact(const vel_objhandle_t *obj, uint16_t fld_no, vel_seq_o
     if (r != VEL_S_OK)
         return r;
     const Geometry g(a.cls->pm, *a.field, order);
+    Txn *txn = a.conn->txn;
     uint64_t *st = state->word;
-    const uint32_t depth = levels_of(g, *a.slot);
-    bool check = st[kSerial] != a.conn->txn->serial || st[kOid] != obj->oid ||
-                 st[kField] != uint64_t(fld_no) + 1;
+    vel_seq_page_t *root = *a.slot;
+    const uint32_t depth = levels_of(g, root);
+    const uint64_t elements = elements_of(g, root);
+    const uint64_t created = txn->created.size();
+    bool check = st[kSerial] != txn->serial || st[kOid] != obj->oid ||
+                 st[kField] != uint64_t(fld_no) + 1 || depth > VELH_COMPACT_MAX_DEPTH;
     if (!check) {
-        // The most one call can change: each pass of an insert (a leaf's
-        // worth of values) adds at most a page a level and a root; a delete
-        // shrinks the dense tree by at most that much.  Twice it, for the
-        // budget of twice the dense pages.
-        const uint64_t worst = 2 * (n_changed / g.leaf_cap + 2) * (uint64_t(depth) + 1);
-        const auto slack = static_cast<int64_t>(st[kSlack]);
-        check = slack < 0 || worst > uint64_t(slack);
-        st[kSlack] = check ? uint64_t(-1) : uint64_t(slack) - worst;
+        // The budget is exact (twice the dense pages of the elements there
+        // are now); the pages are an upper bound, raised by what the changes
+        // since the last call can have added.  Deletes add no pages; an
+        // insert adds no more than its passes allow, nor more than the
+        // transaction created meanwhile.
+        const bool deleted_only = elements + n_changed == st[kElements];
+        uint64_t grown = 0;
+        if (!deleted_only) {
+            const uint64_t inserted =
+                elements > st[kElements] && n_changed < elements - st[kElements]
+                    ? elements - st[kElements]
+                    : n_changed;
+            grown = insert_growth(g, inserted, depth);
+            if (created >= st[kCreated] && created - st[kCreated] < grown)
+                grown = created - st[kCreated];
+        }
+        st[kPages] += grown;
+        st[kElements] = elements;
+        st[kCreated] = created;
+        if (st[kPages] <= 2 * g.dense_pages(elements))
+            return VEL_S_OK;
     }
-    if (!check && depth <= VELH_COMPACT_MAX_DEPTH)
-        return VEL_S_OK;
-    velh_field_shape_t sh = shape_of(g, *a.slot);
+    velh_field_shape_t sh = shape_of(g, root);
     if (sh.depth > VELH_COMPACT_MAX_DEPTH || sh.pages > 2 * sh.dense_pages) {
         r = compact(a, order);
         if (r != VEL_S_OK)
             return r;
         sh.pages = sh.dense_pages;
     }
-    st[kSerial] = a.conn->txn->serial;
+    st[kSerial] = txn->serial;
     st[kOid] = obj->oid;
     st[kField] = uint64_t(fld_no) + 1;
-    st[kSlack] = 2 * sh.dense_pages - sh.pages;
+    st[kPages] = sh.pages;
+    st[kElements] = sh.elements;
+    st[kCreated] = txn->created.size();
     return VEL_S_OK;
 }
 

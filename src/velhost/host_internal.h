@@ -223,6 +223,7 @@ inline uint32_t &ref_count_word(vel_seq_page_t *pg) { return pg->ref_count; }
 // Pages (pages.cpp).
 VEL_RET page_alloc(PageManager *pm, Txn *creator, std::byte **page);
 void page_free(PageManager *pm, std::byte *page, Txn *txn);
+void page_free_many(PageManager *pm, const std::vector<std::byte *> &pages);
 bool page_live(const void *page);
 void release_quarantine(Db *db, Txn *txn);
 PageMeta *page_meta(std::byte *page);

@@ -214,6 +214,23 @@ bool page_live(const void *page) {
     return ch->meta[slot_of(ch, page)].live != 0;
 }
 
+// Frees pages straight to the pool under one lock; the caller knows that
+// nothing refers to them any more.
+void page_free_many(PageManager *pm, const std::vector<std::byte *> &pages) {
+    std::lock_guard<std::mutex> lock(pm->db->alloc_mutex);
+    for (std::byte *page : pages) {
+        PageMeta *m = page_meta(page);
+        if (m->live == 0)
+            vel_stop__(VEL_E_HOST_BAD_ARG, __FILE__, __LINE__); // double free
+        m->live = 0;
+        m->creator = 0;
+        pm->stats.freed++;
+        pm->stats.live--;
+        VELH_POISON(page, pm->page_size);
+        pm->free_pages.push_back(page);
+    }
+}
+
 void release_quarantine(Db *db, Txn *txn) {
     std::lock_guard<std::mutex> lock(db->alloc_mutex);
     for (auto &[pg, pm] : txn->quarantine)
