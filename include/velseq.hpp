@@ -956,7 +956,7 @@ template <class T> class sequence {
             if (!last || (order_ == order::ascending ? p > *last : p < *last))
                 throw error(VEL_S_NOTFOUND, "join: a probe lies past the last element");
         }
-        auto src = source_of(r, probes.data(), probes.size(), sizeof(T), type_code());
+        auto src = source_of(r, probes.data(), probes.size(), sizeof(T), E::scalar_type);
         r.it_ = detail::new_iter();
         detail::check(E::join(obj(), fi_, r.it_.get(), src, c_order()), "join");
         return r;
@@ -978,7 +978,6 @@ template <class T> class sequence {
 
   private:
     vel_seq_order_t c_order() const noexcept { return static_cast<vel_seq_order_t>(order_); }
-    static uint8_t type_code() { return E::scalar_type; }
     // The stored slot of the last element, null or not.
     std::optional<T> back_slot() const {
         T v{};
