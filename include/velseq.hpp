@@ -1081,6 +1081,8 @@ template <class T> class sequence {
                                 "the last value breaks the order of the stored elements");
             }
         }
+        if (order_ != order::none && E::seq_type == VEL_DD_SEQUENCE_CHAR)
+            check_char_key_room(vals.size());
         if (!ins) {
             detail::check(E::append(obj(), fi_, vals.data(), vals.size(), c_order(), nulls),
                           "appending");
@@ -1095,6 +1097,25 @@ template <class T> class sequence {
         detail::check(E::subseq(obj(), fi_, it.get(), pos, pos), "reading");
         detail::check(it->next(it.get()), "reading");
         return *reinterpret_cast<const T *>(it->tile.u.arr_char);
+    }
+    // An ordered char(N) inner page keeps one key per child but sizes
+    // itself for its entries alone, so past (page_size - 8) / (16 + N)
+    // children the keys overwrite entries and the tree is lost.  No inner
+    // page has more children than the tree has pages, and keep-compact
+    // holds a field to twice its dense pages plus what one call adds (a
+    // page a level, at most 8 levels, per leaf's worth of values): the
+    // field is refused growth before that sum reaches the limit.
+    void check_char_key_room(uint64_t n_new) const {
+        const auto ps = static_cast<uint64_t>(h_.pm->large_page_size(h_.con));
+        const uint64_t leaf = (8 * ps - 127) / (8 * E::width + 1);
+        const uint64_t room = (ps - 8) / (16 + E::width);
+        const uint64_t n = size() + n_new;
+        const uint64_t worst = 2 * ((n + leaf - 1) / leaf + 1) + 9 * (2 + n_new / leaf);
+        if (worst > room)
+            throw error(VEL_E_ILLEGAL_PARAM,
+                        "an ordered char(" + std::to_string(E::width) + ") field holds at most " +
+                            std::to_string((room - 20) / 2 * leaf) +
+                            " values on these pages; use an unordered field or wider pages");
     }
     // Single inserts split full leaves into nearly empty ones; the host
     // rebuilds the tree densely when it has degraded (amortised).

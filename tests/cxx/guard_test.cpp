@@ -100,6 +100,11 @@ TEST(Guard, RefusalsLeaveFieldsAndTransactionUsable) {
          }},
         {"bad datetime text", VEL_E_ILLEGAL_PARAM, [&] { datetime::parse("1970-02-30"); }},
         {"char too long", VEL_E_ILLEGAL_PARAM, [&] { chars<4>::from("toolong"); }},
+        {"ordered char past its key room", VEL_E_ILLEGAL_PARAM,
+         [&] {
+             vector<chars<4>> many(100000, chars<4>::from("zz"));
+             o[s.code].append(span<const chars<4>>(many.data(), many.size()));
+         }},
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(c.what);
