@@ -216,6 +216,63 @@ struct vel_cursor_t_ {
 VEL_RET velh_index_cursor(vel_db_connection_h con, uint16_t class_code, uint16_t fld_no,
                           vel_cursor_t *cursor);
 
+/* ---- shape and compaction of sequence fields ------------------------------
+ * The module inserts by splitting: a full leaf keeps its capacity and gives
+ * the inserted values (or its last ones) to a new right sibling, and a full
+ * inner page gives one entry to a new sibling.  So every single-value insert
+ * into a full leaf costs a page, and a field fed by late inserts one at a
+ * time grows to about a hundred times the pages appends of the same values
+ * need, its depth climbing towards VEL_SEQ_MAX_DEPTH levels, where the
+ * module traps rather than build a tree no iterator can read.  Appends and
+ * inserts of whole batches stay dense.
+ *
+ * The remedy: call velh_keep_compact after every insert or delete (the C++
+ * API, the velseq program and the Python package do), or velh_compact after
+ * a burst of inserts.  `order` is the field's declared order, as for every
+ * module call on it. */
+
+typedef struct velh_field_shape_t_ {
+    uint32_t depth;       /* levels; 0 for an empty field */
+    uint64_t pages;       /* pages of the tree, inner pages and leaves */
+    uint64_t leaves;      /* of which leaves */
+    uint64_t elements;    /* values, nulls included */
+    uint64_t dense_pages; /* pages an append-built tree of the same values has */
+} velh_field_shape_t;
+
+/* The shape of a sequence field of an open object, read from its inner pages
+   only (about one page in a hundred).  VEL_E_HOST_NO_FIELD,
+   VEL_E_HOST_WRONG_FIELD for a scalar field; the object access codes. */
+VEL_RET velh_field_shape(const vel_objhandle_t *obj, uint16_t fld_no, vel_seq_order_t order,
+                         velh_field_shape_t *shape);
+
+/* Rebuilds the field's tree in the caller's write transaction exactly as
+   appends of its values would have built it (same values, null bits and
+   order; every page full but the last of its level; keys of ordered fields
+   the first values of their subtrees).  The old tree is released, not
+   written: versions that share it keep it.  Takes one pass over the leaves
+   at memory speed.  VEL_E_NOMEM leaves the field as it was;
+   VEL_E_HOST_READ_ONLY outside a write transaction. */
+VEL_RET velh_compact(const vel_objhandle_t *obj, uint16_t fld_no, vel_seq_order_t order);
+
+#define VELH_COMPACT_MAX_DEPTH 8 /* levels velh_keep_compact allows */
+
+/* Caller-owned state of velh_keep_compact for one field of one object in one
+   transaction; zero it before first use.  A state used for another object,
+   field or transaction is recognised and starts over. */
+typedef struct velh_compact_state_t_ {
+    uint64_t word[6];
+} velh_compact_state_t;
+
+/* Call after every insert or delete of n_changed values on the field (with
+   the count of values changed since the last call when several calls came
+   in between): keeps it at most VELH_COMPACT_MAX_DEPTH levels deep and at
+   most twice the pages of its dense tree, compacting when it has degraded.
+   The state bounds how far the field can have grown since the last full
+   look, so most calls read only the root and the tree's left edge.  Codes
+   as velh_compact. */
+VEL_RET velh_keep_compact(const vel_objhandle_t *obj, uint16_t fld_no, vel_seq_order_t order,
+                          vel_size_t n_changed, velh_compact_state_t *state);
+
 /* ---- testing and tools --------------------------------------------------- */
 
 typedef struct velh_page_stats_t_ {

@@ -25,7 +25,7 @@ if ! command -v clang++ >/dev/null 2>&1 ||
     as_root apt-get install -y clang libclang-rt-14-dev
 fi
 
-CC=clang CXX=clang++ cmake -S "$ROOT" -B "$BUILD" -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+CC=clang CXX=clang++ cmake -S "$ROOT" -B "$BUILD" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DVELSEQ_WERROR=ON \
     -DVELSEQ_FUZZ=ON -DVELSEQ_TESTS=OFF -DVELSEQ_SANITIZE=address,undefined \
     -DCMAKE_C_FLAGS=-fsanitize=fuzzer-no-link -DCMAKE_CXX_FLAGS=-fsanitize=fuzzer-no-link >/dev/null
 cmake --build "$BUILD" --target velseq_fuzz_ops velhost_fuzz_image -j"$JOBS"

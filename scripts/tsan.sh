@@ -17,7 +17,7 @@ if ! command -v clang++ >/dev/null 2>&1 ||
     as_root apt-get install -y clang libclang-rt-14-dev
 fi
 
-CC=clang CXX=clang++ cmake -S "$ROOT" -B "$BUILD" -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+CC=clang CXX=clang++ cmake -S "$ROOT" -B "$BUILD" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DVELSEQ_WERROR=ON \
     -DVELSEQ_SANITIZE=thread >/dev/null
 cmake --build "$BUILD" --target velseq_reliability_tests velhost_tests -j"$JOBS"
 

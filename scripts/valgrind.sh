@@ -12,7 +12,7 @@ JOBS=${VELSEQ_JOBS:-2}
 as_root() { if [ "$(id -u)" = 0 ]; then "$@"; else sudo "$@"; fi; }
 command -v valgrind >/dev/null 2>&1 || { as_root apt-get update; as_root apt-get install -y valgrind; }
 
-cmake -S "$ROOT" -B "$BUILD" -DCMAKE_BUILD_TYPE=Debug -DVELSEQ_SANITIZE= >/dev/null
+cmake -S "$ROOT" -B "$BUILD" -DCMAKE_BUILD_TYPE=Debug -DVELSEQ_WERROR=ON -DVELSEQ_SANITIZE= >/dev/null
 cmake --build "$BUILD" -j"$JOBS"
 
 VG=(valgrind --tool=memcheck --error-exitcode=99 --leak-check=full

@@ -469,6 +469,63 @@ bool Driver::op_insert(Src &s) {
     return expect_rc("insert", fi, got, want) && check_field(fi, env_.obj(), m, true);
 }
 
+// A run of single-value inserts, consecutive from one place or at random
+// places, long enough to grow trees by levels on small pages.  Half the runs
+// keep the field compact through velh_keep_compact after every insert; the
+// others go raw and compact once when the tree nears the depth at which the
+// module traps.  Ordered fields take a copy of the left neighbour; those with
+// lagging keys are left alone, since a rebuild would make their keys exact.
+bool Driver::op_late_inserts(Src &s) {
+    int fi = static_cast<int>(s.below(static_cast<uint32_t>(f_.size())));
+    const FieldSpec &fs = f_[fi];
+    SeqModel &m = cur_[fi];
+    const FieldLoc &l = env_.loc(fi);
+    const size_t w = fs.fam.width;
+    const bool ordered = fs.order != VEL_SEQ_NO_ORDER;
+    if (ordered && (!m.keys_exact || m.size() == 0))
+        return true;
+    const size_t room = char_key_room(fs, env_.page_size());
+    const bool consecutive = s.coin(), kept = s.coin();
+    const uint32_t runs = 16 + s.below(300);
+    uint64_t pos = s.below(static_cast<uint32_t>(m.size() + 1));
+    velh_compact_state_t st{};
+    std::vector<uint8_t> v(w);
+    for (uint32_t k = 0; k < runs && m.size() < room; ++k) {
+        if (!consecutive || pos > m.size())
+            pos = s.below(static_cast<uint32_t>(m.size() + 1));
+        if (ordered && pos == 0)
+            pos = 1;
+        vel_bitmap_word_t null = 0;
+        if (ordered) {
+            std::memcpy(v.data(), m.at(pos - 1), w);
+            if (!in_order(fs.fam, fs.order, m.at(pos - 1), v.data()) ||
+                (pos < m.size() && !in_order(fs.fam, fs.order, v.data(), m.at(pos))))
+                break; // a NaN neighbour refuses every value
+        } else {
+            gen_value(fs.fam, true, s, v.data());
+            null = s.below(4) == 0;
+        }
+        VEL_RET got =
+            fs.fam.insert(env_.obj(), l.u, l.c, l.fld_no, pos, v.data(), 1, fs.order, &null, w);
+        ++st_.updates;
+        if (!expect_rc("late insert", fi, got, VEL_S_OK))
+            return false;
+        m.insert(pos, v.data(), 1, &null, 0);
+        pos += consecutive;
+        if (kept) {
+            got = velh_keep_compact(env_.obj(), l.fld_no, fs.order, 1, &st);
+        } else {
+            velh_field_shape_t sh{};
+            got = velh_field_shape(env_.obj(), l.fld_no, fs.order, &sh);
+            if (got == VEL_S_OK && sh.depth >= VEL_SEQ_MAX_DEPTH - 1)
+                got = velh_compact(env_.obj(), l.fld_no, fs.order);
+        }
+        if (!expect_rc(kept ? "keep compact" : "compact", fi, got, VEL_S_OK))
+            return false;
+    }
+    return check_field(fi, env_.obj(), m, true);
+}
+
 bool Driver::op_delete(Src &s) {
     int fi = static_cast<int>(s.below(static_cast<uint32_t>(f_.size())));
     const FieldSpec &fs = f_[fi];
@@ -1064,11 +1121,12 @@ std::string Driver::run(const uint8_t *data, size_t size) {
     err_.clear();
     using Op = bool (Driver::*)(Src &);
     static const Op ops[] = {
-        &Driver::op_append,   &Driver::op_append, &Driver::op_append, &Driver::op_insert,
-        &Driver::op_insert,   &Driver::op_delete, &Driver::op_delete, &Driver::op_truncate,
-        &Driver::op_ends,     &Driver::op_scan,   &Driver::op_search, &Driver::op_map,
-        &Driver::op_join,     &Driver::op_store,  &Driver::op_commit, &Driver::op_rollback,
-        &Driver::op_snapshot, &Driver::op_search, &Driver::op_scan,   &Driver::op_append,
+        &Driver::op_append,       &Driver::op_append, &Driver::op_append, &Driver::op_insert,
+        &Driver::op_insert,       &Driver::op_delete, &Driver::op_delete, &Driver::op_truncate,
+        &Driver::op_ends,         &Driver::op_scan,   &Driver::op_search, &Driver::op_map,
+        &Driver::op_join,         &Driver::op_store,  &Driver::op_commit, &Driver::op_rollback,
+        &Driver::op_snapshot,     &Driver::op_search, &Driver::op_scan,   &Driver::op_append,
+        &Driver::op_late_inserts,
     };
     constexpr uint32_t n_ops = sizeof ops / sizeof ops[0];
     while (!s.done() && op_no_ < 400) {

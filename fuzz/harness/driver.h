@@ -60,6 +60,7 @@ class Driver {
 
     bool op_append(Src &s);
     bool op_insert(Src &s);
+    bool op_late_inserts(Src &s);
     bool op_delete(Src &s);
     bool op_truncate(Src &s);
     bool op_ends(Src &s);

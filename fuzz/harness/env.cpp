@@ -1,6 +1,7 @@
 #include "harness/env.h"
 
 #include <string>
+#include <utility>
 
 namespace velrel {
 
@@ -51,8 +52,13 @@ std::unique_ptr<Env> Env::open(const EnvConfig &cfg, const std::vector<FieldSpec
         return nullptr;
     std::vector<velh_field_def_t> defs;
     std::vector<std::string> names;
-    for (size_t i = 0; i < fields.size(); ++i)
-        names.push_back("s" + std::to_string(i));
+    for (size_t i = 0; i < fields.size(); ++i) {
+        // Appending to a named string: gcc 12 at -O3 takes the prefix form
+        // ("s" + std::to_string(i)) for an overlapping memcpy (-Wrestrict).
+        std::string name("s");
+        name += std::to_string(i);
+        names.push_back(std::move(name));
+    }
     for (size_t i = 0; i < fields.size(); ++i)
         defs.push_back({names[i].c_str(), fields[i].fam.seq_code,
                         static_cast<uint16_t>(fields[i].fam.is_char ? fields[i].fam.width : 0)});

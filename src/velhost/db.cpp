@@ -482,13 +482,13 @@ VEL_RET velh_commit(vel_db_connection_h con) {
         }
     }
     if (txn->rw) {
-        if (!sweep_created(d, txn, true)) {
-            // An update failed halfway and left a tree that references a
-            // freed page; publishing it would corrupt the database.
+        // A tree that references a freed page (an update failed halfway) or
+        // that no iterator can read would corrupt the database.
+        if (VEL_RET refused = sweep_created(d, txn, true); refused != VEL_S_OK) {
             if (log_lock.owns_lock())
                 log_lock.unlock();
             velh_rollback(con);
-            return VEL_E_HOST_TRANS_FAILED;
+            return refused;
         }
         if (log_lock.owns_lock()) {
             VEL_RET r = log_append(d, record);

@@ -227,6 +227,7 @@ inline uint32_t &ref_count_word(vel_seq_page_t *pg) { return pg->ref_count; }
 // Pages (pages.cpp).
 VEL_RET page_alloc(PageManager *pm, Txn *creator, std::byte **page);
 void page_free(PageManager *pm, std::byte *page, Txn *txn);
+void page_free_many(PageManager *pm, const std::vector<std::byte *> &pages);
 bool page_live(const void *page);
 void release_quarantine(Db *db, Txn *txn);
 PageMeta *page_meta(std::byte *page);
@@ -237,7 +238,7 @@ uint32_t ref_load(vel_seq_page_t *pg);
 void ref_add(vel_seq_page_t *pg);
 void prune_tree(PageManager *pm, vel_seq_page_t *root, Txn *txn);
 VEL_RET make_tree_private(Txn *txn, PageManager *pm, vel_seq_page_t **slot);
-bool sweep_created(Db *db, Txn *txn, bool committing);
+VEL_RET sweep_created(Db *db, Txn *txn, bool committing);
 
 // Versions (db.cpp).
 Version *visible_version(Chain *c, Txn *txn);

@@ -214,6 +214,23 @@ bool page_live(const void *page) {
     return ch->meta[slot_of(ch, page)].live != 0;
 }
 
+// Frees pages straight to the pool under one lock; the caller knows that
+// nothing refers to them any more.
+void page_free_many(PageManager *pm, const std::vector<std::byte *> &pages) {
+    std::lock_guard<std::mutex> lock(pm->db->alloc_mutex);
+    for (std::byte *page : pages) {
+        PageMeta *m = page_meta(page);
+        if (m->live == 0)
+            vel_stop__(VEL_E_HOST_BAD_ARG, __FILE__, __LINE__); // double free
+        m->live = 0;
+        m->creator = 0;
+        pm->stats.freed++;
+        pm->stats.live--;
+        VELH_POISON(page, pm->page_size);
+        pm->free_pages.push_back(page);
+    }
+}
+
 void release_quarantine(Db *db, Txn *txn) {
     std::lock_guard<std::mutex> lock(db->alloc_mutex);
     for (auto &[pg, pm] : txn->quarantine)
@@ -283,32 +300,50 @@ namespace {
 
 // Marks the pages created by `serial` that a tree reaches.  Pages made by
 // others are committed and never point to a page of a running transaction,
-// so the walk stops there.
-// Called with Db::alloc_mutex held.  Returns false when the tree references
-// a page that is no longer allocated: a tree left broken by an update that
-// failed halfway.
-bool mark_reached(PageManager *pm, vel_seq_page_t *pg, uint64_t serial, int depth) {
-    if (pg == nullptr || depth > VEL_SEQ_MAX_DEPTH)
-        return true;
-    auto *b = reinterpret_cast<std::byte *>(pg);
-    ChunkHdr *ch = chunk_of(b);
-    if (ch->magic != kChunkMagic)
-        return false;
-    PageMeta *m = page_meta(b);
-    if (!m->live)
-        return false;
-    if (m->creator != serial || m->reached)
-        return true;
-    m->reached = 1;
-    if ((pg->hdr.kind & 15) == 2) {
-        const uint32_t ps = pm->page_size;
-        for (uint32_t i = 0; i < pg->hdr.user; ++i) {
-            auto *e = reinterpret_cast<vel_seq_node_t *>(b + ps - 16 * (size_t(i) + 1));
-            if (!mark_reached(pm, e->page, serial, depth + 1))
-                return false;
-        }
+// so the walk stops there.  The walk has no depth limit: every page it
+// descends into is marked first, so a page is entered once and a cycle ends
+// the walk instead of looping.  Called with Db::alloc_mutex held.  Returns
+// false when the tree references a page that is no longer allocated: a tree
+// left broken by an update that failed halfway.
+bool mark_reached(PageManager *pm, vel_seq_page_t *root, uint64_t serial) {
+    std::vector<vel_seq_page_t *> todo{root};
+    const uint32_t ps = pm->page_size;
+    while (!todo.empty()) {
+        vel_seq_page_t *pg = todo.back();
+        todo.pop_back();
+        if (pg == nullptr)
+            continue;
+        auto *b = reinterpret_cast<std::byte *>(pg);
+        ChunkHdr *ch = chunk_of(b);
+        if (ch->magic != kChunkMagic)
+            return false;
+        PageMeta *m = page_meta(b);
+        if (!m->live)
+            return false;
+        if (m->creator != serial || m->reached)
+            continue;
+        m->reached = 1;
+        if ((pg->hdr.kind & 15) == 2)
+            for (uint32_t i = 0; i < pg->hdr.user; ++i)
+                todo.push_back(
+                    reinterpret_cast<vel_seq_node_t *>(b + ps - 16 * (size_t(i) + 1))->page);
     }
     return true;
+}
+
+// Levels of a tree down its left edge, stopping one past the deepest tree an
+// iterator can read.
+uint32_t left_edge_levels(PageManager *pm, vel_seq_page_t *pg) {
+    uint32_t levels = 0;
+    while (pg != nullptr && levels <= VEL_SEQ_MAX_DEPTH) {
+        levels++;
+        if ((pg->hdr.kind & 15) != 2 || pg->hdr.user == 0)
+            break;
+        pg = reinterpret_cast<vel_seq_node_t *>(reinterpret_cast<std::byte *>(pg) + pm->page_size -
+                                                16)
+                 ->page;
+    }
+    return levels;
 }
 
 } // namespace
@@ -318,9 +353,10 @@ bool mark_reached(PageManager *pm, vel_seq_page_t *pg, uint64_t serial, int dept
 // and forgets the creations.  When committing, the private versions about
 // to be published are the only versions that can reach such pages; at
 // rollback they are already pruned, so whatever is left is garbage.  A
-// commit whose trees reference a freed page is refused (false) before
-// anything is freed.
-bool sweep_created(Db *db, Txn *txn, bool committing) {
+// commit is refused before anything is freed when one of its trees
+// references a freed page (VEL_E_HOST_TRANS_FAILED) or is deeper than an
+// iterator can read (VEL_E_HOST_TREE_DEPTH).
+VEL_RET sweep_created(Db *db, Txn *txn, bool committing) {
     if (committing) {
         const uint32_t afs = db->cfg.additional_object_field_size;
         for (Chain *c : txn->written) {
@@ -329,10 +365,12 @@ bool sweep_created(Db *db, Txn *txn, bool committing) {
             if (v == nullptr || v->deleted || cls == nullptr)
                 continue;
             for (uint16_t fno : cls->seq_fields) {
+                vel_seq_page_t *root = *root_slot(cls, v, cls->fields[fno], afs);
                 std::lock_guard<std::mutex> lock(db->alloc_mutex);
-                if (!mark_reached(cls->pm, *root_slot(cls, v, cls->fields[fno], afs), txn->serial,
-                                  1))
-                    return false;
+                if (!mark_reached(cls->pm, root, txn->serial))
+                    return VEL_E_HOST_TRANS_FAILED;
+                if (left_edge_levels(cls->pm, root) > VEL_SEQ_MAX_DEPTH)
+                    return VEL_E_HOST_TREE_DEPTH;
             }
         }
     }
@@ -351,7 +389,7 @@ bool sweep_created(Db *db, Txn *txn, bool committing) {
             page_free(pm, pg, txn);
     }
     txn->created.clear();
-    return true;
+    return VEL_S_OK;
 }
 
 } // namespace velhost

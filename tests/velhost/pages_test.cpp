@@ -268,6 +268,36 @@ TEST_F(PagesTest, CheckerFindsDamageAndCommitFreesUnlinkedPages) {
     ASSERT_EQ(velh_commit(con), VEL_S_OK);
 }
 
+// A tree one level deeper than an iterator's stack is refused at commit
+// (and rolled back whole); at the limit it commits and keeps every page,
+// however deep the commit's reachability walk has to go.
+TEST_F(PagesTest, CommitWalksTreesOfAnyDepthAndRefusesTooDeepOnes) {
+    for (uint32_t levels : {uint32_t(VEL_SEQ_MAX_DEPTH) + 1, uint32_t(VEL_SEQ_MAX_DEPTH)}) {
+        ASSERT_EQ(velh_begin(con, VELH_READ_WRITE), VEL_S_OK);
+        ASSERT_EQ(velh_obj_create(con, cls, &obj), VEL_S_OK);
+        ASSERT_EQ(build_tree(obj, fi, {3}, 0), VEL_S_OK);
+        vel_seq_page_t **root = root_for_write(obj, fi);
+        for (uint32_t l = 1; l < levels; ++l) {
+            vel_seq_page_t *up, *slot;
+            ASSERT_EQ(vel_seq_create_page(con, obj.pm, &up, &slot, 2), VEL_S_OK);
+            *entry(up, ps, 0) = {*root, 3};
+            *root = up;
+        }
+        const uint64_t before = live_pages();
+        EXPECT_EQ(before, levels);
+        if (levels > VEL_SEQ_MAX_DEPTH) {
+            EXPECT_EQ(velh_commit(con), VEL_E_HOST_TREE_DEPTH);
+            EXPECT_EQ(live_pages(), 0u);
+        } else {
+            ASSERT_EQ(velh_commit(con), VEL_S_OK);
+            EXPECT_EQ(live_pages(), before);
+            ASSERT_EQ(velh_begin(con, VELH_READ_ONLY), VEL_S_OK);
+            EXPECT_EQ(values_in(con), iota(3));
+            ASSERT_EQ(velh_commit(con), VEL_S_OK);
+        }
+    }
+}
+
 // A class in the second page manager: without concurrent writes the module
 // writes its pages in place, so the host hands out a private tree.
 TEST_F(PagesTest, SecondPageManagerGetsPrivateTrees) {

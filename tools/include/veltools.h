@@ -94,7 +94,9 @@ int velt_column_is_null(const velt_column_t *col, uint64_t i);
  * may span lines).  An unquoted empty cell is a null; for char(N) the quoted
  * empty cell "" is the empty string.  Numbers may be surrounded by blanks;
  * integers are decimal and range-checked, floats accept what strtod-style
- * parsing accepts (nan, inf included), datetime is an unsigned 64-bit count.
+ * parsing accepts (nan, inf included), datetime is ISO-8601 text (date,
+ * date-time, fraction, Z or offset) or signed nanoseconds since 1970-01-01Z,
+ * written as ISO-8601 (the convention of velseq/datetime.h).
  * A char(N) cell of fewer than N bytes is padded with NUL bytes; the writer
  * drops trailing NUL bytes, so padding round-trips. */
 

@@ -1,5 +1,7 @@
 #include "family.h"
 
+#include "velseq/datetime.h"
+
 #include <charconv>
 #include <cmath>
 #include <cstdarg>
@@ -51,6 +53,27 @@ template <class T> int compare_scalar(const void *a, const void *b, size_t) {
     if (x == y)
         return 0;
     return 2;
+}
+
+// Datetimes are calendar time (velseq/datetime.h): ISO-8601 text, or a signed
+// count of nanoseconds since 1970-01-01T00:00:00Z; written back as ISO-8601.
+bool parse_datetime(const char *text, size_t len, size_t, void *value) {
+    vel_datetime v;
+    if (vel_dt_parse(text, len, &v) != VEL_DT_OK) {
+        int64_t ns;
+        if (!parse_scalar<int64_t>(text, len, 0, &ns))
+            return false;
+        v = vel_dt_from_ns(ns);
+    }
+    std::memcpy(value, &v, sizeof v);
+    return true;
+}
+
+void format_datetime(const void *value, size_t, std::string &out) {
+    vel_datetime v;
+    std::memcpy(&v, value, sizeof v);
+    char buf[VEL_DT_TEXT_MAX];
+    out.append(buf, vel_dt_format(v, buf, sizeof buf));
 }
 
 bool parse_char(const char *text, size_t len, size_t width, void *value) {
@@ -157,9 +180,9 @@ const Family kFamilies[] = {
     {"double", VEL_DD_DOUBLE, VEL_DD_SEQUENCE_DOUBLE, 8, parse_scalar<vel_double>,
      format_scalar<vel_double>, compare_scalar<vel_double>, append_double, last_double,
      subseq_double, search_double},
-    {"datetime", VEL_DD_DATETIME, VEL_DD_SEQUENCE_DATETIME, 8, parse_scalar<vel_datetime>,
-     format_scalar<vel_datetime>, compare_scalar<vel_datetime>, append_datetime, last_datetime,
-     subseq_datetime, search_datetime},
+    {"datetime", VEL_DD_DATETIME, VEL_DD_SEQUENCE_DATETIME, 8, parse_datetime, format_datetime,
+     compare_scalar<vel_datetime>, append_datetime, last_datetime, subseq_datetime,
+     search_datetime},
     {"char", VEL_DD_CHAR, VEL_DD_SEQUENCE_CHAR, 0, parse_char, format_char, compare_char,
      append_char, last_char, subseq_char, search_char},
 };

@@ -26,7 +26,7 @@ const char kUsage[] =
     "\n"
     "options:\n"
     "  --type TYPE       int1 int2 int4 int8 uint1 uint2 uint4 uint8 float double\n"
-    "                    datetime (unsigned integer) char(N) / charN (1..4096)\n"
+    "                    datetime (ISO-8601 or ns since 1970) char(N) / charN (1..4096)\n"
     "  --page-size N     sequence page bytes, 64..65536, multiple of 8 (default 4096)\n"
     "  --ordered, --asc  the field is ascending; --desc: descending\n"
     "  --column K        read cell K (from 1) of each record (default 1)\n"

@@ -19,12 +19,12 @@ template <class T> byte *out_bytes(T *p) { return reinterpret_cast<byte *>(p); }
 #define X(S, T, CODE)                                                                              \
     using Elem_##S = ScalarElem<T, CODE>;                                                          \
                                                                                                    \
-    VEL_RET vel_seq_append_page_##S(vel_db_connection_h con, vel_page_manager_t *pm,               \
-                                    vel_seq_page_t **root_page, const T *vals,                     \
-                                    vel_size_t *n_vals_ptr, vel_seq_order_t order,                 \
-                                    const vel_bitmap_word_t *null_bitmap, int null_bitmap_offs) {  \
+    VEL_RET vel_seq_append_page_##S(                                                               \
+        vel_db_connection_h con, vel_page_manager_t *pm, vel_seq_page_t **root_page,               \
+        const T *vals, vel_size_t *n_vals_ptr, vel_seq_order_t order,                              \
+        const vel_bitmap_word_t *null_bitmap, int null_bitmap_offs, int level) {                   \
         return vel_seq_append_page(Elem_##S{}, con, pm, root_page, in_bytes(vals), n_vals_ptr,     \
-                                   order, null_bitmap, null_bitmap_offs);                          \
+                                   order, null_bitmap, null_bitmap_offs, level);                   \
     }                                                                                              \
                                                                                                    \
     extern "C" VEL_SEQ_API VEL_RET vel_w_seq_append_##S(                                           \
@@ -33,9 +33,9 @@ template <class T> byte *out_bytes(T *p) { return reinterpret_cast<byte *>(p); }
         const vel_bitmap_word_t *null_bitmap) {                                                    \
         auto worker = [](vel_db_connection_h con, vel_page_manager_t *pm, vel_seq_page_t **rp,     \
                          const byte *v, vel_size_t *np, vel_seq_order_t o,                         \
-                         const vel_bitmap_word_t *nb, int offs) {                                  \
+                         const vel_bitmap_word_t *nb, int offs, int level) {                       \
             return vel_seq_append_page_##S(con, pm, rp, reinterpret_cast<const T *>(v), np, o, nb, \
-                                           offs);                                                  \
+                                           offs, level);                                           \
         };                                                                                         \
         return vel_seq_append(Elem_##S{}, worker, obj, fld_u_offset, fld_c_offset, fld_no,         \
                               in_bytes(vals), n_vals, order, null_bitmap);                         \
@@ -53,15 +53,15 @@ template <class T> byte *out_bytes(T *p) { return reinterpret_cast<byte *>(p); }
                                  true);                                                            \
     }                                                                                              \
                                                                                                    \
-    VEL_RET vel_seq_insert_page_##S(vel_db_connection_h con, vel_page_manager_t *pm,               \
-                                    vel_seq_page_t **root_page, vel_seq_no_t pos, const T *vals,   \
-                                    vel_size_t *n_vals_ptr, T *ins_val,                            \
-                                    vel_seq_count_t *ins_count, vel_seq_order_t order,             \
-                                    const vel_bitmap_word_t *null_bitmap, int null_bitmap_offs) {  \
+    VEL_RET vel_seq_insert_page_##S(                                                               \
+        vel_db_connection_h con, vel_page_manager_t *pm, vel_seq_page_t **root_page,               \
+        vel_seq_no_t pos, const T *vals, vel_size_t *n_vals_ptr, T *ins_val,                       \
+        vel_seq_count_t *ins_count, vel_seq_order_t order, const vel_bitmap_word_t *null_bitmap,   \
+        int null_bitmap_offs, int level) {                                                         \
         const byte *key = in_bytes(ins_val);                                                       \
         VEL_RET rc =                                                                               \
             vel_seq_insert_page(Elem_##S{}, con, pm, root_page, pos, in_bytes(vals), n_vals_ptr,   \
-                                &key, ins_count, order, null_bitmap, null_bitmap_offs);            \
+                                &key, ins_count, order, null_bitmap, null_bitmap_offs, level);     \
         std::memmove(ins_val, key, sizeof(T));                                                     \
         return rc;                                                                                 \
     }                                                                                              \
@@ -74,10 +74,10 @@ template <class T> byte *out_bytes(T *p) { return reinterpret_cast<byte *>(p); }
         auto worker = [&key](vel_db_connection_h con, vel_page_manager_t *pm, vel_seq_page_t **rp, \
                              vel_seq_no_t p, const byte *v, vel_size_t *np, const byte **iv,       \
                              vel_seq_count_t *ic, vel_seq_order_t o, const vel_bitmap_word_t *nb,  \
-                             int offs) {                                                           \
+                             int offs, int level) {                                                \
             std::memcpy(&key, *iv, sizeof(T));                                                     \
             VEL_RET rc = vel_seq_insert_page_##S(con, pm, rp, p, reinterpret_cast<const T *>(v),   \
-                                                 np, &key, ic, o, nb, offs);                       \
+                                                 np, &key, ic, o, nb, offs, level);                \
             *iv = in_bytes(&key);                                                                  \
             return rc;                                                                             \
         };                                                                                         \

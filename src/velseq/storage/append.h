@@ -12,14 +12,15 @@
 
 namespace velseq {
 
-// Worker on the subtree *root_page.  *n_vals_ptr is decreased by the number
-// of values appended.  VEL_S_OVERFLOW: a new page was made at this level and
-// its reference replaced *root_page; the caller links it.
+// Worker on the subtree *root_page, which lies at `level` (the root is 0).
+// *n_vals_ptr is decreased by the number of values appended.
+// VEL_S_OVERFLOW: a new page was made at this level and its reference
+// replaced *root_page; the caller links it.
 template <class E>
 VEL_RET vel_seq_append_page(const E &e, vel_db_connection_h con, vel_page_manager_t *pm,
                             vel_seq_page_t **root_page, const byte *vals, vel_size_t *n_vals_ptr,
                             vel_seq_order_t order, const vel_bitmap_word_t *null_bitmap,
-                            int null_bitmap_offs) {
+                            int null_bitmap_offs, int level) {
     const auto n_vals = static_cast<int32_t>(*n_vals_ptr);
     const int32_t page_size = page_size_of(con, pm);
     const size_t s = e.size();
@@ -29,6 +30,7 @@ VEL_RET vel_seq_append_page(const E &e, vel_db_connection_h con, vel_page_manage
         return VEL_E_NOMEM;
     const int n_items = pg->hdr.user;
     VEL_SEQ_CHECK(n_items > 0);
+    VEL_SEQ_CHECK(level <= kMaxLevel);
 
     // Last value of a leaf, or the key (first value) of an inner page's
     // last child.
@@ -44,7 +46,7 @@ VEL_RET vel_seq_append_page(const E &e, vel_db_connection_h con, vel_page_manage
         last->page = child;
 
         rc = vel_seq_append_page(e, con, pm, &child, vals, n_vals_ptr, order, null_bitmap,
-                                 null_bitmap_offs);
+                                 null_bitmap_offs, level + 1);
         const int32_t added = n_vals - static_cast<int32_t>(*n_vals_ptr);
         if (rc == VEL_S_OVERFLOW) {
             // `child` now names the new page below, holding `added` values.
@@ -131,7 +133,7 @@ VEL_RET vel_seq_append(const E &e, Worker worker, vel_objhandle_h obj, vel_offs3
             continue;
         }
         vel_size_t n_added = n_vals;
-        rc = worker(con, pm, &root_page, vals, &n_vals, order, null_bitmap, null_bitmap_offs);
+        rc = worker(con, pm, &root_page, vals, &n_vals, order, null_bitmap, null_bitmap_offs, 0);
         n_added -= n_vals;
         if (rc == VEL_S_OVERFLOW) {
             rc = grow_root(e, con, pm, page_size, slot, root_page, n_added, vals, order);

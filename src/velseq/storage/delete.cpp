@@ -18,7 +18,7 @@ namespace {
 // removed in one block move.  The key of a trimmed survivor is left as is.
 VEL_RET delete_inner(vel_db_connection_h con, vel_page_manager_t *pm, int32_t page_size,
                      vel_seq_page_t *pg, int n_items, vel_seq_no_t from, vel_seq_no_t till,
-                     vel_seq_order_t order, vel_size_t elem_size) {
+                     vel_seq_order_t order, vel_size_t elem_size, int level) {
     int i = 0;
     while (i < n_items) {
         vel_seq_count_t count = inner_entry(pg, page_size, i)->count;
@@ -38,7 +38,7 @@ VEL_RET delete_inner(vel_db_connection_h con, vel_page_manager_t *pm, int32_t pa
         VEL_RET rc = vel_seq_copy_on_write_page(con, pm, &entry->page);
         if (rc != VEL_S_OK)
             return rc;
-        rc = vel_seq_delete_page(con, pm, entry->page, from, till, order, elem_size);
+        rc = vel_seq_delete_page(con, pm, entry->page, from, till, order, elem_size, level + 1);
         if (rc == VEL_S_OK) {
             if (till < count) { // the range ends inside this child
                 entry->count -= till - from + 1;
@@ -116,14 +116,15 @@ VEL_RET delete_leaf(vel_db_connection_h con, vel_page_manager_t *pm, int32_t pag
 
 VEL_RET vel_seq_delete_page(vel_db_connection_h con, vel_page_manager_t *pm, vel_seq_page_t *pg,
                             vel_seq_no_t from, vel_seq_no_t till, vel_seq_order_t order,
-                            vel_size_t elem_size) {
+                            vel_size_t elem_size, int level) {
     const int32_t page_size = page_size_of(con, pm);
     if (till < from || pg == nullptr)
         return VEL_S_OK; // an empty or inverted range deletes nothing
     const int n_items = pg->hdr.user;
     VEL_SEQ_CHECK(n_items > 0);
+    VEL_SEQ_CHECK(level <= kMaxLevel);
     if (page_kind(pg) == kInnerPage)
-        return delete_inner(con, pm, page_size, pg, n_items, from, till, order, elem_size);
+        return delete_inner(con, pm, page_size, pg, n_items, from, till, order, elem_size, level);
     return delete_leaf(con, pm, page_size, pg, n_items, from, till, elem_size);
 }
 
@@ -140,7 +141,7 @@ extern "C" VEL_SEQ_API VEL_RET vel_seq_delete(vel_objhandle_h obj, vel_offs32_t 
     VEL_RET rc = vel_seq_begin_root_update(obj, fld_u_offset, fld_c_offset, fld_no, &w, &slot);
     if (rc != VEL_S_OK)
         return rc; // the update stays open
-    rc = vel_seq_delete_page(obj->con, obj->pm, load_ref(slot), from, till, order, elem_size);
+    rc = vel_seq_delete_page(obj->con, obj->pm, load_ref(slot), from, till, order, elem_size, 0);
     if (rc == VEL_S_UNDERFLOW) { // the whole tree is gone
         store_ref(slot, nullptr);
         rc = VEL_S_OK;

@@ -42,7 +42,7 @@ VEL_RET vel_seq_insert_page(const E &e, vel_db_connection_h con, vel_page_manage
                             vel_seq_page_t **root_page, vel_seq_no_t pos, const byte *vals,
                             vel_size_t *n_vals_ptr, const byte **ins_val,
                             vel_seq_count_t *ins_count, vel_seq_order_t order,
-                            const vel_bitmap_word_t *null_bitmap, int null_bitmap_offs) {
+                            const vel_bitmap_word_t *null_bitmap, int null_bitmap_offs, int level) {
     const int32_t page_size = page_size_of(con, pm);
     const auto n_vals = static_cast<int32_t>(*n_vals_ptr);
     const size_t s = e.size();
@@ -51,6 +51,7 @@ VEL_RET vel_seq_insert_page(const E &e, vel_db_connection_h con, vel_page_manage
         return VEL_E_NOMEM;
     const int n_items = pg->hdr.user;
     VEL_SEQ_CHECK(n_items > 0);
+    VEL_SEQ_CHECK(level <= kMaxLevel);
 
     if (page_kind(pg) == kInnerPage) {
         // A position equal to a child's count lands at the end of that child.
@@ -71,7 +72,7 @@ VEL_RET vel_seq_insert_page(const E &e, vel_db_connection_h con, vel_page_manage
         entry->page = child;
 
         rc = vel_seq_insert_page(e, con, pm, &child, pos, vals, n_vals_ptr, ins_val, ins_count,
-                                 order, null_bitmap, null_bitmap_offs);
+                                 order, null_bitmap, null_bitmap_offs, level + 1);
         const int32_t added = n_vals - static_cast<int32_t>(*n_vals_ptr);
         if (rc == VEL_S_OK) {
             entry->count += static_cast<vel_seq_count_t>(added);
@@ -238,7 +239,7 @@ VEL_RET vel_seq_insert(const E &e, Worker worker, vel_objhandle_h obj, vel_offs3
         vel_seq_count_t ins_count = 0;
         vel_size_t n_added = n_vals;
         rc = worker(con, pm, &root_page, pos, vals, &n_vals, &ins_val, &ins_count, order,
-                    null_bitmap, null_bitmap_offs);
+                    null_bitmap, null_bitmap_offs, 0);
         n_added -= n_vals;
         if (rc == VEL_S_OVERFLOW) {
             rc = grow_root(e, con, pm, page_size, slot, root_page, ins_count, ins_val, order);

@@ -111,10 +111,21 @@ inline vel_seq_count_t subtree_count(vel_seq_page_t *pg, int32_t page_size) {
     return total;
 }
 
+// Levels of a tree, counted down its left edge (all leaves lie at one depth).
+inline int tree_levels(vel_seq_page_t *root, int32_t page_size) {
+    int levels = 1;
+    for (vel_seq_page_t *pg = root;
+         pg != nullptr && page_kind(pg) == kInnerPage && levels <= VEL_SEQ_MAX_DEPTH;
+         pg = inner_entry(pg, page_size, 0)->page)
+        levels++;
+    return levels;
+}
+
 // The root overflowed and `sibling` (holding `sibling_count` elements, first
 // value `sibling_key`) is its new right neighbour: a new inner root takes
 // both.  For ordered fields key 0 is the old root's body element 0 (its
-// first value or first key).
+// first value or first key).  A tree already as deep as a scan stack may not
+// grow: no iterator could read it, so this traps like a too deep descent.
 template <class E>
 VEL_RET grow_root(const E &e, vel_db_connection_h con, vel_page_manager_t *pm, int32_t page_size,
                   vel_seq_page_t **slot, vel_seq_page_t *sibling, vel_seq_count_t sibling_count,
@@ -122,6 +133,7 @@ VEL_RET grow_root(const E &e, vel_db_connection_h con, vel_page_manager_t *pm, i
     vel_seq_page_t *old_root = load_ref(slot);
     if (old_root == nullptr)
         return VEL_E_NOMEM;
+    VEL_SEQ_CHECK(tree_levels(old_root, page_size) < VEL_SEQ_MAX_DEPTH);
     vel_seq_page_t *root = nullptr;
     VEL_RET rc = vel_seq_create_page(con, pm, &root, slot, kInnerPage);
     if (rc != VEL_S_OK)
