@@ -236,10 +236,11 @@ class Workload {
 
   private:
     struct Op {
-        int kind;     // 0 create, 1 delete object, 2 set scalar, 3 append, 4 insert, 5 delete range
-        size_t cls;   // class index
-        size_t pick;  // which live object (modulo)
-        uint16_t fld; // field
+        int kind;      // 0 create, 1 delete object, 2 set scalar, 3 append, 4 insert,
+                       // 5 delete range, 6 compact (the host rebuilds the tree)
+        size_t cls;    // class index
+        size_t pick;   // which live object (modulo)
+        uint16_t fld;  // field
         uint64_t a, b; // positions or counts, taken modulo the field's length
         uint64_t seed; // values and nulls
     };
@@ -247,13 +248,14 @@ class Workload {
     Op draw() {
         Op op{};
         op.cls = rng_() % n_classes_;
-        op.kind = int(rng_() % 12);
+        op.kind = int(rng_() % 13);
         op.kind = op.kind < 2    ? 0
                   : op.kind < 3  ? 1
                   : op.kind < 4  ? 2
                   : op.kind < 8  ? 3
                   : op.kind < 10 ? 4
-                                 : 5;
+                  : op.kind < 12 ? 5
+                                 : 6;
         op.pick = rng_();
         op.fld = uint16_t(rng_() % classes()[op.cls].fields.size());
         op.a = rng_();
@@ -296,6 +298,10 @@ class Workload {
         vel_seq_no_t len = 0;
         ASSERT_EQ(vel_w_seq_count(&obj, fi.u_offset, fi.c_offset, &len), VEL_S_OK);
         const bool ordered = f.order != VEL_SEQ_NO_ORDER;
+        if (op.kind == 6) {
+            EXPECT_EQ(velh_compact(&obj, op.fld, f.order), VEL_S_OK);
+            return;
+        }
         int kind = op.kind == 2 ? 3 : op.kind;
         if (ordered && kind == 4)
             kind = 3;
