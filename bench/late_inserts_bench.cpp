@@ -77,9 +77,9 @@ void BM_LateInserts(benchmark::State &state) {
         state.ResumeTiming();
     }
     state.SetItemsProcessed(state.iterations() * kInserts);
-    state.counters["ns_per_insert"] = benchmark::Counter(
-        double(state.iterations() * kInserts), benchmark::Counter::kIsRate |
-                                                   benchmark::Counter::kInvert);
+    state.counters["ns_per_insert"] =
+        benchmark::Counter(double(state.iterations() * kInserts),
+                           benchmark::Counter::kIsRate | benchmark::Counter::kInvert);
     state.counters["depth"] = sh.depth;
     state.counters["pages_per_1000"] = 1000.0 * double(sh.pages) / double(sh.elements);
     state.counters["pages_vs_dense"] = double(sh.pages) / double(sh.dense_pages);

@@ -426,8 +426,39 @@ VEL_RET velh_obj_count(vel_db_connection_h con, uint16_t class_code, uint64_t *c
 
 // ---- the module's object access -------------------------------------------
 
+namespace {
+
+// The private version of `obj` when the connection's open transaction is the
+// writer recorded in its write cache; null otherwise (take the full path).
+// Only the writer changes writer and priv of its chain, and it does so on
+// this connection, so the unlocked reads see its own stores.
+Version *cached_private(vel_objhandle_h obj, Resolved *r) {
+    Conn *conn = conn_of(obj->con);
+    if (conn == nullptr || conn->txn == nullptr)
+        return nullptr;
+    const WriteCache &wc = conn->last_write;
+    if (wc.serial != conn->txn->serial || wc.oid != obj->oid || wc.class_code != obj->class_code)
+        return nullptr;
+    Chain *c = wc.chain;
+    if (c->writer != conn->txn || c->priv->deleted)
+        return nullptr;
+    r->conn = conn;
+    r->txn = conn->txn;
+    r->cls = wc.cls;
+    r->chain = c;
+    return c->priv;
+}
+
+} // namespace
+
 int vel_reading(vel_objhandle_h obj, VEL_WRK *w) {
     Resolved r;
+    if (w != nullptr) {
+        if (Version *v = cached_private(obj, &r)) {
+            fill_wrk(w, obj, r, v);
+            return 0;
+        }
+    }
     VEL_RET ret = resolve(obj, &r);
     if (ret != VEL_S_OK)
         return refuse(w, ret);
@@ -443,6 +474,16 @@ int vel_reading(vel_objhandle_h obj, VEL_WRK *w) {
 int vel_writing(vel_objhandle_h obj, VEL_WRK *w, int flags, uint16_t fld_no) {
     (void)flags;
     Resolved r;
+    if (w != nullptr) {
+        Version *v = cached_private(obj, &r);
+        // The ALT manager's first write of a field still makes its tree private.
+        if (v != nullptr && fld_no < r.cls->fields.size() &&
+            (r.cls->pm->which != VELH_PM_ALT || v->privatized[fld_no] ||
+             !r.cls->fields[fld_no].is_seq || r.conn->db->cfg.concurrent_write_transactions)) {
+            fill_wrk(w, obj, r, v);
+            return 0;
+        }
+    }
     VEL_RET ret = resolve(obj, &r);
     if (ret != VEL_S_OK)
         return refuse(w, ret);
@@ -468,6 +509,7 @@ int vel_writing(vel_objhandle_h obj, VEL_WRK *w, int flags, uint16_t fld_no) {
             return refuse(w, ret);
         v->privatized[fld_no] = 1;
     }
+    r.conn->last_write = {r.txn->serial, obj->oid, obj->class_code, r.cls, r.chain};
     fill_wrk(w, obj, r, v);
     return 0;
 }

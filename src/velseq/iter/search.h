@@ -68,8 +68,7 @@ VEL_RET search_page(const E &e, vel_db_connection_h con, vel_page_manager_t *pm,
             rc = search_page(e, con, pm, iterator, inner_entry(page, page_size, l)->page, low,
                              low_boundary, level + 1, order);
         if (rc == VEL_S_OK) {
-            for (int j = 0; j < l; j++)
-                iterator->next_seq_no += inner_entry(page, page_size, j)->count;
+            iterator->next_seq_no += count_before(page, page_size, l);
             ctx->stack[level].pos = l;
         }
         return rc;

@@ -1,0 +1,177 @@
+// Batched descents for the probes of one join tile and the positions of one
+// map tile.  A probe on its own walks three or more pages, each step a cache
+// (and TLB) miss that depends on the one before; here up to kBatchGroup
+// probes walk down together, a level at a time, and each halving step first
+// prefetches the line every probe reads next, so the misses of different
+// probes overlap.
+//
+// Only the plain path is taken: the search's first child choice (child l-1,
+// or child 0), the positional walk by counts.  A probe that would need the
+// search's second child, or that meets anything a scalar descent reports or
+// traps on (a null page, a count below 1, a position past the end, a tree
+// deeper than a scan stack, a page of another kind), is left unresolved; the
+// caller runs the scalar step for it, in sequence, which also writes the
+// iterator's stack.  The batch itself writes nothing but its outputs, and
+// takes the same halving midpoints as the scalar search, so it gives the same
+// answers even over data that is not in the declared order.
+#pragma once
+
+#include "iter/search.h"
+#include "storage/page_format.h"
+
+namespace velseq {
+
+inline constexpr int kBatchGroup = 16;
+
+inline void prefetch(const void *p) { __builtin_prefetch(p, 0, 3); }
+
+// Join: for each of the n values at `vals` (element size e.size()), the
+// position of the first element not before it (inclusive bound, `order`)
+// into out[i] with ok[i] = 1, or ok[i] = 0 when the scalar search must
+// decide.
+template <class E>
+void join_batch(const E &e, vel_seq_page_t *root, int32_t page_size, const byte *vals, uint64_t n,
+                vel_seq_order_t order, vel_seq_no_t *out, uint8_t *ok) {
+    const size_t s = e.size();
+    for (uint64_t g = 0; g < n; g += kBatchGroup) {
+        const int m = static_cast<int>(n - g < kBatchGroup ? n - g : kBatchGroup);
+        vel_seq_page_t *pg[kBatchGroup];
+        vel_seq_no_t pos[kBatchGroup];
+        int32_t lo[kBatchGroup], hi[kBatchGroup];
+        bool live[kBatchGroup];
+        const byte *val[kBatchGroup];
+        for (int i = 0; i < m; i++) {
+            pg[i] = root;
+            pos[i] = 0;
+            live[i] = true;
+            val[i] = vals + (g + static_cast<uint64_t>(i)) * s;
+            ok[g + static_cast<uint64_t>(i)] = 0;
+        }
+        for (int level = 0; level <= kMaxLevel; level++) {
+            for (int i = 0; i < m; i++) {
+                if (!live[i])
+                    continue;
+                if (pg[i] == nullptr) {
+                    live[i] = false;
+                    continue;
+                }
+                prefetch(pg[i]);
+            }
+            for (int i = 0; i < m; i++) {
+                if (!live[i])
+                    continue;
+                lo[i] = 0;
+                hi[i] = pg[i]->hdr.user;
+                if (hi[i] < 1)
+                    live[i] = false;
+            }
+            // Halving in lock step: prefetch every midpoint, then compare.
+            for (;;) {
+                bool more = false;
+                for (int i = 0; i < m; i++)
+                    if (live[i] && lo[i] < hi[i]) {
+                        prefetch(page_value(pg[i], s, static_cast<uint64_t>((lo[i] + hi[i]) / 2)));
+                        more = true;
+                    }
+                if (!more)
+                    break;
+                for (int i = 0; i < m; i++)
+                    if (live[i] && lo[i] < hi[i]) {
+                        const int32_t mid = (lo[i] + hi[i]) / 2;
+                        const bool b =
+                            before_bound(e, page_value(pg[i], s, static_cast<uint64_t>(mid)),
+                                         val[i], VEL_SEQ_BOUNDARY_INCLUSIVE, order);
+                        lo[i] = b ? mid + 1 : lo[i]; // selects, not branches: the
+                        hi[i] = b ? hi[i] : mid;     // outcome is a coin toss
+                    }
+            }
+            bool any = false;
+            for (int i = 0; i < m; i++) {
+                if (!live[i])
+                    continue;
+                const int l = lo[i];
+                if (page_kind(pg[i]) == kInnerPage) {
+                    const int c = l >= 1 ? l - 1 : 0;
+                    pos[i] += count_before(pg[i], page_size, c);
+                    pg[i] = inner_entry(pg[i], page_size, c)->page;
+                    any = true;
+                    continue;
+                }
+                live[i] = false;
+                if (l < pg[i]->hdr.user) {
+                    out[g + static_cast<uint64_t>(i)] = pos[i] + static_cast<vel_seq_no_t>(l);
+                    ok[g + static_cast<uint64_t>(i)] = 1;
+                }
+            }
+            if (!any)
+                break;
+        }
+    }
+}
+
+// Map: for each i with want[i], the leaf holding element pos[i] and the
+// element's index in it (ok[i] = 1), or ok[i] = 0 when the scalar descent
+// must decide.  The value's line and its null-mask word are prefetched.
+inline void map_batch(vel_seq_page_t *root, int32_t page_size, size_t elem_size,
+                      uint64_t leaf_capacity, const vel_seq_no_t *pos, const uint8_t *want,
+                      uint64_t n, vel_seq_page_t **leaf, int32_t *idx, uint8_t *ok) {
+    uint64_t g = 0;
+    while (g < n) {
+        // Gather up to kBatchGroup wanted positions.
+        int slot[kBatchGroup];
+        int m = 0;
+        for (; g < n && m < kBatchGroup; g++)
+            if (want[g]) {
+                ok[g] = 0;
+                slot[m++] = static_cast<int>(g);
+            }
+        if (m == 0)
+            break;
+        vel_seq_page_t *pg[kBatchGroup];
+        vel_seq_no_t from[kBatchGroup];
+        bool live[kBatchGroup];
+        for (int i = 0; i < m; i++) {
+            pg[i] = root;
+            from[i] = pos[slot[i]];
+            live[i] = root != nullptr;
+        }
+        for (int level = 0; level <= kMaxLevel; level++) {
+            bool any = false;
+            for (int i = 0; i < m; i++) {
+                if (!live[i])
+                    continue;
+                const int nn = pg[i]->hdr.user;
+                if (nn < 1) {
+                    live[i] = false;
+                    continue;
+                }
+                if (page_kind(pg[i]) == kInnerPage) {
+                    const int c = child_by_position(pg[i], page_size, nn, &from[i]);
+                    vel_seq_page_t *child = c < nn ? inner_entry(pg[i], page_size, c)->page : nullptr;
+                    pg[i] = child;
+                    if (child == nullptr) {
+                        live[i] = false;
+                        continue;
+                    }
+                    prefetch(child);
+                    if (from[i] < leaf_capacity) { // the child may be the leaf
+                        prefetch(page_value(child, elem_size, from[i]));
+                        prefetch(leaf_nulls(child, page_size, leaf_capacity) + from[i] / 64);
+                    }
+                    any = true;
+                    continue;
+                }
+                live[i] = false;
+                if (page_kind(pg[i]) == kLeafPage && from[i] < static_cast<vel_seq_no_t>(nn)) {
+                    leaf[slot[i]] = pg[i];
+                    idx[slot[i]] = static_cast<int32_t>(from[i]);
+                    ok[slot[i]] = 1;
+                }
+            }
+            if (!any)
+                break;
+        }
+    }
+}
+
+} // namespace velseq
