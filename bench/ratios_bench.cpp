@@ -115,11 +115,12 @@ struct Data {
               "append datetime");
     }
     void append(const velh_field_info_t &f, const int32_t *v) {
-        check(vel_w_seq_append_int4(&obj, f.u_offset, f.c_offset, f.fld_no, v, n,
-                                    VEL_SEQ_NO_ORDER, nullptr),
+        check(vel_w_seq_append_int4(&obj, f.u_offset, f.c_offset, f.fld_no, v, n, VEL_SEQ_NO_ORDER,
+                                    nullptr),
               "append int4");
     }
-    void append_u8(const velh_field_info_t &f, const uint64_t *v, vel_seq_order_t o, uint64_t count) {
+    void append_u8(const velh_field_info_t &f, const uint64_t *v, vel_seq_order_t o,
+                   uint64_t count) {
         check(vel_w_seq_append_uint8(&obj, f.u_offset, f.c_offset, f.fld_no, v, count, o, nullptr),
               "append uint8");
     }
@@ -178,8 +179,7 @@ void BM_Append_velseq(benchmark::State &state) {
     fill();
     for (auto _ : state) {
         state.PauseTiming();
-        check(vel_w_seq_truncate(&d.obj, d.dst.u_offset, d.dst.c_offset, d.dst.fld_no),
-              "truncate");
+        check(vel_w_seq_truncate(&d.obj, d.dst.u_offset, d.dst.c_offset, d.dst.fld_no), "truncate");
         d.renew();
         state.ResumeTiming();
         fill();
@@ -251,10 +251,9 @@ void BM_RangeRead_plain(benchmark::State &state) {
     uint64_t k = 0;
     for (auto _ : state) {
         const uint64_t from = (k++ * 7919 * 4099) % (d.n - kRange);
-        benchmark::DoNotOptimize(std::accumulate(d.p_val.begin() + static_cast<int64_t>(from),
-                                                 d.p_val.begin() +
-                                                     static_cast<int64_t>(from + kRange),
-                                                 int64_t{0}));
+        benchmark::DoNotOptimize(
+            std::accumulate(d.p_val.begin() + static_cast<int64_t>(from),
+                            d.p_val.begin() + static_cast<int64_t>(from + kRange), int64_t{0}));
     }
     state.SetItemsProcessed(static_cast<int64_t>(state.iterations() * kRange));
 }
@@ -270,8 +269,7 @@ void BM_Store_velseq(benchmark::State &state) {
           "store");
     for (auto _ : state) {
         state.PauseTiming();
-        check(vel_w_seq_truncate(&d.obj, d.dst.u_offset, d.dst.c_offset, d.dst.fld_no),
-              "truncate");
+        check(vel_w_seq_truncate(&d.obj, d.dst.u_offset, d.dst.c_offset, d.dst.fld_no), "truncate");
         d.renew(); // the freed pages are warm again
         check(vel_w_seq_subseq_int4(&d.obj, d.val.u_offset, d.val.c_offset, &it, 0, ~0ull),
               "subseq");
@@ -441,8 +439,8 @@ void BM_Big_velseq(benchmark::State &state) {
         std::vector<vel_int8> probes(kProbes);
         for (auto &v : probes)
             v = static_cast<vel_int8>(rng() % (3 * n - 3));
-        check(vel_w_seq_append_int8(&obj, p.u_offset, p.c_offset, p.fld_no, probes.data(),
-                                    kProbes, VEL_SEQ_NO_ORDER, nullptr),
+        check(vel_w_seq_append_int8(&obj, p.u_offset, p.c_offset, p.fld_no, probes.data(), kProbes,
+                                    VEL_SEQ_NO_ORDER, nullptr),
               "probes");
         vel_seq_iterator_t src{}, join{};
         auto t4 = now();
@@ -456,7 +454,7 @@ void BM_Big_velseq(benchmark::State &state) {
         benchmark::DoNotOptimize(jsum);
         auto t5 = now();
 
-        struct rusage ru{};
+        struct rusage ru {};
         getrusage(RUSAGE_SELF, &ru);
         state.counters["append_Mps"] = static_cast<double>(n) / (t1 - t0) / 1e6;
         state.counters["bytes_per_value"] =
@@ -507,7 +505,7 @@ void BM_Big_plain(benchmark::State &state) {
             jsum += static_cast<uint64_t>(std::lower_bound(v.begin(), v.end(), x) - v.begin());
         benchmark::DoNotOptimize(jsum);
         auto t5 = now();
-        struct rusage ru{};
+        struct rusage ru {};
         getrusage(RUSAGE_SELF, &ru);
         state.counters["append_Mps"] = static_cast<double>(n) / (t1 - t0) / 1e6;
         state.counters["bytes_per_value"] =
@@ -534,8 +532,7 @@ int main(int argc, char **argv) {
     auto reg = [](const Pair &p, std::vector<int64_t> args) {
         char name[128];
         for (int side = 0; side < 2; side++) {
-            std::snprintf(name, sizeof name, "Ratio/%s/%s", p.name,
-                          side == 0 ? "velseq" : "plain");
+            std::snprintf(name, sizeof name, "Ratio/%s/%s", p.name, side == 0 ? "velseq" : "plain");
             benchmark::RegisterBenchmark(name, side == 0 ? p.velseq : p.plain)->Args(args);
         }
     };

@@ -165,6 +165,9 @@ struct WriteCache {
     uint64_t serial = 0; // 0: empty
     uint64_t oid = 0;
     uint16_t class_code = 0;
+    uint16_t n_fields = 0;
+    bool alt = false; // the class's pages are written in place: first writes privatise
+    uint32_t image_bytes = 0;
     ClassDef *cls = nullptr;
     Chain *chain = nullptr;
 };

@@ -33,6 +33,12 @@ template <class E>
 void join_batch(const E &e, vel_seq_page_t *root, int32_t page_size, const byte *vals, uint64_t n,
                 vel_seq_order_t order, vel_seq_no_t *out, uint8_t *ok) {
     const size_t s = e.size();
+    struct Prefix {
+        vel_seq_page_t *page = nullptr;
+        int child = 0;
+        vel_seq_count_t sum = 0; // counts of entries 0..child-1
+    };
+    Prefix prefix[kMaxLevel + 1];
     for (uint64_t g = 0; g < n; g += kBatchGroup) {
         const int m = static_cast<int>(n - g < kBatchGroup ? n - g : kBatchGroup);
         vel_seq_page_t *pg[kBatchGroup];
@@ -65,25 +71,24 @@ void join_batch(const E &e, vel_seq_page_t *root, int32_t page_size, const byte 
                 if (hi[i] < 1)
                     live[i] = false;
             }
-            // Halving in lock step: prefetch every midpoint, then compare.
-            for (;;) {
-                bool more = false;
-                for (int i = 0; i < m; i++)
-                    if (live[i] && lo[i] < hi[i]) {
-                        prefetch(page_value(pg[i], s, static_cast<uint64_t>((lo[i] + hi[i]) / 2)));
-                        more = true;
-                    }
-                if (!more)
-                    break;
-                for (int i = 0; i < m; i++)
-                    if (live[i] && lo[i] < hi[i]) {
-                        const int32_t mid = (lo[i] + hi[i]) / 2;
-                        const bool b =
-                            before_bound(e, page_value(pg[i], s, static_cast<uint64_t>(mid)),
-                                         val[i], VEL_SEQ_BOUNDARY_INCLUSIVE, order);
-                        lo[i] = b ? mid + 1 : lo[i]; // selects, not branches: the
-                        hi[i] = b ? hi[i] : mid;     // outcome is a coin toss
-                    }
+            // Halving in lock step.  The probes' steps are independent (selects,
+            // not branches: the outcome is a coin toss), so their loads
+            // overlap; each step also asks for both lines the probe's next
+            // step may read.
+            for (bool more = true; more;) {
+                more = false;
+                for (int i = 0; i < m; i++) {
+                    if (!live[i] || lo[i] >= hi[i])
+                        continue;
+                    const int32_t l = lo[i], r = hi[i], mid = (l + r) / 2;
+                    prefetch(page_value(pg[i], s, static_cast<uint64_t>((l + mid) / 2)));
+                    prefetch(page_value(pg[i], s, static_cast<uint64_t>((mid + 1 + r) / 2)));
+                    const bool b = before_bound(e, page_value(pg[i], s, static_cast<uint64_t>(mid)),
+                                                val[i], VEL_SEQ_BOUNDARY_INCLUSIVE, order);
+                    lo[i] = b ? mid + 1 : l;
+                    hi[i] = b ? r : mid;
+                    more |= lo[i] < hi[i];
+                }
             }
             bool any = false;
             for (int i = 0; i < m; i++) {
@@ -92,7 +97,17 @@ void join_batch(const E &e, vel_seq_page_t *root, int32_t page_size, const byte 
                 const int l = lo[i];
                 if (page_kind(pg[i]) == kInnerPage) {
                     const int c = l >= 1 ? l - 1 : 0;
-                    pos[i] += count_before(pg[i], page_size, c);
+                    // Probes of one page in rising order (ascending probes)
+                    // extend the last sum instead of starting again.
+                    Prefix &p = prefix[level];
+                    if (p.page == pg[i] && p.child <= c) {
+                        p.sum += count_range(pg[i], page_size, p.child, c);
+                    } else {
+                        p.sum = count_before(pg[i], page_size, c);
+                        p.page = pg[i];
+                    }
+                    p.child = c;
+                    pos[i] += p.sum;
                     pg[i] = inner_entry(pg[i], page_size, c)->page;
                     any = true;
                     continue;
@@ -147,7 +162,8 @@ inline void map_batch(vel_seq_page_t *root, int32_t page_size, size_t elem_size,
                 }
                 if (page_kind(pg[i]) == kInnerPage) {
                     const int c = child_by_position(pg[i], page_size, nn, &from[i]);
-                    vel_seq_page_t *child = c < nn ? inner_entry(pg[i], page_size, c)->page : nullptr;
+                    vel_seq_page_t *child =
+                        c < nn ? inner_entry(pg[i], page_size, c)->page : nullptr;
                     pg[i] = child;
                     if (child == nullptr) {
                         live[i] = false;

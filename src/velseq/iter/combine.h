@@ -155,8 +155,8 @@ template <class E> VEL_RET map_next(const E &e, vel_seq_iterator_h iterator) {
         }
         const uint64_t idx = next_pos - prev_page_pos;
         std::memcpy(iterator->tile.u.arr_char + i * size, page_value(leaf, size, idx), size);
-        vel_seq_copy_bitmap(iterator->tile.null_bitmap, static_cast<int>(i),
-                            leaf_nulls(leaf, page_size, capacity), static_cast<int>(idx), 1);
+        copy_one_bit(iterator->tile.null_bitmap, static_cast<int>(i),
+                     leaf_nulls(leaf, page_size, capacity), static_cast<int>(idx));
     }
     if (stale) {
         rc = vel_seq_subseq_page(ctx->con, ctx->pm, iterator, root, stale_pos, 0);

@@ -37,11 +37,7 @@ extern "C" VEL_SEQ_API void vel_seq_copy_bitmap(vel_bitmap_word_t *dst, int dsti
     if (length == 0)
         return;
     if (length == 1) { // the one-element run of single appends and gathers
-        const vel_bitmap_word_t bit = vel_bitmap_word_t{1} << (dstindx & 63);
-        if (src != nullptr && ((src[srcindx >> 6] >> (srcindx & 63)) & 1) != 0)
-            dst[dstindx >> 6] |= bit;
-        else
-            dst[dstindx >> 6] &= ~bit;
+        copy_one_bit(dst, dstindx, src, srcindx);
         return;
     }
     int full_words = length >> 6;

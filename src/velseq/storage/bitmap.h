@@ -61,6 +61,17 @@ inline void set_word(vel_bitmap_word_t *bitarr, int start, vel_bitmap_word_t wor
         bitarr[idx + 1] = (bitarr[idx + 1] & (kAllOnes << off)) | (word >> (64 - off));
 }
 
+// vel_seq_copy_bitmap of a one-bit run: bit `dstindx` of `dst` becomes bit
+// `srcindx` of `src` (cleared when `src` is null), every other bit stays.
+inline void copy_one_bit(vel_bitmap_word_t *dst, int dstindx, const vel_bitmap_word_t *src,
+                         int srcindx) {
+    const vel_bitmap_word_t bit = vel_bitmap_word_t{1} << word_offset(dstindx);
+    if (src != nullptr && ((src[word_index(srcindx)] >> word_offset(srcindx)) & 1) != 0)
+        dst[word_index(dstindx)] |= bit;
+    else
+        dst[word_index(dstindx)] &= ~bit;
+}
+
 // Clears both words of an iterator tile's null bitmap.
 inline void vel_seq_reset_null_bitmap(vel_seq_iterator_h iter) {
     iter->tile.null_bitmap[0] = 0;

@@ -54,7 +54,7 @@ VEL_RET vel_seq_begin_root_update(vel_objhandle_h obj, vel_offs32_t fld_u_offset
     if (vel_writing(obj, w, 0, fld_no) != 0)
         return w->ret;
     *root = locate_root(obj, fld_u_offset, fld_c_offset, w, 1);
-    return vel_seq_copy_on_write_page(obj->con, obj->pm, *root);
+    return copy_on_write(obj->con, obj->pm, *root);
 }
 
 void vel_seq_end_root_update(vel_objhandle_h obj, VEL_WRK *w, vel_seq_page_t ** /*root*/) {
@@ -63,16 +63,11 @@ void vel_seq_end_root_update(vel_objhandle_h obj, VEL_WRK *w, vel_seq_page_t ** 
 
 VEL_RET vel_seq_copy_on_write_page(vel_db_connection_h con, vel_page_manager_t *pm,
                                    vel_seq_page_t **pp) {
-    // Only the in-memory page manager, or concurrent writers, share pages.
-    if (pm != con->pm_inmem && !con->db->concurrent_write_transactions)
-        return VEL_S_OK;
-    vel_seq_page_t *src = load_ref(pp);
-    if (src == nullptr)
-        return VEL_S_OK;
-    int32_t page_size = page_size_of(con, pm);
-    if (!vel_seq_is_copy(con, pm, src, src))
-        return VEL_S_OK;
+    return copy_on_write(con, pm, pp);
+}
 
+VEL_RET velseq::copy_shared_page(vel_db_connection_h con, vel_page_manager_t *pm,
+                                 vel_seq_page_t **pp, vel_seq_page_t *src, int32_t page_size) {
     vel_seq_page_t *copy = nullptr;
     VEL_RET rc = vel_seq_create_page(con, pm, &copy, pp, page_kind(src));
     if (rc != VEL_S_OK)

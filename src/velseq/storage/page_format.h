@@ -63,6 +63,14 @@ inline vel_seq_node_t *inner_entry(vel_seq_page_t *pg, int32_t page_size, int64_
                                               kEntryBytes * (i + 1));
 }
 
+// Sum of the counts of entries from..to-1 of an inner page.
+inline vel_seq_count_t count_range(vel_seq_page_t *pg, int32_t page_size, int from, int to) {
+    vel_seq_count_t sum = 0;
+    for (int j = from; j < to; j++)
+        sum += inner_entry(pg, page_size, j)->count;
+    return sum;
+}
+
 // Sum of the counts of entries 0..k-1 of an inner page (the position of
 // child k's first element inside the page's subtree).  Those entries are one
 // block of 16*k bytes ending at the page end; the counts are the high halves.
