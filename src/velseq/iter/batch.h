@@ -190,4 +190,70 @@ inline void map_batch(vel_seq_page_t *root, int32_t page_size, size_t elem_size,
     }
 }
 
+// The path of the last positional descent of a map tile, so that the next
+// one (ascending positions leave a leaf for its neighbour) starts where the
+// paths part instead of walking the counts from the root again.  A level is
+// reused only when the position passes the very test the count walk makes
+// there (not before the chosen child's prefix, inside its count), so the
+// answer is the walk's own, for any counts; where the position lies beyond
+// the chosen child, the walk goes on from the next entry.
+struct PathFinger {
+    int depth = -1; // leaf level of the path; -1: none yet
+    vel_seq_page_t *page[kMaxLevel + 1];
+    int child[kMaxLevel + 1];
+    vel_seq_no_t before[kMaxLevel + 1]; // counts of the entries before `child`
+    vel_seq_count_t count[kMaxLevel + 1];
+
+    // The leaf holding `pos` and its index there, as vel_seq_subseq_page
+    // would find them; false where that descent would fail or trap.
+    bool descend(vel_seq_page_t *root, int32_t page_size, vel_seq_no_t pos, vel_seq_page_t **leaf,
+                 int32_t *idx) {
+        vel_seq_page_t *pg = root;
+        vel_seq_no_t f = pos;
+        int level = 0;
+        int start = 0;         // entry the walk at `level` starts from
+        vel_seq_no_t skip = 0; // counts of the entries before `start`
+        for (; level < depth && page[level] == pg; level++) {
+            if (f < before[level])
+                break;
+            const vel_seq_no_t r = f - before[level];
+            if (r >= count[level]) { // beyond the chosen child: walk on from the next
+                start = child[level] + 1;
+                skip = before[level] + count[level];
+                break;
+            }
+            f = r;
+            pg = inner_entry(pg, page_size, child[level])->page;
+        }
+        for (;; level++) {
+            if (pg == nullptr || level > kMaxLevel)
+                return false;
+            const int n = pg->hdr.user;
+            if (n < 1)
+                return false;
+            if (page_kind(pg) == kInnerPage) {
+                vel_seq_no_t rel = f - skip;
+                const int i = child_by_position(pg, page_size, n, &rel, start);
+                if (i == n)
+                    return false;
+                page[level] = pg;
+                child[level] = i;
+                count[level] = inner_entry(pg, page_size, i)->count;
+                before[level] = f - rel;
+                f = rel;
+                start = 0;
+                skip = 0;
+                pg = inner_entry(pg, page_size, i)->page;
+                continue;
+            }
+            if (page_kind(pg) != kLeafPage || static_cast<vel_seq_no_t>(n) <= f)
+                return false;
+            *leaf = pg;
+            *idx = static_cast<int32_t>(f);
+            depth = level;
+            return true;
+        }
+    }
+};
+
 } // namespace velseq

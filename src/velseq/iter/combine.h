@@ -119,21 +119,27 @@ template <class E> VEL_RET map_next(const E &e, vel_seq_iterator_h iterator) {
     if (n_want > 1)
         map_batch(root, page_size, size, capacity, pos, want, n, found_leaf, found_idx, found);
 
-    // The copy loop makes the scalar descents' choices; a batched result
-    // stands in for a descent without writing the stack, so the last such
-    // descent is replayed before any scalar descent and at the end.
+    // The copy loop makes the scalar descents' choices.  A batched result,
+    // or one found from the previous descent's path, stands in for a
+    // descent without writing the stack, so the last such descent is
+    // replayed before any scalar descent and at the end.
     vel_seq_page_t *leaf = nullptr;
     uint64_t prev_page_pos = 0;
     uint64_t prev_page_size = 0;
+    PathFinger finger;
     bool stale = false;
     vel_seq_no_t stale_pos = 0;
     for (uint64_t i = 0; i < n; i++) {
         const uint64_t next_pos = pos[i];
         if (next_pos - prev_page_pos >= prev_page_size) {
             uint64_t in_leaf;
-            if (found[i]) {
-                leaf = found_leaf[i];
-                in_leaf = static_cast<uint64_t>(found_idx[i]);
+            int32_t at = 0;
+            if (found[i] || finger.descend(root, page_size, next_pos, &leaf, &at)) {
+                if (found[i]) {
+                    leaf = found_leaf[i];
+                    at = found_idx[i];
+                }
+                in_leaf = static_cast<uint64_t>(at);
                 stale = true;
                 stale_pos = next_pos;
             } else {

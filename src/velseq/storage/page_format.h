@@ -106,13 +106,15 @@ inline vel_seq_count_t count_before(vel_seq_page_t *pg, int32_t page_size, int k
 }
 
 // The child of an inner page of `n` entries that holds element `from` of its
-// subtree, with `from` made relative to that child; n when none does.  The
+// subtree, with `from` made relative to that child; n when none does.  With
+// `start`, the walk goes on from entry `start`, `from` being relative to it.  The
 // same walk as subtracting entry by entry, four entries at a time while the
 // four (summed without overflow) still lie before `from`.
-inline int child_by_position(vel_seq_page_t *pg, int32_t page_size, int n, vel_seq_no_t *from) {
+inline int child_by_position(vel_seq_page_t *pg, int32_t page_size, int n, vel_seq_no_t *from,
+                             int start = 0) {
     const vel_seq_node_t *e = inner_entry(pg, page_size, 0);
     vel_seq_no_t f = *from;
-    int i = 0;
+    int i = start;
     for (; i + 4 <= n; i += 4) {
         vel_seq_count_t s01, s23, s;
         if (__builtin_add_overflow(e[-i].count, e[-i - 1].count, &s01) ||
