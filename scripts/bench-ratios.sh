@@ -95,7 +95,7 @@ for kind in ("Join", "Map"):
 EOF
 
 gnuplot <<EOF
-set terminal pngcairo size 720,440 font ",10"
+set terminal pngcairo size 720,440 font ",10" noenhanced
 set grid
 set key top left
 set output "$PLOTS/append.png"

@@ -144,7 +144,19 @@ inline vel_bitmap_word_t *leaf_nulls(vel_seq_page_t *pg, int32_t page_size, uint
 // Leaf capacity by element size alone, as delete and the tile filler compute
 // it: (8 * page_size - 127) / (8 * elem_size + 1).
 inline uint64_t leaf_capacity_by_size(int32_t page_size, uint64_t elem_size) {
-    return (static_cast<uint64_t>(page_size) * 8 - 127) / (elem_size * 8 + 1);
+    const uint64_t bits = static_cast<uint64_t>(page_size) * 8 - 127;
+    switch (elem_size) { // constant divisors for the scalar sizes: no division per tile
+    case 1:
+        return bits / 9;
+    case 2:
+        return bits / 17;
+    case 4:
+        return bits / 33;
+    case 8:
+        return bits / 65;
+    default:
+        return bits / (elem_size * 8 + 1);
+    }
 }
 
 inline int32_t page_size_of(vel_db_connection_h con, vel_page_manager_t *pm) {
