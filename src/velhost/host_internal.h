@@ -49,7 +49,9 @@ struct Durable;
 // ---- sequence page arenas -------------------------------------------------
 
 // Pages are carved from chunks of kChunkBytes, aligned to kChunkBytes so that
-// a page's chunk is found by masking its address.
+// a page's chunk is found by masking its address.  A chunk is one x86-64
+// huge page: add_chunk asks for transparent huge pages, so that reads
+// spread over many pages cost one TLB entry per chunk, not one per page.
 //
 //   offset            content
 //   0                 ChunkHdr, then PageMeta[n_slots]
@@ -58,7 +60,7 @@ struct Durable;
 //
 // Under AddressSanitizer free pages and every red zone are poisoned, so a
 // write past a page's end or into a freed page is reported.
-constexpr size_t kChunkBytes = size_t(1) << 20;
+constexpr size_t kChunkBytes = size_t(2) << 20;
 constexpr uint32_t kRedZone = 64;
 constexpr uint32_t kChunkMagic = 0x564c4843; // "VLHC"
 
@@ -157,10 +159,26 @@ struct Txn {
     std::vector<std::pair<std::byte *, PageManager *>> quarantine;
 };
 
+// The object a connection's transaction last opened for writing.  While
+// that transaction (by serial) is the chain's writer, nobody else changes
+// the chain, so repeated access to it needs neither the chain lookup nor
+// Db::objects_mutex.
+struct WriteCache {
+    uint64_t serial = 0; // 0: empty
+    uint64_t oid = 0;
+    uint16_t class_code = 0;
+    uint16_t n_fields = 0;
+    bool alt = false; // the class's pages are written in place: first writes privatise
+    uint32_t image_bytes = 0;
+    ClassDef *cls = nullptr;
+    Chain *chain = nullptr;
+};
+
 struct Conn {
     vel_db_connection_t pub; // pub.host points back here
     Db *db = nullptr;
     Txn *txn = nullptr;
+    WriteCache last_write;
 };
 
 struct Retired {

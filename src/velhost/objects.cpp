@@ -426,8 +426,43 @@ VEL_RET velh_obj_count(vel_db_connection_h con, uint16_t class_code, uint64_t *c
 
 // ---- the module's object access -------------------------------------------
 
+namespace {
+
+// The private version of `obj` when the connection's open transaction is the
+// writer recorded in its write cache; null otherwise (take the full path).
+// Only the writer changes writer and priv of its chain, and it does so on
+// this connection, so the unlocked reads see its own stores.
+inline Conn *conn_inline(vel_db_connection_h con) {
+    return con != nullptr ? static_cast<Conn *>(con->host) : nullptr;
+}
+
+inline Version *cached_private(vel_objhandle_h obj, Resolved *r) {
+    Conn *conn = conn_inline(obj->con);
+    if (conn == nullptr || conn->txn == nullptr)
+        return nullptr;
+    const WriteCache &wc = conn->last_write;
+    if (wc.serial != conn->txn->serial || wc.oid != obj->oid || wc.class_code != obj->class_code)
+        return nullptr;
+    Chain *c = wc.chain;
+    if (c->writer != conn->txn || c->priv->deleted)
+        return nullptr;
+    r->conn = conn;
+    r->txn = conn->txn;
+    r->cls = wc.cls;
+    r->chain = c;
+    return c->priv;
+}
+
+} // namespace
+
 int vel_reading(vel_objhandle_h obj, VEL_WRK *w) {
     Resolved r;
+    if (w != nullptr) {
+        if (Version *v = cached_private(obj, &r)) {
+            fill_wrk(w, obj, r, v);
+            return 0;
+        }
+    }
     VEL_RET ret = resolve(obj, &r);
     if (ret != VEL_S_OK)
         return refuse(w, ret);
@@ -443,6 +478,15 @@ int vel_reading(vel_objhandle_h obj, VEL_WRK *w) {
 int vel_writing(vel_objhandle_h obj, VEL_WRK *w, int flags, uint16_t fld_no) {
     (void)flags;
     Resolved r;
+    if (w != nullptr) {
+        Version *v = cached_private(obj, &r);
+        // The ALT manager's first write of a field still makes its tree private.
+        if (v != nullptr && fld_no < r.conn->last_write.n_fields &&
+            (!r.conn->last_write.alt || v->privatized[fld_no] || !r.cls->fields[fld_no].is_seq)) {
+            fill_wrk(w, obj, r, v);
+            return 0;
+        }
+    }
     VEL_RET ret = resolve(obj, &r);
     if (ret != VEL_S_OK)
         return refuse(w, ret);
@@ -468,6 +512,14 @@ int vel_writing(vel_objhandle_h obj, VEL_WRK *w, int flags, uint16_t fld_no) {
             return refuse(w, ret);
         v->privatized[fld_no] = 1;
     }
+    r.conn->last_write = {r.txn->serial,
+                          obj->oid,
+                          obj->class_code,
+                          static_cast<uint16_t>(r.cls->fields.size()),
+                          r.cls->pm->which == VELH_PM_ALT && !db->cfg.concurrent_write_transactions,
+                          r.cls->image_bytes,
+                          r.cls,
+                          r.chain};
     fill_wrk(w, obj, r, v);
     return 0;
 }
@@ -480,10 +532,20 @@ void vel_end_writing(vel_objhandle_h obj, VEL_WRK *w) {
 void *vel_obj_pos(void *pobj, vel_db_connection_h con, vel_page_manager_t *pm, uint32_t pos,
                   int for_write) {
     (void)pm;
-    Conn *c = conn_of(con);
+    Conn *c = conn_inline(con);
     auto *v = static_cast<Version *>(pobj);
     if (c == nullptr || v == nullptr || v->deleted)
         vel_stop__(VEL_E_HOST_BAD_ARG, __FILE__, __LINE__);
+    // The image size of the object last opened for writing is at hand.
+    const WriteCache &wc = c->last_write;
+    if (c->txn != nullptr && wc.serial == c->txn->serial && wc.chain == v->chain) {
+        const uint32_t off = pos - v->chain->mo + c->db->cfg.additional_object_field_size;
+        if (pos < v->chain->mo || off >= wc.image_bytes)
+            vel_stop__(VEL_E_HOST_BAD_ARG, __FILE__, __LINE__);
+        if (for_write && (v->chain->writer != c->txn || v->chain->priv != v))
+            vel_stop__(VEL_E_HOST_READ_ONLY, __FILE__, __LINE__);
+        return v->bytes() + off;
+    }
     ClassDef *cls = class_of(c->db, v->chain->class_code);
     const uint32_t off = pos - v->chain->mo + c->db->cfg.additional_object_field_size;
     if (cls == nullptr || pos < v->chain->mo || off >= cls->image_bytes)

@@ -41,14 +41,8 @@ extern "C" VEL_SEQ_API VEL_RET vel_w_seq_append_char(vel_objhandle_h obj, vel_of
                                                      const char *vals, vel_size_t n_vals,
                                                      vel_seq_order_t order, size_t size,
                                                      const vel_bitmap_word_t *null_bitmap) {
-    auto worker = [size](vel_db_connection_h con, vel_page_manager_t *pm, vel_seq_page_t **rp,
-                         const byte *v, vel_size_t *np, vel_seq_order_t o,
-                         const vel_bitmap_word_t *nb, int offs, int level) {
-        return vel_seq_append_page_char(con, pm, rp, reinterpret_cast<const char *>(v), np, o, size,
-                                        nb, offs, level);
-    };
-    return vel_seq_append(CharElem{size}, worker, obj, fld_u_offset, fld_c_offset, fld_no,
-                          in_bytes(vals), n_vals, order, null_bitmap);
+    return vel_seq_append(CharElem{size}, obj, fld_u_offset, fld_c_offset, fld_no, in_bytes(vals),
+                          n_vals, order, null_bitmap);
 }
 
 VEL_RET vel_seq_insert_page_char(vel_db_connection_h con, vel_page_manager_t *pm,

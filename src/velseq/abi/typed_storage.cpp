@@ -31,14 +31,8 @@ template <class T> byte *out_bytes(T *p) { return reinterpret_cast<byte *>(p); }
         vel_objhandle_h obj, vel_offs32_t fld_u_offset, vel_offs32_t fld_c_offset,                 \
         uint16_t fld_no, const T *vals, vel_size_t n_vals, vel_seq_order_t order,                  \
         const vel_bitmap_word_t *null_bitmap) {                                                    \
-        auto worker = [](vel_db_connection_h con, vel_page_manager_t *pm, vel_seq_page_t **rp,     \
-                         const byte *v, vel_size_t *np, vel_seq_order_t o,                         \
-                         const vel_bitmap_word_t *nb, int offs, int level) {                       \
-            return vel_seq_append_page_##S(con, pm, rp, reinterpret_cast<const T *>(v), np, o, nb, \
-                                           offs, level);                                           \
-        };                                                                                         \
-        return vel_seq_append(Elem_##S{}, worker, obj, fld_u_offset, fld_c_offset, fld_no,         \
-                              in_bytes(vals), n_vals, order, null_bitmap);                         \
+        return vel_seq_append(Elem_##S{}, obj, fld_u_offset, fld_c_offset, fld_no, in_bytes(vals), \
+                              n_vals, order, null_bitmap);                                         \
     }                                                                                              \
                                                                                                    \
     extern "C" VEL_SEQ_API VEL_RET vel_w_seq_first_##S(                                            \

@@ -6,6 +6,7 @@
 #include <cstring>
 
 #include "common/trap.h"
+#include "iter/batch.h"
 #include "iter/iter_internal.h"
 #include "iter/search.h"
 #include "storage/bitmap.h"
@@ -96,27 +97,76 @@ template <class E> VEL_RET map_next(const E &e, vel_seq_iterator_h iterator) {
     const size_t size = e.size();
     const int32_t page_size = static_cast<int32_t>(ctx->page_size);
     const uint64_t capacity = e.leaf_capacity(page_size);
+    vel_seq_page_t *root = ctx->stack[0].page;
+
+    // Positions far from the one before them will most likely leave the
+    // leaf in hand: their descents are batched ahead of the copy loop.
+    vel_seq_no_t pos[VEL_SEQ_TILE_SIZE];
+    uint8_t want[VEL_SEQ_TILE_SIZE];
+    vel_seq_page_t *found_leaf[VEL_SEQ_TILE_SIZE];
+    int32_t found_idx[VEL_SEQ_TILE_SIZE];
+    uint8_t found[VEL_SEQ_TILE_SIZE] = {};
+    int n_want = 0;
+    for (uint64_t i = 0; i < n; i++) {
+        pos[i] = positions->tile.u.arr_uint8[i];
+        if constexpr (!E::is_char)
+            pos[i] += iterator->first_seq_no;
+        const vel_seq_no_t d =
+            i == 0 ? capacity : (pos[i] > pos[i - 1] ? pos[i] - pos[i - 1] : pos[i - 1] - pos[i]);
+        want[i] = d >= capacity;
+        n_want += want[i];
+    }
+    if (n_want > 1)
+        map_batch(root, page_size, size, capacity, pos, want, n, found_leaf, found_idx, found);
+
+    // The copy loop makes the scalar descents' choices.  A batched result,
+    // or one found from the previous descent's path, stands in for a
+    // descent without writing the stack, so the last such descent is
+    // replayed before any scalar descent and at the end.
     vel_seq_page_t *leaf = nullptr;
     uint64_t prev_page_pos = 0;
     uint64_t prev_page_size = 0;
+    PathFinger finger;
+    bool stale = false;
+    vel_seq_no_t stale_pos = 0;
     for (uint64_t i = 0; i < n; i++) {
-        uint64_t next_pos = positions->tile.u.arr_uint8[i];
-        if constexpr (!E::is_char)
-            next_pos += iterator->first_seq_no;
+        const uint64_t next_pos = pos[i];
         if (next_pos - prev_page_pos >= prev_page_size) {
-            rc = vel_seq_subseq_page(ctx->con, ctx->pm, iterator, ctx->stack[0].page, next_pos, 0);
-            if (rc != VEL_S_OK)
-                return rc;
-            const vel_seq_iterator_stack_item_t &top = ctx->stack[ctx->stack_size - 1];
-            leaf = top.page;
-            prev_page_pos = next_pos - static_cast<uint64_t>(top.pos);
+            uint64_t in_leaf;
+            int32_t at = 0;
+            if (found[i] || finger.descend(root, page_size, next_pos, &leaf, &at)) {
+                if (found[i]) {
+                    leaf = found_leaf[i];
+                    at = found_idx[i];
+                }
+                in_leaf = static_cast<uint64_t>(at);
+                stale = true;
+                stale_pos = next_pos;
+            } else {
+                if (stale) {
+                    stale = false;
+                    rc = vel_seq_subseq_page(ctx->con, ctx->pm, iterator, root, stale_pos, 0);
+                    VEL_SEQ_CHECK(rc == VEL_S_OK);
+                }
+                rc = vel_seq_subseq_page(ctx->con, ctx->pm, iterator, root, next_pos, 0);
+                if (rc != VEL_S_OK)
+                    return rc;
+                const vel_seq_iterator_stack_item_t &top = ctx->stack[ctx->stack_size - 1];
+                leaf = top.page;
+                in_leaf = static_cast<uint64_t>(top.pos);
+            }
+            prev_page_pos = next_pos - in_leaf;
             prev_page_size = leaf->hdr.user;
             VEL_SEQ_CHECK(next_pos - prev_page_pos < prev_page_size);
         }
         const uint64_t idx = next_pos - prev_page_pos;
         std::memcpy(iterator->tile.u.arr_char + i * size, page_value(leaf, size, idx), size);
-        vel_seq_copy_bitmap(iterator->tile.null_bitmap, static_cast<int>(i),
-                            leaf_nulls(leaf, page_size, capacity), static_cast<int>(idx), 1);
+        copy_one_bit(iterator->tile.null_bitmap, static_cast<int>(i),
+                     leaf_nulls(leaf, page_size, capacity), static_cast<int>(idx));
+    }
+    if (stale) {
+        rc = vel_seq_subseq_page(ctx->con, ctx->pm, iterator, root, stale_pos, 0);
+        VEL_SEQ_CHECK(rc == VEL_S_OK);
     }
     iterator->next_seq_no += n;
     iterator->tile_size = static_cast<uint16_t>(n);
@@ -180,14 +230,49 @@ template <class E> VEL_RET join_next(const E &e, vel_seq_iterator_h iterator) {
     vel_seq_reset_null_bitmap(iterator);
     const uint64_t n = join_with->tile_size;
     const size_t size = e.size();
-    for (uint64_t i = 0; i < n; i++) {
+    const byte *vals = reinterpret_cast<const byte *>(join_with->tile.u.arr_char);
+    auto search = [&](uint64_t i) {
         iterator->next_seq_no = 0;
-        rc = search_page(e, ctx->con, ctx->pm, iterator, root,
-                         reinterpret_cast<const byte *>(join_with->tile.u.arr_char) + i * size,
-                         VEL_SEQ_BOUNDARY_INCLUSIVE, 0, ctx->order);
-        if (rc != VEL_S_OK)
-            return rc;
-        iterator->tile.u.arr_uint8[i] = iterator->next_seq_no;
+        return search_page(e, ctx->con, ctx->pm, iterator, root, vals + i * size,
+                           VEL_SEQ_BOUNDARY_INCLUSIVE, 0, ctx->order);
+    };
+    // Char elements compare through the host, whose calls stay one search
+    // after another.
+    if (E::is_char || n < 2) {
+        for (uint64_t i = 0; i < n; i++) {
+            rc = search(i);
+            if (rc != VEL_S_OK)
+                return rc;
+            iterator->tile.u.arr_uint8[i] = iterator->next_seq_no;
+        }
+    } else {
+        // Batched searches; a probe they leave open gets the scalar search,
+        // after the last batched probe before it has been replayed so that
+        // the stack is as a search of every probe in turn would leave it.
+        vel_seq_no_t out[VEL_SEQ_TILE_SIZE];
+        uint8_t ok[VEL_SEQ_TILE_SIZE];
+        join_batch(e, root, static_cast<int32_t>(ctx->page_size), vals, n, ctx->order, out, ok);
+        bool stale = false;
+        for (uint64_t i = 0; i < n; i++) {
+            if (ok[i]) {
+                iterator->tile.u.arr_uint8[i] = out[i];
+                stale = true;
+                continue;
+            }
+            if (stale) {
+                rc = search(i - 1);
+                VEL_SEQ_CHECK(rc == VEL_S_OK && iterator->next_seq_no == out[i - 1]);
+                stale = false;
+            }
+            rc = search(i);
+            if (rc != VEL_S_OK)
+                return rc;
+            iterator->tile.u.arr_uint8[i] = iterator->next_seq_no;
+        }
+        if (stale) {
+            rc = search(n - 1);
+            VEL_SEQ_CHECK(rc == VEL_S_OK && iterator->next_seq_no == out[n - 1]);
+        }
     }
     iterator->tile_size = static_cast<uint16_t>(n);
     iterator->next_seq_no = handled + n;

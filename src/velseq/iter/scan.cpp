@@ -26,15 +26,9 @@ VEL_RET vel_seq_subseq_page(vel_db_connection_h con, vel_page_manager_t *pm,
         int n = page->hdr.user;
         VEL_SEQ_CHECK(n >= 1);
         if (page_kind(page) == kInnerPage) {
-            int i = 0;
-            for (;; i++) {
-                if (i == n)
-                    return VEL_S_NOTFOUND;
-                vel_seq_count_t count = inner_entry(page, page_size, i)->count;
-                if (from < count)
-                    break;
-                from -= count;
-            }
+            const int i = child_by_position(page, page_size, n, &from);
+            if (i == n)
+                return VEL_S_NOTFOUND;
             ctx->stack[level].pos = i;
             page = inner_entry(page, page_size, i)->page;
             level++;

@@ -96,10 +96,121 @@ VEL_RET vel_seq_append_page(const E &e, vel_db_connection_h con, vel_page_manage
     return VEL_S_OK;
 }
 
-// The wrapper.  `worker` is the family's named page worker with the
-// signature of vel_seq_append_page minus the element policy.
-template <class E, class Worker>
-VEL_RET vel_seq_append(const E &e, Worker worker, vel_objhandle_h obj, vel_offs32_t fld_u_offset,
+// One turn of the wrapper's loop without recursion: the same steps as
+// vel_seq_append_page from the root down, the same host calls in the same
+// order (the page size asked once per level, copy-on-write of each right
+// edge child before descending), then the entry updates of the way back up
+// from the deepest level.  The child references live in `path`, as the
+// recursion keeps them in its frames: a page made at some level replaces the
+// reference one level up.
+template <class E>
+VEL_RET append_turn(const E &e, vel_db_connection_h con, vel_page_manager_t *pm,
+                    vel_seq_page_t **root_page, const byte *vals, vel_size_t *n_vals_ptr,
+                    vel_seq_order_t order, const vel_bitmap_word_t *null_bitmap,
+                    int null_bitmap_offs) {
+    struct Level {
+        vel_seq_page_t *pg;
+        vel_seq_node_t *last;
+        vel_seq_page_t *child;
+        int32_t page_size;
+        int n_items;
+    };
+    Level path[kMaxLevel + 1];
+    const auto n_vals = static_cast<int32_t>(*n_vals_ptr);
+    const size_t s = e.size();
+    vel_seq_page_t **slot = root_page;
+    int level = 0;
+    VEL_RET rc;
+    for (;;) {
+        const int32_t page_size = page_size_of(con, pm);
+        vel_seq_page_t *pg = *slot;
+        if (pg == nullptr) {
+            rc = VEL_E_NOMEM;
+            break;
+        }
+        const int n_items = pg->hdr.user;
+        VEL_SEQ_CHECK(n_items > 0);
+        VEL_SEQ_CHECK(level <= kMaxLevel);
+        if (!stored_then_new_ok(e, page_value(pg, s, static_cast<uint64_t>(n_items - 1)), vals,
+                                order)) {
+            rc = VEL_E_SEQ_OUT_OF_ORDER;
+            break;
+        }
+        if (page_kind(pg) == kInnerPage) {
+            Level &l = path[level];
+            l = {pg, inner_entry(pg, page_size, n_items - 1), nullptr, page_size, n_items};
+            l.child = l.last->page;
+            rc = copy_on_write(con, pm, &l.child);
+            if (rc != VEL_S_OK)
+                break;
+            l.last->page = l.child;
+            slot = &l.child;
+            level++;
+            continue;
+        }
+
+        const uint64_t max_items = e.leaf_capacity(page_size);
+        VEL_SEQ_CHECK(static_cast<uint64_t>(n_items) <= max_items);
+        if (static_cast<uint64_t>(n_items) == max_items) {
+            vel_seq_page_t *np = nullptr;
+            rc = vel_seq_create_page(con, pm, &np, slot, kLeafPage);
+            if (rc != VEL_S_OK)
+                break;
+            const auto n = static_cast<int32_t>(max_items < static_cast<uint64_t>(n_vals)
+                                                    ? max_items
+                                                    : static_cast<uint64_t>(n_vals));
+            put_values(e, np, leaf_nulls(np, page_size, max_items), 0, vals, n, null_bitmap,
+                       null_bitmap_offs);
+            np->hdr.user = static_cast<uint16_t>(n);
+            *n_vals_ptr -= static_cast<vel_size_t>(n);
+            rc = VEL_S_OVERFLOW;
+            break;
+        }
+        const int32_t room = static_cast<int32_t>(max_items) - n_items;
+        const int32_t n = room < n_vals ? room : n_vals;
+        put_values(e, pg, leaf_nulls(pg, page_size, max_items), n_items, vals, n, null_bitmap,
+                   null_bitmap_offs);
+        pg->hdr.user = static_cast<uint16_t>(n_items + n);
+        *n_vals_ptr -= static_cast<vel_size_t>(n);
+        rc = VEL_S_OK;
+        break;
+    }
+
+    // The way back up: levels above the one that ended the descent.
+    for (int k = level - 1; k >= 0; k--) {
+        Level &l = path[k];
+        const int32_t added = n_vals - static_cast<int32_t>(*n_vals_ptr);
+        if (rc == VEL_S_OVERFLOW) {
+            // `l.child` now names the new page below, holding `added` values.
+            if (l.n_items == e.inner_capacity(l.page_size, order)) {
+                vel_seq_page_t *np = nullptr;
+                rc = vel_seq_create_page(con, pm, &np, k == 0 ? root_page : &path[k - 1].child,
+                                         kInnerPage);
+                if (rc != VEL_S_OK)
+                    continue;
+                *inner_entry(np, l.page_size, 0) = {l.child, static_cast<vel_seq_count_t>(added)};
+                if (order != VEL_SEQ_NO_ORDER)
+                    std::memcpy(page_value(np, s, 0), vals, s);
+                rc = VEL_S_OVERFLOW;
+                continue;
+            }
+            *inner_entry(l.pg, l.page_size, l.n_items) = {l.child,
+                                                          static_cast<vel_seq_count_t>(added)};
+            if (order != VEL_SEQ_NO_ORDER)
+                std::memcpy(page_value(l.pg, s, static_cast<uint64_t>(l.n_items)), vals, s);
+            l.pg->hdr.user = static_cast<uint16_t>(l.n_items + 1);
+            rc = VEL_S_OK;
+        } else if (rc == VEL_S_OK) {
+            l.last->count += static_cast<vel_seq_count_t>(added);
+        }
+    }
+    return rc;
+}
+
+// The wrapper; each turn runs append_turn, the loop form of the family's
+// named page worker.
+template <class E>
+VEL_RET vel_seq_append(const E &e, vel_objhandle_h obj, vel_offs32_t fld_u_offset,
                        vel_offs32_t fld_c_offset, uint16_t fld_no, const byte *vals,
                        vel_size_t n_vals, vel_seq_order_t order,
                        const vel_bitmap_word_t *null_bitmap) {
@@ -133,7 +244,8 @@ VEL_RET vel_seq_append(const E &e, Worker worker, vel_objhandle_h obj, vel_offs3
             continue;
         }
         vel_size_t n_added = n_vals;
-        rc = worker(con, pm, &root_page, vals, &n_vals, order, null_bitmap, null_bitmap_offs, 0);
+        rc = append_turn(e, con, pm, &root_page, vals, &n_vals, order, null_bitmap,
+                         null_bitmap_offs);
         n_added -= n_vals;
         if (rc == VEL_S_OVERFLOW) {
             rc = grow_root(e, con, pm, page_size, slot, root_page, n_added, vals, order);

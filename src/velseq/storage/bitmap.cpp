@@ -3,11 +3,6 @@
 namespace velseq {
 
 namespace {
-constexpr vel_bitmap_word_t kAllOnes = ~vel_bitmap_word_t{0};
-
-inline int word_index(int start) { return start >> 6; }
-inline int word_offset(int start) { return start & 63; }
-
 // Low `bits` bits set, 1 <= bits <= 63.
 inline vel_bitmap_word_t low_mask(int bits) { return kAllOnes >> (64 - bits); }
 
@@ -19,46 +14,6 @@ inline void merge_partial(vel_bitmap_word_t *dst, int dst_pos, vel_bitmap_word_t
     set_word(dst, dst_pos, ((src_word ^ dst_word) & low_mask(length)) ^ dst_word, length);
 }
 } // namespace
-
-vel_bitmap_word_t get_full_word(const vel_bitmap_word_t *bitarr, int start) {
-    int idx = word_index(start);
-    int off = word_offset(start);
-    if (off == 0)
-        return bitarr[idx];
-    return (bitarr[idx] >> off) | (bitarr[idx + 1] << (64 - off));
-}
-
-void set_full_word(vel_bitmap_word_t *bitarr, int start, vel_bitmap_word_t word) {
-    int idx = word_index(start);
-    int off = word_offset(start);
-    if (off == 0) {
-        bitarr[idx] = word;
-        return;
-    }
-    bitarr[idx] = (bitarr[idx] & (kAllOnes >> (64 - off))) | (word << off);
-    bitarr[idx + 1] = (bitarr[idx + 1] & (kAllOnes << off)) | (word >> (64 - off));
-}
-
-vel_bitmap_word_t get_word(const vel_bitmap_word_t *bitarr, int start, int length) {
-    int idx = word_index(start);
-    int off = word_offset(start);
-    vel_bitmap_word_t word = bitarr[idx] >> off;
-    if (64 - off < length)
-        word |= bitarr[idx + 1] << (64 - off);
-    return word;
-}
-
-void set_word(vel_bitmap_word_t *bitarr, int start, vel_bitmap_word_t word, int length) {
-    int idx = word_index(start);
-    int off = word_offset(start);
-    if (off == 0) {
-        bitarr[idx] = word;
-        return;
-    }
-    bitarr[idx] = (bitarr[idx] & (kAllOnes >> (64 - off))) | (word << off);
-    if (64 - off < length)
-        bitarr[idx + 1] = (bitarr[idx + 1] & (kAllOnes << off)) | (word >> (64 - off));
-}
 
 } // namespace velseq
 
@@ -81,6 +36,10 @@ extern "C" VEL_SEQ_API void vel_seq_copy_bitmap(vel_bitmap_word_t *dst, int dsti
                                                 int length) {
     if (length == 0)
         return;
+    if (length == 1) { // the one-element run of single appends and gathers
+        copy_one_bit(dst, dstindx, src, srcindx);
+        return;
+    }
     int full_words = length >> 6;
     int bits_in_last_word = length & 63;
 

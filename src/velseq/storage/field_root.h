@@ -34,6 +34,14 @@ VEL_RET vel_seq_copy_on_write_page(vel_db_connection_h con, vel_page_manager_t *
 
 namespace velseq {
 
+// The copy itself, once the page is known to be shared.
+VEL_RET copy_shared_page(vel_db_connection_h con, vel_page_manager_t *pm, vel_seq_page_t **pp,
+                         vel_seq_page_t *src, int32_t page_size);
+
+// vel_seq_copy_on_write_page with its tests inline: most pages on an update's
+// path are already private.
+inline VEL_RET copy_on_write(vel_db_connection_h con, vel_page_manager_t *pm, vel_seq_page_t **pp);
+
 // Address of the root slot of an object's field, access already granted in
 // `w`.  Traps when the 8-byte reference would straddle two object pages.
 vel_seq_page_t **locate_root(vel_objhandle_h obj, vel_offs32_t fld_u_offset,
@@ -48,6 +56,19 @@ inline vel_seq_page_t *load_ref(vel_seq_page_t *const *slot) {
 }
 inline void store_ref(vel_seq_page_t **slot, vel_seq_page_t *pg) {
     std::memcpy(slot, &pg, sizeof pg);
+}
+
+// Only the in-memory page manager, or concurrent writers, share pages.
+inline VEL_RET copy_on_write(vel_db_connection_h con, vel_page_manager_t *pm, vel_seq_page_t **pp) {
+    if (pm != con->pm_inmem && !con->db->concurrent_write_transactions)
+        return VEL_S_OK;
+    vel_seq_page_t *src = load_ref(pp);
+    if (src == nullptr)
+        return VEL_S_OK;
+    const int32_t page_size = pm->large_page_size(con);
+    if (!vel_seq_is_copy(con, pm, src, src))
+        return VEL_S_OK;
+    return copy_shared_page(con, pm, pp, src, page_size);
 }
 
 } // namespace velseq

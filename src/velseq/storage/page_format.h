@@ -28,6 +28,10 @@
 
 #include <cstdint>
 
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
+
 #include "elem/elem_traits.h"
 
 namespace velseq {
@@ -59,6 +63,76 @@ inline vel_seq_node_t *inner_entry(vel_seq_page_t *pg, int32_t page_size, int64_
                                               kEntryBytes * (i + 1));
 }
 
+// Sum of the counts of entries from..to-1 of an inner page.
+inline vel_seq_count_t count_range(vel_seq_page_t *pg, int32_t page_size, int from, int to) {
+    vel_seq_count_t sum = 0;
+    for (int j = from; j < to; j++)
+        sum += inner_entry(pg, page_size, j)->count;
+    return sum;
+}
+
+// Sum of the counts of entries 0..k-1 of an inner page (the position of
+// child k's first element inside the page's subtree).  Those entries are one
+// block of 16*k bytes ending at the page end; the counts are the high halves.
+inline vel_seq_count_t count_before(vel_seq_page_t *pg, int32_t page_size, int k) {
+    if (k <= 0)
+        return 0;
+    const vel_seq_node_t *e = inner_entry(pg, page_size, k - 1); // lowest address
+#if defined(__SSE2__)
+    __m128i a0 = _mm_setzero_si128(), a1 = a0, a2 = a0, a3 = a0;
+    const auto *q = reinterpret_cast<const __m128i *>(e);
+    int j = 0;
+    for (; j + 4 <= k; j += 4) {
+        a0 = _mm_add_epi64(a0, _mm_loadu_si128(q + j));
+        a1 = _mm_add_epi64(a1, _mm_loadu_si128(q + j + 1));
+        a2 = _mm_add_epi64(a2, _mm_loadu_si128(q + j + 2));
+        a3 = _mm_add_epi64(a3, _mm_loadu_si128(q + j + 3));
+    }
+    for (; j < k; j++)
+        a0 = _mm_add_epi64(a0, _mm_loadu_si128(q + j));
+    a0 = _mm_add_epi64(_mm_add_epi64(a0, a1), _mm_add_epi64(a2, a3));
+    return static_cast<vel_seq_count_t>(_mm_cvtsi128_si64(_mm_unpackhi_epi64(a0, a0)));
+#else
+    vel_seq_count_t a = 0, b = 0;
+    int j = 0;
+    for (; j + 1 < k; j += 2) {
+        a += e[j].count;
+        b += e[j + 1].count;
+    }
+    if (j < k)
+        a += e[j].count;
+    return a + b;
+#endif
+}
+
+// The child of an inner page of `n` entries that holds element `from` of its
+// subtree, with `from` made relative to that child; n when none does.  With
+// `start`, the walk goes on from entry `start`, `from` being relative to it.  The
+// same walk as subtracting entry by entry, four entries at a time while the
+// four (summed without overflow) still lie before `from`.
+inline int child_by_position(vel_seq_page_t *pg, int32_t page_size, int n, vel_seq_no_t *from,
+                             int start = 0) {
+    const vel_seq_node_t *e = inner_entry(pg, page_size, 0);
+    vel_seq_no_t f = *from;
+    int i = start;
+    for (; i + 4 <= n; i += 4) {
+        vel_seq_count_t s01, s23, s;
+        if (__builtin_add_overflow(e[-i].count, e[-i - 1].count, &s01) ||
+            __builtin_add_overflow(e[-i - 2].count, e[-i - 3].count, &s23) ||
+            __builtin_add_overflow(s01, s23, &s) || f < s)
+            break;
+        f -= s;
+    }
+    for (; i < n; i++) {
+        vel_seq_count_t c = e[-i].count;
+        if (f < c)
+            break;
+        f -= c;
+    }
+    *from = f;
+    return i;
+}
+
 inline uint64_t null_mask_words(uint64_t capacity) { return (capacity + 63) / 64; }
 
 // The null mask of a leaf whose capacity is `capacity`: flush with the page end.
@@ -70,7 +144,19 @@ inline vel_bitmap_word_t *leaf_nulls(vel_seq_page_t *pg, int32_t page_size, uint
 // Leaf capacity by element size alone, as delete and the tile filler compute
 // it: (8 * page_size - 127) / (8 * elem_size + 1).
 inline uint64_t leaf_capacity_by_size(int32_t page_size, uint64_t elem_size) {
-    return (static_cast<uint64_t>(page_size) * 8 - 127) / (elem_size * 8 + 1);
+    const uint64_t bits = static_cast<uint64_t>(page_size) * 8 - 127;
+    switch (elem_size) { // constant divisors for the scalar sizes: no division per tile
+    case 1:
+        return bits / 9;
+    case 2:
+        return bits / 17;
+    case 4:
+        return bits / 33;
+    case 8:
+        return bits / 65;
+    default:
+        return bits / (elem_size * 8 + 1);
+    }
 }
 
 inline int32_t page_size_of(vel_db_connection_h con, vel_page_manager_t *pm) {

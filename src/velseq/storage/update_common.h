@@ -77,6 +77,11 @@ bool stored_then_new_ok(const E &e, const byte *stored, const byte *val, vel_seq
 template <class E>
 void put_values(const E &e, vel_seq_page_t *pg, vel_bitmap_word_t *mask, int at, const byte *vals,
                 int n, const vel_bitmap_word_t *null_bitmap, int null_bitmap_offs) {
+    if (n == 1) { // single-value appends: no library calls
+        std::memcpy(page_value(pg, e.size(), static_cast<uint64_t>(at)), vals, e.size());
+        copy_one_bit(mask, at, null_bitmap, null_bitmap_offs);
+        return;
+    }
     std::memcpy(page_value(pg, e.size(), static_cast<uint64_t>(at)), vals,
                 static_cast<size_t>(n) * e.size());
     vel_seq_copy_bitmap(mask, at, null_bitmap, null_bitmap_offs, n);

@@ -1,0 +1,123 @@
+#!/usr/bin/env bash
+# velseq against plain C++ on the same data (bench/ratios_bench.cpp): builds
+# the release preset, runs every pair of cases with repetitions, and writes
+#
+#   $OUT/ratios.json     Google Benchmark's output (medians among others)
+#   $OUT/ratios.md       the table: median time per unit of each side, ratio
+#   $PLOTS/*.png         the plots of docs/PERFORMANCE.md (gnuplot)
+#
+#   scripts/bench-ratios.sh                     # everything, 5 repetitions
+#   REPS=3 FILTER='Join|Map' scripts/bench-ratios.sh
+#   PLOTS=docs scripts/bench-ratios.sh          # refresh the docs' plots
+#
+# Installs libbenchmark-dev and gnuplot-nox (Debian) when missing.  The
+# 10^8 cases need about 4 GiB of memory and a few minutes.
+set -euo pipefail
+ROOT=$(cd "$(dirname "$0")/.." && pwd)
+cd "$ROOT"
+REPS=${REPS:-5}
+FILTER=${FILTER:-.}
+OUT=${OUT:-build/release/ratios}
+PLOTS=${PLOTS:-$OUT}
+JOBS=${VELSEQ_JOBS:-2}
+
+as_root() { if [ "$(id -u)" = 0 ]; then "$@"; else sudo "$@"; fi; }
+missing=()
+for p in libbenchmark-dev gnuplot-nox python3; do
+    dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing+=("$p")
+done
+if [ ${#missing[@]} -gt 0 ]; then
+    export DEBIAN_FRONTEND=noninteractive
+    as_root apt-get update -q
+    as_root apt-get install -y -q --no-install-recommends "${missing[@]}"
+fi
+
+cmake --preset release >/dev/null
+cmake --build --preset release -j"$JOBS" --target velseq_ratios
+mkdir -p "$OUT"
+build/release/bench/velseq_ratios --benchmark_filter="$FILTER" \
+    --benchmark_repetitions="$REPS" --benchmark_report_aggregates_only=true \
+    --benchmark_min_time=0.2 --benchmark_out="$OUT/ratios.json" --benchmark_out_format=json
+
+python3 - "$OUT" <<'EOF'
+import json, sys, os
+out = sys.argv[1]
+data = json.load(open(os.path.join(out, "ratios.json")))
+med = {}
+for b in data["benchmarks"]:
+    if b.get("aggregate_name") != "median":
+        continue
+    parts = b["run_name"].split("/")
+    if parts[0] != "Ratio":
+        continue
+    # Ratio/<Name>/<side>/<args...>; cpu_time is in the benchmark's unit.
+    name, side, args = parts[1], parts[2], "/".join(parts[3:])
+    unit = {"ns": 1, "us": 1e3, "ms": 1e6, "s": 1e9}[b["time_unit"]]
+    per_item = 1e9 / b["items_per_second"] if "items_per_second" in b else b["cpu_time"] * unit
+    med[(name, args, side)] = per_item
+
+rows = []
+for (name, args, side), t in sorted(med.items()):
+    if side != "velseq" or (name, args, "plain") not in med:
+        continue
+    p = med[(name, args, "plain")]
+    rows.append((name, args, t, p, t / p))
+with open(os.path.join(out, "ratios.md"), "w") as f:
+    f.write("| workload | args | velseq ns/unit | plain ns/unit | velseq / plain |\n")
+    f.write("|---|---|---|---|---|\n")
+    for name, args, t, p, r in rows:
+        f.write(f"| {name} | {args} | {t:.3f} | {p:.3f} | {r:.2f} |\n")
+    big = {}
+    for b in data["benchmarks"]:
+        if b.get("aggregate_name") == "median" and b["run_name"].startswith("Big/"):
+            big[b["run_name"].split("/")[1]] = b
+    keys = ["append_Mps", "bytes_per_value", "scan_Gps", "search_us", "join_ns_per_probe",
+            "peak_pages_MiB", "max_rss_MiB"]
+    if big:
+        f.write("\n| 10^8 int8 | " + " | ".join(keys) + " |\n")
+        f.write("|---" * (len(keys) + 1) + "|\n")
+        for side, b in sorted(big.items(), reverse=True):
+            f.write(f"| {side} | " + " | ".join(f"{b[k]:.3g}" if k in b else "-" for k in keys) + " |\n")
+print(open(os.path.join(out, "ratios.md")).read())
+
+# Plot data: append throughput by batch; join and map cost by length.
+with open(os.path.join(out, "append.dat"), "w") as f:
+    for (name, args, side), t in sorted(med.items(), key=lambda k: int(k[0][1].split("/")[-1])):
+        if name == "Append" and side == "velseq" and ("Append", args, "plain") in med:
+            batch = int(args.split("/")[1])
+            f.write(f"{batch} {1e3 / t:.3f} {1e3 / med[('Append', args, 'plain')]:.3f}\n")
+for kind in ("Join", "Map"):
+    with open(os.path.join(out, kind.lower() + ".dat"), "w") as f:
+        for lg in range(5, 9):
+            args = f"{lg}/0"
+            if (kind, args, "velseq") in med and (kind, args, "plain") in med:
+                f.write(f"{10 ** lg} {med[(kind, args, 'velseq')]:.2f} {med[(kind, args, 'plain')]:.2f}\n")
+EOF
+
+gnuplot <<EOF
+set terminal pngcairo size 720,440 font ",10" noenhanced
+set grid
+set key top left
+set output "$PLOTS/append.png"
+set title "Append: values per call against throughput (1M int4 per run)"
+set logscale x 2
+set logscale y 10
+set xlabel "values per call"
+set ylabel "million values per second"
+plot "$OUT/append.dat" using 1:2 with linespoints title "velseq", \
+     "$OUT/append.dat" using 1:3 with linespoints title "plain std::vector"
+unset logscale
+set logscale xy 10
+set xlabel "sequence length"
+set ylabel "ns per probe"
+set output "$PLOTS/join.png"
+set title "Join: 2^20 random probes, cost per probe against length"
+plot "$OUT/join.dat" using 1:2 with linespoints title "velseq join", \
+     "$OUT/join.dat" using 1:3 with linespoints title "std::lower_bound"
+set output "$PLOTS/map.png"
+set ylabel "ns per position"
+set title "Map: 2^20 random positions, cost per position against length"
+plot "$OUT/map.dat" using 1:2 with linespoints title "velseq map", \
+     "$OUT/map.dat" using 1:3 with linespoints title "plain gather"
+EOF
+echo "bench-ratios: $OUT/ratios.md, plots in $PLOTS"
