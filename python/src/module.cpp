@@ -382,6 +382,7 @@ template <class T> struct output {
     py::array_t<bool> mask;
     bool any_null = false;
     explicit output(size_t n) : values(dtype_of<T>(), n), mask(n) {}
+    output(py::array into, size_t n) : values(std::move(into)), mask(n) {}
     // Stores tile `t` at index `at`; without the GIL.
     void put(size_t at, const velseq::tile<T> &t) {
         const size_t k = t.size();
@@ -493,11 +494,26 @@ void write(const Sequence &s, std::optional<uint64_t> pos, const py::handle &val
 }
 
 template <class T>
-py::object read(const Sequence &s, uint64_t first, std::optional<uint64_t> last) {
+py::object read(const Sequence &s, uint64_t first, std::optional<uint64_t> last,
+                const py::object &into) {
     velseq::sequence<T> seq = s.get<T>();
     const uint64_t end = last ? *last : seq.size();
     velseq::tile_range<T> tiles = seq.tiles(first, end); // checks the range
-    output<T> out(static_cast<size_t>(end - first));
+    const size_t n = static_cast<size_t>(end - first);
+    std::optional<output<T>> made;
+    if (into.is_none()) {
+        made.emplace(n);
+    } else { // the caller's buffer: exactly the field's dtype, writable, n long
+        py::array a = as_input(into, dtype_of<T>(), false, "read " + s.what() + " into out");
+        if (!a.writeable())
+            throw error(VEL_E_ILLEGAL_PARAM, "read " + s.what() + ": out is read-only");
+        if (static_cast<size_t>(a.size()) != n)
+            throw error(VEL_E_SEQ_LENGTH_MISMATCH, "read " + s.what() + ": out holds " +
+                                                       std::to_string(a.size()) + " values, not " +
+                                                       std::to_string(n));
+        made.emplace(a, n);
+    }
+    output<T> &out = *made;
     {
         py::gil_scoped_release nogil;
         size_t at = 0;
@@ -1001,11 +1017,13 @@ PYBIND11_MODULE(_velseq, m) {
              })
         .def(
             "read",
-            [](const Sequence &s, uint64_t first, std::optional<uint64_t> last) {
-                return typed(
-                    s, [&](auto t) { return read<typename decltype(t)::type>(s, first, last); });
+            [](const Sequence &s, uint64_t first, std::optional<uint64_t> last,
+               const py::object &out) {
+                return typed(s, [&](auto t) {
+                    return read<typename decltype(t)::type>(s, first, last, out);
+                });
             },
-            py::arg("first") = 0, py::arg("last") = py::none())
+            py::arg("first") = 0, py::arg("last") = py::none(), py::arg("out") = py::none())
         .def(
             "search",
             [](const Sequence &s, const py::object &lo, const py::object &hi,
