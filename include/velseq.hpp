@@ -93,6 +93,11 @@ inline const code_text *find_code(int code) noexcept {
          "the transaction carried an earlier error and was rolled back"},
         {VEL_E_HOST_TREE_DEPTH, "VEL_E_HOST_TREE_DEPTH",
          "a sequence tree is deeper than the module can read"},
+        {VEL_E_HOST_IO, "VEL_E_HOST_IO", "a file could not be created, read, written or flushed"},
+        {VEL_E_HOST_BAD_IMAGE, "VEL_E_HOST_BAD_IMAGE",
+         "the file is not a database image of this version, or a damaged one"},
+        {VEL_E_HOST_BAD_LOG, "VEL_E_HOST_BAD_LOG",
+         "the commit log is not one, or belongs to another image"},
         {VEL_ERR_SEQ, "VEL_ERR_SEQ",
          "the sequence module trapped on a corrupt page or a broken invariant"},
     };
