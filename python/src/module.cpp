@@ -21,6 +21,7 @@
 #include <pybind11/stl.h>
 
 #include <atomic>
+#include <mutex>
 #include <thread>
 
 #include "velseq.hpp"
@@ -141,6 +142,10 @@ struct db_state {
     std::unique_ptr<velseq::database> db;
     std::map<std::string, std::shared_ptr<class_def>> classes;
     std::atomic<int> open_transactions{0};
+    // Threads with a write transaction open: a second one on the same thread
+    // would wait for the first forever.
+    std::mutex writers_mu;
+    std::map<std::thread::id, int> writers;
     void require_open() const {
         if (!db)
             throw error(VEL_E_HOST_BAD_ARG, "the database is closed");
@@ -163,12 +168,39 @@ struct tx_state {
 
     tx_state(std::shared_ptr<db_state> d, bool w) : db(std::move(d)), write(w) {
         db->require_open();
-        con.emplace(*db->db);
-        tx.emplace(*con, w ? velseq::transaction::write : velseq::transaction::read);
         owner = std::this_thread::get_id();
+        if (w) {
+            std::lock_guard<std::mutex> g(db->writers_mu);
+            if (db->writers[owner] > 0)
+                throw error(VEL_E_HOST_BUSY, "this thread has a write transaction open already; "
+                                             "a second one would wait for it forever");
+            db->writers[owner]++;
+        }
+        try {
+            con.emplace(*db->db);
+            // Another thread's writer may hold the database: wait without the GIL.
+            py::gil_scoped_release nogil;
+            tx.emplace(*con, w ? velseq::transaction::write : velseq::transaction::read);
+        } catch (...) {
+            con.reset();
+            forget_writer();
+            throw;
+        }
         db->open_transactions++;
     }
-    ~tx_state() { end(false); }
+    ~tx_state() {
+        try {
+            end(false);
+        } catch (const error &) { // a failed rollback leaves nothing to undo
+        }
+    }
+    void forget_writer() {
+        if (!write)
+            return;
+        std::lock_guard<std::mutex> g(db->writers_mu);
+        if (--db->writers[owner] == 0)
+            db->writers.erase(owner);
+    }
     bool open() const { return tx.has_value(); }
     // Everything a call needs: an open transaction of this thread.
     void require() const {
@@ -187,6 +219,7 @@ struct tx_state {
             ~release() {
                 s.tx.reset();
                 s.con.reset();
+                s.forget_writer();
                 s.db->open_transactions--;
             }
         } r{*this};

@@ -222,6 +222,7 @@ def test_bad_inputs_raise_and_change_nothing():
         ("VEL_E_HOST_NO_CLASS", lambda: tx.create("nope")),
         ("VEL_E_ILLEGAL_TYPE", lambda: db.define("bad", s=velseq.seq("U4"))),
         ("VEL_E_HOST_BUSY", db.close),
+        ("VEL_E_HOST_BUSY", db.write),  # would wait for this thread's own writer
     ]
     before = [o[f].read() for f in ("ts", "px", "v")]
     for code, call in cases:
@@ -245,7 +246,13 @@ def test_bad_inputs_raise_and_change_nothing():
     t.start()
     t.join()
     assert errors == ["VEL_E_HOST_BUSY"]
+    # another thread's writer waits for this one without holding the GIL
+    waiter = threading.Thread(target=lambda: db.write().rollback())
+    waiter.start()
+    waiter.join(0.2)
+    assert waiter.is_alive()
     tx.commit()
+    waiter.join()
 
     # after the transaction, after close
     with pytest.raises(velseq.Error, match="VEL_E_HOST_TRANS_CLOSED"):
