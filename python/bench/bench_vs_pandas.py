@@ -61,7 +61,7 @@ def main():
         o = tx.open("ticks", oid)
         col = o["px"]
         t_read = best(col.read)
-        rows.append(("read 10^7 float64 into NumPy", t_read, "C++ API full scan into a vector",
+        rows.append(("read 10^7 float64 into NumPy", t_read, "C++ API full scan into a buffer",
                      cxx_scan))
         assert np.array_equal(col.read(), px)
 
