@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # ThreadSanitizer build and run of the threaded tests: the snapshot stress
 # (writer committing while readers hold snapshots) and the host's thread
-# tests (writers and readers on their own connections).  Builds with clang in
+# tests (writers and readers on their own connections), and saves and the
+# commit log while other connections commit.  Builds with clang in
 # $VELSEQ_TSAN_BUILD (default build/tsan-clang; the gcc `tsan` preset owns
 # build/tsan).  VELSEQ_STRESS_COMMITS raises the number of commits.
 set -euo pipefail
@@ -19,11 +20,13 @@ fi
 
 CC=clang CXX=clang++ cmake -S "$ROOT" -B "$BUILD" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DVELSEQ_WERROR=ON \
     -DVELSEQ_SANITIZE=thread >/dev/null
-cmake --build "$BUILD" --target velseq_reliability_tests velhost_tests -j"$JOBS"
+cmake --build "$BUILD" --target velseq_reliability_tests velhost_tests velhost_durable_tests -j"$JOBS"
 
 TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1" \
 VELSEQ_STRESS_COMMITS=${VELSEQ_STRESS_COMMITS:-2000} \
     "$BUILD/tests/reliability/velseq_reliability_tests" --gtest_filter='SnapshotStress*'
 TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1" \
     "$BUILD/tests/velhost/velhost_tests" --gtest_filter='Thread*'
+TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1" \
+    "$BUILD/tests/velhost/velhost_durable_tests" --gtest_filter='DurableImage.Save*:DurableLog.*'
 echo "tsan: clean"
