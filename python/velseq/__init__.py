@@ -1,0 +1,198 @@
+"""velseq from Python: sequences of scalars in database objects, in and out
+of NumPy and pandas.
+
+    import numpy as np, velseq
+    db = velseq.Database()
+    db.define("tick", ts=velseq.seq("datetime64[ns]", "ascending"),
+              px=velseq.seq("float64"), venue=velseq.value("uint32"))
+    with db.write() as tx:                  # commits; an exception rolls back
+        t = tx.create("tick")
+        t["ts"].append(times)               # datetime64 of any unit
+        t["px"].append(np.ma.masked_invalid(prices))   # masked: nulls
+        oid = t.oid
+    with db.read() as tx:
+        t = tx.open("tick", oid)
+        px = t["px"].read()                 # ndarray, masked where nulls exist
+        bars = t.resample("ts", "px", "1min")            # pandas.DataFrame
+
+The extension (_velseq) holds the database, transactions, objects and
+sequences; this file adds what returns or takes pandas objects.  Every
+refused call raises velseq.Error (with .code and .name) and changes nothing.
+"""
+
+import numpy as _np
+
+from ._velseq import Database as _Database
+from ._velseq import Error, Object, Sequence, Transaction
+
+__all__ = ["Database", "Error", "Object", "Sequence", "Transaction", "seq", "value"]
+
+
+class seq:
+    """A sequence field of a class: its NumPy dtype and the order its values keep
+    ("none", "ascending" or "descending"; ordered fields hold no nulls)."""
+
+    def __init__(self, dtype, order="none"):
+        self.dtype, self.order = dtype, order
+
+
+class value:
+    """A scalar field of a class (one value per object)."""
+
+    def __init__(self, dtype):
+        self.dtype = dtype
+
+
+class Database(_Database):
+    """An in-memory database.  `page_size` sets the bytes of a sequence page
+    (0: the default).  Usable as a context manager that closes it."""
+
+    def __init__(self, page_size=0):
+        super().__init__(page_size)
+
+    def define(self, name, **fields):
+        """Defines class `name`: each keyword is a field, given as velseq.seq,
+        velseq.value or a bare dtype (an unordered sequence)."""
+        spec = []
+        for fname, f in fields.items():
+            if isinstance(f, seq):
+                spec.append((fname, "seq", f.dtype, f.order))
+            elif isinstance(f, value):
+                spec.append((fname, "value", f.dtype, "none"))
+            else:
+                spec.append((fname, "seq", f, "none"))
+        _Database.define(self, name, spec)
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *exc):
+        self.close()
+        return False
+
+    def from_pandas(self, df, cls, time=None):
+        """Stores a table as one object of class `cls` with a sequence field
+        per column (defined here if the class is new), in one write
+        transaction; returns the object's oid.  `time` names the column kept
+        as an ascending datetime64 field; with time=None a DatetimeIndex is
+        stored as such a field named after the index (or "time").  Nullable
+        pandas columns (Int64, Float64, NaT) become nulls."""
+        import pandas as pd
+
+        cols = {}
+        if time is None and isinstance(df.index, pd.DatetimeIndex):
+            time = df.index.name or "time"
+            cols[time] = _values_of(df.index.to_series(index=None))
+        for c in df.columns:
+            cols[str(c)] = _values_of(df[c])
+        if self._has_class(cls):
+            known = [f[0] for f in self.fields(cls)]
+            if sorted(known) != sorted(cols):
+                raise Error(f"VEL_E_HOST_WRONG_FIELD: class {cls} has fields {known}, "
+                            f"the table {list(cols)}")
+        else:
+            self.define(cls, **{c: seq(v.dtype, "ascending" if c == time else "none")
+                                for c, (v, _) in cols.items()})
+        with self.write() as tx:
+            o = tx.create(cls)
+            for c, (v, mask) in cols.items():
+                o[c].append(v, mask)
+            return o.oid
+
+    def to_pandas(self, cls, oid, index=None):
+        """The sequence fields of object `oid` as a DataFrame, a column per
+        field; `index` names the field to index by (default: the class's
+        ascending datetime64 field, if it has exactly one)."""
+        import pandas as pd
+
+        fields = [f for f in self.fields(cls) if f[1] == "seq"]
+        if index is None:
+            times = [f[0] for f in fields if f[2].startswith("datetime64") and f[3] == "ascending"]
+            index = times[0] if len(times) == 1 else None
+        with self.read() as tx:
+            o = tx.open(cls, oid)
+            data = {f[0]: _column(o[f[0]].read()) for f in fields}
+        df = pd.DataFrame(data)
+        return df.set_index(index) if index is not None else df
+
+    def _has_class(self, cls):
+        return cls in self.classes()
+
+
+def _values_of(s):
+    """(values, mask or None) of a pandas Series, in a dtype velseq stores."""
+    import pandas as pd
+
+    if isinstance(s.dtype, pd.DatetimeTZDtype):
+        s = s.dt.tz_convert("UTC").dt.tz_localize(None)
+    if pd.api.types.is_extension_array_dtype(s.dtype) and hasattr(s.dtype, "numpy_dtype"):
+        mask = s.isna().to_numpy()
+        v = s.to_numpy(dtype=s.dtype.numpy_dtype, na_value=0)
+        return v, (mask if mask.any() else None)
+    return _np.ascontiguousarray(s.to_numpy()), None
+
+
+def _column(a):
+    """A read result as a pandas column: masked integers and floats become
+    nullable arrays, masked datetimes NaT."""
+    import pandas as pd
+
+    if not isinstance(a, _np.ma.MaskedArray):
+        return a
+    d, m = a.data, _np.ma.getmaskarray(a)
+    if d.dtype.kind in "iu":
+        return pd.arrays.IntegerArray(d, m)
+    if d.dtype.kind == "f":
+        return pd.arrays.FloatingArray(d, m)
+    d = d.copy()
+    d[m] = _np.datetime64("NaT")
+    return d
+
+
+def _ns(delta):
+    import pandas as pd
+
+    return int(pd.Timedelta(delta).value)
+
+
+def _window(self, lo, hi, lo_bound="inclusive", hi_bound="exclusive"):
+    """The values between lo and hi of an ordered field (search, then read)."""
+    first, last = self.search(lo, hi, lo_bound, hi_bound)
+    return self.read(first, last)
+
+
+def _resample(self, time, field, width, start=None, end=None, origin=None):
+    """OHLC bars of `field` in buckets of `width` (a Timedelta or "1min"),
+    aligned on `origin` (the Unix epoch by default), over start <= time < end
+    (all rows by default): a DataFrame indexed by bucket start with open,
+    high, low, close (nulls skipped), count (non-null values), sum and rows.
+    Only buckets holding a row appear."""
+    import pandas as pd
+
+    c = self[field].resample_columns(self[time], _ns(width), start, end, origin)
+    return pd.DataFrame(
+        {"open": _column(c["first"]), "high": _column(c["max"]), "low": _column(c["min"]),
+         "close": _column(c["last"]), "count": c["count"], "sum": c["sum"], "rows": c["rows"]},
+        index=pd.DatetimeIndex(c["start"], name=time))
+
+
+def _asof_join(self, keys, probes, columns, direction="backward", strict=False,
+               tolerance=None, fill_forward=False):
+    """For each probe, the values of `columns` at its as-of match in the
+    ascending field `keys` (see Sequence.asof): a DataFrame indexed by the
+    probes, null where nothing matches.  fill_forward carries the last
+    observation forward over nulls."""
+    import pandas as pd
+
+    k = self[keys]
+    if tolerance is not None and k.dtype.kind == "M":
+        tolerance = _ns(tolerance)
+    pos = k.asof(probes, direction, strict, tolerance)
+    data = {c: _column(self[c].gather(pos)) for c in columns}
+    df = pd.DataFrame(data, index=pd.Index(_np.asarray(probes), name=keys))
+    return df.ffill() if fill_forward else df
+
+
+Sequence.window = _window
+Object.resample = _resample
+Object.asof_join = _asof_join

@@ -1,0 +1,117 @@
+# Typed stubs of the velseq package (the _velseq extension and __init__.py).
+from typing import Any, Literal, Optional, Sequence as Seq, Tuple, TypedDict, Union
+
+import numpy as np
+import numpy.typing as npt
+import pandas as pd
+
+Order = Literal["none", "ascending", "descending"]
+Bound = Literal["inclusive", "exclusive", "open"]
+Direction = Literal["backward", "forward", "nearest"]
+DTypeLike = npt.DTypeLike
+# An array of the field's dtype (any datetime64 unit for datetime fields), a
+# masked array (masked: null), or a list NumPy converts to the field's dtype.
+Values = Union[np.ndarray, np.ma.MaskedArray, Seq[Any]]
+# What reads return: a plain array, or a masked one where nulls exist.
+Read = Union[np.ndarray, np.ma.MaskedArray]
+# A point in time: datetime64, pandas Timestamp, datetime or ISO-8601 text.
+TimeLike = Any
+TimedeltaLike = Union[str, pd.Timedelta, np.timedelta64, int]
+
+class Error(Exception):
+    """A refused call; the data and the transaction are as they were."""
+    code: int  # the module's or the host's code (velseq.h)
+    name: str  # its name, e.g. "VEL_E_SEQ_OUT_OF_ORDER"
+
+class seq:
+    """A sequence field: dtype (int8..uint64, float32, float64, datetime64) and order."""
+    def __init__(self, dtype: DTypeLike, order: Order = "none") -> None: ...
+
+class value:
+    """A scalar field (one value per object)."""
+    def __init__(self, dtype: DTypeLike) -> None: ...
+
+class Summary(TypedDict):
+    rows: int  # elements, nulls included
+    count: int  # non-null elements
+    sum: Optional[float | int]  # None for datetime fields
+    min: Any
+    max: Any
+    mean: Optional[float]
+    first: Any  # first non-null value
+    last: Any  # last non-null value
+
+class Database:
+    """An in-memory database; a context manager that closes it."""
+    closed: bool
+    def __init__(self, page_size: int = 0) -> None: ...
+    def define(self, name: str, **fields: Union[seq, value, DTypeLike]) -> None: ...
+    def classes(self) -> list[str]: ...
+    def fields(self, cls: str) -> list[Tuple[str, str, str, str]]:
+        """(name, "seq" | "value", dtype, order) of each field of a class."""
+    def read(self) -> Transaction: ...
+    def write(self) -> Transaction: ...
+    def close(self) -> None:
+        """Closes the database (Error VEL_E_HOST_BUSY while a transaction is open)."""
+    def from_pandas(self, df: pd.DataFrame, cls: str, time: Optional[str] = None) -> int: ...
+    def to_pandas(self, cls: str, oid: int, index: Optional[str] = None) -> pd.DataFrame: ...
+    def __enter__(self) -> Database: ...
+    def __exit__(self, *exc: Any) -> bool: ...
+
+class Transaction:
+    """Bound to the thread that began it.  `with` commits a write transaction
+    when the block ends normally and rolls back when an exception leaves it."""
+    is_open: bool
+    is_write: bool
+    def commit(self) -> None: ...
+    def rollback(self) -> None: ...
+    def create(self, cls: str) -> Object: ...
+    def open(self, cls: str, oid: int) -> Object: ...
+    def count(self, cls: str) -> int: ...
+    def __enter__(self) -> Transaction: ...
+    def __exit__(self, *exc: Any) -> bool: ...
+
+class Object:
+    oid: int
+    cls: str
+    def __getitem__(self, field: str) -> Any:
+        """A Sequence for a sequence field, the value of a scalar field."""
+    def __setitem__(self, field: str, value: Any) -> None: ...
+    def delete(self) -> None: ...
+    def resample(self, time: str, field: str, width: TimedeltaLike,
+                 start: Optional[TimeLike] = None, end: Optional[TimeLike] = None,
+                 origin: Optional[TimeLike] = None) -> pd.DataFrame:
+        """OHLC bars: open, high, low, close, count, sum, rows by bucket start."""
+    def asof_join(self, keys: str, probes: Values, columns: Seq[str],
+                  direction: Direction = "backward", strict: bool = False,
+                  tolerance: Optional[TimedeltaLike | float] = None,
+                  fill_forward: bool = False) -> pd.DataFrame: ...
+
+class Sequence:
+    name: str
+    dtype: np.dtype
+    order: Order
+    def __len__(self) -> int: ...
+    def append(self, values: Values, mask: Optional[npt.NDArray[np.bool_]] = None) -> None: ...
+    def insert(self, pos: int, values: Values,
+               mask: Optional[npt.NDArray[np.bool_]] = None) -> None: ...
+    def delete(self, first: int, last: Optional[int] = None) -> None:
+        """Removes positions [first, last) (last=None: the one at first)."""
+    def truncate(self) -> None: ...
+    def read(self, first: int = 0, last: Optional[int] = None,
+             out: Optional[np.ndarray] = None) -> Read:
+        """Positions [first, last), into a new array or into `out`."""
+    def search(self, lo: Any, hi: Any, lo_bound: Bound = "inclusive",
+               hi_bound: Bound = "exclusive") -> Tuple[int, int]:
+        """Positions [first, last) of the values between lo and hi (None: open)."""
+    def window(self, lo: Any, hi: Any, lo_bound: Bound = "inclusive",
+               hi_bound: Bound = "exclusive") -> Read: ...
+    def asof(self, probes: Values, direction: Direction = "backward", strict: bool = False,
+             tolerance: Optional[TimedeltaLike | float] = None) -> np.ma.MaskedArray:
+        """Positions of the as-of matches in this ascending field; masked: none."""
+    def gather(self, positions: Union[np.ndarray, np.ma.MaskedArray]) -> Read: ...
+    def aggregate(self, first: int = 0, last: Optional[int] = None) -> Summary: ...
+    def aggregate_window(self, ts: Sequence, start: TimeLike, end: TimeLike) -> Summary:
+        """The rows with start <= ts < end of this object's datetime field ts."""
+    def resample_columns(self, ts: Sequence, width_ns: int, start: Any, end: Any,
+                         origin: Any) -> dict[str, Any]: ...
