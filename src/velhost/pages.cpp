@@ -203,8 +203,10 @@ VEL_RET page_alloc(PageManager *pm, Txn *creator, std::byte **page) {
     return VEL_S_OK;
 }
 
-void page_free(PageManager *pm, std::byte *page, Txn *txn) {
-    std::lock_guard<std::mutex> lock(pm->db->alloc_mutex);
+namespace {
+
+// Marks a page free and poisons it.  Called with Db::alloc_mutex held.
+void mark_free(PageManager *pm, std::byte *page) {
     PageMeta *m = page_meta(page);
     if (m->live == 0)
         vel_stop__(VEL_E_HOST_BAD_ARG, __FILE__, __LINE__); // double free
@@ -213,6 +215,13 @@ void page_free(PageManager *pm, std::byte *page, Txn *txn) {
     pm->stats.freed++;
     pm->stats.live--;
     VELH_POISON(page, pm->page_size);
+}
+
+} // namespace
+
+void page_free(PageManager *pm, std::byte *page, Txn *txn) {
+    std::lock_guard<std::mutex> lock(pm->db->alloc_mutex);
+    mark_free(pm, page);
     if (txn != nullptr)
         txn->quarantine.emplace_back(page, pm);
     else
@@ -235,14 +244,7 @@ bool page_live(const void *page) {
 void page_free_many(PageManager *pm, const std::vector<std::byte *> &pages) {
     std::lock_guard<std::mutex> lock(pm->db->alloc_mutex);
     for (std::byte *page : pages) {
-        PageMeta *m = page_meta(page);
-        if (m->live == 0)
-            vel_stop__(VEL_E_HOST_BAD_ARG, __FILE__, __LINE__); // double free
-        m->live = 0;
-        m->creator = 0;
-        pm->stats.freed++;
-        pm->stats.live--;
-        VELH_POISON(page, pm->page_size);
+        mark_free(pm, page);
         pm->free_pages.push_back(page);
     }
 }
