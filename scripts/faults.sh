@@ -137,7 +137,6 @@ for patch in "$ROOT"/faults/*.patch; do
     area=${name%%-*}
     if ! (cd "$SRC" && patch -p1 -s -N <"$patch" >"$LOGS/$name.patch.log" 2>&1); then
         (cd "$SRC" && patch -p1 -s -R -f <"$patch" >/dev/null 2>&1)
-        sync_tree
         broken+=("$name")
         printf '%-52s BROKEN (does not apply)\n' "$name" | tee -a "$results"
         continue

@@ -35,6 +35,8 @@ TEST(Append, RefusalsAreLocatedToTheirLine) {
          "line 5: 5 after 4"},
         {VEL_SEQ_ASC_ORDER, "h\n10\n20\n", "h\n20\n30\n", VELT_OK, 0, ""},
         {VEL_SEQ_ASC_ORDER, "h\n10\n30\n", "h\n29\n", VEL_E_SEQ_OUT_OF_ORDER, 2, "29 after 30"},
+        {VEL_SEQ_ASC_ORDER, "h\n10\n30\n", "h\n30\n31\n5\n", VEL_E_SEQ_OUT_OF_ORDER, 4,
+         "line 4: 5 after 31"},
         {VEL_SEQ_ASC_ORDER, "", "h\n1\n2\n\n3\n", VEL_E_SEQ_NULL_VALUE, 4, "line 4: "},
     };
     for (const auto &c : cases) {

@@ -152,6 +152,15 @@ TEST(TreeStats, LargeTreeAgreesWithHost) {
     EXPECT_EQ(sum, st.pages);
     EXPECT_EQ(st.elements, 20001u);
     EXPECT_EQ(st.nulls, 0u);
+    EXPECT_EQ(st.shared_pages, 0u);
+    // After a commit, one more value copies the right edge; only the
+    // copies' other children are counted twice (the pages below them are
+    // shared through them).
+    d.commit_and_reopen();
+    fill_int8(d, 20001, 20001);
+    st = stats(d);
+    EXPECT_GT(st.shared_pages, 0u);
+    EXPECT_LT(st.shared_pages, st.pages / 8);
 }
 
 // Damaged pages are reported, not followed.  The damage is undone before
