@@ -193,9 +193,9 @@ TEST(PageAccounting, LivePagesFollowTheTreeAndMemoryStaysFlat) {
                                     VEL_SEQ_NO_ORDER),
               VEL_S_OK);
     pages_match(3);
-    ASSERT_EQ(vel_w_seq_delete_int4(&obj, f.u_offset, f.c_offset, f.fld_no, 0, 5000,
-                                    VEL_SEQ_NO_ORDER),
-              VEL_S_OK);
+    ASSERT_EQ(
+        vel_w_seq_delete_int4(&obj, f.u_offset, f.c_offset, f.fld_no, 0, 5000, VEL_SEQ_NO_ORDER),
+        VEL_S_OK);
     pages_match(0);
 
     ASSERT_EQ(append(), VEL_S_OK);
