@@ -67,7 +67,9 @@ build() {
 # "<program> timed out") on stdout.
 run_program() {
     local bin="$1" log="$2" rc
-    (cd "$(dirname "$bin")" && timeout -k 5 "$TIMEOUT" "$bin" --gtest_brief=1) >"$log" 2>&1
+    local args=()
+    [ -n "${GTEST[$bin]:-}" ] && args=(--gtest_brief=1)
+    (cd "$(dirname "$bin")" && timeout -k 5 "$TIMEOUT" "$bin" "${args[@]}") >"$log" 2>&1
     rc=$?
     local failed
     failed=$(sed -n 's/^\[  FAILED  \] \([^ ,]*\).*/\1/p' "$log" | grep -v '^[0-9]' | sort -u)
@@ -82,22 +84,40 @@ run_program() {
 
 echo "faults.sh: scratch tree $SRC"
 sync_tree
-cmake -S "$SRC" -B "$BUILD" -DCMAKE_BUILD_TYPE=Debug -DVELSEQ_TESTS=ON >"$LOGS/configure.log" 2>&1 || {
+# Debug without debug information: the same checks, faster links.
+cmake -S "$SRC" -B "$BUILD" -DCMAKE_BUILD_TYPE= -DVELSEQ_TESTS=ON >"$LOGS/configure.log" 2>&1 || {
     cat "$LOGS/configure.log"
     exit 1
 }
-# The test programs ctest knows, as targets of the same name.
-mapfile -t PROGRAMS < <(cd "$BUILD" && ctest -N --show-only=json-v1 2>/dev/null |
-    grep -o '"command" *: *\[ *"[^"]*"' | sed 's/.*\[ *"//; s/"$//' | sort -u)
-if [ ${#PROGRAMS[@]} -eq 0 ]; then
+# The test programs ctest knows (their targets have the same names), each
+# marked "gtest" when ctest runs it with a filter.
+list_programs() {
+    (cd "$BUILD" && ctest -N --show-only=json-v1 2>/dev/null) | python3 -c '
+import json, sys
+progs = {}
+for t in json.load(sys.stdin).get("tests", []):
+    cmd = t.get("command") or []
+    if cmd:
+        g = any(a.startswith("--gtest_filter") for a in cmd[1:])
+        progs[cmd[0]] = progs.get(cmd[0], False) or g
+for p, g in sorted(progs.items()):
+    print(("gtest " if g else "plain ") + p)'
+}
+mapfile -t PROGRAMS < <(list_programs)
+if [ ${#PROGRAMS[@]} -eq 0 ] || ! grep -q '^gtest' <(printf '%s\n' "${PROGRAMS[@]}"); then
     # Discovered tests are listed only once the programs exist: build all.
     cmake --build "$BUILD" -j "$JOBS" >"$LOGS/build-base.log" 2>&1 || {
         tail -30 "$LOGS/build-base.log"
         exit 1
     }
-    mapfile -t PROGRAMS < <(cd "$BUILD" && ctest -N --show-only=json-v1 2>/dev/null |
-        grep -o '"command" *: *\[ *"[^"]*"' | sed 's/.*\[ *"//; s/"$//' | sort -u)
+    mapfile -t PROGRAMS < <(list_programs)
 fi
+declare -A GTEST
+for i in "${!PROGRAMS[@]}"; do
+    p=${PROGRAMS[$i]#* }
+    [ "${PROGRAMS[$i]%% *}" = gtest ] && GTEST[$p]=1
+    PROGRAMS[$i]=$p
+done
 TARGETS=()
 for p in "${PROGRAMS[@]}"; do TARGETS+=("$(basename "$p")"); done
 echo "faults.sh: test programs: ${TARGETS[*]}"

@@ -237,9 +237,12 @@ TEST_F(PagesTest, CheckerFindsDamageAndCommitFreesUnlinkedPages) {
     entry(root, ps, 1)->count = 5;
     check(VEL_SEQ_NO_ORDER, 0, "entry 1");
     entry(root, ps, 1)->count = 4;
+    // A leaf one value over capacity, its entry counting it.
     entry(root, ps, 0)->page->hdr.user = static_cast<uint16_t>(leaf_cap4(ps) + 1);
-    check(VEL_SEQ_NO_ORDER, 0, ""); // leaf over capacity
+    entry(root, ps, 0)->count = static_cast<uint64_t>(leaf_cap4(ps) + 1);
+    check(VEL_SEQ_NO_ORDER, 0, "capacity");
     entry(root, ps, 0)->page->hdr.user = 3;
+    entry(root, ps, 0)->count = 3;
     // A leaf one level deeper than its siblings.
     vel_seq_page_t *mid, *slot;
     ASSERT_EQ(vel_seq_create_page(con, obj.pm, &mid, &slot, 2), VEL_S_OK);
