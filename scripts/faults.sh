@@ -17,12 +17,12 @@
 #
 # Environment: FAULTS_WORK (scratch directory, default
 # /tmp/velseq-faults-$UID), FAULTS_TIMEOUT (seconds per test program, default
-# 300), JOBS (build parallelism, default 2).  A patch that does not apply or
+# 60), JOBS (build parallelism, default 2).  A patch that does not apply or
 # does not build is reported as BROKEN and counts as neither.
 set -uo pipefail
 ROOT="$(cd "$(dirname "$0")/.." && pwd)"
 WORK="${FAULTS_WORK:-/tmp/velseq-faults-$(id -u)}"
-TIMEOUT="${FAULTS_TIMEOUT:-300}"
+TIMEOUT="${FAULTS_TIMEOUT:-60}"
 JOBS="${JOBS:-2}"
 FULL=0
 patterns=()
