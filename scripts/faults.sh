@@ -52,7 +52,7 @@ sync_tree() {
         [ -f "$ROOT/$f" ] || continue
         if ! cmp -s "$ROOT/$f" "$SRC/$f"; then
             mkdir -p "$(dirname "$SRC/$f")"
-            cp -p "$ROOT/$f" "$SRC/$f"
+            cp "$ROOT/$f" "$SRC/$f" # a new mtime: make must rebuild
         fi
     done <"$list"
     (cd "$SRC" && find . -type f | sed 's|^\./||' | sort) | comm -23 - "$list" |
