@@ -84,6 +84,14 @@ run_program() {
 
 echo "faults.sh: scratch tree $SRC"
 sync_tree
+# A run interrupted with a patch applied: its files were restored by the
+# sync, but their objects may be newer than them.
+if [ -f "$WORK/applied" ]; then
+    sed -n 's|^+++ b/\([^\t]*\).*|\1|p' "$(cat "$WORK/applied")" | while IFS= read -r f; do
+        [ -f "$SRC/$f" ] && touch "$SRC/$f"
+    done
+    rm -f "$WORK/applied"
+fi
 # Debug without debug information: the same checks, faster links.
 cmake -S "$SRC" -B "$BUILD" -DCMAKE_BUILD_TYPE= -DVELSEQ_TESTS=ON >"$LOGS/configure.log" 2>&1 || {
     cat "$LOGS/configure.log"
@@ -155,14 +163,17 @@ for patch in "$ROOT"/faults/*.patch; do
         [ $hit -eq 1 ] || continue
     fi
     area=${name%%-*}
+    echo "$patch" >"$WORK/applied"
     if ! (cd "$SRC" && patch -p1 -s -N <"$patch" >"$LOGS/$name.patch.log" 2>&1); then
         (cd "$SRC" && patch -p1 -s -R -f <"$patch" >/dev/null 2>&1)
+        rm -f "$WORK/applied"
         broken+=("$name")
         printf '%-52s BROKEN (does not apply)\n' "$name" | tee -a "$results"
         continue
     fi
     if ! build "$LOGS/$name.build.log"; then
         (cd "$SRC" && patch -p1 -s -R <"$patch")
+        rm -f "$WORK/applied"
         broken+=("$name")
         printf '%-52s BROKEN (does not build, see %s)\n' "$name" "$LOGS/$name.build.log" | tee -a "$results"
         continue
@@ -174,6 +185,7 @@ for patch in "$ROOT"/faults/*.patch; do
         [ $FULL -eq 0 ] && [ ${#by[@]} -gt 0 ] && break
     done
     (cd "$SRC" && patch -p1 -s -R <"$patch")
+    rm -f "$WORK/applied"
     n=$((n + 1))
     AREA_N[$area]=$((${AREA_N[$area]:-0} + 1))
     if [ ${#by[@]} -gt 0 ]; then
