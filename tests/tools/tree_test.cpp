@@ -227,24 +227,5 @@ TEST(TreeDump, OrderedTreeShowsKeysCountsAndPreviews) {
                    "  #2 leaf L1: 2 values, 0 null: 110, 120\n");
 }
 
-TEST(TreeDump, CharPreviewIsEscapedAndTruncated) {
-    const velt_type_t t{VEL_DD_CHAR, 12};
-    FieldDb d(t, VEL_SEQ_NO_ORDER);
-    velt_column_t col;
-    velt_column_init(&col, t);
-    const char a[12] = {'a', 'b', 'c', 'd', 'e', 'f', 'g', 'h', 'i', 'j', 'k', 'l'};
-    const char b[12] = {'q', '"', '\\', '\x01', 'z'};
-    for (const char *v : {a, static_cast<const char *>(nullptr), b})
-        ASSERT_EQ(velt_column_push(&col, v), VELT_OK);
-    d.append(col);
-    velt_column_free(&col);
-    const velt_dump_options_t opt{10, 5};
-    std::string out =
-        capture([&](FILE *f) { velt_dump_tree(d.obj(), d.field(), f, &opt, nullptr); });
-    EXPECT_NE(out.find("#0 leaf L0: 3 values, 1 null: \"abcde\"..., null, \"q\\\"\\\\\\x01z\"\n"),
-              std::string::npos)
-        << out;
-}
-
 } // namespace
 } // namespace vttest
