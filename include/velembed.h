@@ -291,6 +291,10 @@ void velh_reset_peak(velh_db_t *db);
    VEL_E_NOMEM; with `sticky` every later one fails too.  0 turns it off. */
 void velh_fail_page_alloc(velh_db_t *db, uint64_t nth, vel_bool sticky);
 
+/* Makes the nth vel_seq_prune from now (1 = the next) fail with VEL_E_NOMEM,
+   releasing nothing.  0 turns it off. */
+void velh_fail_prune(velh_db_t *db, uint64_t nth);
+
 /* Handler of vel_stop__.  Without one, or when it returns, vel_stop__ prints
    the trap and aborts.  A C++ handler may throw to leave the trap. */
 typedef void (*velh_trap_handler_t)(int code, const char *file, int line, void *ctx);

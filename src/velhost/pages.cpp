@@ -416,6 +416,18 @@ using namespace velhost;
 
 namespace {
 
+// velh_fail_prune's countdowns, per database (rarely more than one).
+std::mutex g_prune_mutex;
+std::vector<std::pair<const Db *, uint64_t>> g_prune_countdown;
+
+bool prune_fails(const Db *db) {
+    std::lock_guard<std::mutex> lock(g_prune_mutex);
+    for (auto &[d, n] : g_prune_countdown)
+        if (d == db && n != 0)
+            return --n == 0;
+    return false;
+}
+
 // The transaction of a connection when it may create pages.
 VEL_RET writer_txn(vel_db_connection_h con, Txn **txn) {
     Conn *c = conn_of(con);
@@ -447,7 +459,9 @@ VEL_RET vel_seq_create_page(vel_db_connection_h con, vel_page_manager_t *pm, vel
     if (r != VEL_S_OK)
         return r;
     auto *pg = reinterpret_cast<vel_seq_page_t *>(b);
-    pg->hdr.kind = static_cast<uint8_t>(kind & 15);
+    // The high nibble is the host's: the page manager that made the page
+    // (1 = in-memory, 2 = alternative).  The module masks it off.
+    pg->hdr.kind = static_cast<uint8_t>((kind & 15) | (p->which + 1) << 4);
     pg->hdr.user = 1;
     std::atomic_ref<uint32_t>(pg->ref_count).store(1, std::memory_order_release);
     *page = pg;
@@ -529,6 +543,8 @@ VEL_RET vel_seq_prune(vel_db_connection_h con, vel_page_manager_t *pm, vel_seq_p
     PageManager *p = pm_of(pm);
     if (p == nullptr)
         return VEL_E_HOST_BAD_ARG;
+    if (prune_fails(p->db))
+        return VEL_E_NOMEM; // nothing released
     Conn *c = conn_of(con);
     prune_tree(p, root, c != nullptr ? c->txn : nullptr);
     return VEL_S_OK;
@@ -561,6 +577,14 @@ void velh_reset_peak(velh_db_t *db) {
     std::lock_guard<std::mutex> lock(d->alloc_mutex);
     for (auto &p : d->pms)
         p.stats.peak = p.stats.live;
+}
+
+void velh_fail_prune(velh_db_t *db, uint64_t nth) {
+    const Db *d = reinterpret_cast<const Db *>(db);
+    std::lock_guard<std::mutex> lock(g_prune_mutex);
+    std::erase_if(g_prune_countdown, [d](const auto &e) { return e.first == d; });
+    if (d != nullptr && nth != 0)
+        g_prune_countdown.emplace_back(d, nth);
 }
 
 void velh_fail_page_alloc(velh_db_t *db, uint64_t nth, vel_bool sticky) {

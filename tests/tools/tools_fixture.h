@@ -33,6 +33,7 @@ class FieldDb {
         EXPECT_EQ(velh_connect(db_, &con_), VEL_S_OK);
         EXPECT_EQ(velh_begin(con_, VELH_READ_WRITE), VEL_S_OK);
         EXPECT_EQ(velh_obj_create(con_, cls, &obj_), VEL_S_OK);
+        cls_ = cls;
         field_ = {fi.u_offset, fi.c_offset, fi.fld_no, type, order};
     }
     ~FieldDb() {
@@ -52,6 +53,14 @@ class FieldDb {
         ASSERT_EQ(velt_append_column(&obj_, &field_, &col, &err), VELT_OK) << err.message;
     }
 
+    // Commits and reopens the object in a new read-write transaction: its
+    // pages are shared with the committed version until written.
+    void commit_and_reopen() {
+        ASSERT_EQ(velh_commit(con_), VEL_S_OK);
+        ASSERT_EQ(velh_begin(con_, VELH_READ_WRITE), VEL_S_OK);
+        ASSERT_EQ(velh_obj_open(con_, cls_, obj_.oid, &obj_), VEL_S_OK);
+    }
+
     // The host's own verdict on the field's tree.
     velh_tree_report_t host_check() {
         velh_tree_report_t rep{};
@@ -65,6 +74,7 @@ class FieldDb {
     vel_db_connection_h con_ = nullptr;
     vel_objhandle_t obj_{};
     velt_field_t field_{};
+    uint16_t cls_ = 0;
 };
 
 // Column helpers for int8 test data.

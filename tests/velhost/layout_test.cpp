@@ -37,22 +37,6 @@ const std::vector<velh_field_def_t> kMixed = {{"a", VEL_DD_INT1, 0},
                                               {"c", VEL_DD_CHAR, 3},
                                               {"d", VEL_DD_DOUBLE, 0}};
 
-TEST_F(LayoutTest, DeclarationOrderAndWidestFirst) {
-    open_default();
-    // Uncompact pads a(1) to s at 8; compact puts s, d, b first, then a, c.
-    expect_offsets(define(kMixed, 0), {{0, 20}, {8, 0}, {16, 16}, {20, 21}, {24, 8}});
-}
-
-TEST_F(LayoutTest, AlignmentCountsTheObjectHeader) {
-    velh_config_t cfg;
-    velh_config_init(&cfg);
-    cfg.additional_object_field_size = 5;
-    open(cfg);
-    // Absolute positions start at 5, so offset 3 is absolute 8: alignment holds
-    // for the absolute position, not for the offset.
-    expect_offsets(define(kMixed, 0), {{0, 23}, {3, 3}, {11, 19}, {15, 24}, {19, 11}});
-}
-
 TEST_F(LayoutTest, FieldsMoveToTheNextObjectPage) {
     velh_config_t cfg;
     velh_config_init(&cfg);
@@ -67,46 +51,6 @@ TEST_F(LayoutTest, FieldsMoveToTheNextObjectPage) {
     uint16_t code;
     velh_field_def_t wide = {"w", VEL_DD_CHAR, 105};
     EXPECT_EQ(velh_class_define(db, "w", &wide, 1, 0, VELH_PM_INMEM, &code), VEL_E_HOST_LAYOUT);
-}
-
-TEST_F(LayoutTest, BadDefinitionsAreRefused) {
-    open_default();
-    uint16_t code = 77;
-    const velh_field_def_t bad[] = {
-        {"t", 10, 0},                      // no such type
-        {"t", VEL_DD_INT4, 4},             // width on a fixed-size scalar
-        {"t", VEL_DD_CHAR, 0},             // char without width
-        {"t", VEL_DD_SEQUENCE_CHAR, 0},    // char sequence without width
-        {"t", VEL_DD_SEQUENCE_CHAR, 33},   // 128 of them overflow a tile
-        {"t", VEL_DD_SEQUENCE_CHAR, 4096}, // element wider than a 256-byte page
-        {"t", VEL_DD_SEQUENCE_INT4, 2},    // width on a scalar sequence
-    };
-    for (const auto &f : bad) {
-        EXPECT_EQ(velh_class_define(db, "bad", &f, 1, 0, VELH_PM_INMEM, &code), VEL_E_HOST_BAD_ARG)
-            << "type " << int(f.type) << " width " << f.width;
-    }
-    const velh_field_def_t ok = {"t", VEL_DD_INT4, 0};
-    EXPECT_EQ(velh_class_define(db, "bad", &ok, 1, 4, VELH_PM_INMEM, &code), VEL_E_HOST_BAD_ARG);
-    EXPECT_EQ(velh_class_define(db, "bad", &ok, 1, 0, 7, &code), VEL_E_HOST_BAD_ARG);
-    EXPECT_EQ(code, 77) << "a refused definition must not hand out a class code";
-    ASSERT_EQ(velh_class_define(db, "good", &ok, 1, 0, VELH_PM_INMEM, &code), VEL_S_OK);
-    EXPECT_EQ(code, 1) << "refused definitions must not use up class codes";
-}
-
-TEST_F(LayoutTest, FieldLookupByName) {
-    open_default();
-    uint16_t code = define(kMixed, VEL_CLASS_COMPACT);
-    velh_field_info_t fi;
-    ASSERT_EQ(velh_field_by_name(db, code, "c", &fi), VEL_S_OK);
-    EXPECT_EQ(fi.fld_no, 3);
-    EXPECT_EQ(fi.size, 3);
-    EXPECT_EQ(fi.offset, fi.c_offset);
-    ASSERT_EQ(velh_field_by_name(db, code, "s", &fi), VEL_S_OK);
-    EXPECT_EQ(fi.size, 8);
-    EXPECT_EQ(fi.elem_size, 8);
-    EXPECT_EQ(velh_field_by_name(db, code, "zz", &fi), VEL_E_HOST_NO_FIELD);
-    EXPECT_EQ(velh_field_info(db, code, 5, &fi), VEL_E_HOST_NO_FIELD);
-    EXPECT_EQ(velh_field_info(db, code + 1, 0, &fi), VEL_E_HOST_NO_CLASS);
 }
 
 // The class table the module reads: header -> dictionary -> class entry.

@@ -269,3 +269,70 @@ TEST(CompactLayout, IteratorsUseTheClassLayout) {
 
 } // namespace
 } // namespace itest
+
+namespace itest {
+namespace {
+
+// A plain field and a sequence root that end exactly at the end of an
+// object page, behind a 16-byte host header: the layout keeps them there,
+// the object-class scan reads the plain field and the root is usable.  The
+// compact layout of the same class puts them elsewhere (widest first), and
+// the module must follow the class's layout.
+TEST(ObjectPageEnd, FieldsEndingAtThePageEndAreRead) {
+    velh_config_t cfg;
+    velh_config_init(&cfg);
+    cfg.additional_object_field_size = 16;
+    velh_db_t *db = nullptr;
+    ASSERT_EQ(velh_db_open(&cfg, &db), VEL_S_OK);
+    const uint16_t d = cfg.object_page_size - 24;
+    const velh_field_def_t defs[] = {{"pad", VEL_DD_CHAR, static_cast<uint16_t>(d - 8 - 16)},
+                                     {"x", VEL_DD_INT8, 0},
+                                     {"pad2", VEL_DD_CHAR, static_cast<uint16_t>(d - 8)},
+                                     {"s", VEL_DD_SEQUENCE_INT8, 0}};
+    vel_db_connection_h con = nullptr;
+    ASSERT_EQ(velh_connect(db, &con), VEL_S_OK);
+    for (uint32_t flags : {0u, uint32_t{VEL_CLASS_COMPACT}}) {
+        SCOPED_TRACE(flags);
+        uint16_t cls = 0;
+        ASSERT_EQ(
+            velh_class_define(db, flags ? "compact" : "edge", defs, 4, flags, VELH_PM_INMEM, &cls),
+            VEL_S_OK);
+        velh_field_info_t x{}, s{};
+        ASSERT_EQ(velh_field_info(db, cls, 1, &x), VEL_S_OK);
+        ASSERT_EQ(velh_field_info(db, cls, 3, &s), VEL_S_OK);
+        if (flags == 0) {
+            EXPECT_EQ((x.offset + 16 + 8) % d, 0u);
+            EXPECT_EQ((s.offset + 16 + 8) % d, 0u);
+        } else {
+            EXPECT_NE(s.c_offset, s.u_offset);
+        }
+        ASSERT_EQ(velh_begin(con, VELH_READ_WRITE), VEL_S_OK);
+        for (int64_t i = 0; i < 3; i++) {
+            vel_objhandle_t o{};
+            ASSERT_EQ(velh_obj_create(con, cls, &o), VEL_S_OK);
+            const int64_t v = 100 + i;
+            ASSERT_EQ(velh_set(&o, 1, &v, sizeof v), VEL_S_OK);
+            ASSERT_EQ(vel_w_seq_append_int8(&o, s.u_offset, s.c_offset, s.fld_no, &v, 1,
+                                            VEL_SEQ_NO_ORDER, nullptr),
+                      VEL_S_OK);
+            vel_seq_no_t n = 0;
+            EXPECT_EQ(vel_w_seq_count(&o, s.u_offset, s.c_offset, &n), VEL_S_OK);
+            EXPECT_EQ(n, 1u);
+            velh_tree_report_t rep{};
+            EXPECT_EQ(velh_check_tree(&o, s.fld_no, VEL_SEQ_NO_ORDER, 0, &rep), VEL_S_OK);
+            EXPECT_EQ(rep.elements, 1u) << "the root the host sees";
+        }
+        vel_seq_iterator_t it{};
+        ASSERT_EQ(vel_w_seq_sequence_int8(&con->trans, cls, x.offset, &it), VEL_S_OK);
+        ASSERT_EQ(it.next(&it), VEL_S_OK);
+        ASSERT_EQ(it.tile_size, 3);
+        for (int i = 0; i < 3; i++)
+            EXPECT_EQ(it.tile.u.arr_int8[i], 100 + i);
+        EXPECT_EQ(velh_rollback(con), VEL_S_OK);
+    }
+    EXPECT_EQ(velh_disconnect(con), VEL_S_OK);
+    EXPECT_EQ(velh_db_close(db), VEL_S_OK);
+}
+
+} // namespace
+} // namespace itest

@@ -1,7 +1,6 @@
-// The twelve element families as test types: the value type, how a test
+// The scalar element families as test types: the value type, how a test
 // integer maps to a value (order-preserving), and the family's exported
-// operations.  char(8) values are the big-endian bytes of an offset number,
-// so vel_memcmp order is numeric order.
+// operations.
 #pragma once
 
 #include <cstdint>
@@ -10,21 +9,6 @@
 #include "velhost.h"
 
 namespace itest {
-
-struct Char8 {
-    char b[8];
-};
-inline bool operator<(const Char8 &a, const Char8 &b) { return std::memcmp(a.b, b.b, 8) < 0; }
-inline bool operator>(const Char8 &a, const Char8 &b) { return b < a; }
-inline bool operator==(const Char8 &a, const Char8 &b) { return std::memcmp(a.b, b.b, 8) == 0; }
-
-inline Char8 char8_of(int64_t v) {
-    uint64_t u = static_cast<uint64_t>(v + (int64_t{1} << 40));
-    Char8 c;
-    for (int i = 0; i < 8; i++)
-        c.b[i] = static_cast<char>(u >> (56 - 8 * i));
-    return c;
-}
 
 // Field slots of the test class: one sequence field per family, in this order.
 enum FamilyIndex {
@@ -108,53 +92,5 @@ ITEST_SCALAR_FAMILY(double, vel_double, VEL_DD_DOUBLE, F_DOUBLE, v * 0.125)
 ITEST_SCALAR_FAMILY(datetime, vel_datetime, VEL_DD_DATETIME, F_DATETIME,
                     static_cast<uint64_t>(v + 120) << 56)
 #undef ITEST_SCALAR_FAMILY
-
-struct Fam_char8 {
-    using T = Char8;
-    static constexpr const char *name = "char8";
-    static constexpr int index = F_CHAR8;
-    static constexpr uint8_t code = VEL_DD_CHAR;
-    static constexpr uint16_t size = 8;
-    static constexpr bool is_char = true;
-    static T make(int64_t v) { return char8_of(v); }
-    static bool lt(const T &a, const T &b) { return a < b; }
-    static bool eq(const T &a, const T &b) { return a == b; }
-    static const T *tile(vel_seq_iterator_h it) {
-        return reinterpret_cast<const T *>(it->tile.u.arr_char);
-    }
-    static VEL_RET append(vel_objhandle_h o, vel_offs32_t u, vel_offs32_t c, uint16_t f, const T *v,
-                          vel_size_t n, vel_seq_order_t ord, const vel_bitmap_word_t *nulls) {
-        return vel_w_seq_append_char(o, u, c, f, v ? v->b : nullptr, n, ord, 8, nulls);
-    }
-    static VEL_RET subseq(vel_objhandle_h o, vel_offs32_t u, vel_offs32_t c, vel_seq_iterator_h it,
-                          vel_seq_no_t from, vel_seq_no_t till) {
-        return vel_w_seq_subseq_char(o, u, c, it, from, till, 8);
-    }
-    static VEL_RET search(vel_objhandle_h o, vel_offs32_t u, vel_offs32_t c, vel_seq_iterator_h it,
-                          const T &lo, vel_seq_boundary_kind_t lk, const T &hi,
-                          vel_seq_boundary_kind_t hk, vel_seq_order_t ord) {
-        return vel_w_seq_search_char(o, u, c, it, lo.b, lk, hi.b, hk, ord, 8);
-    }
-    static VEL_RET store(vel_objhandle_h o, vel_offs32_t u, vel_offs32_t c, uint16_t f,
-                         vel_seq_iterator_h src, vel_seq_order_t ord) {
-        return vel_w_seq_store_char(o, u, c, f, src, ord, 8);
-    }
-    static VEL_RET map(vel_objhandle_h o, vel_offs32_t u, vel_offs32_t c, vel_seq_iterator_h it,
-                       vel_seq_iterator_h pos) {
-        return vel_w_seq_map_char(o, u, c, it, pos, 8);
-    }
-    static VEL_RET project(vel_objhandle_h o, vel_offs32_t u, vel_offs32_t c,
-                           vel_seq_iterator_h dst, vel_seq_iterator_h src) {
-        return vel_w_seq_project_char(o, u, c, dst, src, 8);
-    }
-    static VEL_RET join(vel_objhandle_h o, vel_offs32_t u, vel_offs32_t c, vel_seq_iterator_h res,
-                        vel_seq_iterator_h with, vel_seq_order_t ord) {
-        return vel_w_seq_join_char(o, u, c, res, with, ord);
-    }
-    static VEL_RET from_cursor(vel_trans_h t, vel_offs32_t u, vel_offs32_t c, uint16_t cls,
-                               vel_seq_iterator_h it, vel_cursor_h cur) {
-        return vel_w_seq_from_cursor_char(t, u, c, cls, it, cur, 8);
-    }
-};
 
 } // namespace itest

@@ -112,33 +112,9 @@ inline std::vector<vel_bitmap_word_t> bitmap_of(size_t n, const std::vector<size
     return bm;
 }
 
-// n values from a domain of 101, for unordered fields.
-template <class F> std::vector<typename F::T> random_vals(size_t n, uint64_t seed) {
-    std::mt19937_64 rng(seed);
-    std::vector<typename F::T> v;
-    for (size_t i = 0; i < n; i++)
-        v.push_back(F::make(static_cast<int64_t>(rng() % 101) - 50));
-    return v;
-}
-
-inline std::string seed_msg(uint64_t seed) { return "seed " + std::to_string(seed); }
-
 } // namespace itest
 
 namespace itest {
-
-using AllFamilies =
-    ::testing::Types<Fam_int1, Fam_int2, Fam_int4, Fam_int8, Fam_uint1, Fam_uint2, Fam_uint4,
-                     Fam_uint8, Fam_float, Fam_double, Fam_datetime, Fam_char8>;
-
-struct FamilyNames {
-    template <class F> static std::string GetName(int) { return F::name; }
-};
-
-// Elements per full leaf of an append-built tree.
-inline uint64_t leaf_cap(uint64_t elem_size) {
-    return static_cast<uint64_t>((Host::kSeqPage - 8) * 8 - 63) / (8 * elem_size + 1);
-}
 
 inline vel_seq_iterator_context_t *ctx_of(vel_seq_iterator_t &it) {
     return reinterpret_cast<vel_seq_iterator_context_t *>(it.context);
@@ -170,8 +146,6 @@ class HostTest : public ::testing::Test {
     std::unique_ptr<Host> host;
     vel_objhandle_t obj{};
 };
-
-template <class F> class FamilyTest : public HostTest {};
 
 } // namespace itest
 

@@ -83,6 +83,8 @@ TEST_F(LateInserts, RawPathTrapsAtFourteenLevelsAndEveryCommitStaysWhole) {
                 insert_one(obj, 5000 + static_cast<uint64_t>(k), -round);
         } catch (const TrapHit &hit) {
             EXPECT_EQ(hit.code, VEL_ERR_SEQ);
+            // The root may not grow a 15th level: the trap comes first.
+            EXPECT_EQ(shape(obj, f, VEL_SEQ_NO_ORDER).depth, unsigned(VEL_SEQ_MAX_DEPTH));
             trapped = true;
         }
         if (trapped) {
