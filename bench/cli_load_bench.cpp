@@ -42,7 +42,8 @@ void write_csv(const std::string &path, uint64_t rows) {
             std::snprintf(size, sizeof size, "%d", int(rng() % 5000));
         std::fprintf(f, "2024-03-%02dT%02d:%02d:%02d.%06dZ,%lld.%02lld,%s\n", int(4 + s / 86400),
                      int(s / 3600 % 24), int(s / 60 % 60), int(s % 60), int(us % 1000000),
-                     static_cast<long long>(cents / 100), static_cast<long long>(cents % 100), size);
+                     static_cast<long long>(cents / 100), static_cast<long long>(cents % 100),
+                     size);
     }
     std::fclose(f);
 }
@@ -99,7 +100,8 @@ int main(int argc, char **argv) {
     std::fclose(f);
     const Figures parse = measure(path, true), load = measure(path, false);
     const uint64_t page_size = velseq::config().seq_page_size;
-    const double stored = double(load.rows) * 3 * 8 / 1e6, pages = double(load.pages * page_size) / 1e6;
+    const double stored = double(load.rows) * 3 * 8 / 1e6,
+                 pages = double(load.pages * page_size) / 1e6;
     std::printf("rows %llu, CSV %.0f MB\n", static_cast<unsigned long long>(load.rows), mb);
     std::printf("parse only   %.2f s  %.2fM rows/s  %.0f MB/s  peak RSS %.0f MB\n", parse.seconds,
                 parse.rows / parse.seconds / 1e6, mb / parse.seconds, parse.max_rss_kb / 1e3);

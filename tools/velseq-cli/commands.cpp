@@ -13,8 +13,8 @@ void Source::prepare(bool stdout_is_terminal) {
     for (const std::string &t : types) {
         const size_t eq = t.find('=');
         if (eq == std::string::npos || eq == 0)
-            throw Fail(kExitUsage, "--type takes NAME=KIND, e.g. --type price=double (got '" + t +
-                                       "')");
+            throw Fail(kExitUsage,
+                       "--type takes NAME=KIND, e.g. --type price=double (got '" + t + "')");
         load.types.emplace_back(t.substr(0, eq), t.substr(eq + 1));
     }
     load.epoch = epoch == "s"    ? Epoch::Sec
@@ -22,10 +22,10 @@ void Source::prepare(bool stdout_is_terminal) {
                  : epoch == "us" ? Epoch::Micro
                  : epoch == "ns" ? Epoch::Nano
                                  : Epoch::None;
-    out = format == "csv"    ? Format::Csv
-          : format == "json" ? Format::Json
+    out = format == "csv"                                               ? Format::Csv
+          : format == "json"                                            ? Format::Json
           : format == "table" || (format.empty() && stdout_is_terminal) ? Format::Table
-                                                                         : Format::Csv;
+                                                                        : Format::Csv;
 }
 
 namespace {
@@ -328,17 +328,16 @@ int cmd_asof(velseq::database &db, Reader &r, const Source &src, const Query &q)
                     }
                 }
                 std::vector<K> probes;
-                for (auto v : o.obj[std::get<velseq::field<K>>(other.fields[other.time])].elements())
+                for (auto v :
+                     o.obj[std::get<velseq::field<K>>(other.fields[other.time])].elements())
                     probes.push_back(*v);
-                const auto pos =
-                    velseq::asof(r.obj[key_fld], velseq::span<const K>(probes), opt);
+                const auto pos = velseq::asof(r.obj[key_fld], velseq::span<const K>(probes), opt);
                 for (int c : cols) {
                     by_col.emplace_back();
                     std::visit(
                         [&](auto &fld) {
                             for (const auto &v : velseq::gather(
-                                     r.obj[fld],
-                                     velseq::span<const std::optional<uint64_t>>(pos)))
+                                     r.obj[fld], velseq::span<const std::optional<uint64_t>>(pos)))
                                 by_col.back().push_back(cell_of(v));
                         },
                         r.t.fields[c]);

@@ -34,8 +34,7 @@ struct Query {
 
 // Opens the table of a subcommand: the CSV file loaded into a new in-memory
 // database, or the database image of --db.
-std::unique_ptr<velseq::database> open_source(const std::string &name, const Source &src,
-                                              Table &t);
+std::unique_ptr<velseq::database> open_source(const std::string &name, const Source &src, Table &t);
 // Answers subcommand `name` (not demo) over an open table.
 int answer(const std::string &name, velseq::database &db, const Table &t, const Source &src,
            const Query &q);

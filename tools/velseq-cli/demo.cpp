@@ -56,7 +56,7 @@ void write_orders(const std::string &path) {
     if (f == nullptr)
         throw Fail(kExitInput, "cannot write " + path + ": " + std::strerror(errno));
     std::fputs("time,order,qty\n"
-               "2024-03-04T09:00:00Z,A-1,100\n"  // before the first trade
+               "2024-03-04T09:00:00Z,A-1,100\n" // before the first trade
                "2024-03-04T10:15:00.5Z,A-2,300\n"
                "2024-03-04T12:10:00Z,A-3,200\n" // in the halt: the last trade is too old
                "2024-03-04T15:59:59Z,A-4,500\n",
@@ -77,8 +77,8 @@ int run_demo(const char *self, uint64_t rows, const std::string &dir_opt) {
     if (dir.empty()) {
         char tmpl[] = "/tmp/velseq-demo-XXXXXX";
         if (mkdtemp(tmpl) == nullptr)
-            throw Fail(kExitInput, std::string("cannot make a folder in /tmp: ") +
-                                       std::strerror(errno));
+            throw Fail(kExitInput,
+                       std::string("cannot make a folder in /tmp: ") + std::strerror(errno));
         dir = tmpl;
     } else if (mkdir(dir.c_str(), 0777) != 0 && errno != EEXIST) {
         throw Fail(kExitInput, "cannot make " + dir + ": " + std::strerror(errno));

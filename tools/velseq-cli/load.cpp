@@ -48,7 +48,8 @@ int Table::need(const std::string &name) const {
         std::string names;
         for (const ColumnDef &c : cols)
             names += (names.empty() ? "" : ", ") + c.name;
-        throw Fail(kExitUsage, "no column '" + name + "' in " + source + " (columns: " + names + ")");
+        throw Fail(kExitUsage,
+                   "no column '" + name + "' in " + source + " (columns: " + names + ")");
     }
     return i;
 }
@@ -476,8 +477,8 @@ class Loader {
             sort_rows();
         flush();
         if (t_.rows == 0)
-            throw Fail(kExitRefused, t_.source + ": every row was bad (first: " + t_.first_skip +
-                                         ")");
+            throw Fail(kExitRefused,
+                       t_.source + ": every row was bad (first: " + t_.first_skip + ")");
         tx.commit();
         bar.done(t_.rows);
         obj_.reset();
@@ -493,8 +494,7 @@ class Loader {
                       const std::vector<std::pair<uint64_t, std::string>> &sample) {
         const size_t n = names.size();
         // Per column: whether every non-empty sampled cell parses as each kind.
-        std::vector<char> can_int(n, 1), can_double(n, 1), can_time(n, 1), compact(n, 1),
-            any(n, 0);
+        std::vector<char> can_int(n, 1), can_double(n, 1), can_time(n, 1), compact(n, 1), any(n, 0);
         for (auto &[ln, text] : sample) {
             if (!split(text, cells_, quoted_, scratch_) || cells_.size() != n)
                 continue; // reported when the row is loaded
@@ -628,8 +628,8 @@ class Loader {
     }
 
     void take(std::string_view rec, uint64_t line) {
-        if (rec.empty() || (rec.find_first_not_of(" \t") == std::string_view::npos &&
-                            t_.cols.size() > 1))
+        if (rec.empty() ||
+            (rec.find_first_not_of(" \t") == std::string_view::npos && t_.cols.size() > 1))
             return; // blank lines separate nothing; skipped silently
         std::optional<std::string> why = parse_row(rec);
         if (!why && t_.time >= 0 && !o_.sort && have_last_) {

@@ -26,10 +26,10 @@ exit codes: 0 success, 1 input or file error (unreadable, empty, binary, no rows
 lines over 1 MiB), 2 usage (unknown option or column, reversed window, bad
 duration), 3 refused data (a bad cell, NaN, a time out of order, with its line).)";
 
-void add_source(CLI::App *sub, Source &s, bool file_required = false) {
-    auto *f = sub->add_option("file", s.load.file, "CSV file with a header (- : standard input)");
-    if (file_required)
-        f->required();
+// The positionals of a subcommand are "[FILE] ARGS...": the CSV file (absent
+// with --db) before the subcommand's own arguments, split after parsing.
+void add_source(CLI::App *sub, Source &s, std::vector<std::string> &pos, const char *usage) {
+    sub->add_option("args", pos, usage);
     sub->add_option("--db", s.db, "database image to read (written by velseq load --db)");
     sub->add_option("--columns", s.load.columns, "column names of a file without header")
         ->delimiter(',');
@@ -51,46 +51,47 @@ int run(int argc, char **argv) {
     app.require_subcommand(1);
     Source src;
     Query q;
+    std::vector<std::string> pos;
 
     auto *load = app.add_subcommand("load", "load a CSV and describe its columns; --db FILE "
                                             "saves the table there");
-    add_source(load, src, true);
+    add_source(load, src, pos, "FILE: CSV file with a header (- : standard input)");
     auto *head = app.add_subcommand("head", "the first rows");
-    add_source(head, src);
+    add_source(head, src, pos, "[FILE]: CSV file (- : standard input), or --db");
     head->add_option("-n,--rows", q.n, "rows (default 10)");
     head->add_option("--cols", q.cols, "columns to show")->delimiter(',');
     auto *tail = app.add_subcommand("tail", "the last rows");
-    add_source(tail, src);
+    add_source(tail, src, pos, "[FILE]: CSV file (- : standard input), or --db");
     tail->add_option("-n,--rows", q.n, "rows (default 10)");
     tail->add_option("--cols", q.cols, "columns to show")->delimiter(',');
     auto *window = app.add_subcommand("window", "the rows with FROM <= time < TO");
-    add_source(window, src);
-    window->add_option("from", q.from, "first time (ISO-8601 or YYYYMMDD)")->required();
-    window->add_option("to", q.to, "end time, not included")->required();
+    add_source(window, src, pos,
+               "[FILE] FROM TO: CSV file (or --db); first time (ISO-8601 or YYYYMMDD); end "
+               "time, not included");
     window->add_option("--cols", q.cols, "columns to show")->delimiter(',');
     auto *stats =
         app.add_subcommand("stats", "count, nulls, min, max, mean, first, last per column");
-    add_source(stats, src);
+    add_source(stats, src, pos, "[FILE]: CSV file (- : standard input), or --db");
     stats->add_option("--window", q.window, "only the rows with FROM <= time < TO")->expected(2);
     stats->add_option("--cols", q.cols, "columns to describe")->delimiter(',');
     auto *resample = app.add_subcommand(
         "resample", "first, max, min, last, count and mean per time bucket (e.g. 1h, 1d, 1w)");
-    add_source(resample, src);
-    resample->add_option("every", q.every, "bucket width: 500ms, 30s, 15m, 1h, 1d, 1w")->required();
+    add_source(resample, src, pos,
+               "[FILE] EVERY: CSV file (or --db); bucket width: 500ms, 30s, 15m, 1h, 1d, 1w");
     resample->add_option("--window", q.window, "only the rows with FROM <= time < TO")->expected(2);
     resample->add_option("--cols", q.cols, "numeric columns to resample (default: all)")
         ->delimiter(',');
     auto *asof = app.add_subcommand(
         "asof", "each row of OTHER.csv with the row of this table prevailing at its time");
-    add_source(asof, src);
-    asof->add_option("other", q.other, "CSV whose rows are matched (its first datetime column)")
-        ->required();
+    add_source(asof, src, pos,
+               "[FILE] OTHER.csv: CSV file (or --db); CSV whose rows are matched (by its first "
+               "datetime column)");
     asof->add_option("--direction", q.direction, "backward (default), forward or nearest")
         ->check(CLI::IsMember({"backward", "forward", "nearest"}));
     asof->add_option("--tolerance", q.tolerance, "farther matches count as none (e.g. 5s)");
     asof->add_option("--cols", q.cols, "columns of this table to join")->delimiter(',');
     auto *tree = app.add_subcommand("tree", "page-tree statistics of each column's sequence");
-    add_source(tree, src);
+    add_source(tree, src, pos, "[FILE]: CSV file (- : standard input), or --db");
     tree->add_option("--cols", q.cols, "columns (default: all)")->delimiter(',');
     tree->add_flag("--dump", q.dump, "print the tree page by page");
     tree->add_option("--preview", q.preview, "values shown per leaf by --dump (default 8)");
@@ -108,8 +109,27 @@ int run(int argc, char **argv) {
     CLI::App *sub = app.get_subcommands().front();
     if (sub == demo)
         return run_demo(argv[0], q.n > 0 ? q.n : 2000000, q.other);
+    const std::string name = sub->get_name();
+    const size_t want = name == "window" ? 2 : name == "resample" || name == "asof" ? 1 : 0;
+    if (name == "load" ? pos.size() != 1 : pos.size() != want && pos.size() != want + 1)
+        throw Fail(kExitUsage, name + " takes " +
+                                   (name == "load"       ? "FILE"
+                                    : name == "window"   ? "[FILE] FROM TO"
+                                    : name == "resample" ? "[FILE] EVERY"
+                                    : name == "asof"     ? "[FILE] OTHER.csv"
+                                                         : "[FILE]") +
+                                   " (velseq " + name + " --help)");
+    if (pos.size() > want)
+        src.load.file = pos[0];
+    const size_t at = pos.size() - want;
+    if (name == "window")
+        q.from = pos[at], q.to = pos[at + 1];
+    else if (name == "resample")
+        q.every = pos[at];
+    else if (name == "asof")
+        q.other = pos[at];
     src.prepare(isatty(STDOUT_FILENO) != 0);
-    return run_command(sub->get_name(), src, q);
+    return run_command(name, src, q);
 }
 
 } // namespace

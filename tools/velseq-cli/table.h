@@ -38,9 +38,7 @@ std::optional<Kind> kind_parse(const std::string &name);
 using AnyField = std::variant<velseq::field<int64_t>, velseq::field<double>,
                               velseq::field<velseq::datetime>, velseq::field<Text>>;
 template <class F> struct field_elem;
-template <class T> struct field_elem<velseq::field<T>> {
-    using type = T;
-};
+template <class T> struct field_elem<velseq::field<T>> { using type = T; };
 
 // How integer cells of the time column count time since 1970 (--epoch).
 enum class Epoch { None, Sec, Milli, Micro, Nano };
@@ -53,7 +51,8 @@ struct LoadOptions {
     Epoch epoch = Epoch::None;
     bool sort = false;
     bool skip_bad = false;
-    int progress = 0; // 0: when stderr is a terminal and the load takes over 1 s; 1: always; -1 never
+    int progress =
+        0; // 0: when stderr is a terminal and the load takes over 1 s; 1: always; -1 never
     bool parse_only = false; // benchmark: parse every cell, store nothing
 };
 
