@@ -479,6 +479,10 @@ class Loader {
         if (t_.rows == 0)
             throw Fail(kExitRefused,
                        t_.source + ": every row was bad (first: " + t_.first_skip + ")");
+        const std::string d = describe(t_);
+        std::vector<Text> pieces((d.size() + sizeof(Text) - 1) / sizeof(Text));
+        std::memcpy(static_cast<void *>(pieces.data()), d.data(), d.size());
+        (*obj_)[t_.meta].append(velseq::span<const Text>(pieces));
         tx.commit();
         bar.done(t_.rows);
         obj_.reset();
@@ -573,6 +577,7 @@ class Loader {
                 break;
             }
         }
+        t_.meta = t_.schema.seq<Text>("velseq.table");
         db_.define(t_.schema);
     }
 
@@ -738,6 +743,31 @@ class Loader {
 } // namespace
 
 Table load_csv(velseq::database &db, const LoadOptions &o) { return Loader(db, o).run(); }
+
+std::string describe(const Table &t) {
+    std::string d;
+    for (size_t c = 0; c < t.cols.size(); c++)
+        d += std::string(kind_name(t.cols[c].kind)) + (int(c) == t.time ? " T " : " - ") +
+             t.cols[c].name + "\n";
+    return d;
+}
+
+void parse_description(const std::string &text, Table &t) {
+    size_t at = 0;
+    while (at < text.size()) {
+        const size_t nl = text.find('\n', at);
+        const std::string line = text.substr(at, nl == std::string::npos ? nl : nl - at);
+        at = nl == std::string::npos ? text.size() : nl + 1;
+        const size_t a = line.find(' ');
+        const std::optional<Kind> k =
+            a == std::string::npos ? std::nullopt : kind_parse(line.substr(0, a));
+        if (!k || line.size() < a + 3 || (line[a + 1] != 'T' && line[a + 1] != '-'))
+            throw Fail(kExitInput, t.source + " does not describe a velseq table");
+        if (line[a + 1] == 'T')
+            t.time = static_cast<int>(t.cols.size());
+        t.cols.push_back({line.substr(a + 3), *k});
+    }
+}
 
 int64_t parse_bound(Kind k, const std::string &text, const char *what) {
     if (k == Kind::Int) {

@@ -66,6 +66,10 @@ struct Table {
     velseq::schema schema{"table"};
     std::vector<ColumnDef> cols;
     std::vector<AnyField> fields;
+    // The table's description ("<kind> <T or -> <name>" a line per column, T
+    // for the time column) in 32-byte pieces, so that an image describes
+    // its own table.
+    velseq::field<Text> meta;
     int time = -1; // the ordered time column; -1: none
     uint64_t oid = 0;
     uint64_t rows = 0;
@@ -76,6 +80,11 @@ struct Table {
     int find(const std::string &name) const; // -1 when absent
     int need(const std::string &name) const; // Fail (usage) when absent
 };
+
+// The description stored in Table::meta, and the columns it describes
+// (Fail (input) when it is none).
+std::string describe(const Table &t);
+void parse_description(const std::string &text, Table &t);
 
 // Loads a CSV into a new object of a new class of `db`.
 Table load_csv(velseq::database &db, const LoadOptions &o);
