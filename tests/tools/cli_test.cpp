@@ -463,7 +463,7 @@ TEST_F(Cli, BadInputAndOptions) {
          "time,name\n2024-01-01,\"a, \"\"b\"\"\"\n2024-01-02,\"\"\n",
          {"head", "@in.csv", "--format", "csv"},
          0,
-         "time,name\n2024-01-01T00:00:00Z,\"a, \"\"b\"\"\"\n2024-01-02T00:00:00Z,\n",
+         "time,name\n2024-01-01T00:00:00Z,\"a, \"\"b\"\"\"\n2024-01-02T00:00:00Z,\"\"\n",
          ""},
         {"no time column",
          "a,b\n1,2\n",

@@ -158,7 +158,8 @@ int cmd_load(velseq::database &db, const Table &t, const Source &src) {
                  {kind_name(t.cols[c].kind), false, true},
                  {std::to_string(t.rows)},
                  {std::to_string(nulls)},
-                 {static_cast<int>(c) == t.time ? "time (ascending)" : "", false, true}});
+                 {static_cast<int>(c) == t.time ? "time (ascending)" : "",
+                  static_cast<int>(c) != t.time, true}});
     }
     out.end();
     if (!src.db.empty())

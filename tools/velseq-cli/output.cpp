@@ -52,9 +52,13 @@ void Output::row(const std::vector<OutCell> &cells) {
     if (f_ == Format::Table) {
         kept_.push_back(cells);
     } else if (f_ == Format::Csv) {
+        // An empty text is quoted, so that it reads back as a text, not a null.
         for (size_t i = 0; i < cells.size(); i++)
             std::fprintf(out_, "%s%s", i ? "," : "",
-                         cells[i].null ? "" : csv_cell(cells[i].text).c_str());
+                         cells[i].null ? ""
+                         : cells[i].quoted && cells[i].text.empty()
+                             ? "\"\""
+                             : csv_cell(cells[i].text).c_str());
         std::fputc('\n', out_);
     } else {
         std::fputs(rows_ ? ",\n {" : "\n {", out_);
