@@ -162,6 +162,7 @@ int cmd_load(velseq::database &db, const Table &t, const Source &src) {
                   static_cast<int>(c) != t.time, true}});
     }
     out.end();
+    std::fflush(stdout);
     if (!src.db.empty())
         std::fprintf(stderr, "velseq: %llu rows saved to %s\n",
                      static_cast<unsigned long long>(t.rows), src.db.c_str());

@@ -439,6 +439,8 @@ class Loader {
                 throw Fail(kExitRefused, t_.source + ": line 1: unterminated quote in the header");
             for (std::string_view c : cells_)
                 names.emplace_back(trim(c));
+            if (names[0].rfind("\xEF\xBB\xBF", 0) == 0) // a UTF-8 byte order mark
+                names[0].erase(0, 3);
         }
         for (size_t i = 0; i < names.size(); i++) {
             if (names[i].empty())
