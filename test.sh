@@ -5,7 +5,7 @@
 set -euo pipefail
 cd "$(dirname "$0")"
 
-PACKAGES=(cmake make g++ googletest libgtest-dev pkg-config libcli11-dev)
+PACKAGES=(cmake make g++ googletest libgtest-dev pkg-config libxxhash-dev libcli11-dev)
 
 missing=()
 for p in "${PACKAGES[@]}"; do

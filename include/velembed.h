@@ -57,6 +57,10 @@ typedef struct velh_config_t_ {
     uint32_t warm_pages;                    /* pages of pm_inmem allocated and touched at open, so
                                                that later allocations come from a warm pool instead
                                                of fresh OS memory (default 0) */
+    /* Durability (see "durability" below). */
+    const char *log_path;  /* commit log file; NULL: no log (default) */
+    int log_sync;          /* VELH_LOG_SYNC_* (default VELH_LOG_SYNC_COMMIT) */
+    uint32_t log_group_ms; /* VELH_LOG_SYNC_GROUP: flush period (default 10) */
 } velh_config_t;
 
 /* Fills the defaults above. */
@@ -310,6 +314,64 @@ typedef struct velh_tree_report_t_ {
 
 VEL_RET velh_check_tree(const vel_objhandle_t *obj, uint16_t fld_no, vel_seq_order_t order,
                         vel_bool check_keys, velh_tree_report_t *report);
+
+/* ---- durability: database images and the commit log ----------------------
+ * An image is a file holding the state of one commit: classes, objects and
+ * every sequence tree.  A commit log, when the config names one, receives a
+ * checksummed record at every commit and every class definition; opening
+ * replays the records that follow the image.  docs/DURABILITY.md has the
+ * promises of each mode and the byte layouts.
+ *
+ * On failure these calls return VEL_E_HOST_IO, VEL_E_HOST_BAD_IMAGE or
+ * VEL_E_HOST_BAD_LOG (or a code of the calls they make) and
+ * velh_error_message() returns a sentence naming the file and the cause. */
+
+/* log_sync modes, weakest promise last:
+   COMMIT  velh_commit returns once its record is flushed to the device
+           (fdatasync): a commit that returned survives a crash of the
+           process and of the machine.
+   GROUP   records are written at commit and flushed every log_group_ms by a
+           background thread: a crash of the process loses nothing, a crash
+           of the machine loses at most the last period, always a suffix.
+   NONE    records are written at commit and flushed by the OS when it
+           likes (and at close and checkpoint). */
+#define VELH_LOG_SYNC_COMMIT 0
+#define VELH_LOG_SYNC_GROUP 1
+#define VELH_LOG_SYNC_NONE 2
+
+/* Writes the state of the last commit to `path` while other connections go
+   on reading and writing (the save holds a snapshot, not a lock): to a
+   temporary file beside it, flushed, renamed over `path`, and the folder
+   flushed, so that a crash leaves the old file or the new one, whole. */
+VEL_RET velh_db_save(velh_db_t *db, const char *path);
+
+typedef struct velh_open_stats_t_ {
+    uint64_t classes;         /* classes after the open */
+    uint64_t objects;         /* objects after the open */
+    uint64_t image_pages;     /* sequence pages read from the image */
+    uint64_t log_replayed;    /* log records applied */
+    uint64_t log_cut_records; /* records dropped from a torn or corrupt tail */
+    uint64_t log_cut_bytes;   /* bytes dropped from that tail */
+} velh_open_stats_t;
+
+/* Opens a database from the image at `image_path` (NULL: from the empty
+   database), then, when cfg->log_path is set, replays the log's records that
+   follow that image, cuts a torn or corrupt tail, and goes on appending to
+   the log (a missing log is created).  Page sizes and the object header size
+   come from the image (without one, from the log's header); the other
+   settings from cfg.  Either the whole
+   database is opened or nothing is.  `stats` may be NULL. */
+VEL_RET velh_db_open_file(const velh_config_t *cfg, const char *image_path, velh_db_t **db,
+                          velh_open_stats_t *stats);
+
+/* Writes an image of the last commit to `image_path` as velh_db_save does,
+   then starts a new, empty log for it.  Commits wait while it runs.
+   VEL_E_HOST_BAD_ARG when the database has no log. */
+VEL_RET velh_checkpoint(velh_db_t *db, const char *image_path);
+
+/* The sentence of the last durability failure of the calling thread ("" when
+   there was none). */
+const char *velh_error_message(void);
 
 #ifdef __cplusplus
 }

@@ -111,7 +111,15 @@ typedef enum VEL_RET_ {
     VEL_E_HOST_BUSY = 909,         /* object still in use (open connections) */
     VEL_E_HOST_LAYOUT = 910,       /* class does not fit the object page */
     VEL_E_HOST_TRANS_FAILED = 911, /* transaction carries an earlier error */
-    VEL_E_HOST_TREE_DEPTH = 912    /* a sequence tree deeper than VEL_SEQ_MAX_DEPTH levels */
+    VEL_E_HOST_TREE_DEPTH = 912,   /* a sequence tree deeper than VEL_SEQ_MAX_DEPTH levels */
+
+    /* durability (database images and the commit log) */
+    VEL_E_HOST_IO = 920,        /* a file could not be created, read, written or
+                                   flushed; velh_error_message() says which */
+    VEL_E_HOST_BAD_IMAGE = 921, /* a file that is not a database image of this
+                                   format version, or a damaged one: refused whole */
+    VEL_E_HOST_BAD_LOG = 922    /* a commit log that is not one, or that belongs to
+                                   another image (a torn tail is cut, not refused) */
 } VEL_RET;
 
 #define VEL_ERR_SEQ 1060000 /* trap code of the sequence module */

@@ -93,6 +93,11 @@ inline const code_text *find_code(int code) noexcept {
          "the transaction carried an earlier error and was rolled back"},
         {VEL_E_HOST_TREE_DEPTH, "VEL_E_HOST_TREE_DEPTH",
          "a sequence tree is deeper than the module can read"},
+        {VEL_E_HOST_IO, "VEL_E_HOST_IO", "a file could not be created, read, written or flushed"},
+        {VEL_E_HOST_BAD_IMAGE, "VEL_E_HOST_BAD_IMAGE",
+         "the file is not a database image of this version, or a damaged one"},
+        {VEL_E_HOST_BAD_LOG, "VEL_E_HOST_BAD_LOG",
+         "the commit log is not one, or belongs to another image"},
         {VEL_ERR_SEQ, "VEL_ERR_SEQ",
          "the sequence module trapped on a corrupt page or a broken invariant"},
     };
@@ -471,6 +476,10 @@ inline void make_array_source(vel_seq_iterator_t &it, array_source &s, uint8_t e
 
 // ---- schema ----------------------------------------------------------------
 
+namespace detail {
+struct image_access; // velseq/image.hpp: databases kept in files
+} // namespace detail
+
 template <class T> class sequence;
 class object;
 class transaction;
@@ -540,6 +549,7 @@ class schema {
 
   private:
     friend class database;
+    friend struct detail::image_access;
     void add(std::string name, uint8_t type, uint16_t width) {
         if (st_->code != 0)
             throw error(VEL_E_HOST_BAD_ARG, "class " + st_->name + " is already defined");
@@ -591,6 +601,7 @@ class database {
     velh_db_t *get() const noexcept { return db_; }
 
   private:
+    friend struct detail::image_access;
     velh_db_t *db_ = nullptr;
 };
 

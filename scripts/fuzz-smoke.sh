@@ -4,6 +4,9 @@
 #   scripts/fuzz-smoke.sh                   # about one minute (CI)
 #   VELSEQ_FUZZ_SECONDS=3600 scripts/fuzz-smoke.sh   # long run
 #
+# Then the image loader target (velhost_fuzz_image) for
+# $VELSEQ_FUZZ_IMAGE_SECONDS (default 30) from fuzz/corpus-image.
+#
 # Builds with clang, ASan+UBSan and libFuzzer into $VELSEQ_FUZZ_BUILD
 # (default build/fuzz), starts from the seed corpus in fuzz/corpus (never
 # modified; new inputs go to a scratch directory) and fails on any mismatch,
@@ -25,7 +28,7 @@ fi
 CC=clang CXX=clang++ cmake -S "$ROOT" -B "$BUILD" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DVELSEQ_WERROR=ON \
     -DVELSEQ_FUZZ=ON -DVELSEQ_TESTS=OFF -DVELSEQ_SANITIZE=address,undefined \
     -DCMAKE_C_FLAGS=-fsanitize=fuzzer-no-link -DCMAKE_CXX_FLAGS=-fsanitize=fuzzer-no-link >/dev/null
-cmake --build "$BUILD" --target velseq_fuzz_ops -j"$JOBS"
+cmake --build "$BUILD" --target velseq_fuzz_ops velhost_fuzz_image -j"$JOBS"
 
 WORK=$(mktemp -d)
 trap 'rm -rf "$WORK"' EXIT
@@ -44,3 +47,21 @@ if [ "$rc" -ne 0 ]; then
     exit "$rc"
 fi
 echo "fuzz-smoke: passed ($SECS s); new corpus entries: $(ls "$WORK" | wc -l)"
+
+ISECS=${VELSEQ_FUZZ_IMAGE_SECONDS:-30}
+IWORK=$(mktemp -d)
+trap 'rm -rf "$WORK" "$IWORK"' EXIT
+ILOG="$BUILD/fuzz-image.log"
+set +e
+UBSAN_OPTIONS=halt_on_error=1:print_stacktrace=1 ASAN_OPTIONS=detect_leaks=1 \
+    "$BUILD/fuzz/velhost_fuzz_image" -max_total_time="$ISECS" -max_len=16384 -timeout=30 \
+    -rss_limit_mb=2048 -print_final_stats=1 -artifact_prefix="$BUILD/artifacts/image-" \
+    "$IWORK" "$ROOT/fuzz/corpus-image" 2>&1 | tee "$ILOG" | grep -E 'DONE|INITED|ERROR|loaded a bad|stat::'
+rc=${PIPESTATUS[0]}
+set -e
+if [ "$rc" -ne 0 ]; then
+    echo "fuzz-smoke: image loader FAILED (exit $rc); see $ILOG and $BUILD/artifacts" >&2
+    tail -40 "$ILOG" >&2
+    exit "$rc"
+fi
+echo "fuzz-smoke: image loader passed ($ISECS s); new corpus entries: $(ls "$IWORK" | wc -l)"

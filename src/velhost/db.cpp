@@ -4,6 +4,7 @@
 #include <cstring>
 #include <new>
 
+#include "durable.h"
 #include "host_internal.h"
 
 static_assert(VELH_MAX_SEQ_CHAR_WIDTH * VEL_SEQ_TILE_SIZE == VEL_SEQ_PAYLOAD_BYTES);
@@ -195,6 +196,7 @@ void velh_config_init(velh_config_t *cfg) {
     *cfg = velh_config_t{};
     cfg->object_page_size = 4096;
     cfg->seq_page_size = 4096;
+    cfg->log_group_ms = 10;
 }
 
 VEL_RET velh_db_open(const velh_config_t *cfg, velh_db_t **db) {
@@ -222,6 +224,13 @@ VEL_RET velh_db_open(const velh_config_t *cfg, velh_db_t **db) {
     arena_init(&d->pms[1], d, VELH_PM_ALT, cfg->seq_page_size);
     if (cfg->warm_pages != 0)
         arena_warm(&d->pms[0], cfg->warm_pages);
+    if (cfg->log_path != nullptr) {
+        VEL_RET r = log_start(d, cfg->log_path, cfg, 0, 1, {});
+        if (r != VEL_S_OK) {
+            velh_db_close(reinterpret_cast<velh_db_t *>(d));
+            return r;
+        }
+    }
     *db = reinterpret_cast<velh_db_t *>(d);
     return VEL_S_OK;
 }
@@ -232,6 +241,7 @@ VEL_RET velh_db_close(velh_db_t *db) {
     Db *d = reinterpret_cast<Db *>(db);
     if (d->n_connections.load() != 0)
         return VEL_E_HOST_BUSY;
+    log_close(d);
     // No transaction runs: every chain holds committed versions only.
     for (auto &[oid, ch] : d->chains) {
         ClassDef *cls = class_of(d, ch->class_code);
@@ -332,6 +342,8 @@ VEL_RET velh_class_define(velh_db_t *db, const char *name, const velh_field_def_
     d->block.dict.n_classes = code + 1;
     d->n_classes.store(code + 1, std::memory_order_release);
     *class_code = static_cast<uint16_t>(code);
+    if (d->durable != nullptr)
+        return log_class(d, static_cast<uint16_t>(code));
     return VEL_S_OK;
 }
 
@@ -455,12 +467,36 @@ VEL_RET velh_commit(vel_db_connection_h con) {
     }
     Db *d = c->db;
     Txn *txn = c->txn;
+    // With a log, its mutex orders records as commits: held from encoding
+    // (before the sweep forgets which pages the transaction made) until
+    // the versions are published.
+    std::unique_lock<std::mutex> log_lock;
+    std::string record;
+    if (txn->rw && d->durable != nullptr) {
+        log_lock = std::unique_lock<std::mutex>(d->durable->mutex);
+        VEL_RET r = log_encode_commit(d, txn, &record);
+        if (r != VEL_S_OK) {
+            log_lock.unlock();
+            velh_rollback(con);
+            return r;
+        }
+    }
     if (txn->rw) {
         // A tree that references a freed page (an update failed halfway) or
         // that no iterator can read would corrupt the database.
         if (VEL_RET refused = sweep_created(d, txn, true); refused != VEL_S_OK) {
+            if (log_lock.owns_lock())
+                log_lock.unlock();
             velh_rollback(con);
             return refused;
+        }
+        if (log_lock.owns_lock()) {
+            VEL_RET r = log_append(d, record);
+            if (r != VEL_S_OK) {
+                log_lock.unlock();
+                velh_rollback(con);
+                return r;
+            }
         }
         std::lock_guard<std::mutex> state(d->state_mutex);
         const uint64_t ts = d->commit_ts + 1;
@@ -482,6 +518,8 @@ VEL_RET velh_commit(vel_db_connection_h con) {
         }
         d->commit_ts = ts;
     }
+    if (log_lock.owns_lock())
+        log_lock.unlock();
     end_txn(d, c);
     collect_garbage(d);
     return VEL_S_OK;

@@ -17,7 +17,8 @@
 // while ref_count > 1.
 //
 // Locks, outermost first: Db::writer_mutex (one read-write transaction at a
-// time unless concurrent_write_transactions), Db::gc_mutex, Db::state_mutex (timestamps,
+// time unless concurrent_write_transactions), Db::schema_mutex, Durable::mutex
+// (the commit log, durable.h), Db::gc_mutex, Db::state_mutex (timestamps,
 // active snapshots, retired versions; held briefly), Db::objects_mutex
 // (shared by readers, exclusive while chains change; held briefly),
 // Db::alloc_mutex (arenas and accounting).  Page reference counts are atomic;
@@ -43,6 +44,7 @@ namespace velhost {
 
 struct Db;
 struct Txn;
+struct Durable;
 
 // ---- sequence page arenas -------------------------------------------------
 
@@ -209,6 +211,8 @@ struct Db {
 
     std::atomic<uint64_t> next_oid{1};
     std::atomic<uint32_t> n_connections{0};
+
+    Durable *durable = nullptr; // the commit log, when the config names one
 };
 
 // ---- helpers shared by the source files -----------------------------------

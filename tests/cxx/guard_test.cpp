@@ -247,6 +247,9 @@ TEST(Guard, EveryCodeHasItsOwnName) {
                          VEL_E_HOST_LAYOUT,
                          VEL_E_HOST_TRANS_FAILED,
                          VEL_E_HOST_TREE_DEPTH,
+                         VEL_E_HOST_IO,
+                         VEL_E_HOST_BAD_IMAGE,
+                         VEL_E_HOST_BAD_LOG,
                          VEL_ERR_SEQ};
     std::set<std::string> names, sentences;
     for (int c : codes) {

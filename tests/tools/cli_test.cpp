@@ -493,4 +493,43 @@ TEST_F(Cli, BadInputAndOptions) {
     }
 }
 
+// ---- database images -------------------------------------------------------------
+
+TEST_F(Cli, DatabaseImageAnswersAsTheCsv) {
+    std::mt19937_64 rng(11);
+    const Model m = random_model(rng, 2000);
+    file("t.csv", m.csv());
+    Result r = run({"load", "@t.csv", "--db", "@t.vdb", "--format", "csv"});
+    ASSERT_EQ(r.code, 0) << r.err;
+    EXPECT_NE(r.err.find("2000 rows saved"), std::string::npos) << r.err;
+    const std::vector<std::vector<std::string>> questions = {
+        {"head", "-n", "20"}, {"tail"}, {"window", iso(m.t[100]), iso(m.t[900])}, {"stats"},
+        {"resample", "1h"},   {"tree"}};
+    for (const auto &q : questions) {
+        std::vector<std::string> from_csv = q, from_db = q;
+        from_csv.insert(from_csv.begin() + 1, "@t.csv");
+        from_db.insert(from_db.end(), {"--db", "@t.vdb"});
+        from_csv.insert(from_csv.end(), {"--format", "csv"});
+        from_db.insert(from_db.end(), {"--format", "csv"});
+        const Result a = run(from_csv), b = run(from_db);
+        EXPECT_EQ(a.code, 0) << q[0] << ": " << a.err;
+        EXPECT_EQ(b.code, 0) << q[0] << ": " << b.err;
+        EXPECT_EQ(a.out, b.out) << q[0];
+    }
+    // Files that are no table image: refused with exit 1, never a crash.
+    const std::string image = slurp(dir + "t.vdb");
+    file("cut.vdb", image.substr(0, image.size() / 2));
+    file("text.vdb", "time,x\n2024-01-01,1\n");
+    for (const char *bad : {"@cut.vdb", "@text.vdb", "@none.vdb"}) {
+        r = run({"head", "--db", bad});
+        EXPECT_EQ(r.code, 1) << bad;
+        EXPECT_NE(r.err.find("cannot open"), std::string::npos) << r.err;
+    }
+    r = run({"head", "@t.csv", "--db", "@t.vdb"});
+    EXPECT_EQ(r.code, 2);
+    r = run({"load", "@t.csv", "--db", "@no/such/folder/t.vdb"});
+    EXPECT_EQ(r.code, 1);
+    EXPECT_NE(r.err.find("cannot save"), std::string::npos) << r.err;
+}
+
 } // namespace

@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include "commands.h"
+#include "store.h"
 
 namespace vcli {
 
@@ -95,13 +96,18 @@ int run_demo(const char *self, uint64_t rows, const std::string &dir_opt) {
     src.load.file = trades;
     src.load.progress = isatty(STDERR_FILENO) ? 1 : -1;
     src.out = Format::Table;
-    show("load " + trades);
+    src.db = dir + "/trades.vdb";
+    show("load " + trades + " --db " + src.db);
+    {
+        Table t;
+        std::unique_ptr<velseq::database> db = open_source("load", src, t);
+        answer("load", *db, t, src, Query{});
+    }
+    // The questions read the table back from the image.
     Table t;
-    std::unique_ptr<velseq::database> db = open_source("load", src, t);
-    answer("load", *db, t, src, Query{});
-
+    std::unique_ptr<velseq::database> db = open_table(src.db, t);
     auto ask = [&](const std::string &name, const std::string &args, Query q) {
-        show(name + " " + trades + args);
+        show(name + " --db " + src.db + args);
         answer(name, *db, t, src, q);
     };
     Query q;

@@ -1,0 +1,733 @@
+// Database images: velh_db_save writes the state of the last commit, image
+// loading puts it back (velh_db_open_file in wal.cpp adds the log).
+//
+// Why physical: a sequence page is written as it lies in the arena (its
+// child pointers replaced by page ids) and read back into a fresh page with
+// one copy, so saving and loading run at memory-copy speed plus the file
+// system's; re-appending values logically would rebuild every tree through
+// the module, several times slower for large fields.  The price is that the
+// file's pages are trusted only after a full structural check at load.
+//
+// File layout (little-endian; every block checksummed with XXH3-64):
+//
+//   header, 128 bytes
+//   offset size  field
+//   0      8     magic "VELHIMG\0"
+//   8      4     format version (kImageVersion)
+//   12     4     header bytes (128)
+//   16     4     object page size
+//   20     4     sequence page size
+//   24     2     additional object field size
+//   26     2     layout flags (kLayoutFlags: little-endian, 8-byte pointers)
+//   28     4     flags: bit 0, written by a checkpoint
+//   32     8     image id (random, never 0)
+//   40     8     a checkpoint's: id of the image its log followed (0: the
+//                empty database); otherwise 0
+//   48     8     classes
+//   56     8     objects
+//   64     8     sequence pages
+//   72     8     next object id
+//   80     40    zero
+//   120    8     XXH3-64 of bytes 0..119
+//
+//   then blocks: 24-byte block header, then `length` bytes of payload
+//   0      4     kind: 1 classes, 2 pages, 3 objects, 4 end
+//   4      4     items in the payload
+//   8      8     length of the payload
+//   16     8     XXH3-64 of the payload, seeded with kind, items and length
+//
+//   classes (one block): per class, codes 1.. in order: u32 flags, u8 page
+//     manager, u8 0, u16 fields, name; per field: u8 type, u8 0, u16 width,
+//     name (a name is u16 length + bytes)
+//   pages: u8 page manager, 7 zero bytes, then `items` pages of the sequence
+//     page size; ids run on from block to block, 1 first
+//   objects: per object in oid order: u64 oid, u16 class, u16 0, u32 position
+//     (mo), then the object image with each sequence root slot holding a
+//     page id (0: empty)
+//   end: u64 blocks before it, u64 file bytes before it; nothing follows
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+#include <fcntl.h>
+#include <random>
+#include <sys/stat.h>
+#include <sys/uio.h>
+#include <unistd.h>
+#include <xxhash.h>
+
+#include "durable.h"
+
+namespace velhost {
+
+namespace {
+
+constexpr char kImageMagic[8] = {'V', 'E', 'L', 'H', 'I', 'M', 'G', '\0'};
+constexpr uint32_t kImageVersion = 1;
+constexpr uint32_t kHeaderBytes = 128;
+constexpr uint32_t kBlockKinds[] = {1, 2, 3, 4};
+enum BlockKind : uint32_t { kClasses = 1, kPages = 2, kObjects = 3, kEnd = 4 };
+constexpr size_t kBlockTarget = size_t(1) << 20; // payload bytes a block aims at
+
+thread_local std::string t_error;
+
+uint64_t block_seed(uint32_t kind, uint32_t items, uint64_t len) {
+    return (uint64_t(kind) << 56) ^ (uint64_t(items) << 24) ^ len;
+}
+
+uint64_t new_image_id() {
+    std::random_device rd;
+    uint64_t id = (uint64_t(rd()) << 32) ^ rd() ^
+                  uint64_t(std::chrono::steady_clock::now().time_since_epoch().count());
+    return id != 0 ? id : 1;
+}
+
+// Writes blocks to a file descriptor, counting them and their bytes.
+struct BlockWriter {
+    int fd;
+    uint64_t pos = 0;
+    uint64_t blocks = 0;
+    bool emit(uint32_t kind, uint32_t items, const std::string &payload) {
+        uint64_t hdr[3];
+        hdr[0] = uint64_t(kind) | (uint64_t(items) << 32);
+        hdr[1] = payload.size();
+        hdr[2] = XXH3_64bits_withSeed(payload.data(), payload.size(),
+                                      block_seed(kind, items, payload.size()));
+        if (!write_all(fd, hdr, sizeof hdr) || !write_all(fd, payload.data(), payload.size()))
+            return false;
+        pos += sizeof hdr + payload.size();
+        blocks++;
+        return true;
+    }
+};
+
+// Reads whole buffers; the number of bytes read, short only at the end.
+size_t read_full(int fd, void *p, size_t n) {
+    size_t done = 0;
+    while (done < n) {
+        ssize_t k = ::read(fd, static_cast<char *>(p) + done, n - done);
+        if (k < 0 && errno == EINTR)
+            continue;
+        if (k <= 0)
+            break;
+        done += size_t(k);
+    }
+    return done;
+}
+
+struct SavedObject {
+    uint64_t oid;
+    ClassDef *cls;
+    uint32_t mo;
+    Version *v;
+};
+
+} // namespace
+
+std::atomic<bool> g_fuzz_skip_checksums{false};
+
+VEL_RET fail(VEL_RET code, const std::string &message) {
+    t_error = message;
+    return code;
+}
+
+const char *error_text() { return t_error.c_str(); }
+
+std::string errno_text() { return std::strerror(errno); }
+
+bool write_all(int fd, const void *p, size_t n) {
+    auto *c = static_cast<const char *>(p);
+    while (n > 0) {
+        ssize_t k = ::write(fd, c, n);
+        if (k < 0 && errno == EINTR)
+            continue;
+        if (k <= 0) {
+            if (k == 0)
+                errno = EIO;
+            return false;
+        }
+        c += k;
+        n -= size_t(k);
+    }
+    return true;
+}
+
+bool sync_dir(const std::string &path) {
+    size_t slash = path.rfind('/');
+    std::string dir = slash == std::string::npos ? "." : slash == 0 ? "/" : path.substr(0, slash);
+    int fd = ::open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (fd < 0)
+        return false;
+    bool ok = ::fsync(fd) == 0;
+    ::close(fd);
+    return ok;
+}
+
+void put_class(Out &o, const ClassDef &cls) {
+    o.put<uint32_t>(cls.flags);
+    o.put<uint8_t>(static_cast<uint8_t>(cls.pm->which));
+    o.put<uint8_t>(0);
+    o.put<uint16_t>(static_cast<uint16_t>(cls.fields.size()));
+    o.str(cls.name);
+    for (const Field &f : cls.fields) {
+        o.put<uint8_t>(f.type);
+        o.put<uint8_t>(0);
+        o.put<uint16_t>(f.is_char ? f.elem_size : 0);
+        o.str(f.name);
+    }
+}
+
+VEL_RET get_class(Db *db, In &in, uint16_t expect_code, std::string *why) {
+    auto flags = in.get<uint32_t>();
+    auto pm = in.get<uint8_t>();
+    in.get<uint8_t>();
+    auto n = in.get<uint16_t>();
+    std::string name = in.str();
+    if (!in.ok || n > VELH_MAX_FIELDS) {
+        *why = "class " + std::to_string(expect_code) + " is cut short";
+        return VEL_E_HOST_BAD_IMAGE;
+    }
+    std::vector<std::string> names(n);
+    std::vector<velh_field_def_t> defs(n);
+    for (uint16_t i = 0; i < n; ++i) {
+        defs[i].type = in.get<uint8_t>();
+        in.get<uint8_t>();
+        defs[i].width = in.get<uint16_t>();
+        names[i] = in.str();
+        defs[i].name = names[i].c_str();
+    }
+    if (!in.ok) {
+        *why = "class " + std::to_string(expect_code) + " is cut short";
+        return VEL_E_HOST_BAD_IMAGE;
+    }
+    uint16_t code = 0;
+    VEL_RET r = velh_class_define(reinterpret_cast<velh_db_t *>(db), name.c_str(), defs.data(), n,
+                                  flags, pm, &code);
+    if (r != VEL_S_OK || code != expect_code) {
+        *why = "class " + std::to_string(expect_code) + " has a definition velhost refuses (" +
+               std::to_string(r) + ")";
+        return VEL_E_HOST_BAD_IMAGE;
+    }
+    return VEL_S_OK;
+}
+
+bool put_page(Out &o, const std::byte *page, uint32_t ps,
+              const std::unordered_map<const std::byte *, uint64_t> &ids) {
+    const size_t at = o.b.size();
+    o.bytes(page, 4);
+    o.put<uint32_t>(0); // the reference count: rebuilt at load
+    o.bytes(page + 8, ps - 8);
+    if (!is_inner(page))
+        return true;
+    auto *pg = reinterpret_cast<const vel_seq_page_t *>(page);
+    if (pg->hdr.user > (ps - 8) / 16)
+        return false;
+    for (uint32_t i = 0; i < pg->hdr.user; ++i) {
+        vel_seq_node_t e;
+        std::memcpy(&e, page + ps - 16 * (size_t(i) + 1), sizeof e);
+        auto it = ids.find(reinterpret_cast<const std::byte *>(e.page));
+        if (it == ids.end())
+            return false;
+        std::memcpy(o.b.data() + at + ps - 16 * (size_t(i) + 1), &it->second, 8);
+    }
+    return true;
+}
+
+VEL_RET image_save(Db *d, const char *path, const uint64_t *prev_id, uint64_t *image_id,
+                   std::unordered_map<const std::byte *, uint64_t> *numbering) {
+    if (path == nullptr || *path == '\0')
+        return fail(VEL_E_HOST_BAD_ARG, "no image path");
+    // The snapshot: a read-only transaction keeps every version it sees.
+    vel_db_connection_h con;
+    VEL_RET r = velh_connect(reinterpret_cast<velh_db_t *>(d), &con);
+    if (r != VEL_S_OK)
+        return r;
+    struct Done {
+        vel_db_connection_h con;
+        ~Done() { velh_disconnect(con); }
+    } done{con};
+    if ((r = velh_begin(con, VELH_READ_ONLY)) != VEL_S_OK)
+        return r;
+    Txn *txn = conn_of(con)->txn;
+    const uint32_t n_classes = d->n_classes.load(std::memory_order_acquire);
+    std::vector<SavedObject> objs;
+    {
+        std::shared_lock<std::shared_mutex> lock(d->objects_mutex);
+        for (uint32_t code = 1; code < n_classes; ++code) {
+            ClassDef *cls = d->classes[code].get();
+            for (auto &[oid, ch] : cls->objects) {
+                Version *v = visible_version(ch, txn);
+                if (v != nullptr && !v->deleted)
+                    objs.push_back({oid, cls, ch->mo, v});
+            }
+        }
+    }
+    std::sort(objs.begin(), objs.end(),
+              [](const SavedObject &a, const SavedObject &b) { return a.oid < b.oid; });
+
+    // Page ids in depth-first order from the roots, each page once.
+    const uint32_t ps = d->cfg.seq_page_size;
+    const uint32_t afs = d->cfg.additional_object_field_size;
+    std::unordered_map<const std::byte *, uint64_t> ids;
+    std::vector<std::pair<const std::byte *, uint8_t>> pages;
+    std::vector<std::byte *> stack;
+    for (const SavedObject &o : objs)
+        for (uint16_t fno : o.cls->seq_fields) {
+            auto *root =
+                reinterpret_cast<std::byte *>(*root_slot(o.cls, o.v, o.cls->fields[fno], afs));
+            if (root != nullptr)
+                stack.push_back(root);
+            while (!stack.empty()) {
+                std::byte *pg = stack.back();
+                stack.pop_back();
+                if (!ids.emplace(pg, pages.size() + 1).second)
+                    continue;
+                pages.emplace_back(pg, static_cast<uint8_t>(o.cls->pm->which));
+                if (!is_inner(pg))
+                    continue;
+                const uint32_t n = reinterpret_cast<vel_seq_page_t *>(pg)->hdr.user;
+                for (uint32_t i = n; i-- > 0;)
+                    stack.push_back(reinterpret_cast<std::byte *>(entry_at(pg, ps, i)->page));
+            }
+        }
+
+    const std::string target(path);
+    const std::string tmp = target + ".tmp." + std::to_string(::getpid());
+    int fd = ::open(tmp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    if (fd < 0)
+        return fail(VEL_E_HOST_IO, "cannot create " + tmp + ": " + errno_text());
+    auto io_error = [&](const char *what) {
+        std::string msg = std::string(what) + " " + tmp + ": " + errno_text();
+        ::close(fd);
+        ::unlink(tmp.c_str());
+        return fail(VEL_E_HOST_IO, msg);
+    };
+    const uint64_t id = new_image_id();
+    {
+        Out h;
+        h.bytes(kImageMagic, 8);
+        h.put<uint32_t>(kImageVersion);
+        h.put<uint32_t>(kHeaderBytes);
+        h.put<uint32_t>(d->cfg.object_page_size);
+        h.put<uint32_t>(ps);
+        h.put<uint16_t>(d->cfg.additional_object_field_size);
+        h.put<uint16_t>(kLayoutFlags);
+        h.put<uint32_t>(prev_id != nullptr ? 1 : 0);
+        h.put<uint64_t>(id);
+        h.put<uint64_t>(prev_id != nullptr ? *prev_id : 0);
+        h.put<uint64_t>(n_classes - 1);
+        h.put<uint64_t>(objs.size());
+        h.put<uint64_t>(pages.size());
+        h.put<uint64_t>(d->next_oid.load());
+        h.b.resize(120, '\0');
+        h.put<uint64_t>(XXH3_64bits(h.b.data(), 120));
+        if (!write_all(fd, h.b.data(), h.b.size()))
+            return io_error("cannot write");
+    }
+    BlockWriter w{fd, kHeaderBytes};
+    Out o;
+    for (uint32_t code = 1; code < n_classes; ++code)
+        put_class(o, *d->classes[code]);
+    if (!w.emit(kClasses, n_classes - 1, o.b))
+        return io_error("cannot write");
+
+    const size_t per_block = std::max<size_t>(1, kBlockTarget / ps);
+    for (size_t i = 0; i < pages.size();) {
+        const uint8_t pm = pages[i].second;
+        o.b.clear();
+        o.put<uint64_t>(pm);
+        uint32_t k = 0;
+        for (; i < pages.size() && k < per_block && pages[i].second == pm; ++i, ++k)
+            if (!put_page(o, pages[i].first, ps, ids)) {
+                ::close(fd);
+                ::unlink(tmp.c_str());
+                return fail(VEL_E_HOST_BAD_ARG, "a sequence tree references a page it cannot");
+            }
+        if (!w.emit(kPages, k, o.b))
+            return io_error("cannot write");
+    }
+
+    o.b.clear();
+    uint32_t k = 0;
+    for (size_t i = 0; i < objs.size(); ++i) {
+        const SavedObject &s = objs[i];
+        o.put<uint64_t>(s.oid);
+        o.put<uint16_t>(s.cls->code);
+        o.put<uint16_t>(0);
+        o.put<uint32_t>(s.mo);
+        const size_t at = o.b.size();
+        o.bytes(s.v->bytes(), s.cls->image_bytes);
+        for (uint16_t fno : s.cls->seq_fields) {
+            auto *root =
+                reinterpret_cast<std::byte *>(*root_slot(s.cls, s.v, s.cls->fields[fno], afs));
+            uint64_t pid = root != nullptr ? ids.at(root) : 0;
+            std::memcpy(o.b.data() + at + afs + s.cls->fields[fno].off, &pid, 8);
+        }
+        ++k;
+        if (o.b.size() >= kBlockTarget || i + 1 == objs.size()) {
+            if (!w.emit(kObjects, k, o.b))
+                return io_error("cannot write");
+            o.b.clear();
+            k = 0;
+        }
+    }
+    o.b.clear();
+    o.put<uint64_t>(w.blocks);
+    o.put<uint64_t>(w.pos);
+    if (!w.emit(kEnd, 0, o.b))
+        return io_error("cannot write");
+    if (::fsync(fd) != 0)
+        return io_error("cannot flush");
+    if (::close(fd) != 0) {
+        ::unlink(tmp.c_str());
+        return fail(VEL_E_HOST_IO, "cannot close " + tmp + ": " + errno_text());
+    }
+    if (::rename(tmp.c_str(), target.c_str()) != 0) {
+        std::string msg = "cannot rename " + tmp + " to " + target + ": " + errno_text();
+        ::unlink(tmp.c_str());
+        return fail(VEL_E_HOST_IO, msg);
+    }
+    if (!sync_dir(target))
+        return fail(VEL_E_HOST_IO, "cannot flush the folder of " + target + ": " + errno_text());
+    if (image_id != nullptr)
+        *image_id = id;
+    if (numbering != nullptr)
+        *numbering = std::move(ids);
+    return VEL_S_OK;
+}
+
+// ---- loading -----------------------------------------------------------------
+
+VEL_RET Loader::add_page(PageManager *pm, uint64_t id, const std::byte *bytes, std::byte **out) {
+    if (id == 0 || ptr_of.count(id) != 0)
+        return VEL_E_HOST_BAD_IMAGE;
+    std::byte *pg;
+    VEL_RET r = page_alloc(pm, nullptr, &pg);
+    if (r != VEL_S_OK)
+        return r;
+    std::memcpy(pg, bytes, pm->page_size);
+    std::atomic_ref<uint32_t>(reinterpret_cast<vel_seq_page_t *>(pg)->ref_count).store(0);
+    auto old = info.find(pg);
+    if (old != info.end()) {
+        ptr_of.erase(old->second.id);
+        info.erase(old);
+    }
+    PageInfo pi;
+    pi.id = id;
+    pi.pm = static_cast<uint8_t>(pm->which);
+    info.emplace(pg, pi);
+    ptr_of.emplace(id, pg);
+    max_page_id = std::max(max_page_id, id);
+    *out = pg;
+    return VEL_S_OK;
+}
+
+bool Loader::link(std::byte *page, std::string *why) {
+    auto *pg = reinterpret_cast<vel_seq_page_t *>(page);
+    const uint32_t ps = db->cfg.seq_page_size;
+    const uint8_t kind = pg->hdr.kind & 15;
+    if (kind == 3)
+        return true;
+    if (kind != 2 || pg->hdr.user == 0 || pg->hdr.user > (ps - 8) / 16) {
+        *why = "page " + std::to_string(info[page].id) + " has a bad kind or item count";
+        return false;
+    }
+    for (uint32_t i = 0; i < pg->hdr.user; ++i) {
+        vel_seq_node_t *e = entry_at(page, ps, i);
+        auto it = ptr_of.find(reinterpret_cast<uint64_t>(e->page));
+        if (it == ptr_of.end() || !page_live(it->second)) {
+            *why = "page " + std::to_string(info[page].id) + " references an unknown page";
+            return false;
+        }
+        e->page = reinterpret_cast<vel_seq_page_t *>(it->second);
+    }
+    return true;
+}
+
+bool Loader::check(std::byte *root, uint16_t w, PageManager *pm, std::string *why) {
+    const uint32_t ps = db->cfg.seq_page_size;
+    const uint64_t leaf_cap = (uint64_t(ps) * 8 - 127) / (uint64_t(w) * 8 + 1);
+    // Returns the page's info once checked; null with *why set otherwise.
+    auto walk = [&](auto &self, std::byte *page, int depth) -> PageInfo * {
+        auto it = info.find(page);
+        if (it == info.end() || !page_live(page)) {
+            *why = "a tree references a page that is not there";
+            return nullptr;
+        }
+        PageInfo &pi = it->second;
+        const std::string name = "page " + std::to_string(pi.id);
+        if (pi.checked) {
+            if (pi.width != w) {
+                *why = name + " is shared by fields of different element widths";
+                return nullptr;
+            }
+            return &pi;
+        }
+        if (pi.pm != pm->which) {
+            *why = name + " belongs to another page manager";
+            return nullptr;
+        }
+        if (depth > VEL_SEQ_MAX_DEPTH) {
+            *why = name + " lies deeper than a tree may (or on a cycle)";
+            return nullptr;
+        }
+        auto *pg = reinterpret_cast<vel_seq_page_t *>(page);
+        uint64_t count = 0;
+        uint8_t height = 1;
+        if (!is_inner(page)) {
+            // The module frees a leaf it empties: an empty leaf is damage.
+            if ((pg->hdr.kind & 15) != 3 || pg->hdr.user == 0 || pg->hdr.user > leaf_cap) {
+                *why = name + " has a bad kind, no values or more than a leaf holds";
+                return nullptr;
+            }
+            count = pg->hdr.user;
+        } else {
+            for (uint32_t i = 0; i < pg->hdr.user; ++i) {
+                vel_seq_node_t *e = entry_at(page, ps, i);
+                PageInfo *c = self(self, reinterpret_cast<std::byte *>(e->page), depth + 1);
+                if (c == nullptr)
+                    return nullptr;
+                if (i == 0)
+                    height = static_cast<uint8_t>(c->height + 1);
+                if (c->height + 1 != height || e->count != c->count ||
+                    __builtin_add_overflow(count, c->count, &count)) {
+                    *why = name + " has an entry whose count or depth disagrees with its child";
+                    return nullptr;
+                }
+            }
+            for (uint32_t i = 0; i < pg->hdr.user; ++i)
+                ref_add(entry_at(page, ps, i)->page);
+        }
+        // The same node, found again: the walk above may have rehashed.
+        PageInfo &done = info.at(page);
+        done.checked = true;
+        done.count = count;
+        done.height = height;
+        done.width = w;
+        return &done;
+    };
+    return walk(walk, root, 1) != nullptr;
+}
+
+void free_unreferenced(Loader *ld) {
+    for (auto it = ld->info.begin(); it != ld->info.end();) {
+        auto *pg = const_cast<std::byte *>(it->first);
+        if (!page_live(pg)) { // pruned during replay
+            ld->ptr_of.erase(it->second.id);
+            it = ld->info.erase(it);
+        } else if (ref_load(reinterpret_cast<vel_seq_page_t *>(pg)) == 0) {
+            page_free(&ld->db->pms[it->second.pm], pg, nullptr);
+            ld->ptr_of.erase(it->second.id);
+            it = ld->info.erase(it);
+        } else {
+            ++it;
+        }
+    }
+}
+
+void discard_db(Db *db) {
+    // Version images may still hold page ids in their root slots: drop the
+    // images so that closing does not walk them; the arenas go whole.
+    for (auto &[oid, ch] : db->chains)
+        for (Version *v = ch->head; v != nullptr; v = v->older)
+            v->data.clear();
+    velh_db_close(reinterpret_cast<velh_db_t *>(db));
+}
+
+VEL_RET image_load(const velh_config_t *cfg, const char *path, Loader *ld, velh_db_t **out,
+                   velh_open_stats_t *stats) {
+    velh_config_t c = *cfg;
+    c.log_path = nullptr;
+    velh_db_t *handle = nullptr;
+    if (path == nullptr) {
+        VEL_RET r = velh_db_open(&c, &handle);
+        if (r != VEL_S_OK)
+            return fail(r, "the configuration is refused");
+        ld->db = reinterpret_cast<Db *>(handle);
+        *out = handle;
+        return VEL_S_OK;
+    }
+    const std::string file(path);
+    int fd = ::open(path, O_RDONLY | O_CLOEXEC);
+    if (fd < 0)
+        return fail(VEL_E_HOST_IO, "cannot open " + file + ": " + errno_text());
+    struct Closer {
+        int fd;
+        ~Closer() { ::close(fd); }
+    } closer{fd};
+    struct stat st;
+    if (::fstat(fd, &st) != 0)
+        return fail(VEL_E_HOST_IO, "cannot stat " + file + ": " + errno_text());
+    const uint64_t size = uint64_t(st.st_size);
+    auto bad = [&](const std::string &why) {
+        if (ld->db != nullptr)
+            discard_db(ld->db);
+        ld->db = nullptr;
+        return fail(VEL_E_HOST_BAD_IMAGE, file + ": " + why);
+    };
+
+    std::byte hb[kHeaderBytes];
+    if (read_full(fd, hb, kHeaderBytes) != kHeaderBytes || std::memcmp(hb, kImageMagic, 8) != 0)
+        return bad("not a velhost database image");
+    In h(hb, kHeaderBytes);
+    h.bytes(8);
+    const auto version = h.get<uint32_t>();
+    const auto header_bytes = h.get<uint32_t>();
+    uint64_t sum;
+    std::memcpy(&sum, hb + 120, 8);
+    if (version != kImageVersion)
+        return bad("format version " + std::to_string(version) + "; this build reads version " +
+                   std::to_string(kImageVersion));
+    const bool sums = !g_fuzz_skip_checksums.load(std::memory_order_relaxed);
+    if (header_bytes != kHeaderBytes || (sums && sum != XXH3_64bits(hb, 120)))
+        return bad("the header is damaged (checksum)");
+    const auto obj_ps = h.get<uint32_t>();
+    const auto seq_ps = h.get<uint32_t>();
+    const auto afs = h.get<uint16_t>();
+    const auto layout = h.get<uint16_t>();
+    ld->checkpoint = (h.get<uint32_t>() & 1) != 0;
+    ld->image_id = h.get<uint64_t>();
+    ld->prev_image_id = h.get<uint64_t>();
+    const auto n_classes = h.get<uint64_t>();
+    const auto n_objects = h.get<uint64_t>();
+    const auto n_pages = h.get<uint64_t>();
+    const auto next_oid = h.get<uint64_t>();
+    if (layout != kLayoutFlags)
+        return bad("written on a machine of another byte order or pointer width");
+    if (obj_ps > UINT16_MAX || n_classes >= VELH_MAX_CLASSES || ld->image_id == 0 ||
+        n_pages > size / std::max<uint32_t>(seq_ps, 1) || n_objects > size || next_oid == 0)
+        return bad("the header holds impossible sizes");
+    c.object_page_size = static_cast<uint16_t>(obj_ps);
+    c.seq_page_size = seq_ps;
+    c.additional_object_field_size = afs;
+    if (velh_db_open(&c, &handle) != VEL_S_OK)
+        return bad("the page sizes are refused");
+    Db *d = ld->db = reinterpret_cast<Db *>(handle);
+
+    std::vector<std::byte> payload;
+    std::vector<std::byte *> loaded; // by id - 1
+    std::vector<std::pair<Version *, ClassDef *>> versions;
+    uint64_t pos = kHeaderBytes, blocks = 0, objects = 0;
+    uint32_t state = 0; // the last block kind read
+    for (;;) {
+        uint64_t bh[3];
+        if (read_full(fd, bh, sizeof bh) != sizeof bh)
+            return bad("cut short at byte " + std::to_string(pos));
+        const auto kind = static_cast<uint32_t>(bh[0]);
+        const auto items = static_cast<uint32_t>(bh[0] >> 32);
+        const uint64_t len = bh[1];
+        if (std::find(std::begin(kBlockKinds), std::end(kBlockKinds), kind) ==
+                std::end(kBlockKinds) ||
+            len > size - pos - sizeof bh)
+            return bad("the block at byte " + std::to_string(pos) + " is damaged or cut short");
+        payload.resize(len);
+        if (read_full(fd, payload.data(), len) != len)
+            return bad("cut short at byte " + std::to_string(pos));
+        if (sums &&
+            XXH3_64bits_withSeed(payload.data(), len, block_seed(kind, items, len)) != bh[2])
+            return bad("the block at byte " + std::to_string(pos) + " is damaged (checksum)");
+        // Blocks come in the order classes, pages..., objects..., end.
+        if ((kind == kClasses) != (state == 0) || kind < state)
+            return bad("the block at byte " + std::to_string(pos) + " is out of order");
+        state = kind;
+        In in(payload.data(), len);
+        std::string why;
+        if (kind == kClasses) {
+            if (items != n_classes)
+                return bad("the class count disagrees with the header");
+            for (uint32_t i = 0; i < items; ++i)
+                if (get_class(d, in, static_cast<uint16_t>(i + 1), &why) != VEL_S_OK)
+                    return bad(why);
+        } else if (kind == kPages) {
+            const auto pm = in.get<uint64_t>();
+            if (pm > VELH_PM_ALT || len != 8 + uint64_t(items) * seq_ps ||
+                loaded.size() + items > n_pages)
+                return bad("the page block at byte " + std::to_string(pos) + " is malformed");
+            for (uint32_t i = 0; i < items; ++i) {
+                std::byte *pg;
+                VEL_RET r = ld->add_page(&d->pms[pm], loaded.size() + 1, in.bytes(seq_ps), &pg);
+                if (r != VEL_S_OK) {
+                    discard_db(d);
+                    ld->db = nullptr;
+                    return fail(r, file + ": out of memory for its pages");
+                }
+                loaded.push_back(pg);
+            }
+        } else if (kind == kObjects) {
+            for (uint32_t i = 0; i < items; ++i) {
+                const auto oid = in.get<uint64_t>();
+                const auto code = in.get<uint16_t>();
+                in.get<uint16_t>();
+                const auto mo = in.get<uint32_t>();
+                ClassDef *cls = class_of(d, code);
+                if (!in.ok || cls == nullptr || oid == 0 || oid >= next_oid ||
+                    uint64_t(mo) + cls->image_bytes > UINT32_MAX || d->chains.count(oid) != 0)
+                    return bad("object " + std::to_string(oid) + " is malformed");
+                const std::byte *img = in.bytes(cls->image_bytes);
+                if (img == nullptr)
+                    return bad("object " + std::to_string(oid) + " is cut short");
+                auto *ch = new Chain;
+                auto *v = new Version;
+                ch->oid = oid;
+                ch->class_code = code;
+                ch->mo = mo;
+                ch->head = v;
+                v->ts = d->commit_ts;
+                v->chain = ch;
+                v->data.assign((cls->image_bytes + 7) / 8, 0);
+                std::memcpy(v->data.data(), img, cls->image_bytes);
+                d->chains.emplace(oid, ch);
+                cls->objects.emplace(oid, ch);
+                versions.emplace_back(v, cls);
+                ++objects;
+            }
+            if (!in.done())
+                return bad("the object block at byte " + std::to_string(pos) + " is malformed");
+        } else {
+            if (in.get<uint64_t>() != blocks || in.get<uint64_t>() != pos || !in.done())
+                return bad("the end block disagrees with the file");
+            pos += sizeof bh + len;
+            break;
+        }
+        if (kind != kObjects && !in.done())
+            return bad("the block at byte " + std::to_string(pos) + " has trailing bytes");
+        pos += sizeof bh + len;
+        ++blocks;
+    }
+    if (pos != size)
+        return bad("bytes follow the end block");
+    if (loaded.size() != n_pages || objects != n_objects)
+        return bad("the page or object count disagrees with the header");
+
+    std::string why;
+    for (std::byte *pg : loaded)
+        if (!ld->link(pg, &why))
+            return bad(why);
+    const uint32_t a = d->cfg.additional_object_field_size;
+    for (auto &[v, cls] : versions)
+        for (uint16_t fno : cls->seq_fields) {
+            vel_seq_page_t **slot = root_slot(cls, v, cls->fields[fno], a);
+            const uint64_t id = reinterpret_cast<uint64_t>(*slot);
+            if (id == 0)
+                continue;
+            auto it = ld->ptr_of.find(id);
+            if (it == ld->ptr_of.end())
+                return bad("object " + std::to_string(v->chain->oid) + " references no page");
+            if (!ld->check(it->second, cls->fields[fno].elem_size, cls->pm, &why))
+                return bad(why);
+            *slot = reinterpret_cast<vel_seq_page_t *>(it->second);
+            ref_add(*slot);
+        }
+    // Only now do the roots hold pointers; a failure above left ids there.
+    free_unreferenced(ld);
+    d->next_oid.store(next_oid);
+    if (stats != nullptr) {
+        stats->classes = n_classes;
+        stats->objects = objects;
+        stats->image_pages = n_pages;
+    }
+    *out = handle;
+    return VEL_S_OK;
+}
+
+} // namespace velhost

@@ -1,0 +1,661 @@
+// The commit log, and the durability entry points of velembed.h.
+//
+// Every commit that changed something appends one record: the sequence
+// pages the transaction made that its trees reach (physically, as an image
+// holds them), and for each object it wrote either its new image (root slots
+// holding page ids) or its deletion.  A class definition appends a record of
+// its own.  Pages a record does not carry are named by the ids the image or
+// an earlier record gave them, so an append of k values logs about the
+// depth of the tree in pages, whatever the size of the field.
+//
+// File layout (little-endian):
+//
+//   header, 64 bytes
+//   offset size  field
+//   0      8     magic "VELHLOG\0"
+//   8      4     format version (kLogVersion)
+//   12     4     header bytes (64)
+//   16     4     sequence page size
+//   20     4     object page size
+//   24     8     id of the image the log follows (0: the empty database)
+//   32     8     first page id the records may introduce
+//   40     2     additional object field size
+//   42     14    zero
+//   56     8     XXH3-64 of bytes 0..55
+//
+//   records, each a 24-byte header and a body
+//   0      4     magic "VLRC"
+//   4      4     type: 1 class, 2 commit
+//   8      8     body length
+//   16     8     XXH3-64 of the body, seeded with type and length
+//
+//   body: u64 sequence number (1, 2, ... in file order), then
+//   class:  u16 class code, the class as an image holds it
+//   commit: u32 pages, u32 objects; per page u64 id, u8 page manager, 7
+//           zero bytes, the page; per object u64 oid, u16 class, u8 op
+//           (1 write, 2 delete), u8 0, u32 position (mo), and for a write
+//           the object image with page ids in its root slots
+//
+// A record is written whole with one pwrite at the end of the last whole
+// record.  At open the first record that is short, fails its checksum or
+// breaks the sequence ends the log: it and everything after it are cut.
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <unordered_set>
+#include <xxhash.h>
+
+#include "durable.h"
+
+namespace velhost {
+
+namespace {
+
+constexpr char kLogMagic[8] = {'V', 'E', 'L', 'H', 'L', 'O', 'G', '\0'};
+constexpr uint32_t kLogVersion = 1;
+constexpr uint32_t kLogHeader = 64;
+constexpr uint32_t kRecMagic = 0x4352'4c56; // "VLRC"
+constexpr uint32_t kRecClass = 1;
+constexpr uint32_t kRecCommit = 2;
+constexpr uint8_t kOpWrite = 1;
+constexpr uint8_t kOpDelete = 2;
+
+uint64_t rec_seed(uint32_t type, uint64_t len) { return (uint64_t(type) << 56) ^ len; }
+
+bool pwrite_all(int fd, const void *p, size_t n, uint64_t off) {
+    auto *c = static_cast<const char *>(p);
+    while (n > 0) {
+        ssize_t k = ::pwrite(fd, c, n, static_cast<off_t>(off));
+        if (k < 0 && errno == EINTR)
+            continue;
+        if (k <= 0) {
+            if (k == 0)
+                errno = EIO;
+            return false;
+        }
+        c += k;
+        n -= size_t(k);
+        off += uint64_t(k);
+    }
+    return true;
+}
+
+size_t pread_full(int fd, void *p, size_t n, uint64_t off) {
+    size_t done = 0;
+    while (done < n) {
+        ssize_t k = ::pread(fd, static_cast<char *>(p) + done, n - done, off_t(off + done));
+        if (k < 0 && errno == EINTR)
+            continue;
+        if (k <= 0)
+            break;
+        done += size_t(k);
+    }
+    return done;
+}
+
+// Creates a log with its header only, beside `path` and renamed over it;
+// returns the open descriptor or -1 with the error message set.
+int create_log(const Db *d, const std::string &path, uint64_t image_id, uint64_t first_page_id) {
+    const std::string tmp = path + ".tmp." + std::to_string(::getpid());
+    int fd = ::open(tmp.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    if (fd < 0) {
+        fail(VEL_E_HOST_IO, "cannot create " + tmp + ": " + errno_text());
+        return -1;
+    }
+    Out h;
+    h.bytes(kLogMagic, 8);
+    h.put<uint32_t>(kLogVersion);
+    h.put<uint32_t>(kLogHeader);
+    h.put<uint32_t>(d->cfg.seq_page_size);
+    h.put<uint32_t>(d->cfg.object_page_size);
+    h.put<uint64_t>(image_id);
+    h.put<uint64_t>(first_page_id);
+    h.put<uint16_t>(d->cfg.additional_object_field_size);
+    h.b.resize(56, '\0');
+    h.put<uint64_t>(XXH3_64bits(h.b.data(), 56));
+    if (!write_all(fd, h.b.data(), h.b.size()) || ::fdatasync(fd) != 0 ||
+        ::rename(tmp.c_str(), path.c_str()) != 0 || !sync_dir(path)) {
+        fail(VEL_E_HOST_IO, "cannot write the new log " + path + ": " + errno_text());
+        ::close(fd);
+        ::unlink(tmp.c_str());
+        return -1;
+    }
+    return fd;
+}
+
+void flusher_loop(Durable *L) {
+    std::unique_lock<std::mutex> lock(L->mutex);
+    while (!L->stop) {
+        L->flusher_cv.wait_for(lock, std::chrono::milliseconds(L->group_ms));
+        if (!L->dirty || L->fd < 0)
+            continue;
+        // A checkpoint may swap the descriptor meanwhile: flush a duplicate.
+        int fd = ::dup(L->fd);
+        L->dirty = false;
+        lock.unlock();
+        bool ok = fd >= 0 && ::fdatasync(fd) == 0;
+        std::string why = ok ? "" : errno_text();
+        if (fd >= 0)
+            ::close(fd);
+        lock.lock();
+        if (!ok && L->failure.empty())
+            L->failure = "cannot flush " + L->path + ": " + why;
+    }
+}
+
+// Writes one record at the end of the log; the caller holds the mutex.
+VEL_RET append_locked(Durable *L, uint32_t type, const std::string &body) {
+    if (!L->failure.empty())
+        return fail(VEL_E_HOST_IO, "the log failed earlier: " + L->failure);
+    Out h;
+    h.put<uint32_t>(kRecMagic);
+    h.put<uint32_t>(type);
+    h.put<uint64_t>(body.size());
+    h.put<uint64_t>(XXH3_64bits_withSeed(body.data(), body.size(), rec_seed(type, body.size())));
+    h.b += body;
+    if (!pwrite_all(L->fd, h.b.data(), h.b.size(), L->end)) {
+        std::string why = "cannot write " + L->path + ": " + errno_text();
+        // A partial record would end the log at the next open anyway; cut it
+        // now so that later records are not lost behind it.
+        if (::ftruncate(L->fd, static_cast<off_t>(L->end)) != 0)
+            L->failure = why;
+        return fail(VEL_E_HOST_IO, why);
+    }
+    if (L->sync_mode == VELH_LOG_SYNC_COMMIT && ::fdatasync(L->fd) != 0) {
+        L->failure = "cannot flush " + L->path + ": " + errno_text();
+        return fail(VEL_E_HOST_IO, L->failure);
+    }
+    L->end += h.b.size();
+    L->next_seq++;
+    L->dirty = true;
+    return VEL_S_OK;
+}
+
+Durable *attach(Db *d, const velh_config_t *cfg, int fd, uint64_t end, uint64_t image_id) {
+    auto *L = new Durable;
+    L->path = cfg->log_path;
+    L->fd = fd;
+    L->end = end;
+    L->image_id = image_id;
+    L->sync_mode = cfg->log_sync;
+    L->group_ms = cfg->log_group_ms != 0 ? cfg->log_group_ms : 10;
+    d->durable = L;
+    if (L->sync_mode == VELH_LOG_SYNC_GROUP)
+        L->flusher = std::thread(flusher_loop, L);
+    return L;
+}
+
+struct Op {
+    uint64_t oid;
+    ClassDef *cls;
+    uint8_t op;
+    uint32_t mo;
+    const std::byte *img;
+};
+
+// Applies one commit record; nothing of it is applied when it is refused.
+bool replay_commit(Db *d, Loader *ld, In &in, uint64_t first_page_id, std::string *why) {
+    const uint32_t ps = d->cfg.seq_page_size;
+    const uint32_t afs = d->cfg.additional_object_field_size;
+    const auto n_pages = in.get<uint32_t>();
+    const auto n_objects = in.get<uint32_t>();
+    std::vector<std::byte *> fresh;
+    for (uint32_t i = 0; i < n_pages && in.ok; ++i) {
+        const auto id = in.get<uint64_t>();
+        const auto pm = in.get<uint64_t>();
+        const std::byte *bytes = in.bytes(ps);
+        std::byte *pg;
+        if (bytes == nullptr || pm > VELH_PM_ALT || id < first_page_id ||
+            ld->add_page(&d->pms[pm], id, bytes, &pg) != VEL_S_OK) {
+            *why = "a page of the record is malformed";
+            return false;
+        }
+        fresh.push_back(pg);
+    }
+    for (std::byte *pg : fresh)
+        if (!ld->link(pg, why))
+            return false;
+    std::vector<Op> ops;
+    std::unordered_set<uint64_t> oids;
+    for (uint32_t i = 0; i < n_objects && in.ok; ++i) {
+        Op o{};
+        o.oid = in.get<uint64_t>();
+        const auto code = in.get<uint16_t>();
+        o.op = in.get<uint8_t>();
+        in.get<uint8_t>();
+        o.mo = in.get<uint32_t>();
+        o.cls = class_of(d, code);
+        auto it = d->chains.find(o.oid);
+        Chain *ch = it != d->chains.end() ? it->second : nullptr;
+        if (o.cls == nullptr || o.oid == 0 || o.oid >= (uint64_t(1) << 62) ||
+            !oids.insert(o.oid).second || (o.op != kOpWrite && o.op != kOpDelete) ||
+            (ch != nullptr && ch->class_code != code) || (o.op == kOpDelete && ch == nullptr) ||
+            uint64_t(o.mo) + o.cls->image_bytes > UINT32_MAX) {
+            *why = "object " + std::to_string(o.oid) + " of the record is malformed";
+            return false;
+        }
+        if (o.op == kOpWrite && (o.img = in.bytes(o.cls->image_bytes)) == nullptr)
+            break;
+        ops.push_back(o);
+    }
+    if (!in.done()) {
+        *why = "the record is malformed";
+        return false;
+    }
+    // Check every new tree and take its references before any old version
+    // lets go of pages the new ones share.
+    std::vector<std::pair<Version *, Op *>> built;
+    for (Op &o : ops) {
+        if (o.op != kOpWrite)
+            continue;
+        auto *v = new Version;
+        built.emplace_back(v, &o);
+        v->ts = d->commit_ts;
+        v->data.assign((o.cls->image_bytes + 7) / 8, 0);
+        std::memcpy(v->data.data(), o.img, o.cls->image_bytes);
+        for (uint16_t fno : o.cls->seq_fields) {
+            vel_seq_page_t **slot = root_slot(o.cls, v, o.cls->fields[fno], afs);
+            const uint64_t id = reinterpret_cast<uint64_t>(*slot);
+            *slot = nullptr;
+            if (id == 0)
+                continue;
+            auto it = ld->ptr_of.find(id);
+            if (it == ld->ptr_of.end() ||
+                !ld->check(it->second, o.cls->fields[fno].elem_size, o.cls->pm, why)) {
+                if (why->empty())
+                    *why = "object " + std::to_string(o.oid) + " references no page";
+                for (auto &[bv, bo] : built)
+                    release_version(d, bo->cls, bv, nullptr);
+                return false;
+            }
+            *slot = reinterpret_cast<vel_seq_page_t *>(it->second);
+            ref_add(*slot);
+        }
+    }
+    size_t next = 0;
+    for (Op &o : ops) {
+        auto it = d->chains.find(o.oid);
+        Chain *ch = it != d->chains.end() ? it->second : nullptr;
+        if (o.op == kOpDelete) {
+            release_version(d, o.cls, ch->head, nullptr);
+            d->chains.erase(o.oid);
+            o.cls->objects.erase(o.oid);
+            delete ch;
+            continue;
+        }
+        Version *v = built[next++].first;
+        if (ch == nullptr) {
+            ch = new Chain;
+            ch->oid = o.oid;
+            ch->class_code = o.cls->code;
+            ch->mo = o.mo;
+            d->chains.emplace(o.oid, ch);
+            o.cls->objects.emplace(o.oid, ch);
+        } else {
+            release_version(d, o.cls, ch->head, nullptr);
+        }
+        v->chain = ch;
+        ch->head = v;
+        if (o.oid >= d->next_oid.load())
+            d->next_oid.store(o.oid + 1);
+    }
+    return true;
+}
+
+} // namespace
+
+VEL_RET log_start(Db *d, const char *path, const velh_config_t *cfg, uint64_t image_id,
+                  uint64_t first_page_id, std::unordered_map<const std::byte *, uint64_t> ids) {
+    int fd = create_log(d, path, image_id, first_page_id);
+    if (fd < 0)
+        return VEL_E_HOST_IO;
+    Durable *L = attach(d, cfg, fd, kLogHeader, image_id);
+    L->next_page_id = first_page_id;
+    L->id_of = std::move(ids);
+    return VEL_S_OK;
+}
+
+VEL_RET log_open(Db *d, const velh_config_t *cfg, Loader *ld, velh_open_stats_t *stats) {
+    const std::string path(cfg->log_path);
+    std::unordered_map<const std::byte *, uint64_t> ids;
+    auto start_new = [&]() {
+        for (auto &[pg, pi] : ld->info)
+            ids.emplace(pg, pi.id);
+        return log_start(d, path.c_str(), cfg, ld->image_id, ld->max_page_id + 1, std::move(ids));
+    };
+    int fd = ::open(path.c_str(), O_RDWR | O_CLOEXEC);
+    if (fd < 0 && errno == ENOENT)
+        return start_new();
+    if (fd < 0)
+        return fail(VEL_E_HOST_IO, "cannot open " + path + ": " + errno_text());
+    struct stat st;
+    if (::fstat(fd, &st) != 0) {
+        ::close(fd);
+        return fail(VEL_E_HOST_IO, "cannot stat " + path + ": " + errno_text());
+    }
+    const uint64_t size = uint64_t(st.st_size);
+    auto bad = [&](const std::string &why) {
+        ::close(fd);
+        return fail(VEL_E_HOST_BAD_LOG, path + ": " + why);
+    };
+    std::byte hb[kLogHeader];
+    if (pread_full(fd, hb, kLogHeader, 0) != kLogHeader || std::memcmp(hb, kLogMagic, 8) != 0)
+        return bad("not a velhost commit log");
+    In h(hb, kLogHeader);
+    h.bytes(8);
+    const auto version = h.get<uint32_t>();
+    const auto header_bytes = h.get<uint32_t>();
+    const auto seq_ps = h.get<uint32_t>();
+    const auto obj_ps = h.get<uint32_t>();
+    const auto image_id = h.get<uint64_t>();
+    const auto first_page_id = h.get<uint64_t>();
+    const auto afs = h.get<uint16_t>();
+    uint64_t sum;
+    std::memcpy(&sum, hb + 56, 8);
+    if (version != kLogVersion)
+        return bad("format version " + std::to_string(version) + "; this build reads version " +
+                   std::to_string(kLogVersion));
+    if (header_bytes != kLogHeader || sum != XXH3_64bits(hb, 56))
+        return bad("the header is damaged (checksum)");
+    if (image_id != ld->image_id) {
+        // A checkpoint stopped between renaming its image and its new log:
+        // the image holds every record of the old log.
+        if (ld->checkpoint && image_id == ld->prev_image_id) {
+            ::close(fd);
+            return start_new();
+        }
+        return bad("it follows another image than the one opened");
+    }
+    if (seq_ps != d->cfg.seq_page_size || obj_ps != d->cfg.object_page_size ||
+        afs != d->cfg.additional_object_field_size || first_page_id <= ld->max_page_id)
+        return bad("its page sizes or page ids disagree with the image");
+
+    uint64_t pos = kLogHeader, seq = 1, replayed = 0;
+    std::string body;
+    for (;;) {
+        uint32_t rh[2];
+        uint64_t rl[2];
+        if (pread_full(fd, rh, 8, pos) != 8 || pread_full(fd, rl, 16, pos + 8) != 16)
+            break;
+        const uint64_t len = rl[0];
+        if (rh[0] != kRecMagic || (rh[1] != kRecClass && rh[1] != kRecCommit) ||
+            len > size - pos - 24 || len < 8)
+            break;
+        body.resize(len);
+        if (pread_full(fd, body.data(), len, pos + 24) != len ||
+            XXH3_64bits_withSeed(body.data(), len, rec_seed(rh[1], len)) != rl[1])
+            break;
+        In in(body.data(), len);
+        if (in.get<uint64_t>() != seq)
+            break;
+        std::string why;
+        bool ok;
+        if (rh[1] == kRecClass) {
+            const auto code = in.get<uint16_t>();
+            ok = get_class(d, in, code, &why) == VEL_S_OK && in.done();
+        } else {
+            ok = replay_commit(d, ld, in, first_page_id, &why);
+        }
+        if (!ok)
+            return bad("record " + std::to_string(seq) + " cannot be applied: " + why);
+        pos += 24 + len;
+        ++seq;
+        ++replayed;
+    }
+    uint64_t cut_records = 0;
+    if (pos < size) {
+        // Count the frames that still follow, for the report only.
+        uint64_t p = pos;
+        for (;;) {
+            uint32_t rh[2];
+            uint64_t rl[2];
+            if (pread_full(fd, rh, 8, p) != 8 || pread_full(fd, rl, 16, p + 8) != 16 ||
+                rh[0] != kRecMagic || rl[0] > size - p - 24)
+                break;
+            ++cut_records;
+            p += 24 + rl[0];
+        }
+        cut_records = std::max<uint64_t>(cut_records, 1);
+        if (::ftruncate(fd, static_cast<off_t>(pos)) != 0 || ::fdatasync(fd) != 0) {
+            std::string why = errno_text();
+            ::close(fd);
+            return fail(VEL_E_HOST_IO, "cannot cut the torn tail of " + path + ": " + why);
+        }
+    }
+    free_unreferenced(ld);
+    for (auto &[pg, pi] : ld->info)
+        ids.emplace(pg, pi.id);
+    Durable *L = attach(d, cfg, fd, pos, image_id);
+    L->next_seq = seq;
+    L->next_page_id = std::max(ld->max_page_id, first_page_id - 1) + 1;
+    L->id_of = std::move(ids);
+    stats->log_replayed = replayed;
+    stats->log_cut_records = cut_records;
+    stats->log_cut_bytes = size - pos;
+    return VEL_S_OK;
+}
+
+void log_close(Db *d) {
+    Durable *L = d->durable;
+    if (L == nullptr)
+        return;
+    {
+        std::lock_guard<std::mutex> lock(L->mutex);
+        L->stop = true;
+    }
+    L->flusher_cv.notify_all();
+    if (L->flusher.joinable())
+        L->flusher.join();
+    if (L->fd >= 0) {
+        ::fdatasync(L->fd);
+        ::close(L->fd);
+    }
+    delete L;
+    d->durable = nullptr;
+}
+
+VEL_RET log_class(Db *d, uint16_t class_code) {
+    Durable *L = d->durable;
+    std::lock_guard<std::mutex> lock(L->mutex);
+    Out o;
+    o.put<uint64_t>(L->next_seq);
+    o.put<uint16_t>(class_code);
+    put_class(o, *d->classes[class_code]);
+    VEL_RET r = append_locked(L, kRecClass, o.b);
+    // The class exists in memory already: a log without it cannot take
+    // later records.
+    if (r != VEL_S_OK && L->failure.empty())
+        L->failure = velh_error_message();
+    return r;
+}
+
+VEL_RET log_encode_commit(Db *d, Txn *txn, std::string *record) {
+    Durable *L = d->durable;
+    record->clear();
+    if (!L->failure.empty())
+        return fail(VEL_E_HOST_IO, "the log failed earlier: " + L->failure);
+    if (txn->written.empty())
+        return VEL_S_OK;
+    const uint32_t ps = d->cfg.seq_page_size;
+    const uint32_t afs = d->cfg.additional_object_field_size;
+    // New pages: those this transaction created that its trees reach.
+    std::vector<std::pair<std::byte *, uint8_t>> fresh;
+    std::vector<std::byte *> stack;
+    std::unordered_set<std::byte *> seen;
+    for (Chain *ch : txn->written) {
+        Version *v = ch->priv;
+        if (v->deleted)
+            continue;
+        ClassDef *cls = class_of(d, ch->class_code);
+        for (uint16_t fno : cls->seq_fields) {
+            if (auto *root =
+                    reinterpret_cast<std::byte *>(*root_slot(cls, v, cls->fields[fno], afs)))
+                stack.push_back(root);
+            while (!stack.empty()) {
+                std::byte *pg = stack.back();
+                stack.pop_back();
+                if (!page_live(pg))
+                    return fail(VEL_E_HOST_TRANS_FAILED, "a tree references a freed page");
+                if (page_meta(pg)->creator != txn->serial || !seen.insert(pg).second)
+                    continue;
+                L->id_of[pg] = L->next_page_id++;
+                fresh.emplace_back(pg, static_cast<uint8_t>(cls->pm->which));
+                if (!is_inner(pg))
+                    continue;
+                auto *p = reinterpret_cast<vel_seq_page_t *>(pg);
+                if (p->hdr.user > (ps - 8) / 16)
+                    return fail(VEL_E_HOST_TRANS_FAILED, "an inner page overflows");
+                for (uint32_t i = 0; i < p->hdr.user; ++i)
+                    stack.push_back(reinterpret_cast<std::byte *>(entry_at(pg, ps, i)->page));
+            }
+        }
+    }
+    Out o;
+    o.b.reserve(24 + fresh.size() * (ps + 16) + txn->written.size() * 64);
+    o.put<uint64_t>(L->next_seq);
+    o.put<uint32_t>(static_cast<uint32_t>(fresh.size()));
+    const size_t n_objects_at = o.b.size();
+    o.put<uint32_t>(0);
+    for (auto &[pg, pm] : fresh) {
+        o.put<uint64_t>(L->id_of[pg]);
+        o.put<uint64_t>(pm);
+        if (!put_page(o, pg, ps, L->id_of))
+            return fail(VEL_E_HOST_TRANS_FAILED, "a tree references a page the log never saw");
+    }
+    uint32_t n_objects = 0;
+    for (Chain *ch : txn->written) {
+        Version *v = ch->priv;
+        if (v->deleted && ch->head == nullptr)
+            continue; // born and deleted in this transaction
+        ClassDef *cls = class_of(d, ch->class_code);
+        o.put<uint64_t>(ch->oid);
+        o.put<uint16_t>(ch->class_code);
+        o.put<uint8_t>(v->deleted ? kOpDelete : kOpWrite);
+        o.put<uint8_t>(0);
+        o.put<uint32_t>(ch->mo);
+        ++n_objects;
+        if (v->deleted)
+            continue;
+        const size_t at = o.b.size();
+        o.bytes(v->bytes(), cls->image_bytes);
+        for (uint16_t fno : cls->seq_fields) {
+            const auto *root =
+                reinterpret_cast<const std::byte *>(*root_slot(cls, v, cls->fields[fno], afs));
+            uint64_t id = 0;
+            if (root != nullptr) {
+                auto it = L->id_of.find(root);
+                if (it == L->id_of.end())
+                    return fail(VEL_E_HOST_TRANS_FAILED, "a root the log never saw");
+                id = it->second;
+            }
+            std::memcpy(o.b.data() + at + afs + cls->fields[fno].off, &id, 8);
+        }
+    }
+    std::memcpy(o.b.data() + n_objects_at, &n_objects, 4);
+    *record = std::move(o.b);
+    return VEL_S_OK;
+}
+
+VEL_RET log_append(Db *d, const std::string &record) {
+    if (record.empty())
+        return VEL_S_OK;
+    return append_locked(d->durable, kRecCommit, record);
+}
+
+} // namespace velhost
+
+using namespace velhost;
+
+extern "C" {
+
+const char *velh_error_message(void) { return error_text(); }
+
+VEL_RET velh_db_save(velh_db_t *db, const char *path) {
+    if (db == nullptr)
+        return fail(VEL_E_HOST_BAD_ARG, "no database");
+    return image_save(reinterpret_cast<Db *>(db), path, nullptr, nullptr, nullptr);
+}
+
+VEL_RET velh_db_open_file(const velh_config_t *cfg, const char *image_path, velh_db_t **db,
+                          velh_open_stats_t *stats) {
+    if (cfg == nullptr || db == nullptr)
+        return fail(VEL_E_HOST_BAD_ARG, "no configuration or result");
+    fail(VEL_S_OK, "");
+    velh_open_stats_t st{};
+    Loader ld;
+    velh_db_t *h = nullptr;
+    velh_config_t c = *cfg;
+    if (image_path == nullptr && cfg->log_path != nullptr) {
+        // No image: the log's header gives the layout of the empty database.
+        int fd = ::open(cfg->log_path, O_RDONLY | O_CLOEXEC);
+        std::byte hb[kLogHeader];
+        if (fd >= 0 && pread_full(fd, hb, kLogHeader, 0) == kLogHeader &&
+            std::memcmp(hb, kLogMagic, 8) == 0) {
+            In in(hb, kLogHeader);
+            in.bytes(16);
+            const auto seq_ps = in.get<uint32_t>();
+            const auto obj_ps = in.get<uint32_t>();
+            in.bytes(16);
+            const auto afs = in.get<uint16_t>();
+            if (obj_ps <= UINT16_MAX) {
+                c.seq_page_size = seq_ps;
+                c.object_page_size = static_cast<uint16_t>(obj_ps);
+                c.additional_object_field_size = afs;
+            }
+        }
+        if (fd >= 0)
+            ::close(fd);
+    }
+    VEL_RET r = image_load(&c, image_path, &ld, &h, &st);
+    if (r != VEL_S_OK)
+        return r;
+    Db *d = reinterpret_cast<Db *>(h);
+    if (cfg->log_path != nullptr) {
+        r = log_open(d, cfg, &ld, &st);
+        if (r != VEL_S_OK) {
+            discard_db(d);
+            return r;
+        }
+    }
+    st.classes = d->n_classes.load() - 1;
+    st.objects = d->chains.size();
+    if (stats != nullptr)
+        *stats = st;
+    *db = h;
+    return VEL_S_OK;
+}
+
+VEL_RET velh_checkpoint(velh_db_t *db, const char *image_path) {
+    if (db == nullptr)
+        return fail(VEL_E_HOST_BAD_ARG, "no database");
+    Db *d = reinterpret_cast<Db *>(db);
+    Durable *L = d->durable;
+    if (L == nullptr)
+        return fail(VEL_E_HOST_BAD_ARG, "the database has no log");
+    std::lock_guard<std::mutex> lock(L->mutex);
+    if (!L->failure.empty())
+        return fail(VEL_E_HOST_IO, "the log failed earlier: " + L->failure);
+    uint64_t id = 0;
+    std::unordered_map<const std::byte *, uint64_t> ids;
+    VEL_RET r = image_save(d, image_path, &L->image_id, &id, &ids);
+    if (r != VEL_S_OK)
+        return r;
+    const uint64_t first = ids.size() + 1;
+    int fd = create_log(d, L->path, id, first);
+    if (fd < 0)
+        return VEL_E_HOST_IO;
+    ::close(L->fd);
+    L->fd = fd;
+    L->end = kLogHeader;
+    L->next_seq = 1;
+    L->image_id = id;
+    L->next_page_id = first;
+    L->id_of = std::move(ids);
+    L->dirty = false;
+    return VEL_S_OK;
+}
+
+} // extern "C"
