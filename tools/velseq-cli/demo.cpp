@@ -131,7 +131,9 @@ int run_demo(const char *self, uint64_t rows, const std::string &dir_opt) {
     q = Query{};
     q.cols = {"price"};
     ask("tree", " --cols price", q);
-    std::printf("\n(velseq --help lists every subcommand; tools/README.md explains them)\n");
+    std::printf("\nThe files stay in %s for your own questions (rm -r %s removes them).\n"
+                "velseq --help lists every subcommand; tools/README.md explains them.\n",
+                dir.c_str(), dir.c_str());
     return 0;
 }
 
