@@ -92,7 +92,8 @@ std::unique_ptr<velseq::database> open_table(const std::string &path, Table &t) 
     kinds.pop_back();
     std::vector<std::string> names(kinds.size());
     for (size_t c = 0; c < names.size(); c++)
-        names[c] = "c" + std::to_string(c);
+        names[c] = std::string("c").append(
+            std::to_string(c)); // placeholders until the description is read
     Table probe;
     probe.source = path;
     declare(probe, kinds, names);
