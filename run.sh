@@ -1,11 +1,11 @@
 #!/usr/bin/env bash
-# Installs what the build needs (Debian), builds the module, the embedded host
-# and the example, and runs the example: a day of one-second ticks stored in a
-# sequence field, searched, projected, joined as-of, mapped and stored.
+# Installs what the build needs (Debian), builds the velseq program and runs
+# its demo: a day of trades generated, loaded with a progress bar, and every
+# subcommand run once on it (head, tail, window, stats, resample, asof, tree).
 set -euo pipefail
 cd "$(dirname "$0")"
 
-PACKAGES=(cmake make g++ pkg-config libxxhash-dev)
+PACKAGES=(cmake make g++ pkg-config libxxhash-dev libcli11-dev)
 missing=()
 for p in "${PACKAGES[@]}"; do
     dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing+=("$p")
@@ -19,5 +19,5 @@ if [ ${#missing[@]} -gt 0 ]; then
 fi
 
 cmake -S . -B build/run -DCMAKE_BUILD_TYPE=Release -DVELSEQ_TESTS=OFF >/dev/null
-cmake --build build/run -j "$(nproc 2>/dev/null || echo 2)" --target ticks_example >/dev/null
-exec ./build/run/examples/ticks_example
+cmake --build build/run -j "$(nproc 2>/dev/null || echo 2)" --target velseq_cli >/dev/null
+exec ./build/run/tools/velseq demo "$@"

@@ -5,7 +5,7 @@
 set -euo pipefail
 cd "$(dirname "$0")"
 
-PACKAGES=(cmake make g++ googletest libgtest-dev pkg-config libxxhash-dev
+PACKAGES=(cmake make g++ googletest libgtest-dev pkg-config libxxhash-dev libcli11-dev
           # the Python package (VELSEQ_PYTHON): its build, tests and example
           python3-dev python3-pybind11 pybind11-dev python3-numpy python3-pandas
           python3-pytest python3-matplotlib)

@@ -476,6 +476,10 @@ inline void make_array_source(vel_seq_iterator_t &it, array_source &s, uint8_t e
 
 // ---- schema ----------------------------------------------------------------
 
+namespace detail {
+struct image_access; // velseq/image.hpp: databases kept in files
+} // namespace detail
+
 template <class T> class sequence;
 class object;
 class transaction;
@@ -545,6 +549,7 @@ class schema {
 
   private:
     friend class database;
+    friend struct detail::image_access;
     void add(std::string name, uint8_t type, uint16_t width) {
         if (st_->code != 0)
             throw error(VEL_E_HOST_BAD_ARG, "class " + st_->name + " is already defined");
@@ -596,6 +601,7 @@ class database {
     velh_db_t *get() const noexcept { return db_; }
 
   private:
+    friend struct detail::image_access;
     velh_db_t *db_ = nullptr;
 };
 

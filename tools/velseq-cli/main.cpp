@@ -1,356 +1,153 @@
-// velseq: loads one CSV column into a sequence field of a fresh in-memory
-// database, then runs the requested actions on it in command-line order.
-#include <cerrno>
-#include <charconv>
+// velseq: tables of time series in, answers out.  Every subcommand but demo
+// reads a table, from a CSV file (loaded into an in-memory database for the
+// run) or from a database image (--db), and answers one question about it.
+#include <CLI/CLI.hpp>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
-#include <string>
-#include <vector>
+#include <unistd.h>
 
+#include "commands.h"
 #include "veltools.h"
 
+namespace vcli {
 namespace {
 
-// Exit codes.
-constexpr int kExitIo = 1;     // a file could not be read or written
-constexpr int kExitUsage = 2;  // bad command line
-constexpr int kExitData = 3;   // a cell is no value, or the data breaks the field's order
-constexpr int kExitModule = 4; // the module or the host failed otherwise
+const char kFooter[] = R"(examples:
+  velseq load ticks.csv --db ticks.vdb     load a CSV, keep the table in a file
+  velseq head ticks.csv -n 5               the first rows (of a CSV loaded for this run)
+  velseq window --db ticks.vdb 2024-03-04T10:00 2024-03-04T10:01 --cols time,price
+  velseq stats --db ticks.vdb --window 2024-03-04T12:00 2024-03-04T13:00
+  velseq resample --db ticks.vdb 1h --cols price,size
+  velseq asof --db ticks.vdb orders.csv --direction backward --tolerance 5s
+  velseq tree --db ticks.vdb --cols price --dump
+  velseq demo                              a day of trades, every subcommand once
 
-const char kUsage[] =
-    "usage: velseq [load] --type TYPE [options] [actions] FILE.csv\n"
-    "\n"
-    "Loads one column of FILE.csv (- for standard input) into a sequence field of a\n"
-    "fresh in-memory database, then runs the actions in the order given.\n"
-    "\n"
-    "options:\n"
-    "  --type TYPE       int1 int2 int4 int8 uint1 uint2 uint4 uint8 float double\n"
-    "                    datetime (ISO-8601 or ns since 1970) char(N) / charN (1..4096)\n"
-    "  --page-size N     sequence page bytes, 64..65536, multiple of 8 (default 4096)\n"
-    "  --ordered, --asc  the field is ascending; --desc: descending\n"
-    "  --column K        read cell K (from 1) of each record (default 1)\n"
-    "  --header          the first record is a header\n"
-    "  --preview N       values shown per leaf by dump (default 8)\n"
-    "  --help            this text\n"
-    "\n"
-    "actions (also without the leading --):\n"
-    "  --stats           tree statistics: depth, pages per level, leaf fill, bytes\n"
-    "  --dump            the page tree, page by page\n"
-    "  --check           the host's tree check\n"
-    "  --scan FROM TILL  elements at positions FROM..TILL (TILL may be 'end')\n"
-    "  --search LOW HIGH elements with LOW <= value <= HIGH (ordered fields)\n"
-    "  --export OUT      the field as CSV to OUT (- for standard output)\n"
-    "\n"
-    "CSV: an unquoted empty cell is a null; \"\" is an empty char value; char cells\n"
-    "shorter than N are padded with NUL bytes. Ordered fields refuse nulls.\n"
-    "\n"
-    "exit codes: 0 ok, 1 file error, 2 usage error, 3 bad data (unparsable cell,\n"
-    "out-of-order value, null in an ordered field), 4 module or host failure.\n";
+exit codes: 0 success, 1 input or file error (unreadable, empty, binary, no rows,
+lines over 1 MiB), 2 usage (unknown option or column, reversed window, bad
+duration), 3 refused data (a bad cell, NaN, a time out of order, with its line).)";
 
-struct Action {
-    std::string name;
-    std::string a, b;
-};
-
-struct Options {
-    velt_type_t type{};
-    bool have_type = false;
-    uint32_t page_size = 4096;
-    vel_seq_order_t order = VEL_SEQ_NO_ORDER;
-    uint32_t column = 0;
-    bool header = false;
-    uint32_t preview = 8;
-    std::string file;
-    std::vector<Action> actions;
-};
-
-int usage_error(const char *fmt, const std::string &what) {
-    std::fprintf(stderr, "velseq: ");
-    std::fprintf(stderr, fmt, what.c_str());
-    std::fprintf(stderr, "\n(velseq --help shows the usage)\n");
-    return kExitUsage;
-}
-
-template <class T> bool parse_uint(const std::string &s, T *v) {
-    auto r = std::from_chars(s.data(), s.data() + s.size(), *v, 10);
-    return !s.empty() && r.ec == std::errc() && r.ptr == s.data() + s.size();
-}
-
-// Fills `o`; returns -1 to go on, or an exit code.
-int parse_args(int argc, char **argv, Options &o) {
-    int i = 1;
-    if (i < argc && std::strcmp(argv[i], "load") == 0)
-        i++;
-    auto value = [&](int k) -> const char * { return i + k < argc ? argv[i + k] : nullptr; };
-    for (; i < argc; i++) {
-        std::string arg = argv[i];
-        std::string name = arg.rfind("--", 0) == 0 ? arg.substr(2) : arg;
-        const bool dashed = name.size() != arg.size();
-        if (dashed && name == "help") {
-            std::fputs(kUsage, stdout);
-            return 0;
-        }
-        if (name == "stats" || name == "dump" || name == "check") {
-            o.actions.push_back({name, "", ""});
-            continue;
-        }
-        if (name == "scan" || name == "search") {
-            if (value(1) == nullptr || value(2) == nullptr)
-                return usage_error("%s takes two values", arg);
-            o.actions.push_back({name, argv[i + 1], argv[i + 2]});
-            i += 2;
-            continue;
-        }
-        if (name == "export") {
-            if (value(1) == nullptr)
-                return usage_error("%s takes a file name (- for standard output)", arg);
-            o.actions.push_back({name, argv[++i], ""});
-            continue;
-        }
-        if (!dashed || arg == "-") {
-            if (!o.file.empty())
-                return usage_error("more than one input file (second: %s)", arg);
-            o.file = arg;
-            continue;
-        }
-        if (name == "ordered" || name == "asc") {
-            o.order = VEL_SEQ_ASC_ORDER;
-        } else if (name == "desc") {
-            o.order = VEL_SEQ_DESC_ORDER;
-        } else if (name == "header") {
-            o.header = true;
-        } else if (name == "type" || name == "page-size" || name == "column" || name == "preview") {
-            const char *v = value(1);
-            if (v == nullptr)
-                return usage_error("%s takes a value", arg);
-            i++;
-            if (name == "type") {
-                if (velt_type_parse(v, &o.type) != VELT_OK)
-                    return usage_error("unknown type '%s' (int1..int8, uint1..uint8, float, "
-                                       "double, datetime, char(N))",
-                                       v);
-                o.have_type = true;
-            } else if (name == "page-size") {
-                if (!parse_uint(v, &o.page_size) || o.page_size < 64 || o.page_size > 65536 ||
-                    o.page_size % 8 != 0)
-                    return usage_error("page size '%s' is not 64..65536 and a multiple of 8", v);
-            } else if (name == "column") {
-                if (!parse_uint(v, &o.column) || o.column == 0)
-                    return usage_error("column '%s' is not a number from 1", v);
-                o.column--;
-            } else if (!parse_uint(v, &o.preview)) {
-                return usage_error("preview '%s' is not a number", v);
-            }
-        } else {
-            return usage_error("unknown option %s", arg);
-        }
-    }
-    if (!o.have_type)
-        return usage_error("%s--type is required", "");
-    if (o.file.empty())
-        return usage_error("%sno input file", "");
-    if (o.type.elem_type == VEL_DD_CHAR && o.type.elem_size > VELT_MAX_SCAN_WIDTH)
-        return usage_error("%schar(N) sequences hold N up to N = 32 (a tile holds 128 values)", "");
-    for (const Action &a : o.actions)
-        if (a.name == "search" && o.order == VEL_SEQ_NO_ORDER)
-            return usage_error("%s needs an ordered field (--ordered or --desc)", a.name);
-    return -1;
-}
-
-// The database of one invocation: one class with one sequence field.
-struct Db {
-    velh_db_t *db = nullptr;
-    vel_db_connection_h con = nullptr;
-    vel_objhandle_t obj{};
-    velt_field_t field{};
-
-    ~Db() {
-        if (con != nullptr)
-            velh_disconnect(con); // rolls back an open transaction
-        if (db != nullptr)
-            velh_db_close(db);
-    }
-};
-
-int host_failure(const char *what, int rc) {
-    std::fprintf(stderr, "velseq: %s failed: %d %s\n", what, rc, velt_code_name(rc));
-    return kExitModule;
-}
-
-int open_db(const Options &o, Db &d) {
-    velh_config_t cfg;
-    velh_config_init(&cfg);
-    cfg.seq_page_size = o.page_size;
-    int rc = velh_db_open(&cfg, &d.db);
-    if (rc != VEL_S_OK)
-        return host_failure("opening the database", rc);
-    const velh_field_def_t def{
-        "values", velt_sequence_code(o.type),
-        static_cast<uint16_t>(o.type.elem_type == VEL_DD_CHAR ? o.type.elem_size : 0)};
-    uint16_t cls = 0;
-    velh_field_info_t fi;
-    if ((rc = velh_class_define(d.db, "column", &def, 1, 0, VELH_PM_INMEM, &cls)) != VEL_S_OK ||
-        (rc = velh_field_info(d.db, cls, 0, &fi)) != VEL_S_OK)
-        return host_failure("defining the class", rc);
-    if ((rc = velh_connect(d.db, &d.con)) != VEL_S_OK ||
-        (rc = velh_begin(d.con, VELH_READ_WRITE)) != VEL_S_OK ||
-        (rc = velh_obj_create(d.con, cls, &d.obj)) != VEL_S_OK)
-        return host_failure("creating the object", rc);
-    d.field = {fi.u_offset, fi.c_offset, fi.fld_no, o.type, o.order};
-    return -1;
-}
-
-void print_rows(uint64_t first, const velt_column_t &col) {
-    std::vector<char> cell(2 * col.type.elem_size + 64);
-    for (uint64_t i = 0; i < col.n; i++) {
-        const bool null = velt_column_is_null(&col, i) != 0;
-        velt_format_value(col.type, null ? nullptr : col.values + i * col.type.elem_size,
-                          cell.data(), cell.size());
-        std::printf("%llu,%s\n", static_cast<unsigned long long>(first + i), cell.data());
-    }
-}
-
-int run_action(const Options &o, Db &d, const Action &a) {
-    vel_objhandle_t *obj = &d.obj;
-    const velt_field_t *f = &d.field;
-    velt_error_t err{};
-    if (a.name == "stats") {
-        velt_tree_stats_t st;
-        int rc = velt_tree_stats(obj, f, &st, &err);
-        if (rc != VELT_OK) {
-            std::fprintf(stderr, "velseq: stats: %s\n", err.message);
-            return kExitModule;
-        }
-        velt_print_stats(stdout, &st);
-        return 0;
-    }
-    if (a.name == "dump") {
-        const velt_dump_options_t opt{o.preview, 16};
-        if (velt_dump_tree(obj, f, stdout, &opt, &err) != VELT_OK) {
-            std::fprintf(stderr, "velseq: dump: %s\n", err.message);
-            return kExitModule;
-        }
-        return 0;
-    }
-    if (a.name == "check") {
-        velh_tree_report_t rep;
-        int rc = velh_check_tree(obj, f->fld_no, f->order, 1, &rep);
-        if (rc != VEL_S_OK)
-            return host_failure("the tree check", rc);
-        std::printf("check: %s, depth %u, %llu pages, %llu elements, %llu null%s%s\n",
-                    rep.ok ? "ok" : "FAILED", rep.depth, static_cast<unsigned long long>(rep.pages),
-                    static_cast<unsigned long long>(rep.elements),
-                    static_cast<unsigned long long>(rep.nulls), rep.ok ? "" : ": ", rep.message);
-        return rep.ok ? 0 : kExitModule;
-    }
-    if (a.name == "export") {
-        FILE *out = a.a == "-" ? stdout : std::fopen(a.a.c_str(), "w");
-        if (out == nullptr) {
-            std::fprintf(stderr, "velseq: cannot write %s: %s\n", a.a.c_str(),
-                         std::strerror(errno));
-            return kExitIo;
-        }
-        int rc = velt_export_csv(obj, f, out, nullptr);
-        if (out != stdout && std::fclose(out) != 0 && rc == VELT_OK)
-            rc = VELT_E_IO;
-        if (rc == VELT_E_IO) {
-            std::fprintf(stderr, "velseq: writing %s failed\n", a.a.c_str());
-            return kExitIo;
-        }
-        return rc == VELT_OK ? 0 : host_failure("export", rc);
-    }
-    velt_column_t col;
-    velt_column_init(&col, o.type);
-    int rc;
-    uint64_t first = 0;
-    if (a.name == "scan") {
-        uint64_t till = 0;
-        if (!parse_uint(a.a, &first) ||
-            !(a.b == "end" ? (till = UINT64_MAX, true) : parse_uint(a.b, &till)) || till < first) {
-            velt_column_free(&col);
-            return usage_error("scan takes FROM <= TILL, positions from 0 (got %s)",
-                               a.a + " " + a.b);
-        }
-        rc = velt_read_range(obj, f, first, till, &col);
-        if (rc == VELT_OK)
-            std::printf("# scan %s..%s: %llu elements\n", a.a.c_str(), a.b.c_str(),
-                        static_cast<unsigned long long>(col.n));
-    } else {
-        std::vector<uint8_t> low(o.type.elem_size), high(o.type.elem_size);
-        if (velt_parse_value(o.type, a.a.data(), a.a.size(), low.data()) != VELT_OK ||
-            velt_parse_value(o.type, a.b.data(), a.b.size(), high.data()) != VELT_OK) {
-            velt_column_free(&col);
-            return usage_error("search bounds %s are not values of the field's type",
-                               a.a + " " + a.b);
-        }
-        rc = velt_search(obj, f, low.data(), high.data(), &first, &col);
-        if (rc == VEL_S_NOTFOUND)
-            rc = VELT_OK;
-        if (rc == VELT_OK)
-            std::printf("# search %s..%s: %llu elements\n", a.a.c_str(), a.b.c_str(),
-                        static_cast<unsigned long long>(col.n));
-    }
-    if (rc == VELT_OK)
-        print_rows(first, col);
-    velt_column_free(&col);
-    return rc == VELT_OK ? 0 : host_failure(a.name.c_str(), rc);
+// The positionals of a subcommand are "[FILE] ARGS...": the CSV file (absent
+// with --db) before the subcommand's own arguments, split after parsing.
+void add_source(CLI::App *sub, Source &s, std::vector<std::string> &pos, const char *usage) {
+    sub->add_option("args", pos, usage);
+    sub->add_option("--db", s.db, "database image to read (written by velseq load --db)");
+    sub->add_option("--columns", s.load.columns, "column names of a file without header")
+        ->delimiter(',');
+    sub->add_option("--type", s.types, "a column's type: NAME=int|double|datetime|text");
+    sub->add_option("--time", s.load.time, "the time column (default: the first datetime column)");
+    sub->add_option("--epoch", s.epoch, "the time column counts s|ms|us|ns since 1970")
+        ->check(CLI::IsMember({"s", "ms", "us", "ns"}));
+    sub->add_flag("--sort", s.load.sort, "sort the rows by time instead of refusing disorder");
+    sub->add_flag("--skip-bad", s.load.skip_bad, "skip bad lines and count them");
+    sub->add_option("--format", s.format, "table (default on a terminal), csv or json")
+        ->check(CLI::IsMember({"table", "csv", "json"}));
 }
 
 int run(int argc, char **argv) {
-    Options o;
-    int rc = parse_args(argc, argv, o);
-    if (rc >= 0)
-        return rc;
+    CLI::App app{
+        "velseq: tables of time series in, answers out.\n"
+        "Each subcommand reads a table from a CSV file (FILE) or a database image (--db)."};
+    app.footer(kFooter);
+    app.require_subcommand(1);
+    Source src;
+    Query q;
+    std::vector<std::string> pos;
 
-    FILE *in = o.file == "-" ? stdin : std::fopen(o.file.c_str(), "rb");
-    if (in == nullptr) {
-        std::fprintf(stderr, "velseq: cannot read %s: %s\n", o.file.c_str(), std::strerror(errno));
-        return kExitIo;
-    }
-    velt_column_t col;
-    velt_error_t err{};
-    const velt_csv_options_t copt{o.column, o.header ? 1 : 0};
-    rc = velt_csv_read(in, o.type, &copt, &col, &err);
-    if (in != stdin)
-        std::fclose(in);
-    if (rc != VELT_OK) {
-        velt_column_free(&col);
-        std::fprintf(stderr, "velseq: %s: %s\n", o.file.c_str(), err.message);
-        return rc == VELT_E_IO ? kExitIo : rc == VELT_E_PARSE ? kExitData : kExitModule;
-    }
+    auto *load = app.add_subcommand("load", "load a CSV and describe its columns; --db FILE "
+                                            "saves the table there");
+    add_source(load, src, pos, "FILE: CSV file with a header (- : standard input)");
+    auto *head = app.add_subcommand("head", "the first rows");
+    add_source(head, src, pos, "[FILE]: CSV file (- : standard input), or --db");
+    head->add_option("-n,--rows", q.n, "rows (default 10)");
+    head->add_option("--cols", q.cols, "columns to show")->delimiter(',');
+    auto *tail = app.add_subcommand("tail", "the last rows");
+    add_source(tail, src, pos, "[FILE]: CSV file (- : standard input), or --db");
+    tail->add_option("-n,--rows", q.n, "rows (default 10)");
+    tail->add_option("--cols", q.cols, "columns to show")->delimiter(',');
+    auto *window = app.add_subcommand("window", "the rows with FROM <= time < TO");
+    add_source(window, src, pos,
+               "[FILE] FROM TO: CSV file (or --db); first time (ISO-8601 or YYYYMMDD); end "
+               "time, not included");
+    window->add_option("--cols", q.cols, "columns to show")->delimiter(',');
+    auto *stats =
+        app.add_subcommand("stats", "count, nulls, min, max, mean, first, last per column");
+    add_source(stats, src, pos, "[FILE]: CSV file (- : standard input), or --db");
+    stats->add_option("--window", q.window, "only the rows with FROM <= time < TO")->expected(2);
+    stats->add_option("--cols", q.cols, "columns to describe")->delimiter(',');
+    auto *resample = app.add_subcommand(
+        "resample", "first, max, min, last, count and mean per time bucket (e.g. 1h, 1d, 1w)");
+    add_source(resample, src, pos,
+               "[FILE] EVERY: CSV file (or --db); bucket width: 500ms, 30s, 15m, 1h, 1d, 1w");
+    resample->add_option("--window", q.window, "only the rows with FROM <= time < TO")->expected(2);
+    resample->add_option("--cols", q.cols, "numeric columns to resample (default: all)")
+        ->delimiter(',');
+    auto *asof = app.add_subcommand(
+        "asof", "each row of OTHER.csv with the row of this table prevailing at its time");
+    add_source(asof, src, pos,
+               "[FILE] OTHER.csv: CSV file (or --db); CSV whose rows are matched (by its first "
+               "datetime column)");
+    asof->add_option("--direction", q.direction, "backward (default), forward or nearest")
+        ->check(CLI::IsMember({"backward", "forward", "nearest"}));
+    asof->add_option("--tolerance", q.tolerance, "farther matches count as none (e.g. 5s)");
+    asof->add_option("--cols", q.cols, "columns of this table to join")->delimiter(',');
+    auto *tree = app.add_subcommand("tree", "page-tree statistics of each column's sequence");
+    add_source(tree, src, pos, "[FILE]: CSV file (- : standard input), or --db");
+    tree->add_option("--cols", q.cols, "columns (default: all)")->delimiter(',');
+    tree->add_flag("--dump", q.dump, "print the tree page by page");
+    tree->add_option("--preview", q.preview, "values shown per leaf by --dump (default 8)");
+    auto *demo = app.add_subcommand("demo", "generate a day of trades and run every subcommand");
+    demo->add_option("--rows", q.n, "trades to generate (default 2000000)");
+    demo->add_option("--dir", q.other,
+                     "folder for the generated files (default: a new one in /tmp)");
 
-    Db d;
-    if ((rc = open_db(o, d)) >= 0) {
-        velt_column_free(&col);
-        return rc;
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError &e) {
+        const int rc = app.exit(e);
+        return rc == 0 ? 0 : kExitUsage;
     }
-    rc = velt_append_column(&d.obj, &d.field, &col, &err);
-    const uint64_t loaded = col.n;
-    velt_column_free(&col);
-    if (rc != VELT_OK) {
-        std::fprintf(stderr, "velseq: %s: %s\n", o.file.c_str(), err.message);
-        return rc == VEL_E_SEQ_OUT_OF_ORDER || rc == VEL_E_SEQ_NULL_VALUE ? kExitData : kExitModule;
-    }
-    // Actions read the committed field in a read-only transaction.
-    const uint64_t oid = d.obj.oid;
-    const uint16_t cls = d.obj.class_code;
-    if ((rc = velh_commit(d.con)) != VEL_S_OK)
-        return host_failure("commit", rc);
-    if ((rc = velh_begin(d.con, VELH_READ_ONLY)) != VEL_S_OK ||
-        (rc = velh_obj_open(d.con, cls, oid, &d.obj)) != VEL_S_OK)
-        return host_failure("reopening the object", rc);
-    if (o.actions.empty())
-        std::printf("loaded %llu values\n", static_cast<unsigned long long>(loaded));
-    for (const Action &a : o.actions) {
-        std::fflush(stdout);
-        if ((rc = run_action(o, d, a)) != 0)
-            return rc;
-    }
-    velh_rollback(d.con);
-    return std::fflush(stdout) == 0 ? 0 : kExitIo;
+    CLI::App *sub = app.get_subcommands().front();
+    if (sub == demo)
+        return run_demo(argv[0], q.n > 0 ? q.n : 2000000, q.other);
+    const std::string name = sub->get_name();
+    const size_t want = name == "window" ? 2 : name == "resample" || name == "asof" ? 1 : 0;
+    if (name == "load" ? pos.size() != 1 : pos.size() != want && pos.size() != want + 1)
+        throw Fail(kExitUsage, name + " takes " +
+                                   (name == "load"       ? "FILE"
+                                    : name == "window"   ? "[FILE] FROM TO"
+                                    : name == "resample" ? "[FILE] EVERY"
+                                    : name == "asof"     ? "[FILE] OTHER.csv"
+                                                         : "[FILE]") +
+                                   " (velseq " + name + " --help)");
+    if (pos.size() > want)
+        src.load.file = pos[0];
+    const size_t at = pos.size() - want;
+    if (name == "window")
+        q.from = pos[at], q.to = pos[at + 1];
+    else if (name == "resample")
+        q.every = pos[at];
+    else if (name == "asof")
+        q.other = pos[at];
+    src.prepare(isatty(STDOUT_FILENO) != 0);
+    return run_command(name, src, q);
 }
 
 } // namespace
+} // namespace vcli
 
-int main(int argc, char **argv) { return run(argc, argv); }
+int main(int argc, char **argv) {
+    try {
+        return vcli::run(argc, argv);
+    } catch (const vcli::Fail &f) {
+        std::fflush(stdout);
+        std::fprintf(stderr, "velseq: %s\n", f.what());
+        return f.exit_code;
+    } catch (const velseq::error &e) {
+        std::fflush(stdout);
+        std::fprintf(stderr, "velseq: %s\n", e.what());
+        return vcli::kExitInput;
+    } catch (const std::bad_alloc &) {
+        std::fprintf(stderr, "velseq: out of memory\n");
+        return vcli::kExitInput;
+    }
+}

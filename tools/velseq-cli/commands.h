@@ -1,0 +1,46 @@
+// The subcommands of the velseq program.
+#ifndef VELSEQ_CLI_COMMANDS_H
+#define VELSEQ_CLI_COMMANDS_H
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "output.h"
+#include "table.h"
+
+namespace vcli {
+
+// Where the table comes from, and how answers are written.
+struct Source {
+    LoadOptions load;
+    std::string db;                 // --db: a database image
+    std::vector<std::string> types; // --type NAME=KIND as given
+    std::string epoch;              // --epoch s|ms|us|ns
+    std::string format;             // "" : table on a terminal, csv otherwise
+    Format out = Format::Csv;
+    // Checks and converts the options; Fail (usage) when they are bad.
+    void prepare(bool stdout_is_terminal);
+};
+
+struct Query {
+    uint64_t n = 0;
+    std::vector<std::string> cols;
+    std::string from, to, every, other, direction = "backward", tolerance;
+    std::vector<std::string> window;
+    bool dump = false;
+    uint32_t preview = 8;
+};
+
+// Opens the table of a subcommand: the CSV file loaded into a new in-memory
+// database, or the database image of --db.
+std::unique_ptr<velseq::database> open_source(const std::string &name, const Source &src, Table &t);
+// Answers subcommand `name` (not demo) over an open table.
+int answer(const std::string &name, velseq::database &db, const Table &t, const Source &src,
+           const Query &q);
+int run_command(const std::string &name, Source &src, const Query &q);
+int run_demo(const char *self, uint64_t rows, const std::string &dir);
+
+} // namespace vcli
+
+#endif
