@@ -8,6 +8,7 @@
 #include <random>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <vector>
 
 #include "commands.h"
 #include "store.h"
@@ -26,17 +27,22 @@ void write_trades(const std::string &path, uint64_t rows) {
     std::mt19937_64 rng(20240304);
     const int64_t open = (9 * 3600 + 30 * 60) * kSec, close = 16 * 3600 * kSec;
     const int64_t halt = 12 * 3600 * kSec, resume = halt + 20 * 60 * kSec;
-    const double mean_gap = double(close - open - (resume - halt)) / double(rows);
-    std::exponential_distribution<double> gap(1.0 / mean_gap);
+    // Exponential gaps (a Poisson stream of trades), scaled so that the last
+    // trade falls just before the close: unscaled, their sum overshoots the
+    // session about half the time and the tail would pile up at the close.
+    std::exponential_distribution<double> gap(1.0);
+    std::vector<double> at(rows);
+    double sum = 0;
+    for (double &a : at)
+        a = sum += gap(rng);
+    const double session = double(close - open - (resume - halt) - kSec);
     std::uniform_int_distribution<int> step(-1, 1), lots(1, 50), miss(0, 199);
     std::fprintf(f, "time,price,size,side\n");
-    int64_t t = open, cents = 10000;
+    int64_t cents = 10000;
     for (uint64_t i = 0; i < rows; i++) {
-        t += static_cast<int64_t>(gap(rng)) / 1000 * 1000; // microseconds
-        if (t >= halt && t < resume)
-            t = resume + (t - halt);
-        if (t >= close)
-            t = close - 1000;
+        int64_t t = open + static_cast<int64_t>(at[i] / sum * session) / 1000 * 1000; // us
+        if (t >= halt)
+            t += resume - halt;
         cents = std::max<int64_t>(100, cents + step(rng));
         const int64_t us = t / 1000;
         const int64_t s = us / 1000000;
