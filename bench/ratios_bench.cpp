@@ -26,6 +26,7 @@
 #include <random>
 #include <vector>
 
+#include "duckdb_peer.h"
 #include "velembed.h"
 
 namespace {
@@ -517,6 +518,125 @@ void BM_Big_plain(benchmark::State &state) {
     }
 }
 
+// ---- DuckDB, when its library is there -------------------------------------------
+
+// The same data as Data(10^7) in DuckDB tables, one database per thread
+// count: ts(pos, t), v(val), vp(pos, val), probe_rnd/probe_asc(p),
+// posn_rnd/posn_asc(p), dst(val).
+duck::db &duck_data(int threads) {
+    static std::map<int, std::unique_ptr<duck::db>> dbs;
+    auto &slot = dbs[threads];
+    if (slot)
+        return *slot;
+    Data &d = data(pow10(7));
+    slot = std::make_unique<duck::db>(threads);
+    duck::db &x = *slot;
+    x.exec("CREATE TABLE ts(pos BIGINT, t BIGINT)");
+    x.exec("CREATE TABLE v(val INTEGER)");
+    x.exec("CREATE TABLE dst(val INTEGER)");
+    {
+        duck::appender a(x, "ts");
+        for (uint64_t i = 0; i < d.n; i++)
+            a.row(static_cast<int64_t>(i), static_cast<int64_t>(d.p_ts[i]));
+        a.flush();
+        duck::appender b(x, "v");
+        for (int32_t val : d.p_val)
+            b.row(val);
+        b.flush();
+    }
+    x.exec("CREATE TABLE vp AS SELECT rowid AS pos, val FROM v");
+    auto column = [&](const char *name, const auto &values) {
+        x.exec(std::string("CREATE TABLE ") + name + "(p BIGINT, unused BIGINT)");
+        duck::appender a(x, name);
+        for (auto p : values)
+            a.row(static_cast<int64_t>(p), 0);
+        a.flush();
+    };
+    column("probe_rnd", d.p_probe_rnd);
+    column("probe_asc", d.p_probe_asc);
+    column("posn_rnd", d.p_posn_rnd);
+    column("posn_asc", d.p_posn_asc);
+    return x;
+}
+
+// Rows through the appender, one row per call whatever the batch: that is
+// the appender's interface.  A fresh table each time, as a new field is.
+void BM_Append_duckdb(benchmark::State &state) {
+    duck::db &x = duck_data(static_cast<int>(state.range(2)));
+    for (auto _ : state) {
+        state.PauseTiming();
+        x.exec("DROP TABLE IF EXISTS app; CREATE TABLE app(val INTEGER)");
+        state.ResumeTiming();
+        duck::appender a(x, "app");
+        for (uint64_t i = 0; i < kAppendValues; i++)
+            a.row(static_cast<int32_t>(i));
+        a.flush();
+    }
+    state.SetItemsProcessed(static_cast<int64_t>(state.iterations() * kAppendValues));
+}
+
+void BM_Scan_duckdb(benchmark::State &state) {
+    duck::db &x = duck_data(static_cast<int>(state.range(1)));
+    for (auto _ : state)
+        benchmark::DoNotOptimize(x.sum_query<int32_t>("SELECT val FROM v"));
+    state.SetItemsProcessed(static_cast<int64_t>(state.iterations() * pow10(7)));
+}
+
+void BM_RangeRead_duckdb(benchmark::State &state) {
+    duck::db &x = duck_data(static_cast<int>(state.range(1)));
+    uint64_t k = 0;
+    for (auto _ : state) {
+        const uint64_t from = (k++ * 7919 * 4099) % (pow10(7) - kRange);
+        benchmark::DoNotOptimize(x.sum_query<int32_t>("SELECT val FROM vp WHERE pos BETWEEN " +
+                                                      std::to_string(from) + " AND " +
+                                                      std::to_string(from + kRange - 1)));
+    }
+    state.SetItemsProcessed(static_cast<int64_t>(state.iterations() * kRange));
+}
+
+void BM_Store_duckdb(benchmark::State &state) {
+    duck::db &x = duck_data(static_cast<int>(state.range(1)));
+    for (auto _ : state) {
+        state.PauseTiming();
+        x.exec("DELETE FROM dst");
+        state.ResumeTiming();
+        x.exec("INSERT INTO dst SELECT val FROM v");
+    }
+    state.SetItemsProcessed(static_cast<int64_t>(state.iterations() * pow10(7)));
+}
+
+void BM_Search_duckdb(benchmark::State &state) {
+    duck::db &x = duck_data(static_cast<int>(state.range(1)));
+    Data &d = data(pow10(7));
+    duck::prepared q(x, "SELECT count(*) FROM ts WHERE t >= $1 AND t < $2");
+    uint64_t k = 0;
+    for (auto _ : state) {
+        const auto lo = static_cast<int64_t>(d.p_probe_rnd[k++ % kProbes]);
+        benchmark::DoNotOptimize(q.scalar(lo, lo + 2000));
+    }
+}
+
+// The position of the first timestamp at or after each probe: an as-of join.
+void BM_Join_duckdb(benchmark::State &state) {
+    duck::db &x = duck_data(static_cast<int>(state.range(2)));
+    const std::string sql = std::string("SELECT sum(ts.pos) FROM ") +
+                            (state.range(1) ? "probe_asc" : "probe_rnd") +
+                            " p ASOF JOIN ts ON ts.t >= p.p";
+    for (auto _ : state)
+        benchmark::DoNotOptimize(x.scalar(sql));
+    state.SetItemsProcessed(static_cast<int64_t>(state.iterations() * kProbes));
+}
+
+void BM_Map_duckdb(benchmark::State &state) {
+    duck::db &x = duck_data(static_cast<int>(state.range(2)));
+    const std::string sql = std::string("SELECT sum(vp.val) FROM ") +
+                            (state.range(1) ? "posn_asc" : "posn_rnd") +
+                            " p JOIN vp ON vp.pos = p.p";
+    for (auto _ : state)
+        benchmark::DoNotOptimize(x.scalar(sql));
+    state.SetItemsProcessed(static_cast<int64_t>(state.iterations() * kProbes));
+}
+
 } // namespace
 
 // Registered grouped by length, so that each length's data is built once:
@@ -550,6 +670,35 @@ int main(int argc, char **argv) {
     for (int64_t order : {0, 1}) { // random, ascending
         reg(join, {7, order});
         reg(map, {7, order});
+    }
+    // DuckDB beside them, with 1 and 2 threads (the last argument), when
+    // scripts/fetch-duckdb.sh has fetched its library.
+    if (duck::api::get() != nullptr) {
+        auto dreg = [](const char *name, Fn fn, std::vector<int64_t> args, int threads) {
+            char full[128];
+            std::snprintf(full, sizeof full, "Ratio/%s/duckdb%d", name, threads);
+            args.push_back(threads);
+            // The calling thread's CPU time misses the work of DuckDB's
+            // second thread: with two, wall time is the honest measure.
+            auto *b = benchmark::RegisterBenchmark(full, fn)->Args(args);
+            if (threads > 1)
+                b->UseRealTime();
+        };
+        for (int threads : {1, 2}) {
+            for (int64_t batch : {1, 2048})
+                dreg("Append", BM_Append_duckdb, {7, batch}, threads);
+            dreg("Scan", BM_Scan_duckdb, {7}, threads);
+            dreg("RangeRead", BM_RangeRead_duckdb, {7}, threads);
+            dreg("Store", BM_Store_duckdb, {7}, threads);
+            dreg("Search", BM_Search_duckdb, {7}, threads);
+            for (int64_t order : {0, 1}) {
+                dreg("Join", BM_Join_duckdb, {7, order}, threads);
+                dreg("Map", BM_Map_duckdb, {7, order}, threads);
+            }
+        }
+    } else {
+        std::fprintf(stderr, "ratios: no DuckDB library (scripts/fetch-duckdb.sh), its cases "
+                             "are left out\n");
     }
     for (int64_t lg : {5, 6, 8}) {
         reg(join, {lg, 0});

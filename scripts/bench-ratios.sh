@@ -11,7 +11,9 @@
 #   PLOTS=docs scripts/bench-ratios.sh          # refresh the docs' plots
 #
 # Installs libbenchmark-dev and gnuplot-nox (Debian) when missing.  The
-# 10^8 cases need about 4 GiB of memory and a few minutes.
+# 10^8 cases need about 4 GiB of memory and a few minutes.  DuckDB's cases
+# (1 and 2 threads, at 10^7) run when scripts/fetch-duckdb.sh has fetched its
+# library first (DUCKDB=1 here does that), and are left out otherwise.
 set -euo pipefail
 ROOT=$(cd "$(dirname "$0")/.." && pwd)
 cd "$ROOT"
@@ -32,6 +34,7 @@ if [ ${#missing[@]} -gt 0 ]; then
     as_root apt-get install -y -q --no-install-recommends "${missing[@]}"
 fi
 
+[ "${DUCKDB:-0}" = 1 ] && scripts/fetch-duckdb.sh
 cmake --preset release >/dev/null
 cmake --build --preset release -j"$JOBS" --target velseq_ratios
 mkdir -p "$OUT"
@@ -47,11 +50,13 @@ med = {}
 for b in data["benchmarks"]:
     if b.get("aggregate_name") != "median":
         continue
-    parts = b["run_name"].split("/")
+    parts = [x for x in b["run_name"].split("/") if x != "real_time"]
     if parts[0] != "Ratio":
         continue
     # Ratio/<Name>/<side>/<args...>; cpu_time is in the benchmark's unit.
     name, side, args = parts[1], parts[2], "/".join(parts[3:])
+    if side.startswith("duckdb"):  # its last argument is the thread count
+        args = "/".join(parts[3:-1])
     unit = {"ns": 1, "us": 1e3, "ms": 1e6, "s": 1e9}[b["time_unit"]]
     per_item = 1e9 / b["items_per_second"] if "items_per_second" in b else b["cpu_time"] * unit
     med[(name, args, side)] = per_item
@@ -62,11 +67,23 @@ for (name, args, side), t in sorted(med.items()):
         continue
     p = med[(name, args, "plain")]
     rows.append((name, args, t, p, t / p))
+duck = any(side.startswith("duckdb") for (_, _, side) in med)
 with open(os.path.join(out, "ratios.md"), "w") as f:
-    f.write("| workload | args | velseq ns/unit | plain ns/unit | velseq / plain |\n")
-    f.write("|---|---|---|---|---|\n")
+    if duck:
+        f.write("| workload | args | velseq ns/unit | plain ns/unit | DuckDB 1t / 2t ns/unit "
+                "| velseq / plain | DuckDB 1t / 2t over velseq |\n")
+        f.write("|---|---|---|---|---|---|---|\n")
+    else:
+        f.write("| workload | args | velseq ns/unit | plain ns/unit | velseq / plain |\n")
+        f.write("|---|---|---|---|---|\n")
     for name, args, t, p, r in rows:
-        f.write(f"| {name} | {args} | {t:.3f} | {p:.3f} | {r:.2f} |\n")
+        if not duck:
+            f.write(f"| {name} | {args} | {t:.3f} | {p:.3f} | {r:.2f} |\n")
+            continue
+        d = [med.get((name, args, f"duckdb{k}")) for k in (1, 2)]
+        dt = " / ".join(f"{x:.3f}" if x else "-" for x in d)
+        dr = " / ".join(f"{x / t:.2f}" if x else "-" for x in d)
+        f.write(f"| {name} | {args} | {t:.3f} | {p:.3f} | {dt} | {r:.2f} | {dr} |\n")
     big = {}
     for b in data["benchmarks"]:
         if b.get("aggregate_name") == "median" and b["run_name"].startswith("Big/"):
