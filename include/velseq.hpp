@@ -481,6 +481,7 @@ struct image_access; // velseq/image.hpp: databases kept in files
 } // namespace detail
 
 template <class T> class sequence;
+template <class T> class appender;
 class object;
 class transaction;
 
@@ -668,14 +669,23 @@ class transaction {
         open_ = true;
     }
     ~transaction() {
+        for (buffered *b : buffered_)
+            b->detach();
         if (open_)
             velh_rollback(con_);
     }
     transaction(const transaction &) = delete;
     transaction &operator=(const transaction &) = delete;
 
+    // Appenders of this transaction flush first; if one of them fails, or
+    // one lost a batch when it was destroyed, nothing is committed and the
+    // transaction stays open (roll it back).
     void commit() {
         require_open();
+        for (buffered *b : buffered_)
+            b->flush();
+        if (lost_)
+            throw *lost_;
         open_ = false;
         detail::check(velh_commit(con_), "committing");
     }
@@ -713,6 +723,15 @@ class transaction {
     }
 
   private:
+    template <class> friend class appender;
+    // What an appender shows its transaction.
+    struct buffered {
+        virtual void flush() = 0;
+        virtual void detach() noexcept = 0;
+
+      protected:
+        ~buffered() = default;
+    };
     void require_open() const {
         if (!open_)
             throw error(VEL_E_HOST_TRANS_CLOSED, "the transaction has ended");
@@ -721,6 +740,8 @@ class transaction {
     bool write_;
     bool open_ = false;
     std::map<std::pair<uint64_t, uint16_t>, velh_compact_state_t> compact_;
+    std::vector<buffered *> buffered_;
+    std::optional<error> lost_;
 };
 
 // ---- ranges ------------------------------------------------------------------
@@ -1165,10 +1186,93 @@ template <class T> class sequence {
         return r.operands_.back().get();
     }
 
+    template <class> friend class appender;
     transaction *tx_;
     vel_objhandle_t h_;
     velh_field_info_t fi_;
     order order_;
+};
+
+// ---- appender ------------------------------------------------------------------
+
+// Takes values one at a time and appends them a batch at a time: each
+// append of the module is a whole update of the field (write access, root,
+// copy-on-write and order checks along the right edge), so a feed that
+// receives one tick per call should collect them here.  Buffered values
+// reach the field when the batch is full, at flush(), at destruction and
+// before the transaction commits; reads see them only from then on.  A batch
+// is checked and appended as one append of the sequence (all or nothing):
+// push or flush throws when it is refused, and the batch is dropped.  A
+// failure at destruction cannot throw; the transaction keeps it instead and
+// its commit throws, so no value is lost silently.  An appender belongs to
+// one transaction and is neither copied nor moved.
+template <class T> class appender final : transaction::buffered {
+  public:
+    explicit appender(const sequence<T> &seq, size_t batch = 2048)
+        : seq_(seq), batch_(batch == 0 ? 1 : batch) {
+        vals_.reserve(batch_);
+        seq_.tx_->buffered_.push_back(this);
+    }
+    ~appender() {
+        if (seq_.tx_ == nullptr)
+            return;
+        auto &reg = seq_.tx_->buffered_;
+        transaction::buffered *const me = this;
+        reg.erase(std::find(reg.begin(), reg.end(), me));
+        try {
+            flush();
+        } catch (const error &e) {
+            if (!seq_.tx_->lost_)
+                seq_.tx_->lost_ = e;
+        } catch (...) {
+            if (!seq_.tx_->lost_)
+                seq_.tx_->lost_ = error(VEL_E_NOMEM, "an appender lost its batch");
+        }
+    }
+    appender(const appender &) = delete;
+    appender &operator=(const appender &) = delete;
+
+    void push(const T &v) {
+        vals_.push_back(v);
+        if (vals_.size() >= batch_)
+            flush();
+    }
+    void push(const std::optional<T> &v) {
+        if (v) {
+            push(*v);
+            return;
+        }
+        const size_t i = vals_.size();
+        nulls_.resize(i / 64 + 1);
+        nulls_[i / 64] |= vel_bitmap_word_t(1) << (i % 64);
+        push(T{});
+    }
+    void flush() override {
+        if (vals_.empty())
+            return;
+        if (seq_.tx_ == nullptr)
+            throw error(VEL_E_HOST_TRANS_CLOSED, "the appender's transaction has ended");
+        struct clear {
+            appender &a;
+            ~clear() {
+                a.vals_.clear();
+                a.nulls_.clear();
+            }
+        } done{*this};
+        if (nulls_.empty())
+            seq_.append(span<const T>(vals_));
+        else
+            seq_.append(span<const T>(vals_), null_view(nulls_.data(), vals_.size()));
+    }
+    // Values pushed and not yet in the field.
+    size_t pending() const noexcept { return vals_.size(); }
+
+  private:
+    void detach() noexcept override { seq_.tx_ = nullptr; }
+    sequence<T> seq_;
+    size_t batch_;
+    std::vector<T> vals_;
+    std::vector<vel_bitmap_word_t> nulls_;
 };
 
 } // namespace velseq

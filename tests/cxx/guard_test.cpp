@@ -262,4 +262,61 @@ TEST(Guard, EveryCodeHasItsOwnName) {
     EXPECT_STREQ(code_name(12345), "VEL_?");
 }
 
+// An appender against a model: random pushes with nulls and random flushes
+// land in order, whole batches at a time; a refused batch throws and is
+// dropped; one refused at destruction makes the commit throw.
+TEST(Guard, AppenderBatchesAgreeWithTheModel) {
+    Db s;
+    connection con(s.db);
+    transaction tx(con, transaction::write);
+    object o = tx.create(s.cls);
+    vector<optional<float>> model;
+    std::mt19937 rng(3);
+    {
+        appender<float> ap(o[s.any], 7);
+        for (int i = 0; i < 500; i++) {
+            const optional<float> v =
+                rng() % 8 == 0 ? std::nullopt : optional<float>(static_cast<float>(rng() % 100));
+            ap.push(v);
+            model.push_back(v);
+            if (rng() % 50 == 0)
+                ap.flush();
+            ASSERT_EQ(contents(o[s.any]).size() + ap.pending(), model.size());
+            ASSERT_LT(ap.pending(), 7u);
+        }
+    } // the last partial batch at destruction
+    EXPECT_EQ(contents(o[s.any]), model);
+
+    appender<double> asc(o[s.asc], 4);
+    for (double v : {1.0, 2.0, 3.0, 4.0, 5.0, 7.0, 6.0})
+        asc.push(v);
+    EXPECT_EQ(asc.pending(), 3u);
+    try {
+        asc.push(8.0); // fills the batch 5, 7, 6, 8
+        FAIL() << "an out-of-order batch was accepted";
+    } catch (const error &e) {
+        EXPECT_EQ(e.code(), VEL_E_SEQ_OUT_OF_ORDER);
+    }
+    EXPECT_EQ(asc.pending(), 0u);
+    EXPECT_EQ(contents(o[s.asc]), (vector<optional<double>>{1.0, 2.0, 3.0, 4.0}));
+    asc.push(9.0);
+    tx.commit(); // flushes 9 first
+    EXPECT_EQ(asc.pending(), 0u);
+
+    transaction tx2(con, transaction::write);
+    object o2 = tx2.open(s.cls, o.oid());
+    EXPECT_EQ(contents(o2[s.asc]), (vector<optional<double>>{1.0, 2.0, 3.0, 4.0, 9.0}));
+    {
+        appender<double> late(o2[s.asc]);
+        late.push(0.5); // before the stored 9: refused when destroyed
+    }
+    try {
+        tx2.commit();
+        FAIL() << "a commit went through after an appender lost its batch";
+    } catch (const error &e) {
+        EXPECT_EQ(e.code(), VEL_E_SEQ_OUT_OF_ORDER);
+    }
+    EXPECT_TRUE(tx2.is_open());
+}
+
 } // namespace
