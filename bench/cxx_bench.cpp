@@ -3,7 +3,9 @@
 //   - a full scan summing the prices: tile_range vs the C iterator calls;
 //   - ascending as-of probes: asof_join (merge over tiles) vs the module's
 //     join followed by map over stored probes, per probe, both forward;
-//   - window aggregates: aggregate() vs a plain loop over a std::vector.
+//   - window aggregates: aggregate() vs a plain loop over a std::vector;
+//   - a feed of single int32 values: push_back (one append each) vs an
+//     appender (one append per batch of 2048).
 // Build with the `release` preset; run build/release/bench/velseq_cxx_bench.
 #include <benchmark/benchmark.h>
 
@@ -164,12 +166,41 @@ void BM_WindowVectorLoop(benchmark::State &state) {
     state.SetItemsProcessed(int64_t(state.iterations() * (last - first)));
 }
 
+// 2^20 single values into a new object of a fresh transaction, one call each.
+template <bool Buffered> void BM_AppendOneByOne(benchmark::State &state) {
+    constexpr int32_t kValues = 1 << 20;
+    database db;
+    schema cls{"feed"};
+    field<int32_t> v = cls.seq<int32_t>("v");
+    db.define(cls);
+    connection con(db);
+    for (auto _ : state) {
+        transaction tx(con, transaction::write);
+        object o = tx.create(cls);
+        if constexpr (Buffered) {
+            appender<int32_t> ap(o[v]);
+            for (int32_t i = 0; i < kValues; i++)
+                ap.push(i);
+        } else {
+            sequence<int32_t> s = o[v];
+            for (int32_t i = 0; i < kValues; i++)
+                s.push_back(i);
+        }
+        state.PauseTiming();
+        tx.rollback();
+        state.ResumeTiming();
+    }
+    state.SetItemsProcessed(state.iterations() * kValues);
+}
+
 BENCHMARK(BM_ScanC)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_ScanCxx)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_AsofModuleJoinMap)->Arg(1)->Arg(100)->Arg(10000)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_AsofMerge)->Arg(1)->Arg(100)->Arg(10000)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_WindowAggregate)->Arg(1'000'000)->Unit(benchmark::kMicrosecond);
 BENCHMARK(BM_WindowVectorLoop)->Arg(1'000'000)->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_AppendOneByOne<false>)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_AppendOneByOne<true>)->Unit(benchmark::kMillisecond);
 
 } // namespace
 

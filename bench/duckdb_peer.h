@@ -75,8 +75,8 @@ struct api {
         return sym(open, "duckdb_open") && sym(close, "duckdb_close") &&
                sym(connect, "duckdb_connect") && sym(disconnect, "duckdb_disconnect") &&
                sym(query, "duckdb_query") && sym(destroy_result, "duckdb_destroy_result") &&
-               sym(result_error, "duckdb_result_error") &&
-               sym(value_int64, "duckdb_value_int64") && sym(fetch_chunk, "duckdb_fetch_chunk") &&
+               sym(result_error, "duckdb_result_error") && sym(value_int64, "duckdb_value_int64") &&
+               sym(fetch_chunk, "duckdb_fetch_chunk") &&
                sym(chunk_size, "duckdb_data_chunk_get_size") &&
                sym(chunk_vector, "duckdb_data_chunk_get_vector") &&
                sym(vector_data, "duckdb_vector_get_data") &&
@@ -86,8 +86,8 @@ struct api {
                sym(append_int64, "duckdb_append_int64") &&
                sym(end_row, "duckdb_appender_end_row") &&
                sym(appender_flush, "duckdb_appender_flush") &&
-               sym(appender_destroy, "duckdb_appender_destroy") &&
-               sym(prepare, "duckdb_prepare") && sym(bind_int64, "duckdb_bind_int64") &&
+               sym(appender_destroy, "duckdb_appender_destroy") && sym(prepare, "duckdb_prepare") &&
+               sym(bind_int64, "duckdb_bind_int64") &&
                sym(execute_prepared, "duckdb_execute_prepared") &&
                sym(execute_streaming, "duckdb_execute_prepared_streaming") &&
                sym(destroy_prepare, "duckdb_destroy_prepare");
