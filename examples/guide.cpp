@@ -15,6 +15,15 @@
         }                                                                                          \
     } while (0)
 
+struct Reading {
+    bool ok;
+    double value;
+};
+
+static uint64_t feed_readings(velseq::connection &con, const velseq::schema &sensor,
+                              const velseq::field<double> &temp,
+                              const std::vector<Reading> &readings);
+
 int main() {
     // [schema]
     velseq::database db; // an empty in-memory database
@@ -51,6 +60,15 @@ int main() {
         tx.commit(); // without it the transaction rolls back when destroyed
     }
     // [end]
+    {
+        std::vector<Reading> readings;
+        for (int i = 0; i < 5000; i++)
+            readings.push_back({i % 100 != 0, 20.0 + i % 7});
+        const uint64_t fed = feed_readings(con, sensor, temp, readings);
+        velseq::transaction check(con, velseq::transaction::read);
+        const auto sum = velseq::aggregate(check.open(sensor, fed)[temp], {0, 5000});
+        EXPECT(sum.rows == 5000 && sum.count == 4950);
+    }
 
     // [window]
     velseq::transaction tx(con, velseq::transaction::read);
@@ -130,4 +148,19 @@ int main() {
     // [end]
     std::printf("all checks passed\n");
     return 0;
+}
+
+// A feed of single readings into a new object: one transaction.
+static uint64_t feed_readings(velseq::connection &con, const velseq::schema &sensor,
+                              const velseq::field<double> &temp,
+                              const std::vector<Reading> &readings) {
+    velseq::transaction tx(con, velseq::transaction::write);
+    velseq::object o = tx.create(sensor);
+    // [feed]
+    velseq::appender<double> feed(o[temp]);
+    for (const Reading &r : readings)
+        feed.push(r.ok ? std::optional<double>(r.value) : std::nullopt);
+    tx.commit(); // appends what is still buffered first
+    // [end]
+    return o.oid();
 }

@@ -1259,10 +1259,12 @@ template <class T> class appender final : transaction::buffered {
                 a.nulls_.clear();
             }
         } done{*this};
-        if (nulls_.empty())
+        if (nulls_.empty()) {
             seq_.append(span<const T>(vals_));
-        else
-            seq_.append(span<const T>(vals_), null_view(nulls_.data(), vals_.size()));
+            return;
+        }
+        nulls_.resize((vals_.size() + 63) / 64); // words up to the last null only, so far
+        seq_.append(span<const T>(vals_), null_view(nulls_.data(), vals_.size()));
     }
     // Values pushed and not yet in the field.
     size_t pending() const noexcept { return vals_.size(); }

@@ -273,16 +273,16 @@ TEST(Guard, AppenderBatchesAgreeWithTheModel) {
     vector<optional<float>> model;
     std::mt19937 rng(3);
     {
-        appender<float> ap(o[s.any], 7);
-        for (int i = 0; i < 500; i++) {
+        appender<float> ap(o[s.any], 150); // bitmaps of several words
+        for (int i = 0; i < 2000; i++) {
             const optional<float> v =
-                rng() % 8 == 0 ? std::nullopt : optional<float>(static_cast<float>(rng() % 100));
+                rng() % 60 == 0 ? std::nullopt : optional<float>(static_cast<float>(rng() % 100));
             ap.push(v);
             model.push_back(v);
-            if (rng() % 50 == 0)
+            if (rng() % 400 == 0)
                 ap.flush();
             ASSERT_EQ(contents(o[s.any]).size() + ap.pending(), model.size());
-            ASSERT_LT(ap.pending(), 7u);
+            ASSERT_LT(ap.pending(), 150u);
         }
     } // the last partial batch at destruction
     EXPECT_EQ(contents(o[s.any]), model);
