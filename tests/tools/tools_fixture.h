@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <vector>
 
 #include "veltools.h"
 
@@ -47,10 +48,36 @@ class FieldDb {
     const velt_field_t *field() const { return &field_; }
     velh_db_t *db() const { return db_; }
 
-    // Appends a column that must be accepted.
-    void append(const velt_column_t &col) {
-        velt_error_t err{};
-        ASSERT_EQ(velt_append_column(&obj_, &field_, &col, &err), VELT_OK) << err.message;
+    // Appends n values of the field's type (nulls: a bitmap or nullptr),
+    // which must be accepted.
+    void append(const void *vals, uint64_t n, const vel_bitmap_word_t *nulls = nullptr) {
+        const velt_field_t &f = field_;
+        VEL_RET rc = VEL_E_ILLEGAL_TYPE;
+        switch (f.type.elem_type) {
+#define VTTEST_APPEND(DD, S, T)                                                                    \
+    case DD:                                                                                       \
+        rc = vel_w_seq_append_##S(&obj_, f.u_offset, f.c_offset, f.fld_no,                         \
+                                  static_cast<const T *>(vals), n, f.order, nulls);                \
+        break;
+            VTTEST_APPEND(VEL_DD_INT1, int1, vel_int1)
+            VTTEST_APPEND(VEL_DD_INT2, int2, vel_int2)
+            VTTEST_APPEND(VEL_DD_INT4, int4, vel_int4)
+            VTTEST_APPEND(VEL_DD_INT8, int8, vel_int8)
+            VTTEST_APPEND(VEL_DD_UINT1, uint1, vel_uint1)
+            VTTEST_APPEND(VEL_DD_UINT2, uint2, vel_uint2)
+            VTTEST_APPEND(VEL_DD_UINT4, uint4, vel_uint4)
+            VTTEST_APPEND(VEL_DD_UINT8, uint8, vel_uint8)
+            VTTEST_APPEND(VEL_DD_FLOAT, float, vel_float)
+            VTTEST_APPEND(VEL_DD_DOUBLE, double, vel_double)
+            VTTEST_APPEND(VEL_DD_DATETIME, datetime, vel_datetime)
+#undef VTTEST_APPEND
+        case VEL_DD_CHAR:
+            rc = vel_w_seq_append_char(&obj_, f.u_offset, f.c_offset, f.fld_no,
+                                       static_cast<const char *>(vals), n, f.order,
+                                       f.type.elem_size, nulls);
+            break;
+        }
+        ASSERT_EQ(rc, VEL_S_OK);
     }
 
     // Commits and reopens the object in a new read-write transaction: its
@@ -77,24 +104,12 @@ class FieldDb {
     uint16_t cls_ = 0;
 };
 
-// Column helpers for int8 test data.
-inline void push_int8(velt_column_t *col, int64_t v) {
-    ASSERT_EQ(velt_column_push(col, &v), VELT_OK);
-}
-
-inline int64_t int8_at(const velt_column_t &col, uint64_t i) {
-    int64_t v;
-    std::memcpy(&v, col.values + i * 8, 8);
-    return v;
-}
-
-// An int8 column holding from, from+step, ... while <= to.
-inline velt_column_t int8_column(int64_t from, int64_t to, int64_t step = 1) {
-    velt_column_t col;
-    velt_column_init(&col, kInt8);
-    for (int64_t v = from; v <= to; v += step)
-        EXPECT_EQ(velt_column_push(&col, &v), VELT_OK);
-    return col;
+// Appends from, from+1, ... to of an int8 field.
+inline void fill_int8(FieldDb &d, int64_t from, int64_t to) {
+    std::vector<int64_t> v;
+    for (int64_t x = from; x <= to; x++)
+        v.push_back(x);
+    d.append(v.data(), v.size());
 }
 
 // Everything written to a FILE* by `fn`, as a string.

@@ -13,24 +13,18 @@ namespace {
 // Appends `n` unordered values of any type: byte patterns, every
 // `null_every`-th value null (0: none).
 void fill(FieldDb &d, uint64_t n, uint64_t null_every = 0) {
-    const velt_type_t t = d.field()->type;
-    velt_column_t col;
-    velt_column_init(&col, t);
-    std::vector<uint8_t> v(t.elem_size);
+    const size_t w = d.field()->type.elem_size;
+    std::vector<uint8_t> v(n * w);
+    std::vector<vel_bitmap_word_t> nulls((n + 63) / 64);
     for (uint64_t i = 0; i < n; i++) {
-        for (size_t b = 0; b < v.size(); b++)
-            v[b] = static_cast<uint8_t>('a' + (i + b) % 26);
-        bool null = null_every != 0 && i % null_every == 0;
-        ASSERT_EQ(velt_column_push(&col, null ? nullptr : v.data()), VELT_OK);
+        for (size_t b = 0; b < w; b++)
+            v[i * w + b] = static_cast<uint8_t>('a' + (i + b) % 26);
+        if (null_every != 0 && i % null_every == 0) {
+            std::memset(&v[i * w], 0, w);
+            nulls[i / 64] |= vel_bitmap_word_t(1) << (i % 64);
+        }
     }
-    d.append(col);
-    velt_column_free(&col);
-}
-
-void fill_int8(FieldDb &d, int64_t from, int64_t to) {
-    velt_column_t col = int8_column(from, to);
-    d.append(col);
-    velt_column_free(&col);
+    d.append(v.data(), n, null_every != 0 ? nulls.data() : nullptr);
 }
 
 velt_tree_stats_t stats(FieldDb &d) {
@@ -209,12 +203,10 @@ TEST(TreeStats, BrokenPagesAreReported) {
 TEST(TreeDump, OrderedTreeShowsKeysCountsAndPreviews) {
     // 64-byte pages of int4: 11 values a leaf, 2 keyed children an inner page.
     FieldDb d(kInt4, VEL_SEQ_ASC_ORDER, 64);
-    velt_column_t col;
-    velt_column_init(&col, kInt4);
-    for (int32_t v = 0; v < 130; v += 10)
-        ASSERT_EQ(velt_column_push(&col, &v), VELT_OK);
-    d.append(col);
-    velt_column_free(&col);
+    std::vector<int32_t> v;
+    for (int32_t x = 0; x < 130; x += 10)
+        v.push_back(x);
+    d.append(v.data(), v.size());
     velt_error_t err{};
     const velt_dump_options_t opt{3, 16};
     std::string out =

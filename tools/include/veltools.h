@@ -1,7 +1,6 @@
 /*
- * veltools.h -- tools over sequence fields: page-tree statistics, a readable
- * dump of the page tree, CSV import/export of one column, and typed append /
- * scan / search helpers over the module's public operations.
+ * veltools.h -- tools over sequence fields: page-tree statistics and a
+ * readable dump of the page tree, as `velseq tree` prints them.
  *
  * The tree walks are read-only: they fetch the field root and follow the page
  * layout of velseq.h (header, leaf values, null mask at the page end, inner
@@ -24,20 +23,8 @@ extern "C" {
 #endif
 
 #define VELT_OK 0
-#define VELT_E_BAD_TREE (-1)    /* the page tree breaks the page layout */
-#define VELT_E_PARSE (-2)       /* a CSV cell is not a value of the element type */
-#define VELT_E_IO (-3)          /* reading or writing a stream failed */
-#define VELT_E_ARG (-4)         /* unknown type name, bad width, bad range */
-#define VELT_E_UNSUPPORTED (-5) /* char wider than VELT_MAX_SCAN_WIDTH through an iterator */
-#define VELT_E_NOMEM (-6)
-
-/* "VEL_E_SEQ_OUT_OF_ORDER", "VELT_E_PARSE", ...; "?" for an unknown code. */
-const char *velt_code_name(int code);
-
-/* Iterator tiles carry 128 elements in 4096 bytes, so scans, searches and
-   exports handle char(N) only up to this width; appends and tree walks take
-   any width the host accepts. */
-#define VELT_MAX_SCAN_WIDTH 32
+#define VELT_E_BAD_TREE (-1) /* the page tree breaks the page layout */
+#define VELT_E_ARG (-4)      /* unknown element type */
 
 /* An element type: VEL_DD_* of one element and its size (char: N). */
 typedef struct velt_type_t_ {
@@ -45,10 +32,7 @@ typedef struct velt_type_t_ {
     uint16_t elem_size;
 } velt_type_t;
 
-/* Parses "int1".."int8", "uint1".."uint8", "float", "double", "datetime",
-   "char(N)" or "charN" (1 <= N <= 4096).  VELT_E_ARG for anything else. */
-int velt_type_parse(const char *name, velt_type_t *type);
-/* The name velt_type_parse accepts ("char(N)" for characters); "?" if unknown. */
+/* "int1" .. "datetime", "char(N)" for characters; "?" if unknown. */
 void velt_type_name(velt_type_t type, char *buf, size_t size);
 /* VEL_DD_SEQUENCE_* of a field holding elements of `type`; 0 if unknown. */
 uint8_t velt_sequence_code(velt_type_t type);
@@ -62,85 +46,12 @@ typedef struct velt_field_t_ {
     vel_seq_order_t order; /* the order appends declare and the keys follow */
 } velt_field_t;
 
-/* Where and why an operation stopped. */
+/* Where and why a walk stopped. */
 typedef struct velt_error_t_ {
     int code;       /* as returned */
-    uint64_t line;  /* 1-based line of the CSV source, 0 if none */
-    uint64_t index; /* element index in the column or sequence */
+    uint64_t index; /* the depth-first ordinal (#k) of the page at fault */
     char message[200];
 } velt_error_t;
-
-/* ---- a column of values in memory --------------------------------------- */
-
-typedef struct velt_column_t_ {
-    velt_type_t type;
-    uint64_t n;
-    uint64_t capacity;
-    uint8_t *values;          /* n * elem_size bytes; null slots are zero */
-    vel_bitmap_word_t *nulls; /* bit i set: value i is null */
-    uint64_t *lines;          /* CSV line of each value; NULL when not read from CSV */
-} velt_column_t;
-
-void velt_column_init(velt_column_t *col, velt_type_t type);
-void velt_column_free(velt_column_t *col);
-/* Appends one value of elem_size bytes, or a null when value is NULL. */
-int velt_column_push(velt_column_t *col, const void *value);
-/* Nonzero when value i is null. */
-int velt_column_is_null(const velt_column_t *col, uint64_t i);
-
-/* ---- CSV -----------------------------------------------------------------
- * Records end at a newline (CRLF accepted); cells are split at commas and may
- * be quoted with '"' (a doubled quote inside stands for one, and a quoted cell
- * may span lines).  An unquoted empty cell is a null; for char(N) the quoted
- * empty cell "" is the empty string.  Numbers may be surrounded by blanks;
- * integers are decimal and range-checked, floats accept what strtod-style
- * parsing accepts (nan, inf included), datetime is ISO-8601 text (date,
- * date-time, fraction, Z or offset) or signed nanoseconds since 1970-01-01Z,
- * written as ISO-8601 (the convention of velseq/datetime.h).
- * A char(N) cell of fewer than N bytes is padded with NUL bytes; the writer
- * drops trailing NUL bytes, so padding round-trips. */
-
-typedef struct velt_csv_options_t_ {
-    uint32_t column; /* 0-based cell of each record to read */
-    vel_bool header; /* skip the first record */
-} velt_csv_options_t;
-
-/* Reads one column into `col` (initialised here with `type`; free it even on
-   failure).  On VELT_E_PARSE `err` names the line and the cell. */
-int velt_csv_read(FILE *in, velt_type_t type, const velt_csv_options_t *opt, velt_column_t *col,
-                  velt_error_t *err);
-int velt_csv_read_buffer(const char *text, size_t len, velt_type_t type,
-                         const velt_csv_options_t *opt, velt_column_t *col, velt_error_t *err);
-/* Parses one cell's text (unquoted) as a value; VELT_E_PARSE if it is none.
-   Blank text is not a value here. */
-int velt_parse_value(velt_type_t type, const char *text, size_t len, void *value);
-/* Writes the column, one value per record, with an optional header record. */
-int velt_csv_write(FILE *out, const velt_column_t *col, const char *header);
-/* A value as the CSV writer writes its cell (char values quoted when
-   needed; NULL value: the empty cell of a null).  The length, or -1 when
-   `size` is too small (2N + 3 bytes always suffice for char(N), 32 for
-   numbers). */
-int velt_format_value(velt_type_t type, const void *value, char *buf, size_t size);
-
-/* ---- field operations through the module -------------------------------- */
-
-/* Appends the column in chunks with the field's order.  A null in an ordered
-   field is refused before the module is called (VEL_E_SEQ_NULL_VALUE).  When
-   the module refuses a chunk, `err` carries its code and the line (and
-   index) of the first value that breaks the order. */
-int velt_append_column(vel_objhandle_h obj, const velt_field_t *f, const velt_column_t *col,
-                       velt_error_t *err);
-/* Appends elements from..till (inclusive, clipped to the field) to `out`,
-   which must be initialised with the field's type. */
-int velt_read_range(vel_objhandle_h obj, const velt_field_t *f, uint64_t from, uint64_t till,
-                    velt_column_t *out);
-/* Elements with low <= value <= high of an ordered field: their first
-   position into *first and the values into `out` (initialised by the caller
-   with the field's type).  VEL_S_NOTFOUND when there are none. */
-int velt_search(vel_objhandle_h obj, const velt_field_t *f, const void *low, const void *high,
-                uint64_t *first, velt_column_t *out);
-/* Writes the whole field as CSV, tile by tile. */
-int velt_export_csv(vel_objhandle_h obj, const velt_field_t *f, FILE *out, const char *header);
 
 /* ---- page tree ----------------------------------------------------------- */
 

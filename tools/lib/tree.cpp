@@ -17,6 +17,7 @@
 
 #include "family.h"
 #include "storage/field_root.h"
+#include "velseq.hpp"
 
 using namespace veltools;
 
@@ -67,7 +68,7 @@ struct Walker {
     }
 
     int bad(uint64_t ordinal, int level, const std::string &what) {
-        set_error(err, VELT_E_BAD_TREE, 0, ordinal, "page #%llu (level %d): %s",
+        set_error(err, VELT_E_BAD_TREE, ordinal, "page #%llu (level %d): %s",
                   static_cast<unsigned long long>(ordinal), level, what.c_str());
         return VELT_E_BAD_TREE;
     }
@@ -129,13 +130,13 @@ int start_walk(vel_objhandle_h obj, const velt_field_t *f, velt_error_t *err, co
                int32_t *page_size, const vel_seq_page_t **root) {
     *fam = family_of(f->type);
     if (*fam == nullptr) {
-        set_error(err, VELT_E_ARG, 0, 0, "unknown element type");
+        set_error(err, VELT_E_ARG, 0, "unknown element type");
         return VELT_E_ARG;
     }
     vel_seq_page_t *r = nullptr;
     VEL_RET rc = vel_seq_get_root(obj, f->u_offset, f->c_offset, &r);
     if (rc != VEL_S_OK) {
-        set_error(err, rc, 0, 0, "root fetch failed with %d %s", rc, velt_code_name(rc));
+        set_error(err, rc, 0, "root fetch failed with %d %s", rc, velseq::code_name(rc));
         return rc;
     }
     *page_size = obj->pm->large_page_size(obj->con);
