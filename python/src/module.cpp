@@ -25,6 +25,7 @@
 #include <thread>
 
 #include "velseq.hpp"
+#include "velseq/image.hpp"
 
 namespace py = pybind11;
 using velseq::datetime;
@@ -141,6 +142,14 @@ struct class_def {
 struct db_state {
     std::unique_ptr<velseq::database> db;
     std::map<std::string, std::shared_ptr<class_def>> classes;
+    // Class 1 of every database the package makes: one object (the first,
+    // oid 1) whose uint8 sequence holds the other classes as JSON (names,
+    // field types and the orders the host does not keep), so that an image
+    // opened later knows them.  Rewritten, in a transaction of its own, by
+    // every define().
+    velseq::schema catalog{"velseq.catalog"};
+    velseq::field<uint8_t> catalog_json = catalog.seq<uint8_t>("json");
+    static constexpr uint64_t catalog_oid = 1;
     std::atomic<int> open_transactions{0};
     // Threads with a write transaction open: a second one on the same thread
     // would wait for the first forever.
@@ -253,14 +262,16 @@ struct Sequence {
 
 // ---- values in ----------------------------------------------------------------
 
+// Handles kept for the life of the process are never released: their
+// destructors would run after the interpreter has finalized, and crash it.
 py::module_ &numpy() {
-    static py::module_ np = py::module_::import("numpy");
-    return np;
+    static auto *np = new py::module_(py::module_::import("numpy"));
+    return *np;
 }
 
 bool is_masked(const py::handle &h) {
-    static py::object ma = numpy().attr("ma").attr("MaskedArray");
-    return py::isinstance(h, ma);
+    static auto *ma = new py::object(numpy().attr("ma").attr("MaskedArray"));
+    return py::isinstance(h, *ma);
 }
 
 // A 1-d C-contiguous array of exactly `want` (any datetime64 unit when want is
@@ -825,6 +836,12 @@ velseq::order order_of(const std::string &o) {
                 "an order is 'none', 'ascending' or 'descending', not '" + o + "'");
 }
 
+const char *order_name(velseq::order o) {
+    return o == velseq::order::ascending    ? "ascending"
+           : o == velseq::order::descending ? "descending"
+                                            : "none";
+}
+
 struct Database {
     std::shared_ptr<db_state> st = std::make_shared<db_state>();
 
@@ -833,14 +850,80 @@ struct Database {
         if (page_size != 0)
             cfg.seq_page_size = page_size;
         st->db = std::make_unique<velseq::database>(cfg);
+        st->db->define(st->catalog);
+        write_catalog(true);
+    }
+
+    // Replaces this (new, empty) database with the one of the image at
+    // `path`, its classes read from the catalog.
+    void load_image(const std::string &path) {
+        if (st->classes.size() > 0)
+            throw error(VEL_E_HOST_BAD_ARG, "load_image needs a database without classes");
+        std::unique_ptr<velseq::database> db;
+        {
+            py::gil_scoped_release nogil;
+            db = velseq::open_image(path);
+        }
+        auto fresh = std::make_shared<db_state>();
+        fresh->db = std::move(db);
+        const std::string not_ours =
+            path + " was not saved by the velseq Python package (it has no class list)";
+        try {
+            velseq::attach(*fresh->db, fresh->catalog, 1);
+        } catch (const error &) {
+            throw error(VEL_E_HOST_BAD_IMAGE, not_ours);
+        }
+        std::string text;
+        {
+            velseq::connection con(*fresh->db);
+            velseq::transaction tx(con, velseq::transaction::read);
+            try {
+                for (std::optional<uint8_t> b :
+                     tx.open(fresh->catalog, db_state::catalog_oid)[fresh->catalog_json].elements())
+                    text.push_back(static_cast<char>(b.value_or(0)));
+            } catch (const error &) {
+                throw error(VEL_E_HOST_BAD_IMAGE, not_ours);
+            }
+        }
+        py::list classes = py::module_::import("json").attr("loads")(text);
+        std::vector<std::pair<uint16_t, std::shared_ptr<class_def>>> defs;
+        for (py::handle c : classes) {
+            std::vector<std::tuple<std::string, std::string, py::object, std::string>> fields;
+            for (py::handle f : c["fields"])
+                fields.emplace_back(f[py::int_(0)].cast<std::string>(),
+                                    f[py::int_(1)].cast<std::string>(),
+                                    py::reinterpret_borrow<py::object>(f[py::int_(2)]),
+                                    f[py::int_(3)].cast<std::string>());
+            auto def = make_class(c["name"].cast<std::string>(), fields);
+            velseq::attach(*fresh->db, def->schema, c["code"].cast<uint16_t>());
+            fresh->classes[def->schema.name()] = def;
+        }
+        st = std::move(fresh);
+    }
+
+    // Writes the state of the last commit to `path` (through a temporary
+    // file and a rename: a crash leaves the old file or the new one).
+    void save(const std::string &path) {
+        st->require_open();
+        py::gil_scoped_release nogil;
+        velseq::save_image(*st->db, path);
     }
     // fields: (name, "seq" | "value", dtype, order)
     void define(
         const std::string &name,
         const std::vector<std::tuple<std::string, std::string, py::object, std::string>> &fields) {
         st->require_open();
-        if (st->classes.count(name))
+        if (st->classes.count(name) || name == st->catalog.name())
             throw error(VEL_E_HOST_BAD_ARG, "class '" + name + "' is already defined");
+        auto c = make_class(name, fields); // bad fields are refused first
+        require_no_writer();
+        st->db->define(c->schema);
+        st->classes[name] = c;
+        write_catalog(false);
+    }
+    static std::shared_ptr<class_def> make_class(
+        const std::string &name,
+        const std::vector<std::tuple<std::string, std::string, py::object, std::string>> &fields) {
         if (fields.empty())
             throw error(VEL_E_HOST_BAD_ARG, "class '" + name + "' needs a field");
         auto c = std::make_shared<class_def>(class_def{velseq::schema(name), {}});
@@ -862,8 +945,47 @@ struct Database {
             });
             c->fields.push_back(std::move(f));
         }
-        st->db->define(c->schema);
-        st->classes[name] = c;
+        return c;
+    }
+    // The catalog's write transaction would wait forever for one this thread
+    // holds.
+    void require_no_writer() {
+        std::lock_guard<std::mutex> g(st->writers_mu);
+        if (st->writers[std::this_thread::get_id()] > 0)
+            throw error(VEL_E_HOST_BUSY, "define a class outside the write transaction this "
+                                         "thread holds (the class list is written in its own)");
+    }
+    void write_catalog(bool create) {
+        std::vector<std::pair<uint16_t, py::dict>> byc;
+        for (const auto &[name, c] : st->classes) {
+            py::list fields;
+            for (const field_def &f : c->fields)
+                fields.append(py::make_tuple(f.name, f.is_seq ? "seq" : "value", dtype_name(f.type),
+                                             order_name(f.order)));
+            py::dict d;
+            d["name"] = name;
+            d["code"] = c->schema.code();
+            d["fields"] = fields;
+            byc.emplace_back(c->schema.code(), d);
+        }
+        std::sort(byc.begin(), byc.end(),
+                  [](const auto &a, const auto &b) { return a.first < b.first; });
+        py::list all;
+        for (auto &e : byc)
+            all.append(e.second);
+        const std::string text = py::module_::import("json").attr("dumps")(all).cast<std::string>();
+        py::gil_scoped_release nogil; // another thread's writer may hold the database
+        velseq::connection con(*st->db);
+        velseq::transaction tx(con, velseq::transaction::write);
+        velseq::object o =
+            create ? tx.create(st->catalog) : tx.open(st->catalog, db_state::catalog_oid);
+        if (o.oid() != db_state::catalog_oid)
+            throw error(VEL_E_HOST_BAD_ARG, "the class list is not the database's first object");
+        velseq::sequence<uint8_t> json = o[st->catalog_json];
+        json.truncate();
+        json.append(velseq::span<const uint8_t>(reinterpret_cast<const uint8_t *>(text.data()),
+                                                text.size()));
+        tx.commit();
     }
     void close() {
         if (!st->db)
@@ -917,8 +1039,8 @@ template <class F> decltype(auto) typed(const Sequence &s, F &&f) {
 PYBIND11_MODULE(_velseq, m) {
     m.doc() = "velseq: sequences of scalars in database objects, from NumPy and pandas";
 
-    static py::object error_type =
-        py::reinterpret_borrow<py::object>(py::exception<error>(m, "Error", PyExc_Exception).ptr());
+    static py::object &error_type = *new py::object(py::reinterpret_borrow<py::object>(
+        py::exception<error>(m, "Error", PyExc_Exception).ptr()));
     error_type.attr("__doc__") =
         "A refused call: .code is the module's or host's code, .name its name; the data is as "
         "it was before the call.";
@@ -937,6 +1059,8 @@ PYBIND11_MODULE(_velseq, m) {
     py::class_<Database>(m, "Database")
         .def(py::init<uint32_t>(), py::arg("page_size") = 0)
         .def("define", &Database::define, py::arg("name"), py::arg("fields"))
+        .def("_load_image", &Database::load_image, py::arg("path"))
+        .def("save", &Database::save, py::arg("path"))
         .def("close", &Database::close)
         .def_property_readonly("closed", [](const Database &d) { return !d.st->db; })
         .def("classes",
@@ -950,12 +1074,9 @@ PYBIND11_MODULE(_velseq, m) {
         .def("fields",
              [](const Database &d, const std::string &cls) {
                  std::vector<std::tuple<std::string, std::string, std::string, std::string>> out;
-                 for (const field_def &f : d.st->cls(cls).fields) {
-                     const char *o = f.order == velseq::order::ascending    ? "ascending"
-                                     : f.order == velseq::order::descending ? "descending"
-                                                                            : "none";
-                     out.emplace_back(f.name, f.is_seq ? "seq" : "value", dtype_name(f.type), o);
-                 }
+                 for (const field_def &f : d.st->cls(cls).fields)
+                     out.emplace_back(f.name, f.is_seq ? "seq" : "value", dtype_name(f.type),
+                                      order_name(f.order));
                  return out;
              })
         .def("read", [](const Database &d) { return Transaction(d, false); })

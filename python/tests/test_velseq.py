@@ -40,9 +40,10 @@ def same(got, values, mask):
 
 
 @pytest.mark.parametrize("dtype", NUMERIC + ["datetime64[ns]"])
-def test_round_trip_with_nulls(dtype):
+def test_round_trip_with_nulls(dtype, tmp_path):
     """Appends, inserts and deletes against a NumPy model; reads whole and by
-    ranges, fresh and into a caller's buffer; scalar fields."""
+    ranges, fresh and into a caller's buffer; scalar fields; the same through
+    a file."""
     rng = np.random.default_rng(7)
     db = velseq.Database()
     db.define("c", v=velseq.seq(dtype), s=velseq.value(dtype))
@@ -75,6 +76,36 @@ def test_round_trip_with_nulls(dtype):
         if not mask[100:500].any():
             np.testing.assert_array_equal(buf, vals[100:500])
         assert o["s"] == vals[5] or (np.isnan(vals[5]) and np.isnan(o["s"]))
+    db.save(str(tmp_path / "db"))
+    back = velseq.Database.open(str(tmp_path / "db"))
+    assert back.fields("c") == db.fields("c")
+    with back.read() as tx:
+        same(tx.open("c", oid)["v"].read(), vals, mask)
+
+
+def test_files_bad_and_reopened(tmp_path):
+    """Bad files raise; classes defined after an open are saved with the rest,
+    orders included."""
+    (tmp_path / "text").write_text("not a database\n")
+    db = velseq.Database()
+    db.define("a", t=velseq.seq("datetime64[ns]", "ascending"))
+    db.save(str(tmp_path / "db"))
+    (tmp_path / "cut").write_bytes((tmp_path / "db").read_bytes()[:-9])
+    for name, code in [("missing", "VEL_E_HOST_IO"), ("text", "VEL_E_HOST_BAD_IMAGE"),
+                       ("cut", "VEL_E_HOST_BAD_IMAGE")]:
+        with pytest.raises(velseq.Error) as e:
+            velseq.Database.open(str(tmp_path / name))
+        assert e.value.name == code, name
+    db = velseq.Database.open(str(tmp_path / "db"))
+    db.define("b", x=velseq.seq("int32", "descending"))
+    db.save(str(tmp_path / "db"))
+    db = velseq.Database.open(str(tmp_path / "db"))
+    assert db.classes() == ["a", "b"]
+    with db.write() as tx:
+        o = tx.create("b")
+        o["x"].append(np.array([3, 2], "int32"))
+        with pytest.raises(velseq.Error, match="ORDER"):
+            o["x"].append(np.array([5], "int32"))
 
 
 def test_datetime_units_and_frames():

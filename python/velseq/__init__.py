@@ -44,11 +44,19 @@ class value:
 
 
 class Database(_Database):
-    """An in-memory database.  `page_size` sets the bytes of a sequence page
-    (0: the default).  Usable as a context manager that closes it."""
+    """An in-memory database, saved to a file by save() and opened from one by
+    Database.open().  `page_size` sets the bytes of a sequence page (0: the
+    default).  Usable as a context manager that closes it."""
 
     def __init__(self, page_size=0):
         super().__init__(page_size)
+
+    @classmethod
+    def open(cls, path):
+        """The database saved at `path` by save(), with its classes."""
+        db = cls()
+        db._load_image(path)
+        return db
 
     def define(self, name, **fields):
         """Defines class `name`: each keyword is a field, given as velseq.seq,

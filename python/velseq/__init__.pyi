@@ -42,9 +42,18 @@ class Summary(TypedDict):
     last: Any  # last non-null value
 
 class Database:
-    """An in-memory database; a context manager that closes it."""
+    """An in-memory database, saved to and opened from files; a context
+    manager that closes it."""
     closed: bool
     def __init__(self, page_size: int = 0) -> None: ...
+    @classmethod
+    def open(cls, path: str) -> Database:
+        """The database saved at `path` by save(): its classes, objects and
+        fields as they were at the last commit before the save.  Error
+        VEL_E_HOST_IO / VEL_E_HOST_BAD_IMAGE for a missing, damaged or foreign file."""
+    def save(self, path: str) -> None:
+        """Writes the state of the last commit to `path`, replacing the file
+        whole (a crash leaves the old file or the new one)."""
     def define(self, name: str, **fields: Union[seq, value, DTypeLike]) -> None: ...
     def classes(self) -> list[str]: ...
     def fields(self, cls: str) -> list[Tuple[str, str, str, str]]:
