@@ -68,6 +68,7 @@ build() {
 run_program() {
     local bin="$1" log="$2" rc
     local args=()
+    [ -n "${ARGS[$bin]:-}" ] && IFS=$'\t' read -r -a args <<<"${ARGS[$bin]}"
     [ -n "${GTEST[$bin]:-}" ] && args=(--gtest_brief=1)
     (cd "$(dirname "$bin")" && timeout -k 5 "$TIMEOUT" "$bin" "${args[@]}") >"$log" 2>&1
     rc=$?
@@ -98,7 +99,8 @@ cmake -S "$SRC" -B "$BUILD" -DCMAKE_BUILD_TYPE= -DVELSEQ_TESTS=ON >"$LOGS/config
     exit 1
 }
 # The test programs ctest knows (their targets have the same names), each
-# marked "gtest" when ctest runs it with a filter.
+# marked "gtest" when ctest runs it with a filter, or "plain" followed by
+# the arguments ctest gives it (tab-separated).
 list_programs() {
     (cd "$BUILD" && ctest -N --show-only=json-v1 2>/dev/null) | python3 -c '
 import json, sys
@@ -107,9 +109,10 @@ for t in json.load(sys.stdin).get("tests", []):
     cmd = t.get("command") or []
     if cmd:
         g = any(a.startswith("--gtest_filter") for a in cmd[1:])
-        progs[cmd[0]] = progs.get(cmd[0], False) or g
-for p, g in sorted(progs.items()):
-    print(("gtest " if g else "plain ") + p)'
+        kind, args = progs.get(cmd[0], (False, []))
+        progs[cmd[0]] = (kind or g, [] if (kind or g) else cmd[1:])
+for p, (g, args) in sorted(progs.items()):
+    print("\t".join(["gtest" if g else "plain", p] + args))'
 }
 mapfile -t PROGRAMS < <(list_programs)
 if [ ${#PROGRAMS[@]} -eq 0 ] || ! grep -q '^gtest' <(printf '%s\n' "${PROGRAMS[@]}"); then
@@ -120,10 +123,12 @@ if [ ${#PROGRAMS[@]} -eq 0 ] || ! grep -q '^gtest' <(printf '%s\n' "${PROGRAMS[@
     }
     mapfile -t PROGRAMS < <(list_programs)
 fi
-declare -A GTEST
+declare -A GTEST ARGS
 for i in "${!PROGRAMS[@]}"; do
-    p=${PROGRAMS[$i]#* }
-    [ "${PROGRAMS[$i]%% *}" = gtest ] && GTEST[$p]=1
+    IFS=$'\t' read -r -a parts <<<"${PROGRAMS[$i]}"
+    p=${parts[1]}
+    [ "${parts[0]}" = gtest ] && GTEST[$p]=1
+    [ ${#parts[@]} -gt 2 ] && ARGS[$p]=$(printf '%s\t' "${parts[@]:2}")
     PROGRAMS[$i]=$p
 done
 TARGETS=()
