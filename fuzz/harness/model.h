@@ -19,6 +19,11 @@ struct SeqModel {
     // field: inner keys may then lag behind the first values they name.
     bool keys_exact = true;
 
+    static SeqModel of_width(size_t width) {
+        SeqModel m;
+        m.w = width;
+        return m;
+    }
     size_t size() const { return nulls.size(); }
     const uint8_t *at(size_t i) const { return vals.data() + i * w; }
     void insert(size_t pos, const void *v, size_t n, const vel_bitmap_word_t *nb, size_t nb_offs);

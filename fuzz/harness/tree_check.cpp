@@ -36,6 +36,7 @@ struct Walker {
         if (level > 13)
             return fail("tree deeper than 14 levels", level, level, 13);
         ++out->pages;
+        out->page_list.push_back(pg);
         int kind = pg->hdr.kind & 15;
         uint64_t n = pg->hdr.user;
         if (kind == 3) {

@@ -6,6 +6,7 @@
 #pragma once
 
 #include <string>
+#include <vector>
 
 #include "harness/families.h"
 #include "harness/model.h"
@@ -16,7 +17,8 @@ struct TreeInfo {
     int depth = 0; // levels; 0 for an empty field
     bool root_is_leaf = false;
     uint64_t pages = 0;
-    SeqModel content; // values and null flags in sequence order
+    std::vector<vel_seq_page_t *> page_list; // every page, root first, depth-first
+    SeqModel content;                        // values and null flags in sequence order
 };
 
 // Empty string when the tree is sound; otherwise what is wrong and where.

@@ -19,6 +19,7 @@ struct FieldRef {
     vel_offs32_t c_offset = 0;
     size_t elem_size = 0;
     bool is_char = false;
+    const velrel::Family *fam = nullptr; // for the tree checker
 };
 
 struct FamilyOps {

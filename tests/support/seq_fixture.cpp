@@ -56,8 +56,8 @@ FieldRef SeqDb::field(const std::string &family_name) const {
         velh_field_info_t info;
         must(velh_field_info(db_, class_code_, static_cast<uint16_t>(i + 1), &info),
              "velh_field_info");
-        return FieldRef{info.fld_no, info.u_offset, info.c_offset, fams[i].elem_size,
-                        fams[i].is_char};
+        return FieldRef{info.fld_no,       info.u_offset,   info.c_offset,
+                        fams[i].elem_size, fams[i].is_char, &fams[i].ops};
     }
     throw std::invalid_argument("no element family " + family_name);
 }

@@ -26,7 +26,7 @@ void expect_tree(vel_objhandle_t &obj, const FieldRef &f, vel_seq_order_t order,
                  const SeqModel &model, const char *when) {
     TreeReport r = check_tree(&obj, f, order);
     ASSERT_TRUE(r.ok()) << when << ": " << r.error;
-    ASSERT_EQ(model.diff(r.contents), "") << when;
+    ASSERT_EQ(diff(model, r.contents), "") << when;
     velh_field_shape_t s = shape(obj, f, order);
     EXPECT_EQ(s.pages, r.pages.size()) << when;
     EXPECT_EQ(s.depth, static_cast<uint32_t>(r.depth)) << when;
@@ -37,7 +37,7 @@ struct LateInserts : ::testing::Test {
     SeqDb db;
     FieldRef f = db.field("int4");
     const FamilyOps &fam = family("int4");
-    SeqModel model{4};
+    SeqModel model = SeqModel::of_width(4);
     uint64_t oid = 0;
 
     void SetUp() override {
@@ -48,7 +48,7 @@ struct LateInserts : ::testing::Test {
         for (size_t i = 0; i < v.size(); ++i)
             v[i] = static_cast<int32_t>(i);
         ASSERT_EQ(fam.append(&obj, f, v.data(), v.size(), VEL_SEQ_NO_ORDER, nullptr), VEL_S_OK);
-        model.append(reinterpret_cast<uint8_t *>(v.data()), v.size(), nullptr);
+        model.insert(0, v.data(), v.size(), nullptr, 0);
         ASSERT_EQ(db.commit(), VEL_S_OK);
     }
     vel_objhandle_t open() {
@@ -66,7 +66,7 @@ struct LateInserts : ::testing::Test {
     }
     void insert_one(vel_objhandle_t &obj, uint64_t pos, int32_t v) {
         ASSERT_EQ(fam.insert(&obj, f, pos, &v, 1, VEL_SEQ_NO_ORDER, nullptr), VEL_S_OK);
-        model.insert(pos, reinterpret_cast<uint8_t *>(&v), 1, nullptr);
+        model.insert(pos, &v, 1, nullptr, 0);
     }
 };
 
@@ -154,7 +154,7 @@ std::vector<uint8_t> ordered_value(const FamilyOps &fam, uint64_t k) {
 void expect_same_pages(const TreeReport &a, const TreeReport &b, const FamilyOps &fam, int32_t ps,
                        bool keyed) {
     ASSERT_EQ(a.pages.size(), b.pages.size());
-    const uint64_t cap = leaf_capacity(ps, fam.elem_size);
+    const uint64_t cap = fam.ops.leaf_capacity(ps);
     const size_t mask_at = static_cast<size_t>(ps) - 8 * ((cap + 63) / 64);
     for (size_t i = 0; i < a.pages.size(); ++i) {
         auto *p = reinterpret_cast<const uint8_t *>(a.pages[i]);
@@ -216,12 +216,12 @@ TEST(Compaction, BuildsTheAppendBuiltTreeAndLeavesOlderSnapshotsAlone) {
 
         ASSERT_EQ(db.begin_write(), VEL_S_OK);
         vel_objhandle_t a = db.new_object();
-        SeqModel model(fam.elem_size);
+        SeqModel model = SeqModel::of_width(fam.elem_size);
         std::vector<uint64_t> keys; // k of each stored element, in order
         for (uint64_t k = 0; k < n; k += 2) {
             auto v = value(k);
             ASSERT_EQ(fam.append(&a, f, v.data(), 1, c.order, nullptr), VEL_S_OK);
-            model.append(v.data(), 1, nullptr);
+            model.insert(model.size(), v.data(), 1, nullptr, 0);
             keys.push_back(k);
         }
         for (uint64_t k : late) {
@@ -230,7 +230,7 @@ TEST(Compaction, BuildsTheAppendBuiltTreeAndLeavesOlderSnapshotsAlone) {
                                    : rng() % (keys.size() + 1);
             vel_bitmap_word_t null = !ordered && rng() % 5 == 0;
             ASSERT_EQ(fam.insert(&a, f, pos, v.data(), 1, c.order, &null), VEL_S_OK);
-            model.insert(pos, v.data(), 1, &null);
+            model.insert(pos, v.data(), 1, &null, 0);
             keys.insert(keys.begin() + static_cast<ptrdiff_t>(pos), k);
         }
         ASSERT_EQ(db.commit(), VEL_S_OK);
@@ -250,7 +250,7 @@ TEST(Compaction, BuildsTheAppendBuiltTreeAndLeavesOlderSnapshotsAlone) {
         vel_objhandle_t b = db.new_object();
         std::vector<vel_bitmap_word_t> nulls((model.size() + 63) / 64);
         for (size_t i = 0; i < model.size(); ++i)
-            nulls[i / 64] |= vel_bitmap_word_t(model.is_null(i)) << (i % 64);
+            nulls[i / 64] |= vel_bitmap_word_t(model.nulls[i]) << (i % 64);
         std::vector<uint8_t> bytes(model.at(0), model.at(0) + model.size() * fam.elem_size);
         ASSERT_EQ(fam.append(&b, f, bytes.data(), model.size(), c.order,
                              ordered ? nullptr : nulls.data()),
@@ -259,13 +259,13 @@ TEST(Compaction, BuildsTheAppendBuiltTreeAndLeavesOlderSnapshotsAlone) {
         TreeReport ra = check_tree(&a, f, c.order, ordered);
         TreeReport rb = check_tree(&b, f, c.order, ordered);
         ASSERT_TRUE(ra.ok()) << ra.error;
-        EXPECT_EQ(model.diff(ra.contents), "");
+        EXPECT_EQ(diff(model, ra.contents), "");
         expect_same_pages(ra, rb, fam, db.options().seq_page_size, ordered);
         EXPECT_EQ(shape(a, f, c.order).pages, shape(a, f, c.order).dense_pages);
 
         TreeReport ro = check_tree(&old, f, c.order);
         ASSERT_TRUE(ro.ok()) << ro.error;
-        EXPECT_EQ(model.diff(ro.contents), "");
+        EXPECT_EQ(diff(model, ro.contents), "");
         ASSERT_EQ(db.commit(), VEL_S_OK);
         ASSERT_EQ(velh_disconnect(reader), VEL_S_OK);
         // Once the reader is gone only the two dense trees hold pages.
