@@ -180,6 +180,18 @@ TEST(DurableBadFile, LogTailsAreCut) {
             EXPECT_EQ(st.log_cut_bytes, good.size() - end);
         }
     }
+    // A whole record repeated after the last one is out of sequence: cut.
+    {
+        const size_t a = wr.states[wr.states.size() - 2].first, b = wr.states.back().first;
+        std::string state;
+        velh_open_stats_t st{};
+        ASSERT_EQ(
+            try_open(path, good.substr(0, b) + good.substr(a, b - a), path.c_str(), &state, &st),
+            VEL_S_OK)
+            << velh_error_message();
+        EXPECT_EQ(state, wr.states.back().second);
+        EXPECT_EQ(st.log_cut_records, 1u);
+    }
     // A damaged header, or a log of another image, is refused.
     for (size_t p : {0, 9, 24, 40, 60}) {
         std::string b = good;
