@@ -24,6 +24,7 @@
 #include <mutex>
 #include <thread>
 
+#include "velhost.h"
 #include "velseq.hpp"
 #include "velseq/image.hpp"
 
@@ -35,8 +36,9 @@ namespace {
 
 // ---- element types ------------------------------------------------------------
 
-// The element types a field can have, by NumPy dtype name.
-enum class elem : uint8_t { i1, i2, i4, i8, u1, u2, u4, u8, f4, f8, dt };
+// The element types a field can have, by NumPy dtype name; `ch` is char(N),
+// dtype S<N>, whose width N (1..32) a field keeps beside its type.
+enum class elem : uint8_t { i1, i2, i4, i8, u1, u2, u4, u8, f4, f8, dt, ch };
 
 struct elem_name {
     elem e;
@@ -49,7 +51,11 @@ constexpr elem_name elem_names[] = {
     {elem::f8, "float64"}, {elem::dt, "datetime64[ns]"},
 };
 
-const char *dtype_name(elem e) {
+constexpr size_t max_chars = VELH_MAX_SEQ_CHAR_WIDTH;
+
+std::string dtype_name(elem e, size_t width = 0) {
+    if (e == elem::ch)
+        return "S" + std::to_string(width);
     for (const elem_name &n : elem_names)
         if (n.e == e)
             return n.dtype;
@@ -58,7 +64,20 @@ const char *dtype_name(elem e) {
 
 template <class T> struct tag { using type = T; };
 
-template <class F> decltype(auto) visit(elem e, F &&f) {
+template <class T> struct is_chars : std::false_type {};
+template <size_t N> struct is_chars<velseq::chars<N>> : std::true_type {};
+template <class T> constexpr bool is_chars_v = is_chars<T>::value;
+
+// char(N) for a width known at run time: one instantiation per width.
+template <size_t N = 1, class F> decltype(auto) visit_chars(size_t width, F &&f) {
+    if constexpr (N < max_chars) {
+        if (width != N)
+            return visit_chars<N + 1>(width, std::forward<F>(f));
+    }
+    return f(tag<velseq::chars<N>>{});
+}
+
+template <class F> decltype(auto) visit(elem e, size_t width, F &&f) {
     switch (e) {
     case elem::i1:
         return f(tag<int8_t>{});
@@ -80,6 +99,8 @@ template <class F> decltype(auto) visit(elem e, F &&f) {
         return f(tag<float>{});
     case elem::f8:
         return f(tag<double>{});
+    case elem::ch:
+        return visit_chars(width, std::forward<F>(f));
     case elem::dt:
         break;
     }
@@ -97,12 +118,17 @@ template <class T> constexpr elem elem_of_t() {
            : std::is_same_v<T, uint64_t> ? elem::u8
            : std::is_same_v<T, float>    ? elem::f4
            : std::is_same_v<T, double>   ? elem::f8
+           : is_chars_v<T>               ? elem::ch
                                          : elem::dt;
 }
+
+template <class T> std::string type_name() { return dtype_name(elem_of_t<T>(), sizeof(T)); }
 
 template <class T> py::dtype dtype_of() {
     if constexpr (std::is_same_v<T, datetime>)
         return py::dtype("datetime64[ns]");
+    else if constexpr (is_chars_v<T>)
+        return py::dtype("S" + std::to_string(sizeof(T)));
     else
         return py::dtype::of<T>();
 }
@@ -114,15 +140,19 @@ constexpr int64_t nat = std::numeric_limits<int64_t>::min();
 
 template <class... T> using seq_handle = std::variant<velseq::field<T>...>;
 template <class... T> using value_handle = std::variant<velseq::scalar_field<T>...>;
-using any_seq = seq_handle<int8_t, int16_t, int32_t, int64_t, uint8_t, uint16_t, uint32_t, uint64_t,
-                           float, double, datetime>;
-using any_value = value_handle<int8_t, int16_t, int32_t, int64_t, uint8_t, uint16_t, uint32_t,
-                               uint64_t, float, double, datetime>;
+template <template <class...> class H, class I> struct handles;
+template <template <class...> class H, size_t... I> struct handles<H, std::index_sequence<I...>> {
+    using type = H<int8_t, int16_t, int32_t, int64_t, uint8_t, uint16_t, uint32_t, uint64_t, float,
+                   double, datetime, velseq::chars<I + 1>...>;
+};
+using any_seq = handles<seq_handle, std::make_index_sequence<max_chars>>::type;
+using any_value = handles<value_handle, std::make_index_sequence<max_chars>>::type;
 
 struct field_def {
     std::string name;
     bool is_seq;
     elem type;
+    size_t width; // char(N): N
     velseq::order order;
     any_seq seq;
     any_value value;
@@ -142,14 +172,6 @@ struct class_def {
 struct db_state {
     std::unique_ptr<velseq::database> db;
     std::map<std::string, std::shared_ptr<class_def>> classes;
-    // Class 1 of every database the package makes: one object (the first,
-    // oid 1) whose uint8 sequence holds the other classes as JSON (names,
-    // field types and the orders the host does not keep), so that an image
-    // opened later knows them.  Rewritten, in a transaction of its own, by
-    // every define().
-    velseq::schema catalog{"velseq.catalog"};
-    velseq::field<uint8_t> catalog_json = catalog.seq<uint8_t>("json");
-    static constexpr uint64_t catalog_oid = 1;
     std::atomic<int> open_transactions{0};
     // Threads with a write transaction open: a second one on the same thread
     // would wait for the first forever.
@@ -262,8 +284,8 @@ struct Sequence {
 
 // ---- values in ----------------------------------------------------------------
 
-// Handles kept for the life of the process are never released: their
-// destructors would run after the interpreter has finalized, and crash it.
+// Held for the life of the process, never released: a static py::object
+// would drop its reference at exit, after the interpreter has gone.
 py::module_ &numpy() {
     static auto *np = new py::module_(py::module_::import("numpy"));
     return *np;
@@ -387,13 +409,24 @@ template <class T> T scalar_of(const py::handle &v, const std::string &what) {
         if (d.any_nat)
             throw error(VEL_E_SEQ_NULL_VALUE, what + ": NaT is not a point in time");
         return d.values[0];
+    } else if constexpr (is_chars_v<T>) {
+        // bytes (np.bytes_ too); shorter values are padded with zero bytes,
+        // so b"ab" and b"ab\0" are one value, as NumPy's S<N> has it.
+        if (!py::isinstance<py::bytes>(v))
+            throw error(VEL_E_ILLEGAL_TYPE, what + ": " + std::string(py::str(py::type::of(v))) +
+                                                " is not bytes (the field holds " + type_name<T>() +
+                                                ")");
+        const std::string b = v.cast<std::string>();
+        std::string_view sv(b);
+        while (sv.size() > sizeof(T) && sv.back() == '\0')
+            sv.remove_suffix(1);
+        return T::from(sv);
     } else {
         try { // Python and NumPy numbers; integers are range-checked
             return v.cast<T>();
         } catch (py::cast_error &) {
             throw error(VEL_E_ILLEGAL_TYPE, what + ": " + std::string(py::str(py::type::of(v))) +
-                                                " is not a " + dtype_name(elem_of_t<T>()) +
-                                                " value");
+                                                " is not a " + type_name<T>() + " value");
         }
     }
 }
@@ -415,6 +448,36 @@ input split_masked(const py::handle &values, const py::object &mask, const std::
     if (!m.is_none())
         in.mask = as_input(m, py::dtype::of<bool>(), false, what + " (mask)");
     return in;
+}
+
+// Bytes for a char(N) field as S<N>: narrower ones are padded with zero
+// bytes, wider ones accepted only when no value is longer than N (NumPy's
+// own conversion would cut them silently).
+py::object chars_input(const py::object &values, size_t width, const std::string &what) {
+    py::array a;
+    try {
+        a = py::isinstance<py::array>(values) ? py::reinterpret_borrow<py::array>(values)
+                                              : py::array(numpy().attr("asarray")(values));
+    } catch (py::error_already_set &e) {
+        throw error(VEL_E_ILLEGAL_TYPE, what + ": not convertible to bytes (" + e.what() + ")");
+    }
+    if (a.dtype().kind() != 'S')
+        throw error(VEL_E_ILLEGAL_TYPE, what + ": the field holds S" + std::to_string(width) +
+                                            " (bytes), the array is " +
+                                            std::string(py::str(py::handle(a.dtype()))));
+    const auto have = static_cast<size_t>(a.dtype().itemsize());
+    if (have == width)
+        return a;
+    if (have > width && a.size() > 0) {
+        py::array len = numpy().attr("char").attr("str_len")(a);
+        const auto longest = numpy().attr("argmax")(len).cast<size_t>();
+        const auto n = len.attr("max")().cast<int64_t>();
+        if (static_cast<size_t>(n) > width)
+            throw error(VEL_E_ILLEGAL_PARAM, what + ": value " + std::to_string(longest) + " has " +
+                                                 std::to_string(n) + " bytes, more than char(" +
+                                                 std::to_string(width) + ") holds");
+    }
+    return a.attr("astype")("S" + std::to_string(width));
 }
 
 // ---- values out ---------------------------------------------------------------
@@ -479,6 +542,8 @@ template <class T> py::object value_out(const std::optional<T> &v) {
         return py::none();
     if constexpr (std::is_same_v<T, datetime>)
         return numpy().attr("datetime64")(v->ns(), "ns");
+    else if constexpr (is_chars_v<T>)
+        return numpy().attr("bytes_")(py::bytes(std::string(v->view())));
     else
         return dtype_of<T>().attr("type")(*v);
 }
@@ -491,6 +556,8 @@ void write(const Sequence &s, std::optional<uint64_t> pos, const py::handle &val
     const std::string what = (pos ? "insert into " : "append to ") + s.what();
     velseq::sequence<T> seq = s.get<T>();
     input in = split_masked(values, mask, what);
+    if constexpr (is_chars_v<T>)
+        in.values = chars_input(in.values, sizeof(T), what);
     py::array a = as_input(in.values, dtype_of<T>(), std::is_same_v<T, datetime>, what);
     const size_t n = static_cast<size_t>(a.size());
     if (in.mask && static_cast<size_t>(in.mask->size()) != n)
@@ -606,8 +673,8 @@ velseq::direction direction_of(const std::string &d) {
 
 // Positions of the as-of matches of the probes; masked where none matches.
 template <class K>
-py::object asof(const Sequence &s, const py::handle &probes, const std::string &dir, bool strict,
-                const py::object &tolerance) {
+py::object asof_impl(const Sequence &s, const py::handle &probes, const std::string &dir,
+                     bool strict, const py::object &tolerance) {
     const std::string what = "asof on " + s.what();
     velseq::sequence<K> keys = s.get<K>();
     velseq::asof_options<K> opt;
@@ -718,7 +785,7 @@ template <class T> py::dict summary_out(const velseq::summary<T> &s) {
 }
 
 template <class T>
-py::dict aggregate(const Sequence &s, uint64_t first, std::optional<uint64_t> last) {
+py::dict aggregate_impl(const Sequence &s, uint64_t first, std::optional<uint64_t> last) {
     velseq::sequence<T> seq = s.get<T>();
     velseq::summary<T> r;
     {
@@ -742,8 +809,8 @@ void same_object(const Sequence &a, const Sequence &b, const char *what) {
 }
 
 template <class T>
-py::dict aggregate_window(const Sequence &s, const Sequence &ts, const py::object &from,
-                          const py::object &to) {
+py::dict aggregate_window_impl(const Sequence &s, const Sequence &ts, const py::object &from,
+                               const py::object &to) {
     same_object(s, datetime_field(ts, "aggregate"), "aggregate");
     velseq::sequence<T> seq = s.get<T>();
     velseq::sequence<datetime> t = ts.get<datetime>();
@@ -755,6 +822,39 @@ py::dict aggregate_window(const Sequence &s, const Sequence &ts, const py::objec
         r = velseq::aggregate(seq, t, f, e);
     }
     return summary_out(r);
+}
+
+// As-of keys and aggregates are numbers and times; a char(N) field has
+// neither distances nor sums.
+error not_for_chars(const Sequence &s, const char *what) {
+    return error(VEL_E_HOST_WRONG_FIELD,
+                 std::string(what) + ": " + s.what() + " is a char field (numbers and times only)");
+}
+
+template <class K>
+py::object asof(const Sequence &s, const py::handle &probes, const std::string &dir, bool strict,
+                const py::object &tolerance) {
+    if constexpr (is_chars_v<K>)
+        throw not_for_chars(s, "asof");
+    else
+        return asof_impl<K>(s, probes, dir, strict, tolerance);
+}
+
+template <class T>
+py::dict aggregate(const Sequence &s, uint64_t first, std::optional<uint64_t> last) {
+    if constexpr (is_chars_v<T>)
+        throw not_for_chars(s, "aggregate");
+    else
+        return aggregate_impl<T>(s, first, last);
+}
+
+template <class T>
+py::dict aggregate_window(const Sequence &s, const Sequence &ts, const py::object &from,
+                          const py::object &to) {
+    if constexpr (is_chars_v<T>)
+        throw not_for_chars(s, "aggregate");
+    else
+        return aggregate_window_impl<T>(s, ts, from, to);
 }
 
 // OHLC bars as columns: start, rows, count, sum, first, max, min, last.
@@ -813,16 +913,52 @@ py::dict resample(const Sequence &ts, const Sequence &vals, int64_t width_ns,
 
 // ---- schema from Python ---------------------------------------------------------
 
-elem elem_of(const py::handle &dtype) {
+struct field_type {
+    elem type;
+    size_t width;
+};
+
+field_type elem_of(const py::handle &dtype) {
     py::dtype dt = numpy().attr("dtype")(dtype);
     if (dt.kind() == 'M')
-        return elem::dt;
+        return {elem::dt, 0};
+    if (dt.kind() == 'S') {
+        const auto w = static_cast<size_t>(dt.itemsize());
+        if (w < 1 || w > max_chars)
+            throw error(VEL_E_ILLEGAL_TYPE, "a char field is S1..S" + std::to_string(max_chars) +
+                                                ", not " + std::string(py::str(py::handle(dt))));
+        return {elem::ch, w};
+    }
     for (const elem_name &n : elem_names)
         if (dt.equal(py::dtype(n.dtype)))
-            return n.e;
+            return {n.e, 0};
     throw error(VEL_E_ILLEGAL_TYPE, "no field type for dtype " +
                                         std::string(py::str(py::handle(dt))) +
-                                        " (int8..uint64, float32, float64, datetime64)");
+                                        " (int8..uint64, float32, float64, datetime64, S1..S32)");
+}
+
+// The element type of a field the host defined (an image of another program).
+std::optional<field_type> elem_of_dd(uint8_t dd, uint16_t elem_size, bool &is_seq) {
+    static const std::pair<uint8_t, elem> scalars[] = {
+        {VEL_DD_INT1, elem::i1},   {VEL_DD_INT2, elem::i2},     {VEL_DD_INT4, elem::i4},
+        {VEL_DD_INT8, elem::i8},   {VEL_DD_UINT1, elem::u1},    {VEL_DD_UINT2, elem::u2},
+        {VEL_DD_UINT4, elem::u4},  {VEL_DD_UINT8, elem::u8},    {VEL_DD_FLOAT, elem::f4},
+        {VEL_DD_DOUBLE, elem::f8}, {VEL_DD_DATETIME, elem::dt}, {VEL_DD_CHAR, elem::ch}};
+    is_seq = dd >= VEL_DD_SEQUENCE_UINT1;
+    uint8_t scalar = dd;
+    if (dd == VEL_DD_SEQUENCE_DATETIME)
+        scalar = VEL_DD_DATETIME;
+    else if (dd == VEL_DD_SEQUENCE_CHAR)
+        scalar = VEL_DD_CHAR;
+    else if (is_seq)
+        scalar = static_cast<uint8_t>(dd - VEL_DD_SEQUENCE_UINT1 + VEL_DD_UINT1);
+    for (const auto &[d, e] : scalars)
+        if (d == scalar) {
+            if (e == elem::ch && (elem_size < 1 || elem_size > max_chars))
+                return std::nullopt;
+            return field_type{e, e == elem::ch ? elem_size : size_t{0}};
+        }
+    return std::nullopt;
 }
 
 velseq::order order_of(const std::string &o) {
@@ -842,151 +978,320 @@ const char *order_name(velseq::order o) {
                                             : "none";
 }
 
+// Declares field `f` in class `c`'s schema.
+void declare(class_def &c, field_def f) {
+    visit(f.type, f.width, [&](auto t) {
+        using T = typename decltype(t)::type;
+        if (f.is_seq)
+            f.seq = c.schema.seq<T>(f.name, f.order);
+        else
+            f.value = c.schema.value<T>(f.name);
+    });
+    c.fields.push_back(std::move(f));
+}
+
+// ---- the catalogue ----------------------------------------------------------------
+//
+// The host keeps a class's field types but not the names Python gave its
+// classes and fields, nor the fields' orders.  Those live in the database
+// itself, so that an image or a log carries them with the classes: class
+// "velseq.catalog" holds one object whose char(32) field of the same name
+// holds this text in 32-byte pieces (the last padded with zero bytes):
+//
+//   class <code>\t<name>\n                                  per class, by code
+//   field <name>\t<seq|value>\t<dtype>\t<order>\n           per field, in order
+//
+// It is rewritten whole by every define(), in a write transaction of its
+// own.  Names hold no tab, newline or zero byte.  Classes it does not name
+// (defined by another program) open as "class<code>" with fields "f<i>",
+// unordered.
+
+constexpr const char *catalog_name = "velseq.catalog";
+using catalog_piece = velseq::chars<32>;
+
+struct catalog {
+    velseq::schema schema{catalog_name};
+    velseq::field<catalog_piece> text;
+    bool defined = false;
+};
+
+std::optional<velseq::object> catalog_object(velseq::transaction &tx, const velseq::schema &s) {
+    vel_cursor_t cur;
+    vel_objhandle_t h{};
+    vel_trans_h trans = &tx.connection_handle()->trans;
+    VEL_RET rc = vel_w_list_cursor(trans, s.code(), &cur);
+    if (rc == VEL_S_CURSOR_EMPTY)
+        return std::nullopt;
+    velseq::detail::check(rc, "listing the catalogue");
+    rc = vel_cursor_first(trans, &cur);
+    if (rc == VEL_S_CURSOR_END)
+        return std::nullopt;
+    velseq::detail::check(rc, "listing the catalogue");
+    velseq::detail::check(vel_w_obj_from_cursor(trans, &cur, s.code(), &h),
+                          "opening the catalogue");
+    return tx.open(s, h.oid);
+}
+
+std::string catalog_text(const std::map<std::string, std::shared_ptr<class_def>> &classes) {
+    std::vector<const class_def *> by_code;
+    for (const auto &c : classes)
+        by_code.push_back(c.second.get());
+    std::sort(by_code.begin(), by_code.end(), [](const class_def *a, const class_def *b) {
+        return a->schema.code() < b->schema.code();
+    });
+    std::string t;
+    for (const class_def *c : by_code) {
+        t += "class " + std::to_string(c->schema.code()) + "\t" + c->schema.name() + "\n";
+        for (const field_def &f : c->fields)
+            t += "field " + f.name + "\t" + (f.is_seq ? "seq" : "value") + "\t" +
+                 dtype_name(f.type, f.width) + "\t" + order_name(f.order) + "\n";
+    }
+    return t;
+}
+
+struct catalog_class {
+    std::string name;
+    std::vector<std::tuple<std::string, bool, field_type, velseq::order>> fields;
+};
+
+// Parses catalog_text(); lines it cannot read are skipped (their class then
+// opens under its placeholder names, as one no catalogue names).
+std::map<uint16_t, catalog_class> parse_catalog(const std::string &text) {
+    std::map<uint16_t, catalog_class> out;
+    catalog_class *cur = nullptr;
+    size_t at = 0;
+    while (at < text.size()) {
+        size_t end = text.find('\n', at);
+        if (end == std::string::npos)
+            end = text.size();
+        const std::string line = text.substr(at, end - at);
+        at = end + 1;
+        std::vector<std::string> parts;
+        for (size_t p = line.find(' ') + 1, q; p != 0 && p <= line.size(); p = q + 1) {
+            q = line.find('\t', p);
+            if (q == std::string::npos)
+                q = line.size();
+            parts.push_back(line.substr(p, q - p));
+        }
+        try {
+            if (line.rfind("class ", 0) == 0 && parts.size() == 2) {
+                cur = &out[static_cast<uint16_t>(std::stoul(parts[0]))];
+                cur->name = parts[1];
+            } else if (line.rfind("field ", 0) == 0 && parts.size() == 4 && cur) {
+                cur->fields.emplace_back(parts[0], parts[1] == "seq", elem_of(py::str(parts[2])),
+                                         order_of(parts[3]));
+            }
+        } catch (const std::exception &) {
+            cur = nullptr;
+        }
+    }
+    return out;
+}
+
 struct Database {
     std::shared_ptr<db_state> st = std::make_shared<db_state>();
+    std::shared_ptr<catalog> cat = std::make_shared<catalog>();
 
     explicit Database(uint32_t page_size) {
         velseq::config cfg;
         if (page_size != 0)
             cfg.seq_page_size = page_size;
         st->db = std::make_unique<velseq::database>(cfg);
-        st->db->define(st->catalog);
-        write_catalog(true);
-    }
-
-    // Replaces this (new, empty) database with the one of the image at
-    // `path`, its classes read from the catalog.
-    void load_image(const std::string &path) {
-        if (st->classes.size() > 0)
-            throw error(VEL_E_HOST_BAD_ARG, "load_image needs a database without classes");
-        std::unique_ptr<velseq::database> db;
-        {
-            py::gil_scoped_release nogil;
-            db = velseq::open_image(path);
-        }
-        auto fresh = std::make_shared<db_state>();
-        fresh->db = std::move(db);
-        const std::string not_ours =
-            path + " was not saved by the velseq Python package (it has no class list)";
-        try {
-            velseq::attach(*fresh->db, fresh->catalog, 1);
-        } catch (const error &) {
-            throw error(VEL_E_HOST_BAD_IMAGE, not_ours);
-        }
-        std::string text;
-        {
-            velseq::connection con(*fresh->db);
-            velseq::transaction tx(con, velseq::transaction::read);
-            try {
-                for (std::optional<uint8_t> b :
-                     tx.open(fresh->catalog, db_state::catalog_oid)[fresh->catalog_json].elements())
-                    text.push_back(static_cast<char>(b.value_or(0)));
-            } catch (const error &) {
-                throw error(VEL_E_HOST_BAD_IMAGE, not_ours);
-            }
-        }
-        py::list classes = py::module_::import("json").attr("loads")(text);
-        std::vector<std::pair<uint16_t, std::shared_ptr<class_def>>> defs;
-        for (py::handle c : classes) {
-            std::vector<std::tuple<std::string, std::string, py::object, std::string>> fields;
-            for (py::handle f : c["fields"])
-                fields.emplace_back(f[py::int_(0)].cast<std::string>(),
-                                    f[py::int_(1)].cast<std::string>(),
-                                    py::reinterpret_borrow<py::object>(f[py::int_(2)]),
-                                    f[py::int_(3)].cast<std::string>());
-            auto def = make_class(c["name"].cast<std::string>(), fields);
-            velseq::attach(*fresh->db, def->schema, c["code"].cast<uint16_t>());
-            fresh->classes[def->schema.name()] = def;
-        }
-        st = std::move(fresh);
-    }
-
-    // Writes the state of the last commit to `path` (through a temporary
-    // file and a rename: a crash leaves the old file or the new one).
-    void save(const std::string &path) {
-        st->require_open();
-        py::gil_scoped_release nogil;
-        velseq::save_image(*st->db, path);
     }
     // fields: (name, "seq" | "value", dtype, order)
     void define(
         const std::string &name,
         const std::vector<std::tuple<std::string, std::string, py::object, std::string>> &fields) {
         st->require_open();
-        if (st->classes.count(name) || name == st->catalog.name())
+        if (st->classes.count(name))
             throw error(VEL_E_HOST_BAD_ARG, "class '" + name + "' is already defined");
-        auto c = make_class(name, fields); // bad fields are refused first
-        require_no_writer();
-        st->db->define(c->schema);
-        st->classes[name] = c;
-        write_catalog(false);
-    }
-    static std::shared_ptr<class_def> make_class(
-        const std::string &name,
-        const std::vector<std::tuple<std::string, std::string, py::object, std::string>> &fields) {
         if (fields.empty())
             throw error(VEL_E_HOST_BAD_ARG, "class '" + name + "' needs a field");
+        auto plain = [](const std::string &n) {
+            return !n.empty() && n.find_first_of(std::string("\t\n\0", 3)) == std::string::npos &&
+                   n != catalog_name;
+        };
+        if (!plain(name))
+            throw error(VEL_E_HOST_BAD_ARG, "a class name is not empty and holds no tab, newline "
+                                            "or zero byte (and is not velseq.catalog)");
         auto c = std::make_shared<class_def>(class_def{velseq::schema(name), {}});
         for (const auto &[fname, kind, dtype, ord] : fields) {
             for (const field_def &f : c->fields)
                 if (f.name == fname)
                     throw error(VEL_E_HOST_BAD_ARG, "field '" + fname + "' given twice");
-            field_def f{fname, kind == "seq", elem_of(dtype), order_of(ord), {}, {}};
+            if (!plain(fname))
+                throw error(VEL_E_HOST_BAD_ARG,
+                            "a field name is not empty and holds no tab, newline or zero byte");
+            const field_type ft = elem_of(dtype);
+            field_def f{fname, kind == "seq", ft.type, ft.width, order_of(ord), {}, {}};
             if (kind != "seq" && kind != "value")
                 throw error(VEL_E_HOST_BAD_ARG, "a field is 'seq' or 'value', not '" + kind + "'");
             if (!f.is_seq && f.order != velseq::order::none)
                 throw error(VEL_E_HOST_BAD_ARG, "scalar field '" + fname + "' has no order");
-            visit(f.type, [&](auto t) {
-                using T = typename decltype(t)::type;
-                if (f.is_seq)
-                    f.seq = c->schema.seq<T>(fname, f.order);
-                else
-                    f.value = c->schema.value<T>(fname);
-            });
-            c->fields.push_back(std::move(f));
+            declare(*c, std::move(f));
         }
-        return c;
-    }
-    // The catalog's write transaction would wait forever for one this thread
-    // holds.
-    void require_no_writer() {
-        std::lock_guard<std::mutex> g(st->writers_mu);
-        if (st->writers[std::this_thread::get_id()] > 0)
-            throw error(VEL_E_HOST_BUSY, "define a class outside the write transaction this "
-                                         "thread holds (the class list is written in its own)");
-    }
-    void write_catalog(bool create) {
-        std::vector<std::pair<uint16_t, py::dict>> byc;
-        for (const auto &[name, c] : st->classes) {
-            py::list fields;
-            for (const field_def &f : c->fields)
-                fields.append(py::make_tuple(f.name, f.is_seq ? "seq" : "value", dtype_name(f.type),
-                                             order_name(f.order)));
-            py::dict d;
-            d["name"] = name;
-            d["code"] = c->schema.code();
-            d["fields"] = fields;
-            byc.emplace_back(c->schema.code(), d);
+        {
+            std::lock_guard<std::mutex> g(st->writers_mu);
+            if (st->writers.count(std::this_thread::get_id()))
+                throw error(VEL_E_HOST_BUSY,
+                            "define classes while this thread has no write transaction open "
+                            "(the class's description is written in a transaction of its own)");
         }
-        std::sort(byc.begin(), byc.end(),
-                  [](const auto &a, const auto &b) { return a.first < b.first; });
-        py::list all;
-        for (auto &e : byc)
-            all.append(e.second);
-        const std::string text = py::module_::import("json").attr("dumps")(all).cast<std::string>();
-        py::gil_scoped_release nogil; // another thread's writer may hold the database
+        if (!cat->defined) {
+            cat->text = cat->schema.seq<catalog_piece>(catalog_name);
+            st->db->define(cat->schema);
+            cat->defined = true;
+        }
+        st->db->define(c->schema);
+        st->classes[name] = c;
+        write_catalog();
+    }
+
+    void write_catalog() {
+        const std::string text = catalog_text(st->classes);
+        std::vector<catalog_piece> pieces((text.size() + sizeof(catalog_piece) - 1) /
+                                          sizeof(catalog_piece));
+        std::memcpy(static_cast<void *>(pieces.data()), text.data(), text.size());
         velseq::connection con(*st->db);
-        velseq::transaction tx(con, velseq::transaction::write);
-        velseq::object o =
-            create ? tx.create(st->catalog) : tx.open(st->catalog, db_state::catalog_oid);
-        if (o.oid() != db_state::catalog_oid)
-            throw error(VEL_E_HOST_BAD_ARG, "the class list is not the database's first object");
-        velseq::sequence<uint8_t> json = o[st->catalog_json];
-        json.truncate();
-        json.append(velseq::span<const uint8_t>(reinterpret_cast<const uint8_t *>(text.data()),
-                                                text.size()));
-        tx.commit();
+        std::optional<velseq::transaction> tx;
+        {
+            py::gil_scoped_release nogil; // another thread's writer may hold the database
+            tx.emplace(con, velseq::transaction::write);
+        }
+        std::optional<velseq::object> o = catalog_object(*tx, cat->schema);
+        if (!o)
+            o = tx->create(cat->schema);
+        velseq::sequence<catalog_piece> seq = (*o)[cat->text];
+        seq.truncate();
+        seq.append(velseq::span<const catalog_piece>(pieces));
+        tx->commit();
     }
+
+    // Replaces the (fresh) database by the one of image `path` (none: the
+    // empty one) and `log`, with the classes the image and log define.
+    void open_file(const std::optional<std::string> &path, const std::optional<std::string> &log,
+                   const std::string &sync, uint32_t group_ms) {
+        velseq::config cfg;
+        if (log) {
+            cfg.log_path = log->c_str();
+            cfg.log_sync = sync == "commit"  ? VELH_LOG_SYNC_COMMIT
+                           : sync == "group" ? VELH_LOG_SYNC_GROUP
+                           : sync == "none"  ? VELH_LOG_SYNC_NONE
+                                             : -1;
+            if (cfg.log_sync < 0)
+                throw error(VEL_E_ILLEGAL_PARAM,
+                            "sync is 'commit', 'group' or 'none', not '" + sync + "'");
+            if (group_ms != 0)
+                cfg.log_group_ms = group_ms;
+        } else if (!path) {
+            throw error(VEL_E_ILLEGAL_PARAM, "open: give an image, a log or both");
+        }
+        velh_db_t *h = nullptr;
+        velh_open_stats_t stats{};
+        VEL_RET rc;
+        {
+            py::gil_scoped_release nogil;
+            rc = velh_db_open_file(&cfg, path ? path->c_str() : nullptr, &h, &stats);
+        }
+        velseq::detail::check_file(rc, "opening " + (path ? *path : *log));
+        auto db = std::make_unique<velseq::database>();
+        velseq::detail::image_access::adopt(*db, h);
+
+        // The catalogue first, then every other class under its names.
+        const auto n_classes = static_cast<uint16_t>(stats.classes);
+        uint16_t cat_code = 0;
+        for (uint16_t code = 1; code <= n_classes && cat_code == 0; code++) {
+            velh_field_info_t fi;
+            if (velh_field_by_name(h, code, catalog_name, &fi) == VEL_S_OK && fi.fld_no == 0 &&
+                fi.type == VEL_DD_SEQUENCE_CHAR && fi.elem_size == sizeof(catalog_piece))
+                cat_code = code;
+        }
+        auto new_cat = std::make_shared<catalog>();
+        std::map<uint16_t, catalog_class> named;
+        if (cat_code != 0) {
+            new_cat->text = new_cat->schema.seq<catalog_piece>(catalog_name);
+            velseq::attach(*db, new_cat->schema, cat_code);
+            new_cat->defined = true;
+            velseq::connection con(*db);
+            velseq::transaction tx(con, velseq::transaction::read);
+            std::string text;
+            if (std::optional<velseq::object> o = catalog_object(tx, new_cat->schema))
+                for (const auto &piece : (*o)[new_cat->text].elements())
+                    if (piece)
+                        text.append(piece->view());
+            named = parse_catalog(text);
+        }
+        std::map<std::string, std::shared_ptr<class_def>> classes;
+        for (uint16_t code = 1; code <= n_classes; code++) {
+            if (code == cat_code)
+                continue;
+            std::vector<velh_field_info_t> info;
+            velh_field_info_t fi;
+            while (velh_field_info(h, code, static_cast<uint16_t>(info.size()), &fi) == VEL_S_OK)
+                info.push_back(fi);
+            auto it = named.find(code);
+            bool use_names = it != named.end() && it->second.fields.size() == info.size() &&
+                             !classes.count(it->second.name);
+            std::vector<field_def> defs;
+            for (size_t i = 0; i < info.size(); i++) {
+                bool is_seq = false;
+                const std::optional<field_type> ft =
+                    elem_of_dd(info[i].type, info[i].elem_size, is_seq);
+                if (!ft)
+                    break; // a type Python has no dtype for: the class is left out
+                defs.push_back(field_def{"f" + std::to_string(i),
+                                         is_seq,
+                                         ft->type,
+                                         ft->width,
+                                         velseq::order::none,
+                                         {},
+                                         {}});
+                if (use_names) {
+                    const auto &[fname, fseq, fty, ford] = it->second.fields[i];
+                    if (fseq != is_seq || fty.type != ft->type || fty.width != ft->width)
+                        use_names = false;
+                    else
+                        defs.back().name = fname, defs.back().order = ford;
+                }
+            }
+            if (defs.size() != info.size() || defs.empty())
+                continue;
+            const std::string cname = use_names ? it->second.name : "class" + std::to_string(code);
+            auto c = std::make_shared<class_def>(class_def{velseq::schema(cname), {}});
+            for (size_t i = 0; i < defs.size(); i++) {
+                if (!use_names) {
+                    defs[i].name = "f" + std::to_string(i);
+                    defs[i].order = velseq::order::none;
+                }
+                declare(*c, std::move(defs[i]));
+            }
+            velseq::attach(*db, c->schema, code);
+            classes[cname] = c;
+        }
+        st->db = std::move(db);
+        st->classes = std::move(classes);
+        cat = std::move(new_cat);
+    }
+
+    void save(const std::string &path) {
+        st->require_open();
+        VEL_RET rc;
+        {
+            py::gil_scoped_release nogil;
+            rc = velh_db_save(st->db->get(), path.c_str());
+        }
+        velseq::detail::check_file(rc, "saving to " + path);
+    }
+    void checkpoint(const std::string &path) {
+        st->require_open();
+        VEL_RET rc;
+        {
+            py::gil_scoped_release nogil;
+            rc = velh_checkpoint(st->db->get(), path.c_str());
+        }
+        velseq::detail::check_file(rc, "checkpointing to " + path);
+    }
+
     void close() {
         if (!st->db)
             return;
@@ -1013,7 +1318,7 @@ py::object get_value(const Object &o, const std::string &name) {
     const field_def &f = o.cls->field(name);
     if (f.is_seq)
         return py::cast(Sequence{o.tx, o.cls, o.obj, &f});
-    return visit(f.type, [&](auto t) -> py::object {
+    return visit(f.type, f.width, [&](auto t) -> py::object {
         using T = typename decltype(t)::type;
         return value_out(std::optional<T>(o.obj.get(std::get<velseq::scalar_field<T>>(f.value))));
     });
@@ -1024,14 +1329,14 @@ void set_value(const Object &o, const std::string &name, const py::object &v) {
     const field_def &f = o.cls->field(name);
     if (f.is_seq)
         throw error(VEL_E_HOST_WRONG_FIELD, name + " is a sequence field: use append or insert");
-    visit(f.type, [&](auto t) {
+    visit(f.type, f.width, [&](auto t) {
         using T = typename decltype(t)::type;
         o.obj.set(std::get<velseq::scalar_field<T>>(f.value), scalar_of<T>(v, "set " + name));
     });
 }
 
 template <class F> decltype(auto) typed(const Sequence &s, F &&f) {
-    return visit(s.f->type, std::forward<F>(f));
+    return visit(s.f->type, s.f->width, std::forward<F>(f));
 }
 
 } // namespace
@@ -1039,8 +1344,9 @@ template <class F> decltype(auto) typed(const Sequence &s, F &&f) {
 PYBIND11_MODULE(_velseq, m) {
     m.doc() = "velseq: sequences of scalars in database objects, from NumPy and pandas";
 
-    static py::object &error_type = *new py::object(py::reinterpret_borrow<py::object>(
-        py::exception<error>(m, "Error", PyExc_Exception).ptr()));
+    static py::object &error_type = *new py::object( // never released, as numpy() above
+        py::reinterpret_borrow<py::object>(
+            py::exception<error>(m, "Error", PyExc_Exception).ptr()));
     error_type.attr("__doc__") =
         "A refused call: .code is the module's or host's code, .name its name; the data is as "
         "it was before the call.";
@@ -1059,8 +1365,10 @@ PYBIND11_MODULE(_velseq, m) {
     py::class_<Database>(m, "Database")
         .def(py::init<uint32_t>(), py::arg("page_size") = 0)
         .def("define", &Database::define, py::arg("name"), py::arg("fields"))
-        .def("_load_image", &Database::load_image, py::arg("path"))
+        .def("_open_file", &Database::open_file, py::arg("path"), py::arg("log"), py::arg("sync"),
+             py::arg("group_ms"))
         .def("save", &Database::save, py::arg("path"))
+        .def("checkpoint", &Database::checkpoint, py::arg("path"))
         .def("close", &Database::close)
         .def_property_readonly("closed", [](const Database &d) { return !d.st->db; })
         .def("classes",
@@ -1074,9 +1382,10 @@ PYBIND11_MODULE(_velseq, m) {
         .def("fields",
              [](const Database &d, const std::string &cls) {
                  std::vector<std::tuple<std::string, std::string, std::string, std::string>> out;
-                 for (const field_def &f : d.st->cls(cls).fields)
-                     out.emplace_back(f.name, f.is_seq ? "seq" : "value", dtype_name(f.type),
-                                      order_name(f.order));
+                 for (const field_def &f : d.st->cls(cls).fields) {
+                     out.emplace_back(f.name, f.is_seq ? "seq" : "value",
+                                      dtype_name(f.type, f.width), order_name(f.order));
+                 }
                  return out;
              })
         .def("read", [](const Database &d) { return Transaction(d, false); })
@@ -1129,8 +1438,10 @@ PYBIND11_MODULE(_velseq, m) {
 
     py::class_<Sequence>(m, "Sequence")
         .def_property_readonly("name", [](const Sequence &s) { return s.f->name; })
-        .def_property_readonly(
-            "dtype", [](const Sequence &s) { return numpy().attr("dtype")(dtype_name(s.f->type)); })
+        .def_property_readonly("dtype",
+                               [](const Sequence &s) {
+                                   return numpy().attr("dtype")(dtype_name(s.f->type, s.f->width));
+                               })
         .def_property_readonly("order",
                                [](const Sequence &s) {
                                    return s.f->order == velseq::order::ascending    ? "ascending"

@@ -14,6 +14,9 @@ T0 = np.datetime64("2024-01-02T00:00:00", "ns")
 
 
 def random_values(rng, dtype, n):
+    if dtype[0] == "S":  # 0..N bytes, none zero (NumPy's S<N> drops trailing ones)
+        return np.array([bytes(rng.choice(list(b"abc\xff"), rng.integers(0, int(dtype[1:]) + 1)))
+                         for _ in range(n)], dtype)
     if dtype == "datetime64[ns]":
         return T0 + rng.integers(-10**17, 10**17, n).astype("timedelta64[ns]")
     dt = np.dtype(dtype)
@@ -40,10 +43,9 @@ def same(got, values, mask):
 
 
 @pytest.mark.parametrize("dtype", NUMERIC + ["datetime64[ns]"])
-def test_round_trip_with_nulls(dtype, tmp_path):
+def test_round_trip_with_nulls(dtype):
     """Appends, inserts and deletes against a NumPy model; reads whole and by
-    ranges, fresh and into a caller's buffer; scalar fields; the same through
-    a file."""
+    ranges, fresh and into a caller's buffer; scalar fields."""
     rng = np.random.default_rng(7)
     db = velseq.Database()
     db.define("c", v=velseq.seq(dtype), s=velseq.value(dtype))
@@ -76,36 +78,6 @@ def test_round_trip_with_nulls(dtype, tmp_path):
         if not mask[100:500].any():
             np.testing.assert_array_equal(buf, vals[100:500])
         assert o["s"] == vals[5] or (np.isnan(vals[5]) and np.isnan(o["s"]))
-    db.save(str(tmp_path / "db"))
-    back = velseq.Database.open(str(tmp_path / "db"))
-    assert back.fields("c") == db.fields("c")
-    with back.read() as tx:
-        same(tx.open("c", oid)["v"].read(), vals, mask)
-
-
-def test_files_bad_and_reopened(tmp_path):
-    """Bad files raise; classes defined after an open are saved with the rest,
-    orders included."""
-    (tmp_path / "text").write_text("not a database\n")
-    db = velseq.Database()
-    db.define("a", t=velseq.seq("datetime64[ns]", "ascending"))
-    db.save(str(tmp_path / "db"))
-    (tmp_path / "cut").write_bytes((tmp_path / "db").read_bytes()[:-9])
-    for name, code in [("missing", "VEL_E_HOST_IO"), ("text", "VEL_E_HOST_BAD_IMAGE"),
-                       ("cut", "VEL_E_HOST_BAD_IMAGE")]:
-        with pytest.raises(velseq.Error) as e:
-            velseq.Database.open(str(tmp_path / name))
-        assert e.value.name == code, name
-    db = velseq.Database.open(str(tmp_path / "db"))
-    db.define("b", x=velseq.seq("int32", "descending"))
-    db.save(str(tmp_path / "db"))
-    db = velseq.Database.open(str(tmp_path / "db"))
-    assert db.classes() == ["a", "b"]
-    with db.write() as tx:
-        o = tx.create("b")
-        o["x"].append(np.array([3, 2], "int32"))
-        with pytest.raises(velseq.Error, match="ORDER"):
-            o["x"].append(np.array([5], "int32"))
 
 
 def test_datetime_units_and_frames():
@@ -332,3 +304,85 @@ def test_no_leak_over_many_calls():
     start = rss_kib()
     calls(25000)  # 10^5 calls
     assert rss_kib() - start < 2048
+
+
+def test_file_round_trip_every_dtype(tmp_path):
+    """Every dtype with nulls through an image, a log replayed on it, a
+    checkpoint and to_pandas; names and orders come back with the classes."""
+    rng = np.random.default_rng(11)
+    dtypes = NUMERIC + ["datetime64[ns]", "S1", "S7", "S32"]
+    model = {}
+
+    def add(db, oid, n):
+        with db.write() as tx:
+            o = tx.create("c") if oid is None else tx.open("c", oid)
+            for i, dt in enumerate(dtypes):
+                v, m = random_values(rng, dt, n), rng.random(n) < 0.3
+                o[f"f{i}"].append(v, m)
+                old = model.get(i, (v[:0], m[:0]))
+                model[i] = (np.concatenate([old[0], v]), np.concatenate([old[1], m]))
+            o["s"] = b"xyz"
+            return o.oid
+
+    db = velseq.Database()
+    db.define("c", s=velseq.value("S5"),
+              **{f"f{i}": velseq.seq(dt) for i, dt in enumerate(dtypes)})
+    oid = add(db, None, 700)
+    db.save(tmp_path / "a.img")
+    db.close()
+    img, log = str(tmp_path / "a.img"), str(tmp_path / "a.log")
+    with velseq.Database.open(img, log=log, sync="none") as db:
+        add(db, oid, 300)
+        db.define("k", key=velseq.seq("S4", "descending"))
+    db = velseq.Database.open(img, log=log)
+    assert db.fields("k") == [("key", "seq", "S4", "descending")]
+    add(db, oid, 50)
+    db.checkpoint(img)
+    db.close()
+    for db in (velseq.Database.open(img), velseq.Database.open(img, log=log)):
+        with db.read() as tx:
+            o = tx.open("c", oid)
+            assert o["s"] == b"xyz"
+            for i, (v, m) in model.items():
+                same(o[f"f{i}"].read(), v, m)
+        df = db.to_pandas("c", oid)  # S7 with nulls: bytes or None
+        assert df[f"f{len(NUMERIC) + 2}"].isna().tolist() == model[len(NUMERIC) + 2][1].tolist()
+        db.close()
+        with velseq.Database() as again:  # bytes and None columns back to char fields
+            pd.testing.assert_frame_equal(again.to_pandas("c", again.from_pandas(df, "c")), df)
+
+
+def test_bad_files(tmp_path):
+    good = tmp_path / "good.img"
+    velseq.Database().save(good)
+    data = good.read_bytes()
+    (tmp_path / "text.img").write_bytes(b"not an image\n" * 100)
+    (tmp_path / "cut.img").write_bytes(data[: len(data) // 2])
+    (tmp_path / "flip.img").write_bytes(data[:-9] + bytes([data[-9] ^ 1]) + data[-8:])
+    for name, code in [("missing.img", "VEL_E_HOST_IO"), ("text.img", "VEL_E_HOST_BAD_IMAGE"),
+                       ("cut.img", "VEL_E_HOST_BAD_IMAGE"), ("flip.img", "VEL_E_HOST_BAD_IMAGE")]:
+        with pytest.raises(velseq.Error) as e:
+            velseq.Database.open(tmp_path / name)
+        assert e.value.name == code and name in str(e.value), str(e.value)
+
+
+def test_char_search_against_numpy():
+    """Bytewise order of zero-padded values is NumPy's order of S<N>."""
+    rng = np.random.default_rng(12)
+    keys = np.sort(random_values(rng, "S4", 3000))
+    db = velseq.Database()
+    db.define("k", key=velseq.seq("S4", "ascending"))
+    with db.write() as tx:
+        o = tx.create("k")
+        o["key"].append(keys[:1000].astype("S9"))  # wider dtype, values that fit
+        o["key"].append(list(keys[1000:]))  # bytes of 0..4: padded
+        with pytest.raises(velseq.Error, match="VEL_E_ILLEGAL_PARAM.*more than char"):
+            o["key"].append(np.array([b"\xff" * 5]))
+        for _ in range(300):
+            lo, hi = np.sort(random_values(rng, "S4", 2))
+            lb, hb = rng.choice(["inclusive", "exclusive"], 2)
+            first = np.searchsorted(keys, lo, "left" if lb == "inclusive" else "right")
+            last = np.searchsorted(keys, hi, "right" if hb == "inclusive" else "left")
+            got = o["key"].search(lo, hi, lb, hb)
+            assert got == (first, last) if first < last else got[0] == got[1]
+        np.testing.assert_array_equal(o["key"].read(), keys)

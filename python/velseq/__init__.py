@@ -2,7 +2,7 @@
 of NumPy and pandas.
 
     import numpy as np, velseq
-    db = velseq.Database()
+    db = velseq.Database()            # or velseq.Database.open("ticks.img", log="ticks.log")
     db.define("tick", ts=velseq.seq("datetime64[ns]", "ascending"),
               px=velseq.seq("float64"), venue=velseq.value("uint32"))
     with db.write() as tx:                  # commits; an exception rolls back
@@ -14,11 +14,14 @@ of NumPy and pandas.
         t = tx.open("tick", oid)
         px = t["px"].read()                 # ndarray, masked where nulls exist
         bars = t.resample("ts", "px", "1min")            # pandas.DataFrame
+    db.save("ticks.img")                    # an image of the last commit
 
 The extension (_velseq) holds the database, transactions, objects and
 sequences; this file adds what returns or takes pandas objects.  Every
 refused call raises velseq.Error (with .code and .name) and changes nothing.
 """
+
+import os as _os
 
 import numpy as _np
 
@@ -30,7 +33,11 @@ __all__ = ["Database", "Error", "Object", "Sequence", "Transaction", "seq", "val
 
 class seq:
     """A sequence field of a class: its NumPy dtype and the order its values keep
-    ("none", "ascending" or "descending"; ordered fields hold no nulls)."""
+    ("none", "ascending" or "descending"; ordered fields hold no nulls).
+    Dtype S<N> (N in 1..32) is a char(N) field of fixed-width bytes: shorter
+    values are padded with zero bytes, longer ones refused, and an ordered
+    one compares bytewise; it reads back as S<N>, searches and gathers, but
+    has no asof or aggregates."""
 
     def __init__(self, dtype, order="none"):
         self.dtype, self.order = dtype, order
@@ -44,19 +51,38 @@ class value:
 
 
 class Database(_Database):
-    """An in-memory database, saved to a file by save() and opened from one by
-    Database.open().  `page_size` sets the bytes of a sequence page (0: the
-    default).  Usable as a context manager that closes it."""
+    """A database in memory.  `page_size` sets the bytes of a sequence page
+    (0: the default).  Database.open() reads one from an image file and a
+    commit log; save() and checkpoint() write images.  Usable as a context
+    manager that closes it."""
 
     def __init__(self, page_size=0):
         super().__init__(page_size)
 
     @classmethod
-    def open(cls, path):
-        """The database saved at `path` by save(), with its classes."""
+    def open(cls, path=None, log=None, sync="commit", group_ms=0):
+        """The database of the image file `path` (None: an empty one) with the
+        commits of `log` replayed on top; with a log, every later commit is
+        appended to it, flushed per `sync`: "commit" (a commit that returned
+        survives a machine crash), "group" (flushed every `group_ms`, default
+        10) or "none" (when the OS likes).  Classes come back under the names
+        and orders they were defined with (classes another program defined:
+        "class<code>" with fields "f<i>").  A missing, foreign or damaged
+        file raises Error (VEL_E_HOST_IO, _BAD_IMAGE, _BAD_LOG)."""
         db = cls()
-        db._load_image(path)
+        db._open_file(None if path is None else _os.fspath(path),
+                      None if log is None else _os.fspath(log), sync, group_ms)
         return db
+
+    def save(self, path):
+        """Writes an image of the last commit to `path`, replacing the file
+        whole (a crash leaves the old file or the new one)."""
+        _Database.save(self, _os.fspath(path))
+
+    def checkpoint(self, path):
+        """Saves an image to `path`, then starts the log afresh: opening
+        needs that image and the log.  Error VEL_E_HOST_BAD_ARG without a log."""
+        _Database.checkpoint(self, _os.fspath(path))
 
     def define(self, name, **fields):
         """Defines class `name`: each keyword is a field, given as velseq.seq,
@@ -84,7 +110,9 @@ class Database(_Database):
         transaction; returns the object's oid.  `time` names the column kept
         as an ascending datetime64 field; with time=None a DatetimeIndex is
         stored as such a field named after the index (or "time").  Nullable
-        pandas columns (Int64, Float64, NaT) become nulls."""
+        pandas columns (Int64, Float64, NaT) become nulls; columns of bytes
+        (object or S dtype; None is null) become char fields as wide as
+        their longest value (at most 32)."""
         import pandas as pd
 
         cols = {}
@@ -133,6 +161,12 @@ def _values_of(s):
 
     if isinstance(s.dtype, pd.DatetimeTZDtype):
         s = s.dt.tz_convert("UTC").dt.tz_localize(None)
+    if s.dtype == object or s.dtype.kind == "S":  # bytes (None, NaN: null) as S<longest>
+        mask = s.isna().to_numpy()
+        v = _np.array([b"" if m else x for x, m in zip(s.to_numpy(), mask)], dtype="S")
+        if v.dtype.itemsize == 0:
+            v = v.astype("S1")
+        return v, (mask if mask.any() else None)
     if pd.api.types.is_extension_array_dtype(s.dtype) and hasattr(s.dtype, "numpy_dtype"):
         mask = s.isna().to_numpy()
         v = s.to_numpy(dtype=s.dtype.numpy_dtype, na_value=0)
@@ -142,12 +176,16 @@ def _values_of(s):
 
 def _column(a):
     """A read result as a pandas column: masked integers and floats become
-    nullable arrays, masked datetimes NaT."""
+    nullable arrays, masked datetimes NaT, masked bytes None."""
     import pandas as pd
 
     if not isinstance(a, _np.ma.MaskedArray):
         return a
     d, m = a.data, _np.ma.getmaskarray(a)
+    if d.dtype.kind == "S":
+        d = d.astype(object)
+        d[m] = None
+        return d
     if d.dtype.kind in "iu":
         return pd.arrays.IntegerArray(d, m)
     if d.dtype.kind == "f":

@@ -24,7 +24,8 @@ class Error(Exception):
     name: str  # its name, e.g. "VEL_E_SEQ_OUT_OF_ORDER"
 
 class seq:
-    """A sequence field: dtype (int8..uint64, float32, float64, datetime64) and order."""
+    """A sequence field: dtype (int8..uint64, float32, float64, datetime64, or S1..S32:
+    char(N) bytes, zero-padded, ordered bytewise) and order."""
     def __init__(self, dtype: DTypeLike, order: Order = "none") -> None: ...
 
 class value:
@@ -41,19 +42,21 @@ class Summary(TypedDict):
     first: Any  # first non-null value
     last: Any  # last non-null value
 
+Sync = Literal["commit", "group", "none"]
+
 class Database:
-    """An in-memory database, saved to and opened from files; a context
-    manager that closes it."""
+    """A database in memory, new or opened from files; a context manager that closes it."""
     closed: bool
     def __init__(self, page_size: int = 0) -> None: ...
     @classmethod
-    def open(cls, path: str) -> Database:
-        """The database saved at `path` by save(): its classes, objects and
-        fields as they were at the last commit before the save.  Error
-        VEL_E_HOST_IO / VEL_E_HOST_BAD_IMAGE for a missing, damaged or foreign file."""
+    def open(cls, path: Optional[str] = None, log: Optional[str] = None,
+             sync: Sync = "commit", group_ms: int = 0) -> Database:
+        """The database of image `path` (None: empty) with the commits of `log`
+        replayed; later commits go to the log, flushed per `sync`."""
     def save(self, path: str) -> None:
-        """Writes the state of the last commit to `path`, replacing the file
-        whole (a crash leaves the old file or the new one)."""
+        """Writes an image of the last commit to `path`, replacing it whole."""
+    def checkpoint(self, path: str) -> None:
+        """Saves an image to `path` and starts the log afresh (needs a log)."""
     def define(self, name: str, **fields: Union[seq, value, DTypeLike]) -> None: ...
     def classes(self) -> list[str]: ...
     def fields(self, cls: str) -> list[Tuple[str, str, str, str]]:
@@ -119,6 +122,8 @@ class Sequence:
              tolerance: Optional[TimedeltaLike | float] = None) -> np.ma.MaskedArray:
         """Positions of the as-of matches in this ascending field; masked: none."""
     def gather(self, positions: Union[np.ndarray, np.ma.MaskedArray]) -> Read: ...
+    # asof, aggregate and aggregate_window refuse char (S<N>) fields:
+    # Error VEL_E_HOST_WRONG_FIELD.
     def aggregate(self, first: int = 0, last: Optional[int] = None) -> Summary: ...
     def aggregate_window(self, ts: Sequence, start: TimeLike, end: TimeLike) -> Summary:
         """The rows with start <= ts < end of this object's datetime field ts."""
