@@ -29,7 +29,7 @@
  *     failed page allocation (VEL_E_NOMEM).  A broken tree invariant is not a
  *     code: the module calls the host's fatal trap vel_stop__ with
  *     VEL_ERR_SEQ.
- *   - A failed update does not undo the part already done (a batch that
+ *   - A failed update does not undo what it already did (a batch that
  *     fails in its third leaf keeps the first two); the host's transaction
  *     does, by rollback.
  *
@@ -447,8 +447,8 @@ VEL_SEQ_API vel_bool vel_seq_is_rle(void);
  * `order` is not checked against the data.
  *   VEL_S_OK
  *   host codes              write access refused
- *   VEL_E_NOMEM, host codes a page copy failed on the way down (the part
- *                           already done stays)
+ *   VEL_E_NOMEM, host codes a page copy failed on the way down (what was
+ *                           done already stays)
  * Kept: `from` more than one past the end of a field whose whole tree is one
  * leaf is a fatal trap, while on a taller tree it deletes nothing.
  *

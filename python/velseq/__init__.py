@@ -87,15 +87,15 @@ class Database(_Database):
     def define(self, name, **fields):
         """Defines class `name`: each keyword is a field, given as velseq.seq,
         velseq.value or a bare dtype (an unordered sequence)."""
-        spec = []
+        defs = []
         for fname, f in fields.items():
             if isinstance(f, seq):
-                spec.append((fname, "seq", f.dtype, f.order))
+                defs.append((fname, "seq", f.dtype, f.order))
             elif isinstance(f, value):
-                spec.append((fname, "value", f.dtype, "none"))
+                defs.append((fname, "value", f.dtype, "none"))
             else:
-                spec.append((fname, "seq", f, "none"))
-        _Database.define(self, name, spec)
+                defs.append((fname, "seq", f, "none"))
+        _Database.define(self, name, defs)
 
     def __enter__(self):
         return self
