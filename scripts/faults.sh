@@ -17,7 +17,10 @@
 #
 # Environment: FAULTS_WORK (scratch directory, default
 # /tmp/velseq-faults-$UID), FAULTS_TIMEOUT (seconds per test program, default
-# 60), JOBS (build parallelism, default 2).  A patch that does not apply or
+# 60), JOBS (build parallelism, default 2), FAULTS_FIRST and FAULTS_LAST
+# (program names to run before and after the others, in the order given: put
+# the suite's core first and a candidate for removal last, and its catches
+# that nothing else makes are exactly the faults it is named for).  A patch that does not apply or
 # does not build is reported as BROKEN and counts as neither.
 set -uo pipefail
 ROOT="$(cd "$(dirname "$0")/.." && pwd)"
@@ -30,7 +33,7 @@ for a in "$@"; do
     case "$a" in
     --full) FULL=1 ;;
     -h | --help)
-        sed -n '2,22p' "$0"
+        sed -n '2,25p' "$0"
         exit 0
         ;;
     *) patterns+=("$a") ;;
@@ -150,7 +153,21 @@ for p in "${PROGRAMS[@]}"; do
         exit 1
     fi
 done
-mapfile -t PROGRAMS < <(for p in "${PROGRAMS[@]}"; do echo "${SECS[$p]} $p"; done | sort -n | cut -d' ' -f2)
+rank() { # 0 for FAULTS_FIRST (by position), 2 for FAULTS_LAST, 1 otherwise
+    local b i=0 n
+    b=$(basename "$1")
+    for n in ${FAULTS_FIRST:-}; do
+        [ "$n" = "$b" ] && { printf '0 %03d' $i; return; }
+        i=$((i + 1))
+    done
+    for n in ${FAULTS_LAST:-}; do
+        [ "$n" = "$b" ] && { printf '2 %03d' $i; return; }
+        i=$((i + 1))
+    done
+    printf '1 000'
+}
+mapfile -t PROGRAMS < <(for p in "${PROGRAMS[@]}"; do echo "$(rank "$p") ${SECS[$p]} $p"; done |
+    sort -k1,1n -k2,2n -k3,3n | cut -d' ' -f4)
 echo "faults.sh: baseline green ($(for p in "${PROGRAMS[@]}"; do printf '%s %d ms; ' "$(basename "$p")" "${SECS[$p]}"; done))"
 
 declare -A AREA_N AREA_C
