@@ -6,7 +6,6 @@
 #include <cmath>
 #include <functional>
 #include <random>
-#include <set>
 
 #include "velseq.hpp"
 
@@ -218,48 +217,6 @@ TEST(Guard, SingleInsertsKeepTheFieldDense) {
     EXPECT_LE(shape.depth, unsigned(VELH_COMPACT_MAX_DEPTH));
     EXPECT_LE(shape.pages, 2 * shape.dense_pages);
     tx.commit();
-}
-
-TEST(Guard, EveryCodeHasItsOwnName) {
-    const int codes[] = {VEL_S_OK,
-                         VEL_S_OVERFLOW,
-                         VEL_S_UNDERFLOW,
-                         VEL_S_NOTFOUND,
-                         VEL_S_CURSOR_END,
-                         VEL_S_CURSOR_EMPTY,
-                         VEL_E_NOMEM,
-                         VEL_E_ILLEGAL_TYPE,
-                         VEL_E_ILLEGAL_PARAM,
-                         VEL_E_SEQ_OUT_OF_ORDER,
-                         VEL_E_SEQ_BOUNDED,
-                         VEL_E_SEQ_LENGTH_MISMATCH,
-                         VEL_E_SEQ_NULL_VALUE,
-                         VEL_E_HOST_BAD_ARG,
-                         VEL_E_HOST_TRANS_CLOSED,
-                         VEL_E_HOST_READ_ONLY,
-                         VEL_E_HOST_NO_CLASS,
-                         VEL_E_HOST_NO_OBJECT,
-                         VEL_E_HOST_NO_FIELD,
-                         VEL_E_HOST_WRONG_FIELD,
-                         VEL_E_HOST_CONFLICT,
-                         VEL_E_HOST_TRANS_ACTIVE,
-                         VEL_E_HOST_BUSY,
-                         VEL_E_HOST_LAYOUT,
-                         VEL_E_HOST_TRANS_FAILED,
-                         VEL_E_HOST_TREE_DEPTH,
-                         VEL_E_HOST_IO,
-                         VEL_E_HOST_BAD_IMAGE,
-                         VEL_E_HOST_BAD_LOG,
-                         VEL_ERR_SEQ};
-    std::set<std::string> names, sentences;
-    for (int c : codes) {
-        names.insert(code_name(c));
-        sentences.insert(code_message(c));
-    }
-    EXPECT_EQ(names.size(), std::size(codes));
-    EXPECT_EQ(sentences.size(), std::size(codes));
-    EXPECT_EQ(names.count("VEL_?"), 0u);
-    EXPECT_STREQ(code_name(12345), "VEL_?");
 }
 
 // An appender against a model: random pushes with nulls and random flushes
