@@ -1,5 +1,7 @@
 // Broken invariants reach the host's trap with VEL_ERR_SEQ, the source file
 // and line, after the trace hook when bit 26 of its mask is set.
+#include <functional>
+
 #include "test_util.h"
 
 #include "storage/field_root.h"
@@ -76,91 +78,77 @@ class Traps : public ::testing::Test {
     uint32_t saved_mask = 0;
 };
 
-TEST_F(Traps, EmptyPageOnTheAppendPath) {
-    fill(500); // root with two full leaves and one of 12
-    vel_seq_page_t *r = root();
-    ASSERT_EQ(velseq::page_kind(r), velseq::kInnerPage);
-    velseq::inner_entry(r, 1024, r->hdr.user - 1)->page->hdr.user = 0;
+// Each case damages a committed-looking tree (or asks for a root at a bad
+// place) and names the source file whose check must trap.
+TEST_F(Traps, BrokenInvariantsTrapWhereChecked) {
     const vel_int4 v = 3;
-    expect_trap(
-        [&] {
-            vel_w_seq_append_int4(&obj, f.u_offset, f.c_offset, f.fld_no, &v, 1, VEL_SEQ_NO_ORDER,
-                                  nullptr);
-        },
-        "append.h");
-}
-
-TEST_F(Traps, EmptyPageOnTheInsertAndDeletePaths) {
-    fill(500);
-    vel_seq_page_t *r = root();
-    velseq::inner_entry(r, 1024, 0)->page->hdr.user = 0;
-    const vel_int4 v = 3;
-    expect_trap(
-        [&] {
-            vel_w_seq_insert_int4(&obj, f.u_offset, f.c_offset, f.fld_no, 0, &v, 1,
-                                  VEL_SEQ_NO_ORDER, nullptr);
-        },
-        "insert.h");
-    expect_trap(
-        [&] {
-            vel_w_seq_delete_int4(&obj, f.u_offset, f.c_offset, f.fld_no, 0, 0, VEL_SEQ_NO_ORDER);
-        },
-        "delete.cpp");
-}
-
-TEST_F(Traps, LeafOverCapacity) {
-    fill(10);
-    root()->hdr.user = 245; // capacity 244
-    const vel_int4 v = 3;
-    expect_trap(
-        [&] {
-            vel_w_seq_append_int4(&obj, f.u_offset, f.c_offset, f.fld_no, &v, 1, VEL_SEQ_NO_ORDER,
-                                  nullptr);
-        },
-        "append.h");
-}
-
-// Delete traps when `from` lies more than one past a root leaf's end; on a
-// taller tree the same call finds no child and does nothing.
-TEST_F(Traps, DeleteFromBeyondARootLeaf) {
-    fill(10);
-    EXPECT_EQ(
-        vel_w_seq_delete_int4(&obj, f.u_offset, f.c_offset, f.fld_no, 10, 20, VEL_SEQ_NO_ORDER),
-        VEL_S_OK);
-    expect_trap(
-        [&] {
-            vel_w_seq_delete_int4(&obj, f.u_offset, f.c_offset, f.fld_no, 11, 20, VEL_SEQ_NO_ORDER);
-        },
-        "delete.cpp");
-}
-
-// A root reference that would straddle two object pages traps in the root
-// fetch, for readers and writers alike.
-TEST_F(Traps, RootStraddlingAnObjectPage) {
+    auto append = [&] {
+        vel_w_seq_append_int4(&obj, f.u_offset, f.c_offset, f.fld_no, &v, 1, VEL_SEQ_NO_ORDER,
+                              nullptr);
+    };
+    auto insert = [&] {
+        vel_w_seq_insert_int4(&obj, f.u_offset, f.c_offset, f.fld_no, 0, &v, 1, VEL_SEQ_NO_ORDER,
+                              nullptr);
+    };
+    auto del = [&](vel_seq_no_t from) {
+        return vel_w_seq_delete_int4(&obj, f.u_offset, f.c_offset, f.fld_no, from, 20,
+                                     VEL_SEQ_NO_ORDER);
+    };
+    // The root reference at position d - 4 of an object page's data: it
+    // would straddle two pages.
     const uint32_t d = static_cast<uint16_t>(sdb.options().object_page_size - 24);
     const uint32_t at = (obj.mo + sdb.options().additional_object_field_size) % d;
-    const vel_offs32_t off = (d - 4 + d - at) % d; // position d - 4 within a page's data
-    vel_seq_no_t c = 0;
-    expect_trap([&] { vel_w_seq_count(&obj, off, off, &c); }, "field_root.cpp");
-    expect_trap([&] { vel_w_seq_truncate(&obj, off, off, f.fld_no); }, "field_root.cpp");
-}
-
-TEST_F(Traps, TraceHookIsSilentWithoutItsMaskBit) {
+    const vel_offs32_t off = (d - 4 + d - at) % d;
+    vel_seq_no_t count = 0;
+    auto child = [&](bool last) { // 500 values: a root over leaves of 244, 244, 12
+        fill(500);
+        vel_seq_page_t *r = root();
+        EXPECT_EQ(velseq::page_kind(r), velseq::kInnerPage);
+        return velseq::inner_entry(r, 1024, last ? r->hdr.user - 1 : 0)->page;
+    };
+    struct Case {
+        const char *name, *file;
+        std::function<void()> damage, op;
+    };
+    const Case cases[] = {
+        {"empty page on the append path", "append.h", [&] { child(true)->hdr.user = 0; }, append},
+        {"empty page on the insert path", "insert.h", [&] { child(false)->hdr.user = 0; }, insert},
+        {"empty page on the delete path", "delete.cpp", [&] { child(false)->hdr.user = 0; },
+         [&] { del(0); }},
+        {"leaf over capacity (244)", "append.h",
+         [&] {
+             fill(10);
+             root()->hdr.user = 245;
+         },
+         append},
+        // One past a root leaf's end deletes nothing; further traps (a taller
+        // tree finds no child there and does nothing).
+        {"delete from beyond a root leaf", "delete.cpp",
+         [&] {
+             fill(10);
+             EXPECT_EQ(del(10), VEL_S_OK);
+         },
+         [&] { del(11); }},
+        {"root straddling object pages (reader)", "field_root.cpp", [] {},
+         [&] { vel_w_seq_count(&obj, off, off, &count); }},
+        {"root straddling object pages (writer)", "field_root.cpp", [] {},
+         [&] { vel_w_seq_truncate(&obj, off, off, f.fld_no); }},
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.name);
+        c.damage();
+        expect_trap(c.op, c.file);
+        ASSERT_EQ(sdb.rollback(), VEL_S_OK);
+        ASSERT_EQ(sdb.begin_write(), VEL_S_OK);
+        obj = sdb.new_object();
+    }
+    // Without bit 26 in the mask the trace hook stays silent; the trap comes.
     fill(10);
     root()->hdr.user = 0;
     vel_trace_modules_mask &= ~(1u << 26);
     g_trace.clear();
-    vel_seq_no_t c = 0;
-    const vel_int4 v = 3;
-    try {
-        vel_w_seq_append_int4(&obj, f.u_offset, f.c_offset, f.fld_no, &v, 1, VEL_SEQ_NO_ORDER,
-                              nullptr);
-        ADD_FAILURE() << "no trap";
-    } catch (const TrapHit &hit) {
-        EXPECT_EQ(hit.code, VEL_ERR_SEQ);
-    }
+    EXPECT_THROW(append(), TrapHit);
     EXPECT_TRUE(g_trace.empty());
-    (void)c;
 }
 
 } // namespace
