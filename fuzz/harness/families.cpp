@@ -1,6 +1,7 @@
 #include "harness/families.h"
 
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <type_traits>
 
@@ -204,6 +205,16 @@ Family char_family(size_t width) {
     f.le = le_c;
     bind_ops<OpsChar>(f);
     return f;
+}
+
+Family family_of(uint8_t type_code, size_t width) {
+    if (type_code == VEL_DD_CHAR || type_code == VEL_DD_SEQUENCE_CHAR)
+        return char_family(width);
+    for (const Family &f : scalar_families())
+        if (f.elem_type == type_code || f.seq_code == type_code)
+            return f;
+    std::fprintf(stderr, "family_of: no family for type code %d\n", type_code);
+    std::abort();
 }
 
 const std::vector<Family> &all_families() {

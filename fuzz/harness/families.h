@@ -72,6 +72,9 @@ struct Family {
 const std::vector<Family> &scalar_families();
 // The fixed-width character family for char(width).
 Family char_family(size_t width);
+// The family of an element or sequence type code (VEL_DD_INT4 or
+// VEL_DD_SEQUENCE_INT4; char types take `width`); aborts on another code.
+Family family_of(uint8_t type_code, size_t width = 0);
 // Every family: the eleven scalar ones and char(5).
 const std::vector<Family> &all_families();
 

@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "harness/families.h"
 #include "veltools.h"
 
 namespace vttest {
@@ -52,31 +53,9 @@ class FieldDb {
     // which must be accepted.
     void append(const void *vals, uint64_t n, const vel_bitmap_word_t *nulls = nullptr) {
         const velt_field_t &f = field_;
-        VEL_RET rc = VEL_E_ILLEGAL_TYPE;
-        switch (f.type.elem_type) {
-#define VTTEST_APPEND(DD, S, T)                                                                    \
-    case DD:                                                                                       \
-        rc = vel_w_seq_append_##S(&obj_, f.u_offset, f.c_offset, f.fld_no,                         \
-                                  static_cast<const T *>(vals), n, f.order, nulls);                \
-        break;
-            VTTEST_APPEND(VEL_DD_INT1, int1, vel_int1)
-            VTTEST_APPEND(VEL_DD_INT2, int2, vel_int2)
-            VTTEST_APPEND(VEL_DD_INT4, int4, vel_int4)
-            VTTEST_APPEND(VEL_DD_INT8, int8, vel_int8)
-            VTTEST_APPEND(VEL_DD_UINT1, uint1, vel_uint1)
-            VTTEST_APPEND(VEL_DD_UINT2, uint2, vel_uint2)
-            VTTEST_APPEND(VEL_DD_UINT4, uint4, vel_uint4)
-            VTTEST_APPEND(VEL_DD_UINT8, uint8, vel_uint8)
-            VTTEST_APPEND(VEL_DD_FLOAT, float, vel_float)
-            VTTEST_APPEND(VEL_DD_DOUBLE, double, vel_double)
-            VTTEST_APPEND(VEL_DD_DATETIME, datetime, vel_datetime)
-#undef VTTEST_APPEND
-        case VEL_DD_CHAR:
-            rc = vel_w_seq_append_char(&obj_, f.u_offset, f.c_offset, f.fld_no,
-                                       static_cast<const char *>(vals), n, f.order,
-                                       f.type.elem_size, nulls);
-            break;
-        }
+        const velrel::Family fam = velrel::family_of(f.type.elem_type, f.type.elem_size);
+        const VEL_RET rc =
+            fam.append(&obj_, f.u_offset, f.c_offset, f.fld_no, vals, n, f.order, nulls, fam.width);
         ASSERT_EQ(rc, VEL_S_OK);
     }
 

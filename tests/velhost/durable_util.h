@@ -11,7 +11,6 @@
 #include <cstdio>
 #include <cstring>
 #include <functional>
-#include <map>
 #include <random>
 #include <string>
 #include <unistd.h>
@@ -69,21 +68,7 @@ inline bool is_seq(uint8_t t) {
     return t >= VEL_DD_SEQUENCE_UINT1 && t <= VEL_DD_SEQUENCE_DATETIME;
 }
 
-inline velrel::Family family_of(const FieldSpec &f) {
-    if (f.type == VEL_DD_SEQUENCE_CHAR)
-        return velrel::char_family(f.width);
-    for (const velrel::Family &fam : velrel::scalar_families())
-        if (fam.seq_code == f.type)
-            return fam;
-    ADD_FAILURE() << "no family for type " << int(f.type);
-    return velrel::scalar_families()[0];
-}
-
-inline uint16_t scalar_width(const FieldSpec &f) {
-    static const std::map<uint8_t, uint16_t> w = {
-        {VEL_DD_INT4, 4}, {VEL_DD_UINT2, 2}, {VEL_DD_FLOAT, 4}, {VEL_DD_INT8, 8}, {VEL_DD_CHAR, 0}};
-    return f.type == VEL_DD_CHAR ? f.width : w.at(f.type);
-}
+inline velrel::Family family_of(const FieldSpec &f) { return velrel::family_of(f.type, f.width); }
 
 inline uint16_t define_class(velh_db_t *db, const ClassSpec &c) {
     std::vector<velh_field_def_t> defs;
@@ -288,7 +273,7 @@ class Workload {
         ASSERT_EQ(velh_field_info(t->db, code, op.fld, &fi), VEL_S_OK);
         std::mt19937_64 r(op.seed);
         if (!is_seq(f.type)) {
-            std::vector<uint8_t> v(scalar_width(f));
+            std::vector<uint8_t> v(fi.size);
             for (auto &b : v)
                 b = uint8_t(r());
             EXPECT_EQ(velh_set(&obj, op.fld, v.data(), v.size()), VEL_S_OK);
