@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstdarg>
 #include <cstdio>
 #include <cstring>
 #include <limits>
@@ -10,6 +11,31 @@
 #include "storage/field_root.h"
 
 namespace velrel {
+
+namespace {
+
+[[gnu::format(printf, 1, 2)]] std::string fmt(const char *f, ...) {
+    char buf[512];
+    va_list ap;
+    va_start(ap, f);
+    std::vsnprintf(buf, sizeof buf, f, ap);
+    va_end(ap);
+    return buf;
+}
+
+// "" when element t of the iterator's tile equals model element i (bytes
+// and null flag); otherwise what differs.
+std::string tile_mismatch(const Family &f, const vel_seq_iterator_t &it, size_t t,
+                          const SeqModel &m, uint64_t i) {
+    const uint8_t *got = reinterpret_cast<const uint8_t *>(it.tile.u.arr_char) + t * f.width;
+    const bool null = (it.tile.null_bitmap[t / 64] >> (t % 64)) & 1;
+    if (std::memcmp(got, m.at(i), f.width) == 0 && null == (m.nulls[i] != 0))
+        return {};
+    return fmt("position %llu: got %s null=%d, model %s null=%d", (unsigned long long)i,
+               show(f, got).c_str(), null, show(f, m.at(i)).c_str(), m.nulls[i]);
+}
+
+} // namespace
 
 constexpr uint64_t kAll = ~uint64_t{0};
 
@@ -132,9 +158,7 @@ Driver::Driver(Env &env, std::vector<FieldSpec> fields) : env_(env), f_(std::mov
 }
 
 bool Driver::fail(const std::string &what) {
-    char buf[64];
-    std::snprintf(buf, sizeof buf, "op #%llu: ", (unsigned long long)op_no_);
-    err_ = buf + what;
+    err_ = fmt("op #%llu: ", (unsigned long long)op_no_) + what;
     return false;
 }
 
@@ -142,10 +166,8 @@ bool Driver::expect_rc(const char *op, int fi, VEL_RET got, VEL_RET want) {
     ++st_.codes_checked;
     if (got == want)
         return true;
-    char buf[200];
-    std::snprintf(buf, sizeof buf, "%s on field %d (%s): code %d, model says %d", op, fi,
-                  f_[fi].fam.name, (int)got, (int)want);
-    return fail(buf);
+    return fail(fmt("%s on field %d (%s): code %d, model says %d", op, fi, f_[fi].fam.name,
+                    (int)got, (int)want));
 }
 
 bool Driver::root_is_leaf(int fi) {
@@ -160,7 +182,6 @@ bool Driver::root_is_leaf(int fi) {
 bool Driver::check_field(int fi, vel_objhandle_h obj, const SeqModel &m, bool tree) {
     const FieldSpec &fs = f_[fi];
     const FieldLoc &l = env_.loc(fi);
-    char buf[256];
     if (tree) {
         vel_seq_page_t *root = nullptr;
         VEL_RET rc = vel_seq_get_root(obj, l.u, l.c, &root);
@@ -178,32 +199,24 @@ bool Driver::check_field(int fi, vel_objhandle_h obj, const SeqModel &m, bool tr
             return fail(std::string("host tree check on field ") + std::to_string(fi) + ": " +
                         rep.message + " (code " + std::to_string(rc) + ", elements " +
                         std::to_string(rep.elements) + ")");
-        if (ti.content.size() != m.size()) {
-            std::snprintf(buf, sizeof buf, "field %d (%s): tree holds %zu elements, model %zu", fi,
-                          fs.fam.name, ti.content.size(), m.size());
-            return fail(buf);
-        }
-        for (size_t i = 0; i < m.size(); ++i) {
+        if (ti.content.size() != m.size())
+            return fail(fmt("field %d (%s): tree holds %zu elements, model %zu", fi, fs.fam.name,
+                            ti.content.size(), m.size()));
+        for (size_t i = 0; i < m.size(); ++i)
             if (std::memcmp(ti.content.at(i), m.at(i), m.w) != 0 ||
-                ti.content.nulls[i] != m.nulls[i]) {
-                std::snprintf(buf, sizeof buf,
-                              "field %d (%s) element %zu: stored %s null=%d, model %s null=%d", fi,
-                              fs.fam.name, i, show(fs.fam, ti.content.at(i)).c_str(),
-                              ti.content.nulls[i], show(fs.fam, m.at(i)).c_str(), m.nulls[i]);
-                return fail(buf);
-            }
-        }
+                ti.content.nulls[i] != m.nulls[i])
+                return fail(fmt("field %d (%s) element %zu: stored %s null=%d, model %s null=%d",
+                                fi, fs.fam.name, i, show(fs.fam, ti.content.at(i)).c_str(),
+                                ti.content.nulls[i], show(fs.fam, m.at(i)).c_str(), m.nulls[i]));
         st_.elements_compared += m.size();
     }
     vel_seq_no_t cnt = 12345;
     VEL_RET rc = vel_w_seq_count(obj, l.u, l.c, &cnt);
     if (!expect_rc("count", fi, rc, VEL_S_OK))
         return false;
-    if (cnt != m.size()) {
-        std::snprintf(buf, sizeof buf, "count of field %d: %llu, model %zu", fi,
-                      (unsigned long long)cnt, m.size());
-        return fail(buf);
-    }
+    if (cnt != m.size())
+        return fail(
+            fmt("count of field %d: %llu, model %zu", fi, (unsigned long long)cnt, m.size()));
     uint8_t val[16], sentinel[16];
     std::memset(sentinel, 0xA5, sizeof sentinel);
     for (int end = 0; end < 2; ++end) {
@@ -236,20 +249,9 @@ void Driver::gen_value(const Family &f, bool allow_nan, Src &s, uint8_t *out) {
         return;
     }
     if (f.is_float) {
-        static const double pool[] = {0.0,
-                                      -0.0,
-                                      1.0,
-                                      -1.0,
-                                      2.5,
-                                      3.0,
-                                      7.0,
-                                      -7.5,
-                                      1e30,
-                                      -1e30,
-                                      0.5,
-                                      100.0,
-                                      std::numeric_limits<double>::infinity(),
-                                      -std::numeric_limits<double>::infinity()};
+        constexpr double inf = std::numeric_limits<double>::infinity();
+        static const double pool[] = {0.0,  -0.0, 1.0,   -1.0, 2.5,   3.0, 7.0,
+                                      -7.5, 1e30, -1e30, 0.5,  100.0, inf, -inf};
         size_t k = s.below(sizeof pool / sizeof pool[0] + (allow_nan ? 1 : 0));
         double d = k < sizeof pool / sizeof pool[0] ? pool[k] : std::nan("");
         if (f.width == 4) {
@@ -262,22 +264,9 @@ void Driver::gen_value(const Family &f, bool allow_nan, Src &s, uint8_t *out) {
     }
     // Integers: small values (many duplicates) and the width's extremes.
     uint64_t top = uint64_t{1} << (8 * f.width - 1);
-    uint64_t pool[] = {0,
-                       1,
-                       2,
-                       3,
-                       5,
-                       7,
-                       10,
-                       42,
-                       100,
-                       uint64_t(-1),
-                       uint64_t(-2),
-                       uint64_t(-5),
-                       uint64_t(-100),
-                       top,
-                       top - 1,
-                       top + 1};
+    const uint64_t neg = ~uint64_t{0}; // -1 in every width
+    const uint64_t pool[] = {0,   1,   2,       3,       5,        7,   10,      42,
+                             100, neg, neg - 1, neg - 4, neg - 99, top, top - 1, top + 1};
     uint64_t v = pool[s.below(sizeof pool / sizeof pool[0])];
     std::memcpy(out, &v, f.width); // little-endian truncation to the width
 }
@@ -592,40 +581,19 @@ struct Expect {
 static std::string drain_compare(const Family &f, vel_seq_iterator_t &it, const SeqModel &m,
                                  const std::vector<uint64_t> &idx, uint64_t *compared) {
     size_t k = 0;
-    char buf[256];
     for (int guard = 0; guard < 100000; ++guard) {
         VEL_RET rc = it.next(&it);
-        if (rc == VEL_S_CURSOR_END) {
-            if (k != idx.size()) {
-                std::snprintf(buf, sizeof buf, "iterator ended after %zu of %zu elements", k,
-                              idx.size());
-                return buf;
-            }
-            return {};
-        }
-        if (rc != VEL_S_OK) {
-            std::snprintf(buf, sizeof buf, "next returned %d after %zu elements", (int)rc, k);
-            return buf;
-        }
+        if (rc == VEL_S_CURSOR_END)
+            return k == idx.size() ? ""
+                                   : fmt("iterator ended after %zu of %zu elements", k, idx.size());
+        if (rc != VEL_S_OK)
+            return fmt("next returned %d after %zu elements", (int)rc, k);
         size_t want = std::min<size_t>(128, idx.size() - k);
-        if (it.tile_size != want) {
-            std::snprintf(buf, sizeof buf, "tile of %u elements after %zu, expected %zu",
-                          it.tile_size, k, want);
-            return buf;
-        }
-        for (size_t t = 0; t < want; ++t, ++k) {
-            const uint8_t *got =
-                reinterpret_cast<const uint8_t *>(it.tile.u.arr_char) + t * f.width;
-            bool gnull = (it.tile.null_bitmap[t / 64] >> (t % 64)) & 1;
-            uint64_t i = idx[k];
-            if (std::memcmp(got, m.at(i), f.width) != 0 || gnull != (m.nulls[i] != 0)) {
-                std::snprintf(buf, sizeof buf,
-                              "element %zu (position %llu): got %s null=%d, model %s null=%d", k,
-                              (unsigned long long)i, show(f, got).c_str(), gnull,
-                              show(f, m.at(i)).c_str(), m.nulls[i]);
-                return buf;
-            }
-        }
+        if (it.tile_size != want)
+            return fmt("tile of %u elements after %zu, expected %zu", it.tile_size, k, want);
+        for (size_t t = 0; t < want; ++t, ++k)
+            if (std::string e = tile_mismatch(f, it, t, m, idx[k]); !e.empty())
+                return fmt("element %zu, ", k) + e;
         *compared += want;
     }
     return "iterator never ended";
@@ -645,12 +613,10 @@ static std::string range_mismatch(const vel_seq_iterator_t &it, uint64_t first, 
                                   uint64_t last) {
     if (it.first_seq_no == first && it.next_seq_no == next && it.last_seq_no == last)
         return {};
-    char buf[200];
-    std::snprintf(buf, sizeof buf, "range first/next/last %llu/%llu/%llu, model %llu/%llu/%llu",
-                  (unsigned long long)it.first_seq_no, (unsigned long long)it.next_seq_no,
-                  (unsigned long long)it.last_seq_no, (unsigned long long)first,
-                  (unsigned long long)next, (unsigned long long)last);
-    return buf;
+    return fmt("range first/next/last %llu/%llu/%llu, model %llu/%llu/%llu",
+               (unsigned long long)it.first_seq_no, (unsigned long long)it.next_seq_no,
+               (unsigned long long)it.last_seq_no, (unsigned long long)first,
+               (unsigned long long)next, (unsigned long long)last);
 }
 
 bool Driver::op_scan(Src &s) {
@@ -868,7 +834,6 @@ bool Driver::op_map(Src &s) {
         return fail("map did not mark its positions iterator bound");
     for (int round = 0; round < 2; ++round) {
         size_t k = 0, chunk = 0;
-        char buf[200];
         for (;;) {
             size_t want_n = 0;
             if (k < n) {
@@ -889,25 +854,11 @@ bool Driver::op_map(Src &s) {
                 return false;
             if (want != VEL_S_OK)
                 break;
-            if (it->tile_size != want_n) {
-                std::snprintf(buf, sizeof buf, "map tile of %u, expected %zu", it->tile_size,
-                              want_n);
-                return fail(buf);
-            }
-            for (size_t t = 0; t < want_n; ++t) {
-                const uint8_t *got =
-                    reinterpret_cast<const uint8_t *>(it->tile.u.arr_char) + t * fs.fam.width;
-                bool gnull = (it->tile.null_bitmap[t / 64] >> (t % 64)) & 1;
-                uint64_t i = p[k + t];
-                if (std::memcmp(got, m.at(i), fs.fam.width) != 0 || gnull != (m.nulls[i] != 0)) {
-                    std::snprintf(buf, sizeof buf,
-                                  "map of %s position %llu: got %s null=%d, "
-                                  "model %s null=%d",
-                                  fs.fam.name, (unsigned long long)i, show(fs.fam, got).c_str(),
-                                  gnull, show(fs.fam, m.at(i)).c_str(), m.nulls[i]);
-                    return fail(buf);
-                }
-            }
+            if (it->tile_size != want_n)
+                return fail(fmt("map tile of %u, expected %zu", it->tile_size, want_n));
+            for (size_t t = 0; t < want_n; ++t)
+                if (std::string e = tile_mismatch(fs.fam, *it, t, m, p[k + t]); !e.empty())
+                    return fail(std::string("map of ") + fs.fam.name + " " + e);
             st_.elements_compared += want_n;
             k += want_n;
         }
@@ -967,7 +918,6 @@ bool Driver::op_join(Src &s) {
             return false;
     }
     size_t k = 0, chunk = 0;
-    char buf[200];
     for (;;) {
         size_t want_n = 0;
         VEL_RET want = VEL_S_CURSOR_END;
@@ -996,31 +946,21 @@ bool Driver::op_join(Src &s) {
             return false;
         if (want != VEL_S_OK)
             break;
-        if (drv->tile_size != want_n) {
-            std::snprintf(buf, sizeof buf, "join tile of %u, expected %zu", drv->tile_size, want_n);
-            return fail(buf);
-        }
+        if (drv->tile_size != want_n)
+            return fail(fmt("join tile of %u, expected %zu", drv->tile_size, want_n));
         for (size_t t = 0; t < want_n; ++t) {
-            if (mf < 0) {
-                uint64_t got;
-                std::memcpy(&got, &it->tile.u.arr_uint8[t], 8);
-                if (got != expect_pos[t] || ((it->tile.null_bitmap[t / 64] >> (t % 64)) & 1)) {
-                    std::snprintf(buf, sizeof buf, "join on %s value %s: position %llu, model %llu",
-                                  fs.fam.name, show(fs.fam, &vals->data[(k + t) * w]).c_str(),
-                                  (unsigned long long)got, (unsigned long long)expect_pos[t]);
-                    return fail(buf);
-                }
-            } else {
-                const Family &mfam = f_[mf].fam;
-                const SeqModel &mm = cur_[mf];
-                const uint8_t *got =
-                    reinterpret_cast<const uint8_t *>(mit->tile.u.arr_char) + t * mfam.width;
-                bool gnull = (mit->tile.null_bitmap[t / 64] >> (t % 64)) & 1;
-                if (std::memcmp(got, mm.at(expect_pos[t]), mfam.width) != 0 ||
-                    gnull != (mm.nulls[expect_pos[t]] != 0))
-                    return fail(std::string("map over join gave ") + show(mfam, got) + ", model " +
-                                show(mfam, mm.at(expect_pos[t])));
+            if (mf >= 0) {
+                if (std::string e = tile_mismatch(f_[mf].fam, *mit, t, cur_[mf], expect_pos[t]);
+                    !e.empty())
+                    return fail("map over join, " + e);
+                continue;
             }
+            uint64_t got;
+            std::memcpy(&got, &it->tile.u.arr_uint8[t], 8);
+            if (got != expect_pos[t] || ((it->tile.null_bitmap[t / 64] >> (t % 64)) & 1))
+                return fail(fmt("join on %s value %s: position %llu, model %llu", fs.fam.name,
+                                show(fs.fam, &vals->data[(k + t) * w]).c_str(),
+                                (unsigned long long)got, (unsigned long long)expect_pos[t]));
         }
         st_.elements_compared += want_n;
         k += want_n;
