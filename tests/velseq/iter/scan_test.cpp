@@ -1,99 +1,205 @@
-// Resets and run-length queries (no tree involved).
-#include <array>
-#include <random>
+// Scans across objects against the real host: one sequence field of every
+// object under a list or an index cursor, the object-class scan of a plain
+// field, and fields ending exactly at an object page's end in both layouts.
+#include <gtest/gtest.h>
 
-#include "iter_env.h"
+#include <cstring>
+#include <vector>
 
-namespace itest {
+#include "iter/iter_internal.h"
+#include "seq_fixture.h"
+
 namespace {
 
-// ---- resets and run-length queries (no tree involved) --------------------
+using vstest::SeqDb;
 
-int g_resets[3];
-VEL_RET g_reset_rc[3];
-VEL_RET reset0(vel_seq_iterator_h it) { return it->bounded = 0, g_resets[0]++, g_reset_rc[0]; }
-VEL_RET reset1(vel_seq_iterator_h it) { return it->bounded = 0, g_resets[1]++, g_reset_rc[1]; }
-VEL_RET reset2(vel_seq_iterator_h it) { return it->bounded = 0, g_resets[2]++, g_reset_rc[2]; }
-
-struct ResetRig {
-    vel_seq_iterator_t top{}, a{}, b{}, c{};
-    ResetRig() {
-        for (int k = 0; k < 3; k++)
-            g_resets[k] = 0, g_reset_rc[k] = VEL_S_OK;
-        a.reset = reset0;
-        b.reset = reset1;
-        c.reset = reset2;
-        a.bounded = b.bounded = c.bounded = 1;
-        top.opd[0] = &a;
-        top.opd[1] = &b;
-        top.opd[2] = &c;
-        top.first_seq_no = 7;
-        top.next_seq_no = 40;
-        top.last_seq_no = 90;
-        top.tile_size = 12;
-        top.tile_offs = 3;
-        top.bounded = 1;
-        top.prepared = 1;
-    }
+// Everything an iterator delivers until `next` stops: values (widened),
+// tile sizes, null flags as positions in the whole scan.
+struct Drained {
+    std::vector<int64_t> vals;
+    std::vector<int> tiles, nulls;
+    VEL_RET end = VEL_S_OK;
 };
 
-// A reset goes to position 0 (not first_seq_no) and keeps the range; unary
-// and binary resets reset their operands first (never a third) and stop,
-// changing nothing, at the first operand that fails.
-TEST(IteratorReset, OperandsFirstAndStopOnFailure) {
-    using Fn = VEL_RET (*)(vel_seq_iterator_h);
-    const struct {
-        const char *name;
-        Fn reset;
-        bool null_first;
-        int failing; // operand whose reset fails, -1: none
-        VEL_RET rc;
-        std::array<int, 3> resets;
-    } rows[] = {
-        {"plain", vel_seq_reset_iterator, false, -1, VEL_S_OK, {0, 0, 0}},
-        {"unary", vel_seq_reset_unary_iterator, false, -1, VEL_S_OK, {1, 0, 0}},
-        {"unary, operand fails", vel_seq_reset_unary_iterator, false, 0, VEL_E_NOMEM, {1, 0, 0}},
-        {"unary, no operand", vel_seq_reset_unary_iterator, true, -1, VEL_S_OK, {0, 0, 0}},
-        {"binary", vel_seq_reset_binary_iterator, false, -1, VEL_S_OK, {1, 1, 0}},
-        {"binary, no first operand", vel_seq_reset_binary_iterator, true, -1, VEL_S_OK, {0, 1, 0}},
-        {"binary, first fails", vel_seq_reset_binary_iterator, false, 0, VEL_S_NOTFOUND, {1, 0, 0}},
-        {"binary, second fails",
-         vel_seq_reset_binary_iterator,
-         false,
-         1,
-         VEL_E_SEQ_BOUNDED,
-         {1, 1, 0}},
-    };
-    for (const auto &row : rows) {
-        SCOPED_TRACE(row.name);
-        ResetRig r;
-        if (row.null_first)
-            r.top.opd[0] = nullptr;
-        if (row.failing >= 0)
-            g_reset_rc[row.failing] = row.rc;
-        EXPECT_EQ(row.reset(&r.top), row.rc);
-        EXPECT_EQ((std::array<int, 3>{g_resets[0], g_resets[1], g_resets[2]}), row.resets);
-        const bool ok = row.rc == VEL_S_OK;
-        EXPECT_EQ(r.top.next_seq_no, ok ? 0u : 40u);
-        EXPECT_EQ(r.top.tile_size, ok ? 0 : 12);
-        EXPECT_EQ(r.top.bounded, ok ? 0 : 1);
-        EXPECT_EQ(r.top.first_seq_no, 7u);
-        EXPECT_EQ(r.top.last_seq_no, 90u);
-        if (ok) {
-            EXPECT_EQ(r.top.tile_offs, 0);
-            EXPECT_EQ(r.top.prepared, 0);
+Drained drain(vel_seq_iterator_t &it) {
+    Drained d;
+    while ((d.end = it.next(&it)) == VEL_S_OK) {
+        d.tiles.push_back(it.tile_size);
+        for (int i = 0; i < it.tile_size; i++) {
+            if ((it.tile.null_bitmap[i / 64] >> (i % 64)) & 1)
+                d.nulls.push_back(static_cast<int>(d.vals.size()));
+            int64_t v = 0; // values are non-negative: the low bytes suffice
+            std::memcpy(&v, it.tile.u.arr_char + static_cast<size_t>(i) * it.elem_size,
+                        it.elem_size);
+            d.vals.push_back(v);
         }
     }
+    return d;
 }
 
-TEST(IteratorReset, TilesAreNeverRunLengthEncoded) {
-    vel_seq_iterator_t it{};
-    for (int pos : {0, 1, 127, 128, 5000, -3})
-        EXPECT_EQ(vel_seq_rle_count(&it, pos), 1) << pos;
-    EXPECT_EQ(vel_seq_rle_count(nullptr, 9), 1);
-    EXPECT_EQ(vel_seq_is_rle(), 0);
-    EXPECT_EQ(vel_seq_check_bindings, 1);
+std::vector<int64_t> run(std::vector<std::pair<int64_t, int>> pieces) {
+    std::vector<int64_t> v;
+    for (auto [base, n] : pieces)
+        for (int i = 0; i < n; i++)
+            v.push_back(base + i);
+    return v;
+}
+
+// Objects in creation order: A (id 3, 128 values from 1000, null at 5),
+// B (id 2, empty), C (id 1, 100 values from 5000, nulls at 10 and 50).
+class CursorScan : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        ASSERT_EQ(db.begin_write(), VEL_S_OK);
+        add(3, 128, 1000, {5});
+        add(2, 0, 0, {});
+        add(1, 100, 5000, {10, 50});
+        ASSERT_EQ(db.commit(), VEL_S_OK);
+        ASSERT_EQ(db.begin_read(), VEL_S_OK);
+    }
+    void TearDown() override { EXPECT_EQ(db.commit(), VEL_S_OK); }
+
+    void add(uint32_t id, int n, int base, std::vector<int> nulls) {
+        vel_objhandle_t o = db.new_object();
+        ASSERT_EQ(velh_set(&o, 0, &id, sizeof id), VEL_S_OK);
+        const std::vector<int64_t> v = run({{base, n}});
+        vel_bitmap_word_t bm[2] = {0, 0};
+        for (int i : nulls)
+            bm[i / 64] |= vel_bitmap_word_t{1} << (i % 64);
+        if (n > 0) {
+            ASSERT_EQ(vstest::family("int8").append(&o, f, v.data(), n, VEL_SEQ_NO_ORDER, bm),
+                      VEL_S_OK);
+        }
+    }
+
+    // A scan of field `fr` under `cur`; the set-up ignores its cursor
+    // argument, the caller puts the cursor into the context.
+    void open(vel_seq_iterator_t &it, const vstest::FieldRef &fr, vel_cursor_h cur) {
+        velseq::iter_ctx(&it)->cursor = nullptr;
+        ASSERT_EQ(
+            vel_w_seq_from_cursor_int8(tr, fr.u_offset, fr.c_offset, db.class_code(), &it, cur),
+            VEL_S_OK);
+        EXPECT_EQ(velseq::iter_ctx(&it)->cursor, nullptr);
+        velseq::iter_ctx(&it)->cursor = cur;
+    }
+
+    // Scans the int8 field under `cur` twice: a reset rewinds the cursor and
+    // unbinds the iterator.
+    void expect_scan(vel_cursor_h cur, const Drained &want) {
+        vel_seq_iterator_t it{};
+        open(it, f, cur);
+        for (int pass = 0; pass < 2; pass++) {
+            Drained d = drain(it);
+            EXPECT_EQ(d.end, VEL_S_CURSOR_END);
+            EXPECT_EQ(d.vals, want.vals) << "pass " << pass;
+            EXPECT_EQ(d.tiles, want.tiles) << "pass " << pass;
+            EXPECT_EQ(d.nulls, want.nulls) << "pass " << pass;
+            it.bounded = 1;
+            EXPECT_EQ(it.reset(&it), VEL_S_OK);
+            EXPECT_EQ(it.bounded + it.next_seq_no, 0u);
+        }
+    }
+
+    SeqDb db;
+    vstest::FieldRef f = db.field("int8");
+    vel_trans_h tr = &db.con()->trans;
+};
+
+// A tile takes values of several objects; appending an object's run clears
+// the null flags of the tile (so C's flags are lost behind A's head in key
+// order), while A alone fills the first tile of the list scan.
+TEST_F(CursorScan, ListCursorInCreationOrder) {
+    vel_cursor_t cur;
+    ASSERT_EQ(vel_w_list_cursor(tr, db.class_code(), &cur), VEL_S_OK);
+    expect_scan(&cur, {run({{1000, 128}, {5000, 100}}), {128, 100}, {5, 138, 178}});
+}
+
+TEST_F(CursorScan, IndexCursorInKeyOrder) {
+    vel_cursor_t cur;
+    ASSERT_EQ(velh_index_cursor(db.con(), db.class_code(), 0, &cur), VEL_S_OK);
+    expect_scan(&cur, {run({{5000, 100}, {1000, 128}}), {128, 100}, {105}});
+}
+
+// A field empty in every object ends at once; over a class without objects
+// the list cursor opens empty and a reset returns the cursor's own code.
+TEST_F(CursorScan, EmptyFieldsAndEmptyClasses) {
+    const velh_field_def_t x = {"x", VEL_DD_INT8, 0};
+    uint16_t none = 0;
+    ASSERT_EQ(velh_class_define(db.db(), "none", &x, 1, 0, VELH_PM_INMEM, &none), VEL_S_OK);
+    vel_cursor_t cur, empty;
+    vel_seq_iterator_t it{}, scan{};
+    ASSERT_EQ(vel_w_list_cursor(tr, db.class_code(), &cur), VEL_S_OK);
+    open(it, db.field("uint8"), &cur); // empty everywhere, as wide as int8
+    EXPECT_EQ(it.next(&it), VEL_S_CURSOR_END);
+    EXPECT_EQ(vel_w_list_cursor(tr, none, &empty), VEL_S_CURSOR_EMPTY);
+    velseq::iter_ctx(&it)->cursor = &empty;
+    EXPECT_EQ(it.reset(&it), VEL_S_CURSOR_END);
+    EXPECT_EQ(vel_w_seq_sequence_int8(tr, none, 0, &scan), VEL_S_OK);
+    EXPECT_EQ(scan.next(&scan), VEL_S_CURSOR_END);
+}
+
+// A plain field and a sequence root that end exactly at the end of an
+// object page, behind a 16-byte host header: the layout keeps them there,
+// the object-class scan reads the plain field, and the root is usable by
+// the module and the host.  The compact layout of the same class puts them
+// elsewhere (widest first); every iterator must follow the class's layout.
+// 300 objects: both scans span tiles, whose null flags they clear.
+TEST(ObjectPageEnd, FieldsEndingAtThePageEndAreRead) {
+    vstest::DbOptions opt;
+    opt.additional_object_field_size = 16;
+    SeqDb db(opt);
+    vel_trans_h tr = &db.con()->trans;
+    const uint16_t d = opt.object_page_size - 24;
+    const velh_field_def_t defs[] = {{"pad", VEL_DD_CHAR, static_cast<uint16_t>(d - 8 - 16)},
+                                     {"x", VEL_DD_INT8, 0},
+                                     {"pad2", VEL_DD_CHAR, static_cast<uint16_t>(d - 8)},
+                                     {"s", VEL_DD_SEQUENCE_INT8, 0}};
+    for (uint32_t flags : {0u, uint32_t{VEL_CLASS_COMPACT}}) {
+        SCOPED_TRACE(flags);
+        uint16_t cls = 0;
+        ASSERT_EQ(velh_class_define(db.db(), flags ? "compact" : "edge", defs, 4, flags,
+                                    VELH_PM_INMEM, &cls),
+                  VEL_S_OK);
+        velh_field_info_t x{}, s{};
+        ASSERT_EQ(velh_field_info(db.db(), cls, 1, &x), VEL_S_OK);
+        ASSERT_EQ(velh_field_info(db.db(), cls, 3, &s), VEL_S_OK);
+        if (flags == 0) {
+            EXPECT_EQ((x.offset + 16 + 8) % d, 0u);
+            EXPECT_EQ((s.offset + 16 + 8) % d, 0u);
+        } else {
+            EXPECT_NE(s.c_offset, s.u_offset);
+        }
+        ASSERT_EQ(db.begin_write(), VEL_S_OK);
+        for (int64_t v = 100; v < 400; v++) {
+            vel_objhandle_t o{};
+            ASSERT_EQ(velh_obj_create(db.con(), cls, &o), VEL_S_OK);
+            ASSERT_EQ(velh_set(&o, 1, &v, sizeof v), VEL_S_OK);
+            ASSERT_EQ(vel_w_seq_append_int8(&o, s.u_offset, s.c_offset, s.fld_no, &v, 1,
+                                            VEL_SEQ_NO_ORDER, nullptr),
+                      VEL_S_OK);
+            velh_tree_report_t rep{};
+            EXPECT_EQ(velh_check_tree(&o, s.fld_no, VEL_SEQ_NO_ORDER, 0, &rep), VEL_S_OK);
+            ASSERT_EQ(rep.elements, 1u) << "the root the host sees";
+        }
+        vel_seq_iterator_t plain{}, seq{};
+        vel_cursor_t cur;
+        ASSERT_EQ(vel_w_seq_sequence_int8(tr, cls, x.offset, &plain), VEL_S_OK);
+        ASSERT_EQ(vel_w_list_cursor(tr, cls, &cur), VEL_S_OK);
+        ASSERT_EQ(vel_w_seq_from_cursor_int8(tr, s.u_offset, s.c_offset, cls, &seq, nullptr),
+                  VEL_S_OK);
+        velseq::iter_ctx(&seq)->cursor = &cur;
+        for (vel_seq_iterator_t *it : {&plain, &seq}) {
+            for (int pass = 0; pass < 2; pass++) {
+                it->tile.null_bitmap[0] = it->tile.null_bitmap[1] = ~vel_bitmap_word_t{0};
+                const Drained got = drain(*it);
+                EXPECT_EQ(got.vals, run({{100, 300}}));
+                EXPECT_EQ(got.tiles, (std::vector<int>{128, 128, 44}));
+                EXPECT_TRUE(got.nulls.empty());
+                EXPECT_EQ(it->reset(it), VEL_S_OK);
+            }
+        }
+        EXPECT_EQ(db.rollback(), VEL_S_OK);
+    }
 }
 
 } // namespace
-} // namespace itest

@@ -1,55 +1,24 @@
-// The tile filler on hand-built page trees: runs across leaves, the null
-// bitmap cleared on every append, a missing page, a failed transaction and
-// the traps for corrupt trees.
+// The tile filler on hand-built page trees (a missing page, a failed
+// transaction, the traps for corrupt trees) and the reset rules.
+#include <gtest/gtest.h>
+
+#include <array>
 #include <cstdlib>
+#include <cstring>
 #include <memory>
-#include <stdexcept>
+#include <vector>
 
 #include "iter/iter_internal.h"
-#include "iter_env.h"
 #include "storage/page_format.h"
+#include "velembed.h"
 
-namespace itest {
 namespace {
 
 constexpr int32_t kPage = 512;
-constexpr uint64_t kCap = ((kPage - 8) * 8 - 63) / 33; // int4 leaf capacity: 120
 
-struct Trapped : std::runtime_error {
-    using std::runtime_error::runtime_error;
-};
-void throwing_trap(int, const char *, int, void *) { throw Trapped("trap"); }
-
+struct Trapped {};
+void throwing_trap(int, const char *, int, void *) { throw Trapped{}; }
 int32_t page_size_fn(vel_db_connection_h) { return kPage; }
-
-struct Pages {
-    std::vector<std::unique_ptr<vel_seq_page_t, decltype(&std::free)>> owned;
-    vel_seq_page_t *make(int kind, int user) {
-        auto *p = static_cast<vel_seq_page_t *>(std::aligned_alloc(16, kPage));
-        std::memset(p, 0, kPage);
-        p->hdr.kind = static_cast<uint8_t>(kind | 0x50); // high bits are the host's
-        p->hdr.user = static_cast<uint16_t>(user);
-        owned.emplace_back(p, &std::free);
-        return p;
-    }
-    // A leaf of int4 values base, base+1, ...; nulls at the given indexes.
-    vel_seq_page_t *leaf(int n, int base, std::vector<int> nulls = {}) {
-        vel_seq_page_t *p = make(velseq::kLeafPage, n);
-        for (int i = 0; i < n; i++)
-            reinterpret_cast<vel_int4 *>(velseq::page_values(p))[i] = base + i;
-        vel_bitmap_word_t *m = velseq::leaf_nulls(p, kPage, kCap);
-        for (int i : nulls)
-            m[i / 64] |= vel_bitmap_word_t{1} << (i % 64);
-        return p;
-    }
-    vel_seq_page_t *inner(std::vector<std::pair<vel_seq_page_t *, uint64_t>> kids) {
-        vel_seq_page_t *p = make(velseq::kInnerPage, static_cast<int>(kids.size()));
-        for (size_t i = 0; i < kids.size(); i++)
-            *velseq::inner_entry(p, kPage, static_cast<int64_t>(i)) = {kids[i].first,
-                                                                       kids[i].second};
-        return p;
-    }
-};
 
 class TileTest : public ::testing::Test {
   protected:
@@ -60,103 +29,126 @@ class TileTest : public ::testing::Test {
     }
     void TearDown() override { velh_set_trap_handler(nullptr, nullptr); }
 
+    vel_seq_page_t *page(int kind, int user) {
+        auto *p = static_cast<vel_seq_page_t *>(std::aligned_alloc(16, kPage));
+        std::memset(p, 0, kPage);
+        p->hdr.kind = static_cast<uint8_t>(kind | 0x50); // high bits are the host's
+        p->hdr.user = static_cast<uint16_t>(user);
+        owned.emplace_back(p, &std::free);
+        return p;
+    }
+    // A leaf of int4 values 0, 1, ... n-1.
+    vel_seq_page_t *leaf(int n) {
+        vel_seq_page_t *p = page(velseq::kLeafPage, n);
+        for (int i = 0; i < n; i++)
+            reinterpret_cast<vel_int4 *>(velseq::page_values(p))[i] = i;
+        return p;
+    }
+    vel_seq_page_t *inner(std::vector<std::pair<vel_seq_page_t *, uint64_t>> kids) {
+        vel_seq_page_t *p = page(velseq::kInnerPage, static_cast<int>(kids.size()));
+        for (size_t i = 0; i < kids.size(); i++)
+            *velseq::inner_entry(p, kPage, static_cast<int64_t>(i)) = {kids[i].first,
+                                                                       kids[i].second};
+        return p;
+    }
     // A scan of the tree under `root` from element `from` to `last`.
     void start(vel_seq_page_t *root, uint64_t from, uint64_t last) {
         it = vel_seq_iterator_t{};
         it.elem_size = 4;
         it.elem_type = VEL_DD_INT4;
-        auto *ctx = ctx_of(it);
-        ctx->con = &con;
-        ctx->pm = &pm;
-        ctx->page_size = kPage;
+        velseq::iter_ctx(&it)->con = &con;
+        velseq::iter_ctx(&it)->pm = &pm;
+        velseq::iter_ctx(&it)->page_size = kPage;
         ASSERT_EQ(vel_seq_subseq_page(&con, &pm, &it, root, from, 0), VEL_S_OK);
         it.first_seq_no = it.next_seq_no = from;
         it.last_seq_no = last;
     }
 
+    std::vector<std::unique_ptr<vel_seq_page_t, decltype(&std::free)>> owned;
     vel_db_connection_t con;
     vel_page_manager_t pm{};
     vel_seq_iterator_t it{};
-    Pages pages;
 };
 
-TEST_F(TileTest, RunsAcrossLeavesAndLevels) {
-    auto *a = pages.leaf(50, 0, {49});
-    auto *b = pages.leaf(30, 50, {0, 29});
-    auto *c = pages.leaf(120, 80, {1});
-    auto *left = pages.inner({{a, 50}, {b, 30}});
-    auto *right = pages.inner({{c, 120}});
-    auto *root = pages.inner({{left, 80}, {right, 120}});
-    start(root, 10, ~vel_seq_no_t{0});
-    ASSERT_EQ(vel_seq_next_tile(&it), VEL_S_OK);
-    ASSERT_EQ(it.tile_size, 128);
-    for (int i = 0; i < 128; i++)
-        ASSERT_EQ(it.tile.u.arr_int4[i], 10 + i);
-    // nulls at 49, 50, 79, 81 -> slots 39, 40, 69, 71
-    EXPECT_EQ(it.tile.null_bitmap[0], (1ull << 39) | (1ull << 40));
-    EXPECT_EQ(it.tile.null_bitmap[1], (1ull << (69 - 64)) | (1ull << (71 - 64)));
-    ASSERT_EQ(vel_seq_next_tile(&it), VEL_S_OK);
-    EXPECT_EQ(it.tile_size, 200 - 138);
-    EXPECT_EQ(it.tile.u.arr_int4[0], 138);
-    EXPECT_EQ(it.tile.null_bitmap[0] | it.tile.null_bitmap[1], 0u);
-    EXPECT_EQ(vel_seq_next_tile(&it), VEL_S_CURSOR_END);
-    EXPECT_EQ(ctx_of(it)->stack_size, 0);
-    EXPECT_EQ(vel_seq_next_tile(&it), VEL_S_CURSOR_END);
-}
-
-TEST_F(TileTest, AppendBehindATileClearsItsNullFlags) {
-    auto *a = pages.leaf(20, 0, {2, 15});
-    start(a, 0, ~vel_seq_no_t{0});
-    it.tile_size = 5;
-    it.tile.null_bitmap[0] = 0x1f; // flags of the 5 elements already there
-    ASSERT_EQ(vel_seq_append_tile(&it), VEL_S_OK);
-    EXPECT_EQ(it.tile_size, 25);
-    EXPECT_EQ(it.tile.u.arr_int4[5], 0);
-    EXPECT_EQ(it.tile.null_bitmap[0], (1ull << 7) | (1ull << 20)) << "old flags are gone";
-}
-
 TEST_F(TileTest, MissingPageAndFailedTransaction) {
-    auto *a = pages.leaf(100, 0);
-    auto *root = pages.inner({{a, 100}, {nullptr, 100}});
+    auto *root = inner({{leaf(100), 100}, {nullptr, 100}});
     start(root, 90, ~vel_seq_no_t{0});
     EXPECT_EQ(vel_seq_next_tile(&it), VEL_E_NOMEM);
     EXPECT_EQ(it.tile_size, 0) << "tile_size is not updated for the copied run";
     EXPECT_EQ(it.next_seq_no, 100u) << "but the run is counted";
 
+    // A failed transaction is reported before anything is read or changed.
     start(root, 0, 50);
     con.trans.error_code = VEL_E_HOST_TRANS_FAILED;
     it.tile.null_bitmap[0] = 7;
     EXPECT_EQ(vel_seq_next_tile(&it), VEL_E_HOST_TRANS_FAILED);
-    EXPECT_EQ(it.tile.null_bitmap[0], 7u) << "nothing changed";
+    EXPECT_EQ(it.tile.null_bitmap[0], 7u);
     EXPECT_EQ(it.next_seq_no, 0u);
     con.trans.error_code = VEL_S_OK;
     ASSERT_EQ(vel_seq_next_tile(&it), VEL_S_OK);
     EXPECT_EQ(it.tile_size, 51);
 }
 
+// A page of neither kind, a path deeper than 14 levels and an empty page on
+// the path trap rather than deliver garbage.
 TEST_F(TileTest, CorruptTreesTrap) {
-    // A page that is neither inner nor leaf on the path.
-    auto *odd = pages.make(5, 10);
-    auto *root = pages.inner({{pages.leaf(1, 0), 1}, {odd, 10}});
-    start(root, 0, ~vel_seq_no_t{0});
+    start(inner({{leaf(1), 1}, {page(5, 10), 10}}), 0, ~vel_seq_no_t{0});
     EXPECT_THROW(vel_seq_next_tile(&it), Trapped);
-
-    // A path deeper than 14 levels.
-    vel_seq_page_t *p = pages.leaf(3, 0);
-    vel_seq_page_t *deep_root = nullptr;
+    vel_seq_page_t *deep = leaf(3);
     for (int level = 0; level < 15; level++)
-        p = pages.inner({{p, 3}});
-    deep_root = p;
-    it = vel_seq_iterator_t{};
-    ctx_of(it)->con = &con;
-    ctx_of(it)->pm = &pm;
-    EXPECT_THROW(vel_seq_subseq_page(&con, &pm, &it, deep_root, 0, 0), Trapped);
+        deep = inner({{deep, 3}});
+    EXPECT_THROW(vel_seq_subseq_page(&con, &pm, &it, deep, 0, 0), Trapped);
+    auto *empty = inner({{page(velseq::kLeafPage, 0), 1}}); // the count leads into it
+    EXPECT_THROW(vel_seq_subseq_page(&con, &pm, &it, empty, 0, 0), Trapped);
+}
 
-    // An empty page on the path.
-    auto *empty_leaf = pages.make(velseq::kLeafPage, 0);
-    auto *r2 = pages.inner({{empty_leaf, 1}}); // the count leads into it
-    EXPECT_THROW(vel_seq_subseq_page(&con, &pm, &it, r2, 0, 0), Trapped);
+// Operands whose reset counts calls and returns a chosen code.
+vel_seq_iterator_t g_opd[3];
+int g_resets[3];
+VEL_RET g_rc[3];
+VEL_RET counting_reset(vel_seq_iterator_h it) { return g_resets[it - g_opd]++, g_rc[it - g_opd]; }
+
+// A reset goes to position 0 (not first_seq_no) and keeps the range; unary
+// and binary resets reset their operands first (never a third), skip null
+// ones and stop, changing nothing, at the first operand that fails.
+TEST(IteratorReset, OperandsFirstAndStopOnFailure) {
+    using Fn = VEL_RET (*)(vel_seq_iterator_h);
+    const struct {
+        Fn reset;
+        bool null_first;
+        int failing; // operand whose reset fails, -1: none
+        VEL_RET rc;
+        std::array<int, 3> resets;
+    } rows[] = {
+        {vel_seq_reset_iterator, false, -1, VEL_S_OK, {0, 0, 0}},
+        {vel_seq_reset_unary_iterator, false, -1, VEL_S_OK, {1, 0, 0}},
+        {vel_seq_reset_unary_iterator, false, 0, VEL_E_NOMEM, {1, 0, 0}},
+        {vel_seq_reset_unary_iterator, true, -1, VEL_S_OK, {0, 0, 0}},
+        {vel_seq_reset_binary_iterator, false, -1, VEL_S_OK, {1, 1, 0}},
+        {vel_seq_reset_binary_iterator, true, -1, VEL_S_OK, {0, 1, 0}},
+        {vel_seq_reset_binary_iterator, false, 0, VEL_S_NOTFOUND, {1, 0, 0}},
+        {vel_seq_reset_binary_iterator, false, 1, VEL_E_SEQ_BOUNDED, {1, 1, 0}},
+    };
+    for (size_t r = 0; r < std::size(rows); r++) {
+        SCOPED_TRACE(r);
+        vel_seq_iterator_t top{};
+        for (int k = 0; k < 3; k++) {
+            g_opd[k].reset = counting_reset;
+            g_resets[k] = 0;
+            g_rc[k] = k == rows[r].failing ? rows[r].rc : VEL_S_OK;
+            top.opd[k] = k == 0 && rows[r].null_first ? nullptr : &g_opd[k];
+        }
+        top.first_seq_no = 7, top.next_seq_no = 40, top.last_seq_no = 90;
+        top.tile_size = 12, top.tile_offs = 3, top.bounded = 1, top.prepared = 1;
+        EXPECT_EQ(rows[r].reset(&top), rows[r].rc);
+        EXPECT_EQ((std::array<int, 3>{g_resets[0], g_resets[1], g_resets[2]}), rows[r].resets);
+        const bool ok = rows[r].rc == VEL_S_OK;
+        EXPECT_EQ(top.next_seq_no, ok ? 0u : 40u);
+        EXPECT_EQ(top.tile_size, ok ? 0 : 12);
+        EXPECT_EQ(top.tile_offs, ok ? 0 : 3);
+        EXPECT_EQ(top.bounded + top.prepared, ok ? 0 : 2);
+        EXPECT_EQ(top.first_seq_no + top.last_seq_no, 97u);
+    }
 }
 
 } // namespace
-} // namespace itest
