@@ -129,7 +129,10 @@ TEST_F(CursorScan, EmptyFieldsAndEmptyClasses) {
     vel_cursor_t cur, empty;
     vel_seq_iterator_t it{}, scan{};
     ASSERT_EQ(vel_w_list_cursor(tr, db.class_code(), &cur), VEL_S_OK);
-    open(it, db.field("uint8"), &cur); // empty everywhere, as wide as int8
+    const vstest::FieldRef e = db.field("uint8"); // empty in every object
+    ASSERT_EQ(vel_w_seq_from_cursor_uint8(tr, e.u_offset, e.c_offset, db.class_code(), &it, &cur),
+              VEL_S_OK);
+    velseq::iter_ctx(&it)->cursor = &cur;
     EXPECT_EQ(it.next(&it), VEL_S_CURSOR_END);
     EXPECT_EQ(vel_w_list_cursor(tr, none, &empty), VEL_S_CURSOR_EMPTY);
     velseq::iter_ctx(&it)->cursor = &empty;
