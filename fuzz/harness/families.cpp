@@ -239,37 +239,26 @@ std::string show(const Family &f, const void *elem) {
     }
     switch (f.elem_type) {
     case VEL_DD_INT1:
-        std::snprintf(buf, sizeof buf, "%d", ld<int8_t>(p));
-        break;
+        return std::to_string(ld<int8_t>(p));
     case VEL_DD_INT2:
-        std::snprintf(buf, sizeof buf, "%d", ld<int16_t>(p));
-        break;
+        return std::to_string(ld<int16_t>(p));
     case VEL_DD_INT4:
-        std::snprintf(buf, sizeof buf, "%d", ld<int32_t>(p));
-        break;
+        return std::to_string(ld<int32_t>(p));
     case VEL_DD_INT8:
-        std::snprintf(buf, sizeof buf, "%lld", (long long)ld<int64_t>(p));
-        break;
+        return std::to_string(ld<int64_t>(p));
     case VEL_DD_UINT1:
-        std::snprintf(buf, sizeof buf, "%u", ld<uint8_t>(p));
-        break;
+        return std::to_string(ld<uint8_t>(p));
     case VEL_DD_UINT2:
-        std::snprintf(buf, sizeof buf, "%u", ld<uint16_t>(p));
-        break;
+        return std::to_string(ld<uint16_t>(p));
     case VEL_DD_UINT4:
-        std::snprintf(buf, sizeof buf, "%u", ld<uint32_t>(p));
-        break;
+        return std::to_string(ld<uint32_t>(p));
     case VEL_DD_FLOAT:
-        std::snprintf(buf, sizeof buf, "%g", ld<float>(p));
-        break;
     case VEL_DD_DOUBLE:
-        std::snprintf(buf, sizeof buf, "%g", ld<double>(p));
-        break;
+        std::snprintf(buf, sizeof buf, "%g", f.width == 4 ? ld<float>(p) : ld<double>(p));
+        return buf;
     default:
-        std::snprintf(buf, sizeof buf, "%llu", (unsigned long long)ld<uint64_t>(p));
-        break;
+        return std::to_string(ld<uint64_t>(p)); // uint8, datetime
     }
-    return buf;
 }
 
 } // namespace velrel

@@ -13,7 +13,7 @@ void throwing_trap(int code, const char *file, int line, void *) {
 
 void must(VEL_RET rc, const char *what) {
     if (rc != VEL_S_OK)
-        throw std::runtime_error(std::string(what) + " failed: " + code_name(rc));
+        throw std::runtime_error(std::string(what) + " failed with code " + std::to_string(rc));
 }
 
 } // namespace
@@ -72,31 +72,6 @@ velh_page_stats_t SeqDb::stats() const {
     velh_page_stats_t st{};
     must(velh_page_stats(db_, VELH_PM_ALL, &st), "velh_page_stats");
     return st;
-}
-
-std::string code_name(VEL_RET rc) {
-    switch (rc) {
-    case VEL_S_OK:
-        return "VEL_S_OK";
-    case VEL_S_OVERFLOW:
-        return "VEL_S_OVERFLOW";
-    case VEL_S_UNDERFLOW:
-        return "VEL_S_UNDERFLOW";
-    case VEL_S_NOTFOUND:
-        return "VEL_S_NOTFOUND";
-    case VEL_S_CURSOR_END:
-        return "VEL_S_CURSOR_END";
-    case VEL_E_NOMEM:
-        return "VEL_E_NOMEM";
-    case VEL_E_ILLEGAL_PARAM:
-        return "VEL_E_ILLEGAL_PARAM";
-    case VEL_E_SEQ_OUT_OF_ORDER:
-        return "VEL_E_SEQ_OUT_OF_ORDER";
-    case VEL_E_SEQ_NULL_VALUE:
-        return "VEL_E_SEQ_NULL_VALUE";
-    default:
-        return "code " + std::to_string(static_cast<int>(rc));
-    }
 }
 
 } // namespace vstest

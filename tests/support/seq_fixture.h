@@ -60,7 +60,4 @@ class SeqDb {
     uint16_t class_code_ = 0;
 };
 
-// "VEL_E_..." style name of a code for messages.
-std::string code_name(VEL_RET rc);
-
 } // namespace vstest
