@@ -26,7 +26,7 @@ TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1" \
 VELSEQ_STRESS_COMMITS=${VELSEQ_STRESS_COMMITS:-2000} \
     "$BUILD/tests/reliability/velseq_reliability_tests" --gtest_filter='SnapshotStress*'
 TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1" \
-    "$BUILD/tests/velhost/velhost_tests" --gtest_filter='Thread*'
+    "$BUILD/tests/velhost/velhost_tests" --gtest_filter='Threads*'
 TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1" \
     "$BUILD/tests/velhost/velhost_durable_tests" --gtest_filter='DurableImage.Save*:DurableLog.*'
 echo "tsan: clean"
