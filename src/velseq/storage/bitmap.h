@@ -24,18 +24,6 @@ inline vel_bitmap_word_t get_full_word(const vel_bitmap_word_t *bitarr, int star
     return (bitarr[idx] >> off) | (bitarr[idx + 1] << (64 - off));
 }
 
-// Stores `word` at start..start+63.
-inline void set_full_word(vel_bitmap_word_t *bitarr, int start, vel_bitmap_word_t word) {
-    int idx = word_index(start);
-    int off = word_offset(start);
-    if (off == 0) {
-        bitarr[idx] = word;
-        return;
-    }
-    bitarr[idx] = (bitarr[idx] & (kAllOnes >> (64 - off))) | (word << off);
-    bitarr[idx + 1] = (bitarr[idx + 1] & (kAllOnes << off)) | (word >> (64 - off));
-}
-
 // Bits start..start+length-1 in the low bits; the bits above `length` are
 // the bitmap's following bits as far as the words read reach.
 inline vel_bitmap_word_t get_word(const vel_bitmap_word_t *bitarr, int start, int length) {
@@ -59,6 +47,11 @@ inline void set_word(vel_bitmap_word_t *bitarr, int start, vel_bitmap_word_t wor
     bitarr[idx] = (bitarr[idx] & (kAllOnes >> (64 - off))) | (word << off);
     if (64 - off < length)
         bitarr[idx + 1] = (bitarr[idx + 1] & (kAllOnes << off)) | (word >> (64 - off));
+}
+
+// Stores `word` at start..start+63.
+inline void set_full_word(vel_bitmap_word_t *bitarr, int start, vel_bitmap_word_t word) {
+    set_word(bitarr, start, word, 64);
 }
 
 // vel_seq_copy_bitmap of a one-bit run: bit `dstindx` of `dst` becomes bit
