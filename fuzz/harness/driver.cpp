@@ -501,16 +501,34 @@ bool Driver::op_late_inserts(Src &s) {
             return false;
         m.insert(pos, v.data(), 1, &null, 0);
         pos += consecutive;
-        if (kept) {
+        velh_field_shape_t before{}, sh{};
+        got = velh_field_shape(env_.obj(), l.fld_no, fs.order, &before);
+        if (got == VEL_S_OK && kept)
             got = velh_keep_compact(env_.obj(), l.fld_no, fs.order, 1, &st);
-        } else {
-            velh_field_shape_t sh{};
-            got = velh_field_shape(env_.obj(), l.fld_no, fs.order, &sh);
-            if (got == VEL_S_OK && sh.depth >= VEL_SEQ_MAX_DEPTH - 1)
-                got = velh_compact(env_.obj(), l.fld_no, fs.order);
-        }
-        if (!expect_rc(kept ? "keep compact" : "compact", fi, got, VEL_S_OK))
+        else if (got == VEL_S_OK && before.depth >= VEL_SEQ_MAX_DEPTH - 1)
+            got = velh_compact(env_.obj(), l.fld_no, fs.order);
+        if (!expect_rc(kept ? "keep compact" : "compact", fi, got, VEL_S_OK) ||
+            !expect_rc("shape", fi, velh_field_shape(env_.obj(), l.fld_no, fs.order, &sh),
+                       VEL_S_OK))
             return false;
+        // Kept fields hold the policy's limits; a compaction builds the tree
+        // appends build, page for page.
+        if (kept && (sh.depth > VELH_COMPACT_MAX_DEPTH || sh.pages > 2 * sh.dense_pages))
+            return fail(fmt("kept field %d: depth %u, %llu pages, dense %llu", fi, sh.depth,
+                            (unsigned long long)sh.pages, (unsigned long long)sh.dense_pages));
+        if (sh.pages < before.pages && sh.pages != sh.dense_pages)
+            return fail(fmt("compacted field %d: %llu pages, dense %llu", fi,
+                            (unsigned long long)sh.pages, (unsigned long long)sh.dense_pages));
+    }
+    if (!kept && s.coin()) { // a raw run ends with a compaction now and then
+        velh_field_shape_t sh{};
+        if (!expect_rc("compact", fi, velh_compact(env_.obj(), l.fld_no, fs.order), VEL_S_OK) ||
+            !expect_rc("shape", fi, velh_field_shape(env_.obj(), l.fld_no, fs.order, &sh),
+                       VEL_S_OK))
+            return false;
+        if (sh.pages != sh.dense_pages)
+            return fail(fmt("compacted field %d: %llu pages, dense %llu", fi,
+                            (unsigned long long)sh.pages, (unsigned long long)sh.dense_pages));
     }
     return check_field(fi, env_.obj(), m, true);
 }
