@@ -728,57 +728,29 @@ bool Driver::op_search(Src &s) {
             gen_value(fs.fam, false, s, b);
     }
     int lk = static_cast<int>(s.below(4)), hk = static_cast<int>(s.below(4));
-    // Model of the set-up.
+    // Model of the set-up.  An empty result still sets a range: the char
+    // family's is always 1/1/0, the scalar ones' lies where the bounds met.
     VEL_RET want = VEL_S_OK;
-    uint64_t first = 0, next = 0, last = 0;
-    bool done = false;
-    if (cnt == 0) {
+    uint64_t first = 0, next = 0, last = kAll;
+    auto none = [&](uint64_t at) {
         want = VEL_S_NOTFOUND;
-        first = next = 1;
-        last = 0;
-        done = true;
-    }
-    if (!done) {
-        if (hk != VEL_SEQ_BOUNDARY_OPEN) {
-            uint64_t p = partition(fs.fam, fs.order, m, high, 3 - hk);
-            if (p == 0) {
-                want = VEL_S_NOTFOUND;
-                first = next = 1;
-                last = 0;
-                done = true;
-            } else if (p == cnt) {
-                last = fs.fam.is_char ? kAll : cnt - 1;
-            } else {
-                last = p - 1;
-            }
-        } else {
-            last = kAll;
-        }
-    }
-    if (!done) {
-        uint64_t lo = partition(fs.fam, fs.order, m, low, lk);
-        if (lo == cnt) {
-            want = VEL_S_NOTFOUND;
-            if (fs.fam.is_char) {
-                first = next = 1;
-                last = 0;
-            } else {
-                if (last == kAll)
-                    last = 0;
-                first = next = last + 1;
-            }
-        } else if (lo <= last) {
+        last = fs.fam.is_char ? 0 : at;
+        first = next = last + 1;
+    };
+    const uint64_t hi =
+        hk == VEL_SEQ_BOUNDARY_OPEN ? cnt + 1 : partition(fs.fam, fs.order, m, high, 3 - hk);
+    if (cnt == 0 || hi == 0) {
+        none(0);
+    } else {
+        if (hi < cnt || (hi == cnt && !fs.fam.is_char))
+            last = hi - 1;
+        const uint64_t lo = partition(fs.fam, fs.order, m, low, lk);
+        if (lo == cnt)
+            none(last == kAll ? 0 : last);
+        else if (lo <= last)
             first = next = lo;
-        } else {
-            want = VEL_S_NOTFOUND;
-            if (fs.fam.is_char) {
-                first = next = 1;
-                last = 0;
-            } else {
-                last = lo;
-                first = next = lo + 1;
-            }
-        }
+        else
+            none(lo);
     }
     auto it = std::make_unique<vel_seq_iterator_t>();
     std::memset(it.get(), 0x5A, sizeof *it);
