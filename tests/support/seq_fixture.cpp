@@ -1,7 +1,10 @@
 #include "seq_fixture.h"
 
+#include <cstring>
 #include <stdexcept>
 #include <vector>
+
+#include "storage/field_root.h"
 
 namespace vstest {
 
@@ -25,16 +28,14 @@ SeqDb::SeqDb(const DbOptions &opt) : opt_(opt) {
     cfg.seq_page_size = opt.seq_page_size;
     cfg.object_page_size = opt.object_page_size;
     cfg.additional_object_field_size = opt.additional_object_field_size;
-    cfg.concurrent_write_transactions = opt.concurrent ? 1 : 0;
     must(velh_db_open(&cfg, &db_), "velh_db_open");
 
     std::vector<velh_field_def_t> defs;
     defs.push_back({"id", VEL_DD_UINT4, 0});
-    for (const FamilyOps &fam : all_families())
-        defs.push_back(
-            {nullptr, fam.seq_type, static_cast<uint16_t>(fam.is_char ? fam.elem_size : 0)});
-    must(velh_class_define(db_, "seqs", defs.data(), static_cast<uint16_t>(defs.size()),
-                           opt.compact ? VEL_CLASS_COMPACT : 0, opt.pm, &class_code_),
+    for (const velrel::Family &fam : velrel::scalar_families())
+        defs.push_back({nullptr, fam.seq_code, 0});
+    must(velh_class_define(db_, "seqs", defs.data(), static_cast<uint16_t>(defs.size()), 0,
+                           VELH_PM_INMEM, &class_code_),
          "velh_class_define");
     must(velh_connect(db_, &con_), "velh_connect");
 }
@@ -46,18 +47,15 @@ SeqDb::~SeqDb() {
         velh_db_close(db_);
 }
 
-FieldRef SeqDb::field(const FamilyOps &fam) const { return field(fam.name); }
-
 FieldRef SeqDb::field(const std::string &family_name) const {
-    const auto &fams = all_families();
+    const auto &fams = velrel::scalar_families();
     for (size_t i = 0; i < fams.size(); i++) {
-        if (fams[i].name != family_name)
+        if (family_name != fams[i].name)
             continue;
         velh_field_info_t info;
         must(velh_field_info(db_, class_code_, static_cast<uint16_t>(i + 1), &info),
              "velh_field_info");
-        return FieldRef{info.fld_no,       info.u_offset,   info.c_offset,
-                        fams[i].elem_size, fams[i].is_char, &fams[i].ops};
+        return FieldRef{info.fld_no, info.u_offset, info.c_offset, &fams[i]};
     }
     throw std::invalid_argument("no element family " + family_name);
 }
@@ -72,6 +70,37 @@ velh_page_stats_t SeqDb::stats() const {
     velh_page_stats_t st{};
     must(velh_page_stats(db_, VELH_PM_ALL, &st), "velh_page_stats");
     return st;
+}
+
+TreeReport check_tree(vel_objhandle_h obj, const FieldRef &f, vel_seq_order_t order,
+                      bool check_keys) {
+    TreeReport rep;
+    vel_seq_page_t *root = nullptr;
+    VEL_RET rc = vel_seq_get_root(obj, f.u_offset, f.c_offset, &root);
+    if (rc != VEL_S_OK) {
+        rep.error = "root fetch failed with " + std::to_string(static_cast<int>(rc));
+        return rep;
+    }
+    velrel::TreeInfo ti;
+    rep.error = velrel::check_tree(*f.fam, order, root, obj->pm->large_page_size(obj->con),
+                                   check_keys, &ti);
+    rep.depth = ti.depth;
+    rep.pages = std::move(ti.page_list);
+    rep.contents = std::move(ti.content);
+    return rep;
+}
+
+std::string diff(const SeqModel &model, const SeqModel &got) {
+    if (got.size() != model.size())
+        return "field holds " + std::to_string(got.size()) + " elements, model " +
+               std::to_string(model.size());
+    for (size_t i = 0; i < model.size(); i++) {
+        if (got.nulls[i] != model.nulls[i])
+            return "null flag of element " + std::to_string(i) + " differs";
+        if (std::memcmp(got.at(i), model.at(i), model.w) != 0)
+            return "value of element " + std::to_string(i) + " differs";
+    }
+    return {};
 }
 
 } // namespace vstest

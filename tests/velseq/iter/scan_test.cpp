@@ -67,8 +67,7 @@ class CursorScan : public ::testing::Test {
         for (int i : nulls)
             bm[i / 64] |= vel_bitmap_word_t{1} << (i % 64);
         if (n > 0) {
-            ASSERT_EQ(vstest::family("int8").append(&o, f, v.data(), n, VEL_SEQ_NO_ORDER, bm),
-                      VEL_S_OK);
+            ASSERT_EQ(f.append(&o, v.data(), n, VEL_SEQ_NO_ORDER, bm), VEL_S_OK);
         }
     }
 

@@ -6,7 +6,6 @@
 #include <random>
 
 #include "seq_fixture.h"
-#include "tree_check.h"
 
 namespace vstest {
 namespace {
@@ -33,7 +32,6 @@ void expect_tree(vel_objhandle_t &obj, const FieldRef &f, vel_seq_order_t order,
 struct LateInserts : ::testing::Test {
     SeqDb db;
     FieldRef f = db.field("int4");
-    const FamilyOps &fam = family("int4");
     SeqModel model = SeqModel::of_width(4);
     uint64_t oid = 0;
 
@@ -44,7 +42,7 @@ struct LateInserts : ::testing::Test {
         std::vector<int32_t> v(10000);
         for (size_t i = 0; i < v.size(); ++i)
             v[i] = static_cast<int32_t>(i);
-        ASSERT_EQ(fam.append(&obj, f, v.data(), v.size(), VEL_SEQ_NO_ORDER, nullptr), VEL_S_OK);
+        ASSERT_EQ(f.append(&obj, v.data(), v.size(), VEL_SEQ_NO_ORDER, nullptr), VEL_S_OK);
         model.insert(0, v.data(), v.size(), nullptr, 0);
         ASSERT_EQ(db.commit(), VEL_S_OK);
     }
@@ -62,7 +60,7 @@ struct LateInserts : ::testing::Test {
         ASSERT_EQ(db.rollback(), VEL_S_OK);
     }
     void insert_one(vel_objhandle_t &obj, uint64_t pos, int32_t v) {
-        ASSERT_EQ(fam.insert(&obj, f, pos, &v, 1, VEL_SEQ_NO_ORDER, nullptr), VEL_S_OK);
+        ASSERT_EQ(f.insert(&obj, pos, &v, 1, VEL_SEQ_NO_ORDER, nullptr), VEL_S_OK);
         model.insert(pos, &v, 1, nullptr, 0);
     }
 };

@@ -1,6 +1,9 @@
 // Page accounting, which no model sees: pages freed by deletes and prune,
 // and the pool reused across transactions.
-#include "test_util.h"
+#include <gtest/gtest.h>
+
+#include "seq_fixture.h"
+#include "storage/page_format.h"
 
 #include <set>
 

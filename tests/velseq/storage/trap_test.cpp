@@ -2,7 +2,10 @@
 // and line, after the trace hook when bit 26 of its mask is set.
 #include <functional>
 
-#include "test_util.h"
+#include <gtest/gtest.h>
+
+#include "seq_fixture.h"
+#include "storage/page_format.h"
 
 #include "storage/field_root.h"
 #include "storage/page_format.h"
