@@ -4,6 +4,7 @@
 // time the failing call must return VEL_E_NOMEM, the trees must stay sound,
 // rollback must restore the committed content exactly, and once everything
 // is released no page may be live.
+#include <cstdio>
 #include <functional>
 
 #include "harness/driver.h"
@@ -141,8 +142,12 @@ TEST(AllocFailure, SweepEveryAllocationOfTheScenario) {
         }
     }
     // Exactly the updating steps met an injected failure.
-    for (size_t k = 0; k < n_steps; ++k)
+    std::printf("[alloc-sweep] failed allocations by step:");
+    for (size_t k = 0; k < n_steps; ++k) {
         EXPECT_EQ(failures[k] > 0, kSteps[k].allocates) << kSteps[k].name;
+        std::printf("%s %s %d", k ? "," : "", kSteps[k].name, failures[k]);
+    }
+    std::printf("\n");
 }
 
 } // namespace
