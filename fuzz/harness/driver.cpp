@@ -162,6 +162,15 @@ bool Driver::fail(const std::string &what) {
     return false;
 }
 
+// A field drawn from the input: any, or one with a declared order.
+int Driver::pick_field(Src &s, bool ordered) const {
+    std::vector<int> from;
+    for (size_t i = 0; i < f_.size(); ++i)
+        if (!ordered || f_[i].order != VEL_SEQ_NO_ORDER)
+            from.push_back(static_cast<int>(i));
+    return from[s.below(static_cast<uint32_t>(from.size()))];
+}
+
 bool Driver::expect_rc(const char *op, int fi, VEL_RET got, VEL_RET want) {
     ++st_.codes_checked;
     if (got == want)
@@ -325,7 +334,7 @@ static size_t char_key_room(const FieldSpec &fs, int32_t page_size) {
 // ---- updates -----------------------------------------------------------------
 
 bool Driver::op_append(Src &s) {
-    int fi = static_cast<int>(s.below(static_cast<uint32_t>(f_.size())));
+    int fi = pick_field(s, false);
     const FieldSpec &fs = f_[fi];
     SeqModel &m = cur_[fi];
     size_t n = s.size(), w = fs.fam.width;
@@ -358,7 +367,7 @@ bool Driver::op_append(Src &s) {
 }
 
 bool Driver::op_insert(Src &s) {
-    int fi = static_cast<int>(s.below(static_cast<uint32_t>(f_.size())));
+    int fi = pick_field(s, false);
     const FieldSpec &fs = f_[fi];
     SeqModel &m = cur_[fi];
     size_t w = fs.fam.width, cnt = m.size();
@@ -465,7 +474,7 @@ bool Driver::op_insert(Src &s) {
 // module traps.  Ordered fields take a copy of the left neighbour; those with
 // lagging keys are left alone, since a rebuild would make their keys exact.
 bool Driver::op_late_inserts(Src &s) {
-    int fi = static_cast<int>(s.below(static_cast<uint32_t>(f_.size())));
+    int fi = pick_field(s, false);
     const FieldSpec &fs = f_[fi];
     SeqModel &m = cur_[fi];
     const FieldLoc &l = env_.loc(fi);
@@ -534,7 +543,7 @@ bool Driver::op_late_inserts(Src &s) {
 }
 
 bool Driver::op_delete(Src &s) {
-    int fi = static_cast<int>(s.below(static_cast<uint32_t>(f_.size())));
+    int fi = pick_field(s, false);
     const FieldSpec &fs = f_[fi];
     SeqModel &m = cur_[fi];
     size_t cnt = m.size();
@@ -570,7 +579,7 @@ bool Driver::op_delete(Src &s) {
 }
 
 bool Driver::op_truncate(Src &s) {
-    int fi = static_cast<int>(s.below(static_cast<uint32_t>(f_.size())));
+    int fi = pick_field(s, false);
     const FieldLoc &l = env_.loc(fi);
     VEL_RET got = vel_w_seq_truncate(env_.obj(), l.u, l.c, l.fld_no);
     ++st_.updates;
@@ -579,7 +588,7 @@ bool Driver::op_truncate(Src &s) {
 }
 
 bool Driver::op_ends(Src &s) {
-    int fi = static_cast<int>(s.below(static_cast<uint32_t>(f_.size())));
+    int fi = pick_field(s, false);
     return check_field(fi, env_.obj(), cur_[fi], false);
 }
 
@@ -638,7 +647,7 @@ static std::string range_mismatch(const vel_seq_iterator_t &it, uint64_t first, 
 }
 
 bool Driver::op_scan(Src &s) {
-    int fi = static_cast<int>(s.below(static_cast<uint32_t>(f_.size())));
+    int fi = pick_field(s, false);
     const FieldSpec &fs = f_[fi];
     const SeqModel &m = cur_[fi];
     size_t cnt = m.size();
@@ -712,11 +721,7 @@ uint64_t partition(const Family &f, vel_seq_order_t o, const SeqModel &m, const 
 } // namespace
 
 bool Driver::op_search(Src &s) {
-    std::vector<int> ordered;
-    for (size_t i = 0; i < f_.size(); ++i)
-        if (f_[i].order != VEL_SEQ_NO_ORDER)
-            ordered.push_back(static_cast<int>(i));
-    int fi = ordered[s.below(static_cast<uint32_t>(ordered.size()))];
+    int fi = pick_field(s, true);
     const FieldSpec &fs = f_[fi];
     const SeqModel &m = cur_[fi];
     size_t w = fs.fam.width, cnt = m.size();
@@ -794,7 +799,7 @@ bool Driver::op_search(Src &s) {
 }
 
 bool Driver::op_map(Src &s) {
-    int fi = static_cast<int>(s.below(static_cast<uint32_t>(f_.size())));
+    int fi = pick_field(s, false);
     const FieldSpec &fs = f_[fi];
     const SeqModel &m = cur_[fi];
     size_t cnt = m.size();
@@ -866,11 +871,7 @@ bool Driver::op_map(Src &s) {
 }
 
 bool Driver::op_join(Src &s) {
-    std::vector<int> ordered;
-    for (size_t i = 0; i < f_.size(); ++i)
-        if (f_[i].order != VEL_SEQ_NO_ORDER)
-            ordered.push_back(static_cast<int>(i));
-    int fi = ordered[s.below(static_cast<uint32_t>(ordered.size()))];
+    int fi = pick_field(s, true);
     const FieldSpec &fs = f_[fi];
     const SeqModel &m = cur_[fi];
     size_t w = fs.fam.width, cnt = m.size(), n = s.size();

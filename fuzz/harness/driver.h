@@ -58,6 +58,7 @@ class Driver {
     bool check_field(int fi, vel_objhandle_h obj, const SeqModel &m, bool tree);
     bool root_is_leaf(int fi);
 
+    int pick_field(Src &s, bool ordered) const;
     bool op_append(Src &s);
     bool op_insert(Src &s);
     bool op_late_inserts(Src &s);
