@@ -214,6 +214,7 @@ def test_bad_inputs_raise_and_change_nothing():
     assert wait([waiter], 0.2).not_done
     tx.commit()
     waiter.result()
+    pool.shutdown()
 
     # after the transaction, after close
     raises("VEL_E_HOST_TRANS_CLOSED", lambda: len(o["v"]))
