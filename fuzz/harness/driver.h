@@ -73,6 +73,7 @@ class Driver {
     bool op_commit(Src &s);
     bool op_rollback(Src &s);
     bool op_snapshot(Src &s);
+    bool check_snapshot(int slot);
 
     void gen_value(const Family &f, bool allow_nan, Src &s, uint8_t *out);
     std::vector<uint8_t> gen_sorted(int fi, size_t n, Src &s);
