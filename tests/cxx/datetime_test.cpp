@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <random>
+#include <tuple>
 
 #include "velseq.hpp"
 
@@ -11,11 +12,8 @@ namespace {
 using velseq::datetime;
 
 TEST(Datetime, IsoFormsAndRangeEnds) {
-    const struct {
-        const char *text;
-        int64_t ns;
-        const char *formatted; // nullptr: same as text
-    } cases[] = {
+    // text, nanoseconds, formatted (nullptr: same as text)
+    const std::tuple<const char *, int64_t, const char *> cases[] = {
         {"1970-01-01T00:00:00Z", 0, nullptr},
         {"1970-01-01", 0, "1970-01-01T00:00:00Z"},
         {"1969-12-31T23:59:59.999999999Z", -1, nullptr},
@@ -29,33 +27,21 @@ TEST(Datetime, IsoFormsAndRangeEnds) {
         {"2024-03-10T09:15:00+01", 1710058500000000000, "2024-03-10T08:15:00Z"},
         {"1900-01-01T00:00:00.001z", -2208988799999000000, "1900-01-01T00:00:00.001Z"},
     };
-    for (const auto &c : cases) {
-        SCOPED_TRACE(c.text);
-        const datetime t = datetime::parse(c.text);
-        EXPECT_EQ(t.ns(), c.ns);
-        EXPECT_EQ(t.iso(), c.formatted ? c.formatted : c.text);
+    for (const auto &[text, ns, formatted] : cases) {
+        SCOPED_TRACE(text);
+        const datetime t = datetime::parse(text);
+        EXPECT_EQ(t.ns(), ns);
+        EXPECT_EQ(t.iso(), formatted ? formatted : text);
         EXPECT_EQ(datetime::parse(t.iso()), t);
     }
     EXPECT_EQ(datetime::from_ns(INT64_MIN).raw(), 0u);
     EXPECT_EQ(datetime::from_ns(INT64_MAX).raw(), UINT64_MAX);
 
-    const char *bad[] = {"",
-                         "1970",
-                         "1970-1-01",
-                         "1970-13-01",
-                         "1970-02-30",
-                         "1900-02-29",
-                         "1970-01-01T24:00:00Z",
-                         "1970-01-01T00:60Z",
-                         "1970-01-01T00:00:00.Z",
-                         "1970-01-01T00:00:00.1234567890Z",
-                         "1970-01-01T00:00:00+2400",
-                         "1970-01-01T00:00:00Q",
-                         "1970-01-01T00:00:00Z ",
-                         "1677-09-21T00:12:43.145224191Z",
-                         "2262-04-11T23:47:16.854775808Z",
-                         "0001-01-01"};
-    for (const char *b : bad) {
+    for (const char *b :
+         {"", "1970", "1970-1-01", "1970-13-01", "1970-02-30", "1900-02-29", "1970-01-01T24:00:00Z",
+          "1970-01-01T00:60Z", "1970-01-01T00:00:00.Z", "1970-01-01T00:00:00.1234567890Z",
+          "1970-01-01T00:00:00+2400", "1970-01-01T00:00:00Q", "1970-01-01T00:00:00Z ",
+          "1677-09-21T00:12:43.145224191Z", "2262-04-11T23:47:16.854775808Z", "0001-01-01"}) {
         SCOPED_TRACE(b);
         EXPECT_THROW(datetime::parse(b), velseq::error);
         vel_datetime v = 42;
@@ -67,16 +53,14 @@ TEST(Datetime, IsoFormsAndRangeEnds) {
 TEST(Datetime, RandomRoundTripsKeepOrder) {
     std::mt19937_64 rng(7);
     for (int i = 0; i < 20000; i++) {
-        const int64_t a = static_cast<int64_t>(rng()), b = static_cast<int64_t>(rng() >> (i % 40));
+        const int64_t a = int64_t(rng()), b = int64_t(rng() >> (i % 40));
         const datetime ta = datetime::from_ns(a), tb = datetime::from_ns(b);
         ASSERT_EQ(ta < tb, a < b);
         ASSERT_EQ(ta.ns(), a);
         ASSERT_EQ(datetime::parse(ta.iso()), ta) << ta.iso();
         // std::chrono, at microsecond resolution
         const auto us = std::chrono::time_point_cast<std::chrono::microseconds>(tb.time_point());
-        ASSERT_EQ(
-            datetime::from(us).ns(),
-            std::chrono::duration_cast<std::chrono::nanoseconds>(us.time_since_epoch()).count());
+        ASSERT_EQ(datetime::from(us).ns(), std::chrono::nanoseconds(us.time_since_epoch()).count());
     }
 }
 

@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <iterator>
 #include <map>
 #include <random>
 
@@ -16,254 +17,187 @@ using namespace velseq;
 using std::optional;
 using std::vector;
 
-struct Data {
-    vector<int64_t> keys; // nanoseconds, ascending, with runs of equal keys
-    vector<optional<int32_t>> vals;
-    vector<optional<double>> prices;
-};
-
-Data make_data(std::mt19937_64 &rng, size_t n) {
-    Data d;
-    int64_t t = static_cast<int64_t>(rng() % 2000) - 1000; // some keys before 1970
-    for (size_t i = 0; i < n; i++) {
-        t += std::vector<int64_t>{0, 0, 1, 2, 7, 40}[rng() % 6];
-        d.keys.push_back(t);
-        d.vals.push_back(rng() % 5 == 0 ? optional<int32_t>()
-                                        : optional<int32_t>(int32_t(rng() % 201) - 100));
-        d.prices.push_back(rng() % 7 == 0 ? optional<double>()
-                                          : optional<double>(double(rng() % 1000) / 4));
-    }
-    return d;
-}
-
-struct Db {
+struct Timeseries : testing::Test {
     database db;
-    schema cls{"series"};
+    schema cls{"series"}, pcls{"probes"};
     field<datetime> ts = cls.seq<datetime>("ts", order::ascending);
     field<int32_t> val = cls.seq<int32_t>("val");
     field<double> price = cls.seq<double>("price");
-    Db() { db.define(cls); }
+    field<datetime> probe = pcls.seq<datetime>("p");
+    connection con{(db.define(cls), db.define(pcls), db)}; // classes before the connection
+    transaction tx{con, transaction::write};
+    vector<int64_t> keys; // nanoseconds, ascending, with runs of equal keys
+    vector<optional<int32_t>> vals;
+    vector<optional<double>> prices;
+    vector<datetime> stamps; // the keys as datetimes
+
+    // n random rows in a new object, appended in pieces so that leaves and
+    // tiles do not line up with the batches.
+    object make(std::mt19937_64 &rng, size_t n) {
+        keys.clear(), vals.clear(), prices.clear(), stamps.clear();
+        int64_t t = int64_t(rng() % 2000) - 1000; // some keys before 1970
+        for (size_t i = 0; i < n; i++) {
+            t += vector<int64_t>{0, 0, 1, 2, 7, 40}[rng() % 6];
+            keys.push_back(t);
+            stamps.push_back(datetime::from_ns(t));
+            vals.push_back(rng() % 5 ? optional<int32_t>(int32_t(rng() % 201) - 100)
+                                     : std::nullopt);
+            prices.push_back(rng() % 7 ? optional<double>(double(rng() % 1000) / 4) : std::nullopt);
+        }
+        object o = tx.create(cls);
+        for (size_t i = 0; i < n; i += 777) {
+            const size_t m = std::min<size_t>(777, n - i);
+            o[ts].append(span<const datetime>(stamps.data() + i, m));
+            o[val].append(span<const optional<int32_t>>(vals.data() + i, m));
+            o[price].append(span<const optional<double>>(prices.data() + i, m));
+        }
+        return o;
+    }
+    size_t lower(int64_t p) const {
+        return size_t(std::lower_bound(keys.begin(), keys.end(), p) - keys.begin());
+    }
+    // The key a probe matches (tol < 0: no tolerance), from the sorted keys' bounds.
+    optional<uint64_t> brute_asof(int64_t p, direction dir = direction::backward,
+                                  bool strict = false, int64_t tol = -1) const {
+        const size_t nb = lower(p + !strict), nf = lower(p + strict);
+        optional<uint64_t> back, fwd;
+        if (nb > 0 && dir != direction::forward)
+            back = nb - 1;
+        if (nf < keys.size() && dir != direction::backward)
+            fwd = nf;
+        optional<uint64_t> pick = back && (!fwd || p - keys[*back] <= keys[*fwd] - p) ? back : fwd;
+        if (pick && tol >= 0 && std::llabs(keys[*pick] - p) > tol)
+            pick.reset();
+        return pick;
+    }
 };
 
-void store(object &o, Db &s, const Data &d) {
-    vector<datetime> ts;
-    for (int64_t k : d.keys)
-        ts.push_back(datetime::from_ns(k));
-    // in pieces, so that leaves and tiles do not line up with the batches
-    for (size_t i = 0; i < ts.size(); i += 777) {
-        const size_t m = std::min<size_t>(777, ts.size() - i);
-        o[s.ts].append(span<const datetime>(ts.data() + i, m));
-        o[s.val].append(span<const optional<int32_t>>(d.vals.data() + i, m));
-        o[s.price].append(span<const optional<double>>(d.prices.data() + i, m));
-    }
-}
-
-optional<uint64_t> brute_asof(const vector<int64_t> &k, int64_t p, direction dir, bool strict,
-                              optional<int64_t> tol) {
-    // the keys are sorted: the standard library's bounds are the model
-    const auto lb = size_t(std::lower_bound(k.begin(), k.end(), p) - k.begin());
-    const auto ub = size_t(std::upper_bound(k.begin(), k.end(), p) - k.begin());
-    optional<uint64_t> back, fwd;
-    if ((strict ? lb : ub) > 0)
-        back = (strict ? lb : ub) - 1;
-    if ((strict ? ub : lb) < k.size())
-        fwd = strict ? ub : lb;
-    if (dir == direction::backward)
-        fwd.reset();
-    if (dir == direction::forward)
-        back.reset();
-    optional<uint64_t> pick = back ? back : fwd;
-    if (back && fwd && p - k[*back] > k[*fwd] - p)
-        pick = fwd;
-    if (pick && tol && std::llabs(k[*pick] - p) > *tol)
-        pick.reset();
-    return pick;
-}
-
-TEST(Timeseries, AsofMatchesBruteForce) {
+TEST_F(Timeseries, AsofMatchesBruteForce) {
     std::mt19937_64 rng(1);
-    const size_t sizes[] = {0, 1, 2, 5, 130, 600, 4000};
     for (int seed = 0; seed < 14; seed++) {
-        const size_t n = sizes[seed % 7];
-        const Data d = make_data(rng, n);
-        Db s;
-        connection con(s.db);
-        transaction tx(con, transaction::write);
-        object o = tx.create(s.cls);
-        store(o, s, d);
-        const int64_t lo = n ? d.keys.front() - 50 : -50, hi = n ? d.keys.back() + 50 : 50;
-        vector<int64_t> probes;
+        const size_t n = vector<size_t>{0, 1, 2, 5, 130, 600, 4000}[seed % 7];
+        object o = make(rng, n);
+        const int64_t lo = n ? keys.front() - 50 : -50, hi = n ? keys.back() + 50 : 50;
+        vector<datetime> pts;
         const size_t np = seed % 2 ? 40 : 3000; // sparse (seeks) and dense (merge) probes
         for (size_t i = 0; i < np; i++)
-            probes.push_back(lo + static_cast<int64_t>(rng() % static_cast<uint64_t>(hi - lo + 1)));
+            pts.push_back(datetime::from_ns(lo + int64_t(rng() % uint64_t(hi - lo + 1))));
         if (seed % 3 != 2)
-            std::sort(probes.begin(), probes.end());
+            std::sort(pts.begin(), pts.end());
         if (n)
-            probes.insert(probes.end(), {d.keys.front(), d.keys.back(), d.keys[n / 2]});
-        vector<datetime> pts;
-        for (int64_t p : probes)
-            pts.push_back(datetime::from_ns(p));
+            pts.insert(pts.end(), {stamps.front(), stamps.back(), stamps[n / 2]});
 
         for (direction dir : {direction::backward, direction::forward, direction::nearest})
             for (bool strict : {false, true})
-                for (optional<int64_t> tol : {optional<int64_t>(), optional<int64_t>(3)}) {
-                    SCOPED_TRACE(testing::Message()
-                                 << "seed " << seed << " dir " << int(dir) << " strict " << strict
-                                 << " tol " << tol.value_or(-1));
-                    asof_options<datetime> opt;
-                    opt.dir = dir;
-                    opt.strict = strict;
-                    if (tol)
-                        opt.tolerance = std::chrono::nanoseconds(*tol);
-                    const auto got = asof(o[s.ts], span<const datetime>(pts), opt);
-                    ASSERT_EQ(got.size(), probes.size());
-                    for (size_t i = 0; i < probes.size(); i++)
-                        ASSERT_EQ(got[i], brute_asof(d.keys, probes[i], dir, strict, tol))
-                            << "probe " << probes[i];
-
+                for (int64_t tol : {-1, 3}) {
+                    SCOPED_TRACE(testing::Message() << "seed " << seed << " dir " << int(dir)
+                                                    << " strict " << strict << " tol " << tol);
+                    const asof_options<datetime> opt{
+                        dir, strict,
+                        tol < 0 ? std::nullopt : std::make_optional(std::chrono::nanoseconds(tol))};
+                    const auto got = asof(o[ts], span<const datetime>(pts), opt);
                     // the prevailing values of two columns at those positions
                     const auto [v, p] =
-                        asof_join(o[s.ts], span<const datetime>(pts), opt, o[s.val], o[s.price]);
-                    for (size_t i = 0; i < probes.size(); i++) {
-                        ASSERT_EQ(v[i], got[i] ? d.vals[*got[i]] : std::nullopt);
-                        ASSERT_EQ(p[i], got[i] ? d.prices[*got[i]] : std::nullopt);
+                        asof_join(o[ts], span<const datetime>(pts), opt, o[val], o[price]);
+                    ASSERT_EQ(got.size(), pts.size());
+                    for (size_t i = 0; i < pts.size(); i++) {
+                        const optional<uint64_t> want = brute_asof(pts[i].ns(), dir, strict, tol);
+                        ASSERT_EQ(got[i], want) << "probe " << pts[i].ns();
+                        ASSERT_EQ(v[i], want ? vals[*want] : std::nullopt);
+                        ASSERT_EQ(p[i], want ? prices[*want] : std::nullopt);
                     }
                 }
-        // probes stored in a field, with a null probe, answer the same
-        if (n > 0) {
-            schema pc("probes");
-            auto pf = pc.seq<datetime>("p");
-            s.db.define(pc);
-            object po = tx.create(pc);
-            vector<optional<datetime>> stored(pts.begin(), pts.begin() + 10);
-            stored[4].reset();
-            po[pf].append(span<const optional<datetime>>(stored));
-            const auto got = asof(o[s.ts], po[pf]);
-            for (size_t i = 0; i < stored.size(); i++)
-                EXPECT_EQ(got[i], i == 4 ? std::nullopt
-                                         : brute_asof(d.keys, probes[i], direction::backward, false,
-                                                      std::nullopt));
-        }
-        // the module's join (probes up to the last key) and a value window
-        if (n > 0) {
-            vector<datetime> in;
-            for (const datetime &p : pts)
-                if (p.ns() <= d.keys.back())
-                    in.push_back(p);
-            size_t i = 0;
-            for (const tile<uint64_t> &t : o[s.ts].join(in))
-                for (uint64_t pos : t.values) {
-                    const int64_t p = in[i++].ns();
-                    ASSERT_EQ(pos, size_t(std::lower_bound(d.keys.begin(), d.keys.end(), p) -
-                                          d.keys.begin()));
-                }
-            ASSERT_EQ(i, in.size());
-            const int64_t w0 = probes[0], w1 = probes[0] + 60;
-            vector<int64_t> want, got;
-            for (int64_t k : d.keys)
-                if (k > w0 && k <= w1)
-                    want.push_back(k);
-            for (optional<datetime> k : element_range<datetime>(
-                     o[s.ts].window(datetime::from_ns(w0), datetime::from_ns(w1), bound::exclusive,
-                                    bound::inclusive)))
-                got.push_back(k->ns());
-            ASSERT_EQ(got, want);
-        }
         // last observation carried forward
-        vector<optional<int32_t>> filled = read_filled(o[s.val], {0, n});
+        const vector<optional<int32_t>> filled = read_filled(o[val], {0, n});
         optional<int32_t> last;
-        for (size_t i = 0; i < n; i++) {
-            last = d.vals[i] ? d.vals[i] : last;
-            ASSERT_EQ(filled[i], last);
-        }
-    }
-}
-
-template <class T, class S>
-void expect_summary(const summary<T> &got, const vector<optional<T>> &v, size_t a, size_t b,
-                    S sum0) {
-    uint64_t count = 0;
-    S sum = sum0;
-    optional<T> mn, mx, first, last;
-    for (size_t i = a; i < b; i++) {
-        if (!v[i])
+        for (size_t i = 0; i < n; i++)
+            ASSERT_EQ(filled[i], last = vals[i] ? vals[i] : last);
+        if (n == 0)
             continue;
-        count++;
-        sum += *v[i];
-        mn = mn ? std::min(*mn, *v[i]) : *v[i];
-        mx = mx ? std::max(*mx, *v[i]) : *v[i];
-        first = first ? first : v[i];
-        last = v[i];
+
+        // probes stored in a field, with a null probe, answer the same
+        object po = tx.create(pcls);
+        vector<optional<datetime>> stored(pts.begin(), pts.begin() + 10);
+        stored[4].reset();
+        po[probe].append(span<const optional<datetime>>(stored));
+        const auto got = asof(o[ts], po[probe]);
+        for (size_t i = 0; i < stored.size(); i++)
+            EXPECT_EQ(got[i], i == 4 ? std::nullopt : brute_asof(pts[i].ns()));
+
+        // the module's join (probes up to the last key) and a value window
+        vector<datetime> in;
+        std::copy_if(pts.begin(), pts.end(), std::back_inserter(in),
+                     [&](datetime p) { return p.ns() <= keys.back(); });
+        size_t i = 0;
+        for (const tile<uint64_t> &t : o[ts].join(in))
+            for (uint64_t pos : t.values)
+                ASSERT_EQ(pos, lower(in[i++].ns()));
+        ASSERT_EQ(i, in.size());
+        const int64_t w0 = pts[0].ns(), w1 = w0 + 60; // keys in (w0, w1]
+        vector<int64_t> window;
+        for (optional<datetime> k : element_range<datetime>(o[ts].window(
+                 datetime::from_ns(w0), datetime::from_ns(w1), bound::exclusive, bound::inclusive)))
+            window.push_back(k->ns());
+        ASSERT_EQ(window, vector<int64_t>(keys.begin() + long(lower(w0 + 1)),
+                                          keys.begin() + long(lower(w1 + 1))));
     }
-    EXPECT_EQ(got.rows, b - a);
-    EXPECT_EQ(got.count, count);
-    EXPECT_EQ(got.sum, sum);
-    EXPECT_EQ(got.min, mn);
-    EXPECT_EQ(got.max, mx);
-    EXPECT_EQ(got.first, first);
-    EXPECT_EQ(got.last, last);
-    EXPECT_EQ(got.mean(), count ? optional<double>(double(sum) / double(count)) : std::nullopt);
 }
 
-TEST(Timeseries, AggregatesAndResampleMatchBruteForce) {
+// Checks an aggregate or a bar against rows [a, b) of v.
+template <class G, class T>
+void expect_summary(const G &got, const vector<optional<T>> &v, size_t a, size_t b) {
+    uint64_t count = 0;
+    decltype(got.sum) sum{};
+    optional<T> mn, mx, first, last;
+    for (size_t i = a; i < b; i++)
+        if (v[i]) {
+            count++, sum += *v[i];
+            mn = std::min(mn.value_or(*v[i]), *v[i]), mx = std::max(mx.value_or(*v[i]), *v[i]);
+            first = first ? first : v[i], last = v[i];
+        }
+    EXPECT_EQ(std::tie(got.rows, got.count, got.sum), std::make_tuple(uint64_t(b - a), count, sum));
+    EXPECT_EQ(std::tie(got.min, got.max, got.first, got.last), std::tie(mn, mx, first, last));
+    if constexpr (std::is_same_v<G, summary<T>>) {
+        EXPECT_EQ(got.mean(), count ? optional<double>(double(sum) / double(count)) : std::nullopt);
+    }
+}
+
+TEST_F(Timeseries, AggregatesAndResampleMatchBruteForce) {
     std::mt19937_64 rng(2);
-    const size_t sizes[] = {0, 1, 3, 129, 2500};
     for (int seed = 0; seed < 10; seed++) {
-        const size_t n = sizes[seed % 5];
-        const Data d = make_data(rng, n);
-        Db s;
-        connection con(s.db);
-        transaction tx(con, transaction::write);
-        object o = tx.create(s.cls);
-        store(o, s, d);
+        const size_t n = vector<size_t>{0, 1, 3, 129, 2500}[seed % 5];
+        object o = make(rng, n);
         for (int q = 0; q < 20; q++) {
-            size_t a = n ? rng() % (n + 1) : 0, b = n ? rng() % (n + 1) : 0;
-            if (a > b)
-                std::swap(a, b);
+            const size_t x = rng() % (n + 1), y = rng() % (n + 1);
+            const size_t a = std::min(x, y), b = std::max(x, y);
             SCOPED_TRACE(testing::Message() << "seed " << seed << " range " << a << ".." << b);
-            expect_summary(aggregate(o[s.val], {a, b}), d.vals, a, b, int64_t(0));
-            expect_summary(aggregate(o[s.price], {a, b}), d.prices, a, b, 0.0);
+            expect_summary(aggregate(o[val], {a, b}), vals, a, b);
+            expect_summary(aggregate(o[price], {a, b}), prices, a, b);
 
             // a time window from <= ts < to, and its position range by brute force
-            const int64_t lo = n ? d.keys.front() - 5 : 0;
-            const int64_t t0 = lo + int64_t(rng() % 300), t1 = t0 + int64_t(rng() % 400);
-            const size_t wa =
-                size_t(std::lower_bound(d.keys.begin(), d.keys.end(), t0) - d.keys.begin());
-            const size_t wb =
-                size_t(std::lower_bound(d.keys.begin(), d.keys.end(), t1) - d.keys.begin());
-            expect_summary(
-                aggregate(o[s.val], o[s.ts], datetime::from_ns(t0), datetime::from_ns(t1)), d.vals,
-                wa, wb, int64_t(0));
+            const int64_t t0 = (n ? keys.front() - 5 : 0) + int64_t(rng() % 300);
+            const int64_t t1 = t0 + int64_t(rng() % 400);
+            const datetime from = datetime::from_ns(t0), to = datetime::from_ns(t1);
+            const size_t wa = lower(t0), wb = lower(t1);
+            expect_summary(aggregate(o[val], o[ts], from, to), vals, wa, wb);
 
             // buckets of a random width and origin, over the whole field or the window
             const int64_t width = 1 + int64_t(rng() % 90), origin = int64_t(rng() % 50) - 25;
             const bool windowed = q % 2;
-            const auto bars = resample(o[s.ts], o[s.val], std::chrono::nanoseconds(width),
-                                       windowed ? std::make_optional(std::make_pair(
-                                                      datetime::from_ns(t0), datetime::from_ns(t1)))
-                                                : std::nullopt,
-                                       datetime::from_ns(origin));
+            const auto bars =
+                resample(o[ts], o[val], std::chrono::nanoseconds(width),
+                         windowed ? std::make_optional(std::make_pair(from, to)) : std::nullopt,
+                         datetime::from_ns(origin));
             std::map<int64_t, std::pair<size_t, size_t>> model; // bucket -> rows [first, last)
             for (size_t i = windowed ? wa : 0; i < (windowed ? wb : n); i++) {
-                const int64_t off = d.keys[i] - origin;
-                const int64_t k = off >= 0 ? off / width : -((-off + width - 1) / width);
-                auto it = model.emplace(k, std::make_pair(i, i)).first;
-                it->second.second = i + 1;
+                const int64_t off = keys[i] - origin, k = (off - (off < 0 ? width - 1 : 0)) / width;
+                model.emplace(k, std::make_pair(i, i)).first->second.second = i + 1;
             }
             ASSERT_EQ(bars.size(), model.size());
-            size_t j = 0;
+            auto br = bars.begin();
             for (const auto &[k, rows] : model) {
-                const bar<int32_t> &br = bars[j++];
-                EXPECT_EQ(br.start.ns(), origin + k * width);
-                summary<int32_t> as;
-                as.rows = br.rows;
-                as.count = br.count;
-                as.sum = br.sum;
-                as.min = br.min;
-                as.max = br.max;
-                as.first = br.first;
-                as.last = br.last;
-                expect_summary(as, d.vals, rows.first, rows.second, int64_t(0));
+                EXPECT_EQ(br->start.ns(), origin + k * width);
+                expect_summary(*br++, vals, rows.first, rows.second);
             }
         }
     }
