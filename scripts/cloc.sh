@@ -37,7 +37,7 @@ tests=${tests:-0}
 code=${code:-0}
 ratio=$(awk -v t="$tests" -v c="$code" 'BEGIN { printf "%.2f", c ? t / c : 0 }')
 echo "tests ${tests} lines (${test_dirs[*]}) / code ${code} lines (${code_dirs[*]}) = ${ratio}"
-if [ -n "$max" ] && awk -v r="$ratio" -v m="$max" 'BEGIN { exit !(r > m) }'; then
+if [ -n "$max" ] && awk -v t="$tests" -v c="$code" -v m="$max" 'BEGIN { exit !(t > m * c) }'; then
     echo "cloc.sh: tests are more than ${max} of the code" >&2
     exit 1
 fi
