@@ -1273,23 +1273,20 @@ struct Database {
         cat = std::move(new_cat);
     }
 
-    void save(const std::string &path) {
-        st->require_open();
-        VEL_RET rc;
-        {
-            py::gil_scoped_release nogil;
-            rc = velh_db_save(st->db->get(), path.c_str());
-        }
-        velseq::detail::check_file(rc, "saving to " + path);
-    }
+    void save(const std::string &path) { write_image(velh_db_save, path, "saving to "); }
     void checkpoint(const std::string &path) {
+        write_image(velh_checkpoint, path, "checkpointing to ");
+    }
+    // An image of the database written to `path` without the GIL.
+    void write_image(VEL_RET (*write)(velh_db_t *, const char *), const std::string &path,
+                     const char *what) {
         st->require_open();
         VEL_RET rc;
         {
             py::gil_scoped_release nogil;
-            rc = velh_checkpoint(st->db->get(), path.c_str());
+            rc = write(st->db->get(), path.c_str());
         }
-        velseq::detail::check_file(rc, "checkpointing to " + path);
+        velseq::detail::check_file(rc, what + path);
     }
 
     void close() {
