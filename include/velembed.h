@@ -61,6 +61,7 @@ typedef struct velh_config_t_ {
     const char *log_path;  /* commit log file; NULL: no log (default) */
     int log_sync;          /* VELH_LOG_SYNC_* (default VELH_LOG_SYNC_COMMIT) */
     uint32_t log_group_ms; /* VELH_LOG_SYNC_GROUP: flush period (default 10) */
+    uint32_t open_flags;   /* velh_db_open_file: VELH_OPEN_* (default 0) */
 } velh_config_t;
 
 /* Fills the defaults above. */
@@ -77,6 +78,7 @@ VEL_RET velh_db_close(velh_db_t *db);
 
 #define VELH_MAX_CLASSES 1024 /* class codes are 1..VELH_MAX_CLASSES - 1 */
 #define VELH_MAX_FIELDS 1024  /* fields of one class */
+#define VELH_MAX_NAME 65535   /* bytes of a class or field name */
 
 /* Page managers a class may be placed in.  VELH_PM_INMEM is the connection's
    pm_inmem.  VELH_PM_ALT is a second page manager of the same page size: the
@@ -103,7 +105,11 @@ typedef struct velh_field_def_t_ {
    the compact layout); pm: VELH_PM_INMEM or VELH_PM_ALT.  Classes may be
    defined at any time and are never dropped.  Fields are numbered 0.. in the
    order given (fld_no).  VEL_E_HOST_LAYOUT if a field does not fit an object
-   page, VEL_E_HOST_BAD_ARG for a bad type, width or flag. */
+   page, VEL_E_HOST_BAD_ARG for a bad type, width or flag, VEL_E_ILLEGAL_PARAM
+   for a class or field name longer than VELH_MAX_NAME bytes.  With a commit
+   log the definition is logged before it becomes visible; a failed log
+   write refuses it (VEL_E_HOST_IO) and the class does not exist.
+   VEL_E_HOST_READ_ONLY in a database opened read-only. */
 VEL_RET velh_class_define(velh_db_t *db, const char *name, const velh_field_def_t *fields,
                           uint16_t n_fields, uint32_t flags, int pm, uint16_t *class_code);
 
@@ -349,28 +355,66 @@ VEL_RET velh_check_tree(const vel_objhandle_t *obj, uint16_t fld_no, vel_seq_ord
    flushed, so that a crash leaves the old file or the new one, whole. */
 VEL_RET velh_db_save(velh_db_t *db, const char *path);
 
+/* velh_db_open_file flags (velh_config_t.open_flags).
+   READ_ONLY  the files are opened read-only under a shared lock (other
+              read-only opens may share them, a writer may not): write
+              transactions fail with VEL_E_HOST_READ_ONLY, classes cannot
+              be defined, checkpoints are refused; nothing is written to the
+              image or the log, not even the cut of a torn tail.
+   RECOVER    a log damaged before its last record (or unreadable past some
+              offset) opens with the records before the damage; the rest of
+              the file is first moved aside, byte for byte, to LOG.damaged-OFF
+              beside it (OFF: the offset it started at in the log), and
+              reported in the stats.  With READ_ONLY nothing is moved: the
+              records before the damage are opened and the rest is reported. */
+#define VELH_OPEN_READ_ONLY 0x1u
+#define VELH_OPEN_RECOVER 0x2u
+
 typedef struct velh_open_stats_t_ {
     uint64_t classes;         /* classes after the open */
     uint64_t objects;         /* objects after the open */
     uint64_t image_pages;     /* sequence pages read from the image */
     uint64_t log_replayed;    /* log records applied */
-    uint64_t log_cut_records; /* records dropped from a torn or corrupt tail */
+    uint64_t log_cut_records; /* records dropped from a torn tail: a short or bad last record */
     uint64_t log_cut_bytes;   /* bytes dropped from that tail */
+    uint64_t log_set_aside_records; /* VELH_OPEN_RECOVER: records after the damage */
+    uint64_t log_set_aside_bytes;   /* VELH_OPEN_RECOVER: bytes moved to LOG.damaged-OFF */
 } velh_open_stats_t;
 
 /* Opens a database from the image at `image_path` (NULL: from the empty
    database), then, when cfg->log_path is set, replays the log's records that
-   follow that image, cuts a torn or corrupt tail, and goes on appending to
-   the log (a missing log is created).  Page sizes and the object header size
-   come from the image (without one, from the log's header); the other
-   settings from cfg.  Either the whole
-   database is opened or nothing is.  `stats` may be NULL. */
+   follow that image and goes on appending to the log (a missing log is
+   created).  Page sizes and the object header size come from the image
+   (without one, from the log's header); the other settings from cfg.  Either
+   the whole database is opened or nothing is.  `stats` may be NULL.
+
+   The log is locked for the life of the database: exclusively, or shared
+   with VELH_OPEN_READ_ONLY.  A log another database holds (in this process
+   or another) is refused with VEL_E_HOST_BUSY, naming the process.
+
+   Replay cuts a torn tail: a last record that is short or damaged, after
+   which no valid record follows (a crash during its write).  Damage followed
+   by a valid record, or a read error, is not a torn tail: the open fails
+   with VEL_E_HOST_BAD_LOG (VEL_E_HOST_IO for a read error) naming the
+   offset, and leaves the files as they are; VELH_OPEN_RECOVER opens the
+   records before it. */
 VEL_RET velh_db_open_file(const velh_config_t *cfg, const char *image_path, velh_db_t **db,
                           velh_open_stats_t *stats);
 
 /* Writes an image of the last commit to `image_path` as velh_db_save does,
    then starts a new, empty log for it.  Commits wait while it runs.
-   VEL_E_HOST_BAD_ARG when the database has no log. */
+   VEL_E_HOST_BAD_ARG when the database has no log; VEL_E_HOST_READ_ONLY when
+   it was opened read-only.
+
+   All or nothing for acknowledged commits: the new log is written and
+   flushed before the image is renamed into place.  A failure before that
+   rename changes nothing.  A failure after it (the new log cannot be renamed
+   in, or the folder not flushed) leaves files that reopen with every
+   acknowledged commit, and the database refuses commits (VEL_E_HOST_IO)
+   until a checkpoint succeeds or the database is reopened.  The same holds
+   after a failed write or flush of the log: commits are refused, and a
+   successful checkpoint (which writes every acknowledged commit into its
+   image) lets them go on. */
 VEL_RET velh_checkpoint(velh_db_t *db, const char *image_path);
 
 /* The sentence of the last durability failure of the calling thread ("" when
