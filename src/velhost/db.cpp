@@ -2,7 +2,10 @@
 // the release of old versions.
 #include <algorithm>
 #include <cstring>
+#include <fcntl.h>
 #include <new>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include "durable.h"
 #include "host_internal.h"
@@ -225,7 +228,18 @@ VEL_RET velh_db_open(const velh_config_t *cfg, velh_db_t **db) {
     if (cfg->warm_pages != 0)
         arena_warm(&d->pms[0], cfg->warm_pages);
     if (cfg->log_path != nullptr) {
-        VEL_RET r = log_start(d, cfg->log_path, cfg, 0, 1, {});
+        // A log that holds records belongs to a database velh_db_open_file
+        // opens; starting afresh would throw its commits away.
+        int fd = open_locked(cfg->log_path, O_RDWR | O_CREAT, true);
+        struct stat st;
+        VEL_RET r = fd < 0 ? (errno == EWOULDBLOCK ? VEL_E_HOST_BUSY : VEL_E_HOST_IO) : VEL_S_OK;
+        if (fd >= 0 && (::fstat(fd, &st) != 0 || st.st_size != 0)) {
+            ::close(fd);
+            r = fail(VEL_E_HOST_BAD_LOG, std::string(cfg->log_path) +
+                                             " holds a log already; velh_db_open_file opens it");
+        } else if (fd >= 0) {
+            r = log_start(d, fd, cfg, 0, 1, {});
+        }
         if (r != VEL_S_OK) {
             velh_db_close(reinterpret_cast<velh_db_t *>(d));
             return r;
@@ -242,6 +256,10 @@ VEL_RET velh_db_close(velh_db_t *db) {
     if (d->n_connections.load() != 0)
         return VEL_E_HOST_BUSY;
     log_close(d);
+    if (d->image_fd >= 0)
+        ::close(d->image_fd);
+    if (d->ro_log_fd >= 0)
+        ::close(d->ro_log_fd);
     // No transaction runs: every chain holds committed versions only.
     for (auto &[oid, ch] : d->chains) {
         ClassDef *cls = class_of(d, ch->class_code);
@@ -267,6 +285,15 @@ VEL_RET velh_class_define(velh_db_t *db, const char *name, const velh_field_def_
         (pm != VELH_PM_INMEM && pm != VELH_PM_ALT))
         return VEL_E_HOST_BAD_ARG;
     Db *d = reinterpret_cast<Db *>(db);
+    if (d->read_only)
+        return VEL_E_HOST_READ_ONLY;
+    // Files store names with a 16-bit length.
+    auto too_long = [](const char *s) { return s != nullptr && std::strlen(s) > VELH_MAX_NAME; };
+    bool long_name = too_long(name);
+    for (uint16_t i = 0; i < n_fields && !long_name; ++i)
+        long_name = too_long(fields[i].name);
+    if (long_name)
+        return VEL_E_ILLEGAL_PARAM;
     auto cls = std::make_unique<ClassDef>();
     cls->name = name != nullptr ? name : "";
     cls->flags = flags;
@@ -336,14 +363,20 @@ VEL_RET velh_class_define(velh_db_t *db, const char *name, const velh_field_def_
     if (code >= VELH_MAX_CLASSES)
         return VEL_E_HOST_BAD_ARG;
     cls->code = static_cast<uint16_t>(code);
+    // Logged before it is published, under the lock checkpoints hold, so
+    // that an image and its log never both or neither hold the class.
+    std::unique_lock<std::mutex> log_lock;
+    if (d->durable != nullptr) {
+        log_lock = std::unique_lock<std::mutex>(d->durable->mutex);
+        if (VEL_RET r = log_class(d, *cls, static_cast<uint16_t>(code)); r != VEL_S_OK)
+            return r;
+    }
     d->block.classes[code].flags = flags;
     d->block.classes[code].host_index = code;
     d->classes[code] = std::move(cls);
     d->block.dict.n_classes = code + 1;
     d->n_classes.store(code + 1, std::memory_order_release);
     *class_code = static_cast<uint16_t>(code);
-    if (d->durable != nullptr)
-        return log_class(d, static_cast<uint16_t>(code));
     return VEL_S_OK;
 }
 
@@ -434,6 +467,8 @@ VEL_RET velh_begin(vel_db_connection_h con, int mode) {
         return VEL_E_HOST_TRANS_ACTIVE;
     Db *d = c->db;
     const bool rw = (mode & VELH_READ_WRITE) != 0;
+    if (rw && d->read_only)
+        return VEL_E_HOST_READ_ONLY;
     if (rw && !d->cfg.concurrent_write_transactions) {
         std::unique_lock<std::mutex> lock(d->writer_mutex);
         if (d->writer_active && (mode & VELH_NOWAIT) != 0)
@@ -461,9 +496,10 @@ VEL_RET velh_commit(vel_db_connection_h con) {
         return VEL_E_HOST_BAD_ARG;
     if (c->txn == nullptr)
         return VEL_E_HOST_TRANS_CLOSED;
+    fail(VEL_S_OK, ""); // a failure below leaves its sentence
     if (c->pub.trans.error_code != VEL_S_OK) {
         velh_rollback(con);
-        return VEL_E_HOST_TRANS_FAILED;
+        return fail(VEL_E_HOST_TRANS_FAILED, "the transaction failed earlier; it is rolled back");
     }
     Db *d = c->db;
     Txn *txn = c->txn;

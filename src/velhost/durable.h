@@ -14,6 +14,7 @@
 #include <condition_variable>
 #include <cstdint>
 #include <cstring>
+#include <functional>
 #include <string>
 #include <thread>
 #include <unordered_map>
@@ -44,7 +45,9 @@ struct Durable {
     // stale entry until its address is handed out again and renumbered;
     // nothing reaches it meanwhile.
     std::unordered_map<const std::byte *, uint64_t> id_of;
-    std::string failure; // non-empty once a write or flush failed: no more commits
+    // Non-empty once a write or flush failed, or a checkpoint failed after
+    // renaming its image: commits are refused until a checkpoint succeeds.
+    std::string failure;
 
     // VELH_LOG_SYNC_GROUP: the flusher thread.
     std::thread flusher;
@@ -52,6 +55,18 @@ struct Durable {
     bool stop = false;
     bool dirty = false;
 };
+
+// ---- file locks and temporaries (files.cpp) ---------------------------------
+
+// Opens `path` with `flags` (O_CLOEXEC added; O_CREAT creates with 0644) and
+// takes a non-blocking flock on it, exclusive or shared, making sure the
+// path still names the locked file.  -1 with the error message set (and
+// errno ENOENT for a missing file, EWOULDBLOCK when another holds it).
+int open_locked(const std::string &path, int flags, bool exclusive);
+// Whether `path` names the file open on `fd`.
+bool same_file(int fd, const std::string &path);
+// Removes PATH.tmp.PID files left by processes that no longer run.
+void remove_stale_temps(const std::string &path);
 
 // Fuzzing only: images are read without comparing checksums, so that the
 // structural checks behind them see arbitrary bytes.
@@ -63,11 +78,23 @@ const char *error_text();
 
 // ---- images (image.cpp) ------------------------------------------------------
 
-// Writes the image of the last commit; `numbering` (may be null) receives the
-// id given to every page.  A checkpoint passes the id of the image its log
-// followed as `prev_id` (null otherwise).
-VEL_RET image_save(Db *db, const char *path, const uint64_t *prev_id, uint64_t *image_id,
-                   std::unordered_map<const std::byte *, uint64_t> *numbering);
+// How an image is saved, and what the save did.
+struct ImageSave {
+    const uint64_t *prev_id = nullptr; // a checkpoint's: the image its log followed
+    // Called once the new image is written and flushed, before it is renamed
+    // into place, with its id and page count; a failure refuses the save.
+    std::function<VEL_RET(uint64_t id, uint64_t pages)> before_rename;
+    bool keep_lock = false; // hand back the new image open and locked
+    // Out:
+    std::unordered_map<const std::byte *, uint64_t> numbering; // id of every page
+    uint64_t image_id = 0;
+    bool renamed = false; // the new image replaced the path (even if the save then failed)
+    int lock_fd = -1;     // keep_lock: the new image's locked descriptor, the caller's
+};
+
+// Writes the image of the last commit to `path`, refusing a path whose file
+// another database holds.
+VEL_RET image_save(Db *db, const char *path, ImageSave *how);
 
 // Tree checks and page ids while a database is loaded and its log replayed.
 struct Loader {
@@ -98,8 +125,9 @@ struct Loader {
     bool check(std::byte *root, uint16_t w, PageManager *pm, std::string *why);
 };
 
-// Opens the database of an image (path null: an empty one).
-VEL_RET image_load(const velh_config_t *cfg, const char *path, Loader *ld, velh_db_t **db,
+// Opens the database of the image open on `fd` and named `path` (path null:
+// an empty one).
+VEL_RET image_load(const velh_config_t *cfg, int fd, const char *path, Loader *ld, velh_db_t **db,
                    velh_open_stats_t *stats);
 
 // Frees a database that failed to load, without walking its trees.
@@ -110,20 +138,24 @@ void free_unreferenced(Loader *ld);
 
 // ---- the commit log (wal.cpp) ----------------------------------------------
 
-// Starts a new, empty log at `path` (written beside it and renamed over it)
-// for the image `image_id`; ids of new pages start at `first_page_id`.
-VEL_RET log_start(Db *db, const char *path, const velh_config_t *cfg, uint64_t image_id,
+// Starts the log open on `fd` (an empty file, locked) at cfg->log_path for
+// the image `image_id`; ids of new pages start at `first_page_id`.  Closes
+// `fd` on failure.
+VEL_RET log_start(Db *db, int fd, const velh_config_t *cfg, uint64_t image_id,
                   uint64_t first_page_id, std::unordered_map<const std::byte *, uint64_t> ids);
 
-// Replays the log of cfg->log_path onto a database just loaded by `ld`, cuts
-// a torn tail and keeps the log open for appending.
-VEL_RET log_open(Db *db, const velh_config_t *cfg, Loader *ld, velh_open_stats_t *stats);
+// Replays the log open on `fd` (locked) onto a database just loaded by `ld`:
+// cuts a torn tail, refuses damage that whole records follow (or moves it
+// aside with VELH_OPEN_RECOVER), and keeps the log for appending (read-only:
+// only its lock).  Closes `fd` on failure.
+VEL_RET log_open(Db *db, int fd, const velh_config_t *cfg, Loader *ld, velh_open_stats_t *stats);
 
 // Flushes and closes the log.
 void log_close(Db *db);
 
-// Appends the definition of a class.
-VEL_RET log_class(Db *db, uint16_t class_code);
+// Appends the definition of class `class_code`, before it is published; the
+// caller holds Durable::mutex.
+VEL_RET log_class(Db *db, const ClassDef &cls, uint16_t class_code);
 
 // Commit steps, called with Durable::mutex held: the record of what the
 // transaction changed (before its unreached pages are swept), then its

@@ -231,6 +231,13 @@ struct Db {
     std::atomic<uint32_t> n_connections{0};
 
     Durable *durable = nullptr; // the commit log, when the config names one
+    // Files (files.cpp): the descriptors that hold the locks on the image
+    // the database was opened from or last checkpointed to, and, read-only,
+    // on its log (a writable database's log lock is Durable::fd).
+    std::mutex file_mutex; // guards image_fd
+    int image_fd = -1;
+    int ro_log_fd = -1;
+    bool read_only = false; // VELH_OPEN_READ_ONLY: no writes, no file changes
 };
 
 // ---- helpers shared by the source files -----------------------------------

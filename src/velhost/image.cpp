@@ -34,7 +34,9 @@
 //   0      4     kind: 1 classes, 2 pages, 3 objects, 4 end
 //   4      4     items in the payload
 //   8      8     length of the payload
-//   16     8     XXH3-64 of the payload, seeded with kind, items and length
+//   16     8     XXH3-64 of the payload, seeded with the XXH3-64 of three
+//                u64: kind << 56 ^ items << 24 ^ length, the block's file
+//                offset, the image id (version 1: seeded with the first alone)
 //
 //   classes (one block): per class, codes 1.. in order: u32 flags, u8 page
 //     manager, u8 0, u16 fields, name; per field: u8 type, u8 0, u16 width,
@@ -51,6 +53,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <random>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <sys/uio.h>
 #include <unistd.h>
@@ -63,7 +66,7 @@ namespace velhost {
 namespace {
 
 constexpr char kImageMagic[8] = {'V', 'E', 'L', 'H', 'I', 'M', 'G', '\0'};
-constexpr uint32_t kImageVersion = 1;
+constexpr uint32_t kImageVersion = 2; // 1: block checksums bound to nothing else
 constexpr uint32_t kHeaderBytes = 128;
 constexpr uint32_t kBlockKinds[] = {1, 2, 3, 4};
 enum BlockKind : uint32_t { kClasses = 1, kPages = 2, kObjects = 3, kEnd = 4 };
@@ -71,8 +74,16 @@ constexpr size_t kBlockTarget = size_t(1) << 20; // payload bytes a block aims a
 
 thread_local std::string t_error;
 
-uint64_t block_seed(uint32_t kind, uint32_t items, uint64_t len) {
-    return (uint64_t(kind) << 56) ^ (uint64_t(items) << 24) ^ len;
+// The seed of a block's checksum: its header fields and, from version 2 on,
+// its offset in the file and the image's id, so that a block moved within
+// the file or brought in from another image fails its checksum.
+uint64_t block_seed(uint32_t version, uint32_t kind, uint32_t items, uint64_t len, uint64_t pos,
+                    uint64_t image_id) {
+    const uint64_t seed = (uint64_t(kind) << 56) ^ (uint64_t(items) << 24) ^ len;
+    if (version < 2)
+        return seed;
+    const uint64_t bound[3] = {seed, pos, image_id};
+    return XXH3_64bits(bound, sizeof bound);
 }
 
 uint64_t new_image_id() {
@@ -85,14 +96,16 @@ uint64_t new_image_id() {
 // Writes blocks to a file descriptor, counting them and their bytes.
 struct BlockWriter {
     int fd;
+    uint64_t image_id;
     uint64_t pos = 0;
     uint64_t blocks = 0;
     bool emit(uint32_t kind, uint32_t items, const std::string &payload) {
         uint64_t hdr[3];
         hdr[0] = uint64_t(kind) | (uint64_t(items) << 32);
         hdr[1] = payload.size();
-        hdr[2] = XXH3_64bits_withSeed(payload.data(), payload.size(),
-                                      block_seed(kind, items, payload.size()));
+        hdr[2] = XXH3_64bits_withSeed(
+            payload.data(), payload.size(),
+            block_seed(kImageVersion, kind, items, payload.size(), pos, image_id));
         if (!write_all(fd, hdr, sizeof hdr) || !write_all(fd, payload.data(), payload.size()))
             return false;
         pos += sizeof hdr + payload.size();
@@ -101,13 +114,18 @@ struct BlockWriter {
     }
 };
 
-// Reads whole buffers; the number of bytes read, short only at the end.
+thread_local int t_read_errno; // the error that stopped the last read_full, 0: none
+
+// Reads whole buffers; the number of bytes read, short at the end of the
+// file or at an error (then t_read_errno says which).
 size_t read_full(int fd, void *p, size_t n) {
     size_t done = 0;
     while (done < n) {
         ssize_t k = ::read(fd, static_cast<char *>(p) + done, n - done);
         if (k < 0 && errno == EINTR)
             continue;
+        if (k < 0)
+            t_read_errno = errno;
         if (k <= 0)
             break;
         done += size_t(k);
@@ -233,10 +251,27 @@ bool put_page(Out &o, const std::byte *page, uint32_t ps,
     return true;
 }
 
-VEL_RET image_save(Db *d, const char *path, const uint64_t *prev_id, uint64_t *image_id,
-                   std::unordered_map<const std::byte *, uint64_t> *numbering) {
+VEL_RET image_save(Db *d, const char *path, ImageSave *how) {
     if (path == nullptr || *path == '\0')
         return fail(VEL_E_HOST_BAD_ARG, "no image path");
+    const uint64_t *prev_id = how->prev_id;
+    const std::string target(path);
+    // Another database's image is not replaced under it; ours is, and the
+    // caller moves its lock to the new file.
+    int target_lock = -1;
+    if (!same_file(d->image_fd, target)) {
+        target_lock = open_locked(target, O_RDONLY, true);
+        if (target_lock < 0 && errno != ENOENT)
+            return errno == EWOULDBLOCK ? VEL_E_HOST_BUSY : VEL_E_HOST_IO;
+    }
+    struct Unlock {
+        int fd;
+        ~Unlock() {
+            if (fd >= 0)
+                ::close(fd);
+        }
+    } unlock{target_lock};
+    remove_stale_temps(target);
     // The snapshot: a read-only transaction keeps every version it sees.
     vel_db_connection_h con;
     VEL_RET r = velh_connect(reinterpret_cast<velh_db_t *>(d), &con);
@@ -291,11 +326,16 @@ VEL_RET image_save(Db *d, const char *path, const uint64_t *prev_id, uint64_t *i
             }
         }
 
-    const std::string target(path);
     const std::string tmp = target + ".tmp." + std::to_string(::getpid());
     int fd = ::open(tmp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
     if (fd < 0)
         return fail(VEL_E_HOST_IO, "cannot create " + tmp + ": " + errno_text());
+    if (how->keep_lock && ::flock(fd, LOCK_EX | LOCK_NB) != 0) {
+        std::string msg = "cannot lock " + tmp + ": " + errno_text();
+        ::close(fd);
+        ::unlink(tmp.c_str());
+        return fail(VEL_E_HOST_IO, msg);
+    }
     auto io_error = [&](const char *what) {
         std::string msg = std::string(what) + " " + tmp + ": " + errno_text();
         ::close(fd);
@@ -324,7 +364,7 @@ VEL_RET image_save(Db *d, const char *path, const uint64_t *prev_id, uint64_t *i
         if (!write_all(fd, h.b.data(), h.b.size()))
             return io_error("cannot write");
     }
-    BlockWriter w{fd, kHeaderBytes};
+    BlockWriter w{fd, id, kHeaderBytes};
     Out o;
     for (uint32_t code = 1; code < n_classes; ++code)
         put_class(o, *d->classes[code]);
@@ -378,21 +418,29 @@ VEL_RET image_save(Db *d, const char *path, const uint64_t *prev_id, uint64_t *i
         return io_error("cannot write");
     if (::fsync(fd) != 0)
         return io_error("cannot flush");
-    if (::close(fd) != 0) {
+    if (!how->keep_lock && ::close(fd) != 0) {
         ::unlink(tmp.c_str());
         return fail(VEL_E_HOST_IO, "cannot close " + tmp + ": " + errno_text());
     }
-    if (::rename(tmp.c_str(), target.c_str()) != 0) {
-        std::string msg = "cannot rename " + tmp + " to " + target + ": " + errno_text();
+    auto refuse = [&](VEL_RET r) {
+        if (how->keep_lock)
+            ::close(fd);
         ::unlink(tmp.c_str());
-        return fail(VEL_E_HOST_IO, msg);
-    }
+        return r;
+    };
+    if (how->before_rename)
+        if (VEL_RET r = how->before_rename(id, pages.size()); r != VEL_S_OK)
+            return refuse(r);
+    if (::rename(tmp.c_str(), target.c_str()) != 0)
+        return refuse(
+            fail(VEL_E_HOST_IO, "cannot rename " + tmp + " to " + target + ": " + errno_text()));
+    how->renamed = true;
+    how->image_id = id;
+    how->numbering = std::move(ids);
+    if (how->keep_lock)
+        how->lock_fd = fd;
     if (!sync_dir(target))
         return fail(VEL_E_HOST_IO, "cannot flush the folder of " + target + ": " + errno_text());
-    if (image_id != nullptr)
-        *image_id = id;
-    if (numbering != nullptr)
-        *numbering = std::move(ids);
     return VEL_S_OK;
 }
 
@@ -534,7 +582,7 @@ void discard_db(Db *db) {
     velh_db_close(reinterpret_cast<velh_db_t *>(db));
 }
 
-VEL_RET image_load(const velh_config_t *cfg, const char *path, Loader *ld, velh_db_t **out,
+VEL_RET image_load(const velh_config_t *cfg, int fd, const char *path, Loader *ld, velh_db_t **out,
                    velh_open_stats_t *stats) {
     velh_config_t c = *cfg;
     c.log_path = nullptr;
@@ -548,13 +596,7 @@ VEL_RET image_load(const velh_config_t *cfg, const char *path, Loader *ld, velh_
         return VEL_S_OK;
     }
     const std::string file(path);
-    int fd = ::open(path, O_RDONLY | O_CLOEXEC);
-    if (fd < 0)
-        return fail(VEL_E_HOST_IO, "cannot open " + file + ": " + errno_text());
-    struct Closer {
-        int fd;
-        ~Closer() { ::close(fd); }
-    } closer{fd};
+    t_read_errno = 0;
     struct stat st;
     if (::fstat(fd, &st) != 0)
         return fail(VEL_E_HOST_IO, "cannot stat " + file + ": " + errno_text());
@@ -563,6 +605,8 @@ VEL_RET image_load(const velh_config_t *cfg, const char *path, Loader *ld, velh_
         if (ld->db != nullptr)
             discard_db(ld->db);
         ld->db = nullptr;
+        if (t_read_errno != 0) // not damage: the file could not be read
+            return fail(VEL_E_HOST_IO, "cannot read " + file + ": " + std::strerror(t_read_errno));
         return fail(VEL_E_HOST_BAD_IMAGE, file + ": " + why);
     };
 
@@ -575,9 +619,9 @@ VEL_RET image_load(const velh_config_t *cfg, const char *path, Loader *ld, velh_
     const auto header_bytes = h.get<uint32_t>();
     uint64_t sum;
     std::memcpy(&sum, hb + 120, 8);
-    if (version != kImageVersion)
-        return bad("format version " + std::to_string(version) + "; this build reads version " +
-                   std::to_string(kImageVersion));
+    if (version != kImageVersion && version != 1)
+        return bad("format version " + std::to_string(version) +
+                   "; this build reads versions 1 to " + std::to_string(kImageVersion));
     const bool sums = !g_fuzz_skip_checksums.load(std::memory_order_relaxed);
     if (header_bytes != kHeaderBytes || (sums && sum != XXH3_64bits(hb, 120)))
         return bad("the header is damaged (checksum)");
@@ -624,7 +668,8 @@ VEL_RET image_load(const velh_config_t *cfg, const char *path, Loader *ld, velh_
         if (read_full(fd, payload.data(), len) != len)
             return bad("cut short at byte " + std::to_string(pos));
         if (sums &&
-            XXH3_64bits_withSeed(payload.data(), len, block_seed(kind, items, len)) != bh[2])
+            XXH3_64bits_withSeed(payload.data(), len,
+                                 block_seed(version, kind, items, len, pos, ld->image_id)) != bh[2])
             return bad("the block at byte " + std::to_string(pos) + " is damaged (checksum)");
         // Blocks come in the order classes, pages..., objects..., end.
         if ((kind == kClasses) != (state == 0) || kind < state)

@@ -43,6 +43,7 @@
 #include <cerrno>
 #include <chrono>
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <unordered_set>
@@ -83,28 +84,25 @@ bool pwrite_all(int fd, const void *p, size_t n, uint64_t off) {
     return true;
 }
 
-size_t pread_full(int fd, void *p, size_t n, uint64_t off) {
+// Reads n bytes at `off`: 1 all of them, 0 the file ends first, -1 a read
+// error (errno set).
+int pread_exact(int fd, void *p, size_t n, uint64_t off) {
     size_t done = 0;
     while (done < n) {
         ssize_t k = ::pread(fd, static_cast<char *>(p) + done, n - done, off_t(off + done));
         if (k < 0 && errno == EINTR)
             continue;
-        if (k <= 0)
-            break;
+        if (k < 0)
+            return -1;
+        if (k == 0)
+            return 0;
         done += size_t(k);
     }
-    return done;
+    return 1;
 }
 
-// Creates a log with its header only, beside `path` and renamed over it;
-// returns the open descriptor or -1 with the error message set.
-int create_log(const Db *d, const std::string &path, uint64_t image_id, uint64_t first_page_id) {
-    const std::string tmp = path + ".tmp." + std::to_string(::getpid());
-    int fd = ::open(tmp.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-    if (fd < 0) {
-        fail(VEL_E_HOST_IO, "cannot create " + tmp + ": " + errno_text());
-        return -1;
-    }
+// The 64-byte header of a log that follows image `image_id`.
+std::string log_header(const Db *d, uint64_t image_id, uint64_t first_page_id) {
     Out h;
     h.bytes(kLogMagic, 8);
     h.put<uint32_t>(kLogVersion);
@@ -116,11 +114,27 @@ int create_log(const Db *d, const std::string &path, uint64_t image_id, uint64_t
     h.put<uint16_t>(d->cfg.additional_object_field_size);
     h.b.resize(56, '\0');
     h.put<uint64_t>(XXH3_64bits(h.b.data(), 56));
-    if (!write_all(fd, h.b.data(), h.b.size()) || ::fdatasync(fd) != 0 ||
-        ::rename(tmp.c_str(), path.c_str()) != 0 || !sync_dir(path)) {
-        fail(VEL_E_HOST_IO, "cannot write the new log " + path + ": " + errno_text());
+    return std::move(h.b);
+}
+
+// Writes a new log with its header only to `tmp` (PATH.tmp.PID), flushed and
+// locked, for the caller to rename over `path`; the open descriptor, or -1
+// with the error message set and nothing left behind.
+int prepare_log(const Db *d, const std::string &path, uint64_t image_id, uint64_t first_page_id,
+                std::string *tmp) {
+    remove_stale_temps(path);
+    *tmp = path + ".tmp." + std::to_string(::getpid());
+    int fd = ::open(tmp->c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    if (fd < 0) {
+        fail(VEL_E_HOST_IO, "cannot create " + *tmp + ": " + errno_text());
+        return -1;
+    }
+    const std::string h = log_header(d, image_id, first_page_id);
+    if (::flock(fd, LOCK_EX | LOCK_NB) != 0 || !write_all(fd, h.data(), h.size()) ||
+        ::fdatasync(fd) != 0) {
+        fail(VEL_E_HOST_IO, "cannot write the new log " + *tmp + ": " + errno_text());
         ::close(fd);
-        ::unlink(tmp.c_str());
+        ::unlink(tmp->c_str());
         return -1;
     }
     return fd;
@@ -149,7 +163,8 @@ void flusher_loop(Durable *L) {
 // Writes one record at the end of the log; the caller holds the mutex.
 VEL_RET append_locked(Durable *L, uint32_t type, const std::string &body) {
     if (!L->failure.empty())
-        return fail(VEL_E_HOST_IO, "the log failed earlier: " + L->failure);
+        return fail(VEL_E_HOST_IO, "the log failed earlier: " + L->failure +
+                                       "; a checkpoint or a reopen lets commits go on");
     Out h;
     h.put<uint32_t>(kRecMagic);
     h.put<uint32_t>(type);
@@ -165,7 +180,12 @@ VEL_RET append_locked(Durable *L, uint32_t type, const std::string &body) {
         return fail(VEL_E_HOST_IO, why);
     }
     if (L->sync_mode == VELH_LOG_SYNC_COMMIT && ::fdatasync(L->fd) != 0) {
+        // The device's state is unknown now: no more appends.  The record is
+        // refused, so take it back lest a reopen replay it (a checkpoint
+        // writes a log without it in any case).
         L->failure = "cannot flush " + L->path + ": " + errno_text();
+        if (::ftruncate(L->fd, static_cast<off_t>(L->end)) == 0)
+            ::fdatasync(L->fd);
         return fail(VEL_E_HOST_IO, L->failure);
     }
     L->end += h.b.size();
@@ -307,42 +327,108 @@ bool replay_commit(Db *d, Loader *ld, In &in, uint64_t first_page_id, std::strin
 
 } // namespace
 
-VEL_RET log_start(Db *d, const char *path, const velh_config_t *cfg, uint64_t image_id,
+VEL_RET log_start(Db *d, int fd, const velh_config_t *cfg, uint64_t image_id,
                   uint64_t first_page_id, std::unordered_map<const std::byte *, uint64_t> ids) {
-    int fd = create_log(d, path, image_id, first_page_id);
-    if (fd < 0)
-        return VEL_E_HOST_IO;
+    const std::string path(cfg->log_path);
+    const std::string h = log_header(d, image_id, first_page_id);
+    if (!pwrite_all(fd, h.data(), h.size(), 0) || ::fdatasync(fd) != 0 || !sync_dir(path)) {
+        std::string why = "cannot write the new log " + path + ": " + errno_text();
+        // Back to the empty file, which the next open takes for no log.
+        if (::ftruncate(fd, 0) == 0)
+            ::fdatasync(fd);
+        ::close(fd);
+        return fail(VEL_E_HOST_IO, why);
+    }
     Durable *L = attach(d, cfg, fd, kLogHeader, image_id);
     L->next_page_id = first_page_id;
     L->id_of = std::move(ids);
     return VEL_S_OK;
 }
 
-VEL_RET log_open(Db *d, const velh_config_t *cfg, Loader *ld, velh_open_stats_t *stats) {
-    const std::string path(cfg->log_path);
-    std::unordered_map<const std::byte *, uint64_t> ids;
-    auto start_new = [&]() {
-        for (auto &[pg, pi] : ld->info)
-            ids.emplace(pg, pi.id);
-        return log_start(d, path.c_str(), cfg, ld->image_id, ld->max_page_id + 1, std::move(ids));
-    };
-    int fd = ::open(path.c_str(), O_RDWR | O_CLOEXEC);
-    if (fd < 0 && errno == ENOENT)
-        return start_new();
-    if (fd < 0)
-        return fail(VEL_E_HOST_IO, "cannot open " + path + ": " + errno_text());
-    struct stat st;
-    if (::fstat(fd, &st) != 0) {
-        ::close(fd);
-        return fail(VEL_E_HOST_IO, "cannot stat " + path + ": " + errno_text());
+namespace {
+
+// Whether rec[0..avail) starts with a whole record: magic, type, a length
+// within `avail`, the checksum; `len` receives its body length.
+bool whole_record(const std::byte *rec, uint64_t avail, uint32_t *type, uint64_t *len) {
+    uint32_t rh[2];
+    uint64_t rl[2];
+    if (avail < 24)
+        return false;
+    std::memcpy(rh, rec, 8);
+    std::memcpy(rl, rec + 8, 16);
+    *type = rh[1];
+    *len = rl[0];
+    return rh[0] == kRecMagic && (rh[1] == kRecClass || rh[1] == kRecCommit) && rl[0] >= 8 &&
+           rl[0] <= avail - 24 &&
+           XXH3_64bits_withSeed(rec + 24, rl[0], rec_seed(rh[1], rl[0])) == rl[1];
+}
+
+uint64_t seq_of(const std::byte *rec) {
+    uint64_t seq;
+    std::memcpy(&seq, rec + 24, 8);
+    return seq;
+}
+
+// The whole records in `rest` past its first byte whose sequence numbers
+// are `seq` or later: records a crash during one write cannot leave behind.
+uint64_t records_after(const std::string &rest, uint64_t seq) {
+    const auto *p = reinterpret_cast<const std::byte *>(rest.data());
+    const char magic[4] = {'V', 'L', 'R', 'C'};
+    uint64_t found = 0;
+    for (size_t i = 1; i + 24 <= rest.size();) {
+        const void *m = ::memmem(rest.data() + i, rest.size() - i, magic, 4);
+        if (m == nullptr)
+            break;
+        i = size_t(static_cast<const char *>(m) - rest.data());
+        uint32_t type;
+        uint64_t len;
+        if (whole_record(p + i, rest.size() - i, &type, &len) && seq_of(p + i) >= seq) {
+            ++found;
+            i += 24 + len;
+        } else {
+            ++i;
+        }
     }
-    const uint64_t size = uint64_t(st.st_size);
+    return found;
+}
+
+} // namespace
+
+VEL_RET log_open(Db *d, int fd, const velh_config_t *cfg, Loader *ld, velh_open_stats_t *stats) {
+    const std::string path(cfg->log_path);
+    const bool ro = (cfg->open_flags & VELH_OPEN_READ_ONLY) != 0;
+    const bool recover = (cfg->open_flags & VELH_OPEN_RECOVER) != 0;
+    auto ids = [ld] {
+        std::unordered_map<const std::byte *, uint64_t> m;
+        for (auto &[pg, pi] : ld->info)
+            m.emplace(pg, pi.id);
+        return m;
+    };
+    auto io = [&](const std::string &why) {
+        std::string msg = "cannot read " + path + why + ": " + errno_text();
+        ::close(fd);
+        return fail(VEL_E_HOST_IO, msg);
+    };
     auto bad = [&](const std::string &why) {
         ::close(fd);
         return fail(VEL_E_HOST_BAD_LOG, path + ": " + why);
     };
+    struct stat st;
+    if (::fstat(fd, &st) != 0)
+        return io("");
+    const uint64_t size = uint64_t(st.st_size);
+    if (size == 0) { // created, and never written: no log yet
+        if (ro) {
+            d->ro_log_fd = fd;
+            return VEL_S_OK;
+        }
+        return log_start(d, fd, cfg, ld->image_id, ld->max_page_id + 1, ids());
+    }
     std::byte hb[kLogHeader];
-    if (pread_full(fd, hb, kLogHeader, 0) != kLogHeader || std::memcmp(hb, kLogMagic, 8) != 0)
+    const int got = pread_exact(fd, hb, kLogHeader, 0);
+    if (got < 0)
+        return io("");
+    if (got == 0 || std::memcmp(hb, kLogMagic, 8) != 0)
         return bad("not a velhost commit log");
     In h(hb, kLogHeader);
     h.bytes(8);
@@ -362,38 +448,61 @@ VEL_RET log_open(Db *d, const velh_config_t *cfg, Loader *ld, velh_open_stats_t 
         return bad("the header is damaged (checksum)");
     if (image_id != ld->image_id) {
         // A checkpoint stopped between renaming its image and its new log:
-        // the image holds every record of the old log.
-        if (ld->checkpoint && image_id == ld->prev_image_id) {
-            ::close(fd);
-            return start_new();
+        // the image holds every record of the old log, which a new one
+        // replaces (only commits acknowledged before the image can be in it).
+        if (!ld->checkpoint || image_id != ld->prev_image_id)
+            return bad("it follows another image than the one opened");
+        if (ro) {
+            d->ro_log_fd = fd;
+            return VEL_S_OK;
         }
-        return bad("it follows another image than the one opened");
+        std::string tmp;
+        int nfd = prepare_log(d, path, ld->image_id, ld->max_page_id + 1, &tmp);
+        if (nfd < 0) {
+            ::close(fd);
+            return VEL_E_HOST_IO;
+        }
+        if (::rename(tmp.c_str(), path.c_str()) != 0 || !sync_dir(path)) {
+            std::string why = "cannot replace the log " + path + ": " + errno_text();
+            ::unlink(tmp.c_str());
+            ::close(nfd);
+            ::close(fd);
+            return fail(VEL_E_HOST_IO, why);
+        }
+        ::close(fd);
+        Durable *L = attach(d, cfg, nfd, kLogHeader, ld->image_id);
+        L->next_page_id = ld->max_page_id + 1;
+        L->id_of = ids();
+        return VEL_S_OK;
     }
     if (seq_ps != d->cfg.seq_page_size || obj_ps != d->cfg.object_page_size ||
         afs != d->cfg.additional_object_field_size || first_page_id <= ld->max_page_id)
         return bad("its page sizes or page ids disagree with the image");
 
     uint64_t pos = kLogHeader, seq = 1, replayed = 0;
-    std::string body;
-    for (;;) {
-        uint32_t rh[2];
-        uint64_t rl[2];
-        if (pread_full(fd, rh, 8, pos) != 8 || pread_full(fd, rl, 16, pos + 8) != 16)
+    std::string rec;
+    while (pos < size) {
+        const uint64_t avail = std::min<uint64_t>(size - pos, 24);
+        rec.resize(avail);
+        if (pread_exact(fd, rec.data(), avail, pos) < 0)
+            return io(" at offset " + std::to_string(pos));
+        uint64_t len = 0;
+        if (avail == 24)
+            std::memcpy(&len, rec.data() + 8, 8);
+        if (avail < 24 || len > size - pos - 24)
             break;
-        const uint64_t len = rl[0];
-        if (rh[0] != kRecMagic || (rh[1] != kRecClass && rh[1] != kRecCommit) ||
-            len > size - pos - 24 || len < 8)
+        rec.resize(24 + len);
+        if (pread_exact(fd, rec.data() + 24, len, pos + 24) < 0)
+            return io(" at offset " + std::to_string(pos));
+        uint32_t type;
+        const auto *r = reinterpret_cast<const std::byte *>(rec.data());
+        if (!whole_record(r, rec.size(), &type, &len) || seq_of(r) != seq)
             break;
-        body.resize(len);
-        if (pread_full(fd, body.data(), len, pos + 24) != len ||
-            XXH3_64bits_withSeed(body.data(), len, rec_seed(rh[1], len)) != rl[1])
-            break;
-        In in(body.data(), len);
-        if (in.get<uint64_t>() != seq)
-            break;
+        In in(r + 24, len);
+        in.get<uint64_t>();
         std::string why;
         bool ok;
-        if (rh[1] == kRecClass) {
+        if (type == kRecClass) {
             const auto code = in.get<uint16_t>();
             ok = get_class(d, in, code, &why) == VEL_S_OK && in.done();
         } else {
@@ -405,36 +514,61 @@ VEL_RET log_open(Db *d, const velh_config_t *cfg, Loader *ld, velh_open_stats_t 
         ++seq;
         ++replayed;
     }
-    uint64_t cut_records = 0;
     if (pos < size) {
-        // Count the frames that still follow, for the report only.
-        uint64_t p = pos;
-        for (;;) {
-            uint32_t rh[2];
-            uint64_t rl[2];
-            if (pread_full(fd, rh, 8, p) != 8 || pread_full(fd, rl, 16, p + 8) != 16 ||
-                rh[0] != kRecMagic || rl[0] > size - p - 24)
-                break;
-            ++cut_records;
-            p += 24 + rl[0];
+        // A torn tail is a short or bad last record, which a crash during
+        // its write leaves.  Damage that whole records follow is not: those
+        // were acknowledged, and nothing is cut without being asked.
+        std::string rest(size - pos, '\0');
+        if (pread_exact(fd, rest.data(), rest.size(), pos) != 1)
+            return io(" at offset " + std::to_string(pos));
+        const uint64_t later = records_after(rest, seq);
+        const std::string at = std::to_string(pos);
+        if (later != 0 && !recover)
+            return bad("the record at offset " + at + " is damaged and " + std::to_string(later) +
+                       " whole records follow it; opening with VELH_OPEN_RECOVER keeps the " +
+                       "records before it and moves the rest aside to " + path + ".damaged-" + at);
+        if (later != 0) {
+            stats->log_set_aside_records = later + 1;
+            stats->log_set_aside_bytes = rest.size();
+        } else {
+            stats->log_cut_records = 1;
+            stats->log_cut_bytes = rest.size();
         }
-        cut_records = std::max<uint64_t>(cut_records, 1);
-        if (::ftruncate(fd, static_cast<off_t>(pos)) != 0 || ::fdatasync(fd) != 0) {
-            std::string why = errno_text();
-            ::close(fd);
-            return fail(VEL_E_HOST_IO, "cannot cut the torn tail of " + path + ": " + why);
+        if (!ro) {
+            const std::string aside = path + ".damaged-" + at;
+            int afd = later == 0
+                          ? -1
+                          : ::open(aside.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
+            if (later != 0 && (afd < 0 || !write_all(afd, rest.data(), rest.size()) ||
+                               ::fsync(afd) != 0 || !sync_dir(aside))) {
+                std::string why = "cannot move the damaged rest of " + path + " to " + aside +
+                                  ": " + errno_text();
+                if (afd >= 0) {
+                    ::close(afd);
+                    ::unlink(aside.c_str());
+                }
+                ::close(fd);
+                return fail(VEL_E_HOST_IO, why);
+            }
+            if (afd >= 0)
+                ::close(afd);
+            if (::ftruncate(fd, static_cast<off_t>(pos)) != 0 || ::fdatasync(fd) != 0) {
+                std::string why = "cannot cut " + path + " at offset " + at + ": " + errno_text();
+                ::close(fd);
+                return fail(VEL_E_HOST_IO, why);
+            }
         }
     }
     free_unreferenced(ld);
-    for (auto &[pg, pi] : ld->info)
-        ids.emplace(pg, pi.id);
+    stats->log_replayed = replayed;
+    if (ro) {
+        d->ro_log_fd = fd;
+        return VEL_S_OK;
+    }
     Durable *L = attach(d, cfg, fd, pos, image_id);
     L->next_seq = seq;
     L->next_page_id = std::max(ld->max_page_id, first_page_id - 1) + 1;
-    L->id_of = std::move(ids);
-    stats->log_replayed = replayed;
-    stats->log_cut_records = cut_records;
-    stats->log_cut_bytes = size - pos;
+    L->id_of = ids();
     return VEL_S_OK;
 }
 
@@ -457,19 +591,13 @@ void log_close(Db *d) {
     d->durable = nullptr;
 }
 
-VEL_RET log_class(Db *d, uint16_t class_code) {
+VEL_RET log_class(Db *d, const ClassDef &cls, uint16_t class_code) {
     Durable *L = d->durable;
-    std::lock_guard<std::mutex> lock(L->mutex);
     Out o;
     o.put<uint64_t>(L->next_seq);
     o.put<uint16_t>(class_code);
-    put_class(o, *d->classes[class_code]);
-    VEL_RET r = append_locked(L, kRecClass, o.b);
-    // The class exists in memory already: a log without it cannot take
-    // later records.
-    if (r != VEL_S_OK && L->failure.empty())
-        L->failure = velh_error_message();
-    return r;
+    put_class(o, cls);
+    return append_locked(L, kRecClass, o.b);
 }
 
 VEL_RET log_encode_commit(Db *d, Txn *txn, std::string *record) {
@@ -576,24 +704,59 @@ const char *velh_error_message(void) { return error_text(); }
 VEL_RET velh_db_save(velh_db_t *db, const char *path) {
     if (db == nullptr)
         return fail(VEL_E_HOST_BAD_ARG, "no database");
-    return image_save(reinterpret_cast<Db *>(db), path, nullptr, nullptr, nullptr);
+    Db *d = reinterpret_cast<Db *>(db);
+    std::lock_guard<std::mutex> files(d->file_mutex);
+    ImageSave how;
+    if (path != nullptr && same_file(d->image_fd, path)) {
+        // Saving over the database's own image moves its lock to the new
+        // file; with a log that follows the image, only a checkpoint may.
+        if (d->read_only)
+            return fail(VEL_E_HOST_READ_ONLY, std::string(path) + " is opened read-only");
+        if (d->durable != nullptr)
+            return fail(VEL_E_HOST_BAD_ARG, std::string(path) +
+                                                " is the image the log follows; a checkpoint "
+                                                "replaces it");
+        how.keep_lock = true;
+    }
+    VEL_RET r = image_save(d, path, &how);
+    if (how.lock_fd >= 0) {
+        ::close(d->image_fd);
+        d->image_fd = how.lock_fd;
+    }
+    return r;
 }
 
 VEL_RET velh_db_open_file(const velh_config_t *cfg, const char *image_path, velh_db_t **db,
                           velh_open_stats_t *stats) {
     if (cfg == nullptr || db == nullptr)
         return fail(VEL_E_HOST_BAD_ARG, "no configuration or result");
+    if ((cfg->open_flags & ~(VELH_OPEN_READ_ONLY | VELH_OPEN_RECOVER)) != 0)
+        return fail(VEL_E_HOST_BAD_ARG, "unknown open flags");
     fail(VEL_S_OK, "");
+    const bool ro = (cfg->open_flags & VELH_OPEN_READ_ONLY) != 0;
     velh_open_stats_t st{};
     Loader ld;
     velh_db_t *h = nullptr;
     velh_config_t c = *cfg;
-    if (image_path == nullptr && cfg->log_path != nullptr) {
+    // Both files are locked before either is read, and for the life of the
+    // database.
+    int image_fd = -1, log_fd = -1;
+    if (image_path != nullptr && (image_fd = open_locked(image_path, O_RDONLY, !ro)) < 0)
+        return errno == EWOULDBLOCK ? VEL_E_HOST_BUSY : VEL_E_HOST_IO;
+    if (cfg->log_path != nullptr) {
+        log_fd = open_locked(cfg->log_path, ro ? O_RDONLY : O_RDWR | O_CREAT, !ro);
+        if (log_fd < 0 && !(ro && errno == ENOENT)) {
+            const VEL_RET r = errno == EWOULDBLOCK ? VEL_E_HOST_BUSY : VEL_E_HOST_IO;
+            if (image_fd >= 0)
+                ::close(image_fd);
+            return r;
+        }
+        fail(VEL_S_OK, "");
+    }
+    if (image_path == nullptr && log_fd >= 0) {
         // No image: the log's header gives the layout of the empty database.
-        int fd = ::open(cfg->log_path, O_RDONLY | O_CLOEXEC);
         std::byte hb[kLogHeader];
-        if (fd >= 0 && pread_full(fd, hb, kLogHeader, 0) == kLogHeader &&
-            std::memcmp(hb, kLogMagic, 8) == 0) {
+        if (pread_exact(log_fd, hb, kLogHeader, 0) == 1 && std::memcmp(hb, kLogMagic, 8) == 0) {
             In in(hb, kLogHeader);
             in.bytes(16);
             const auto seq_ps = in.get<uint32_t>();
@@ -606,15 +769,20 @@ VEL_RET velh_db_open_file(const velh_config_t *cfg, const char *image_path, velh
                 c.additional_object_field_size = afs;
             }
         }
-        if (fd >= 0)
-            ::close(fd);
     }
-    VEL_RET r = image_load(&c, image_path, &ld, &h, &st);
-    if (r != VEL_S_OK)
+    VEL_RET r = image_load(&c, image_fd, image_path, &ld, &h, &st);
+    if (r != VEL_S_OK) {
+        if (image_fd >= 0)
+            ::close(image_fd);
+        if (log_fd >= 0)
+            ::close(log_fd);
         return r;
+    }
     Db *d = reinterpret_cast<Db *>(h);
-    if (cfg->log_path != nullptr) {
-        r = log_open(d, cfg, &ld, &st);
+    d->image_fd = image_fd;
+    d->read_only = ro;
+    if (log_fd >= 0) {
+        r = log_open(d, log_fd, cfg, &ld, &st);
         if (r != VEL_S_OK) {
             discard_db(d);
             return r;
@@ -632,29 +800,52 @@ VEL_RET velh_checkpoint(velh_db_t *db, const char *image_path) {
     if (db == nullptr)
         return fail(VEL_E_HOST_BAD_ARG, "no database");
     Db *d = reinterpret_cast<Db *>(db);
+    if (d->read_only)
+        return fail(VEL_E_HOST_READ_ONLY, "the database is opened read-only");
     Durable *L = d->durable;
     if (L == nullptr)
         return fail(VEL_E_HOST_BAD_ARG, "the database has no log");
     std::lock_guard<std::mutex> lock(L->mutex);
-    if (!L->failure.empty())
-        return fail(VEL_E_HOST_IO, "the log failed earlier: " + L->failure);
-    uint64_t id = 0;
-    std::unordered_map<const std::byte *, uint64_t> ids;
-    VEL_RET r = image_save(d, image_path, &L->image_id, &id, &ids);
-    if (r != VEL_S_OK)
+    std::lock_guard<std::mutex> files(d->file_mutex);
+    // The new log is written and flushed before the image is renamed in, so
+    // that every failure before that rename changes nothing.  After it the
+    // image holds every acknowledged commit: the old log may stay (a reopen
+    // starts a new one) as long as no commit is acknowledged into it.
+    std::string tmp;
+    int log_fd = -1;
+    ImageSave how;
+    how.prev_id = &L->image_id;
+    how.keep_lock = true;
+    how.before_rename = [&](uint64_t id, uint64_t pages) {
+        log_fd = prepare_log(d, L->path, id, pages + 1, &tmp);
+        return log_fd >= 0 ? VEL_S_OK : VEL_E_HOST_IO;
+    };
+    VEL_RET r = image_save(d, image_path, &how);
+    if (!how.renamed)
+        return r; // nothing changed; commits go on as before
+    ::close(d->image_fd);
+    d->image_fd = how.lock_fd;
+    if (r == VEL_S_OK && ::rename(tmp.c_str(), L->path.c_str()) != 0)
+        r = fail(VEL_E_HOST_IO, "cannot rename " + tmp + " to " + L->path + ": " + errno_text());
+    if (r != VEL_S_OK) {
+        L->failure = std::string("a checkpoint failed: ") + velh_error_message();
+        ::close(log_fd);
+        ::unlink(tmp.c_str());
         return r;
-    const uint64_t first = ids.size() + 1;
-    int fd = create_log(d, L->path, id, first);
-    if (fd < 0)
-        return VEL_E_HOST_IO;
+    }
     ::close(L->fd);
-    L->fd = fd;
+    L->fd = log_fd;
     L->end = kLogHeader;
     L->next_seq = 1;
-    L->image_id = id;
-    L->next_page_id = first;
-    L->id_of = std::move(ids);
+    L->image_id = how.image_id;
+    L->next_page_id = how.numbering.size() + 1;
+    L->id_of = std::move(how.numbering);
     L->dirty = false;
+    if (!sync_dir(L->path)) {
+        L->failure = "a checkpoint could not flush the folder of " + L->path + ": " + errno_text();
+        return fail(VEL_E_HOST_IO, L->failure);
+    }
+    L->failure.clear();
     return VEL_S_OK;
 }
 
