@@ -263,6 +263,7 @@ VEL_RET image_save(Db *d, const char *path, ImageSave *how) {
         target_lock = open_locked(target, O_RDONLY, true);
         if (target_lock < 0 && errno != ENOENT)
             return errno == EWOULDBLOCK ? VEL_E_HOST_BUSY : VEL_E_HOST_IO;
+        fail(VEL_S_OK, ""); // a new file: nobody holds it
     }
     struct Unlock {
         int fd;
