@@ -39,8 +39,6 @@ struct Writer {
     }
 };
 
-bool says(const char *what) { return std::strstr(velh_error_message(), what) != nullptr; }
-
 } // namespace
 
 TEST(DurableBadFile, ImagesRefusedWhole) {
@@ -67,7 +65,7 @@ TEST(DurableBadFile, ImagesRefusedWhole) {
     const std::pair<std::string, const char *> cases[] = {
         {"", "not a velhost database image"},
         {std::string(5000, 'x'), "not a velhost database image"},
-        {with_header(8, 2), "format version 2"},
+        {with_header(8, 3), "format version 3"},
         {with_header(26, 0x0002), "byte order"},
         {good + std::string(24, '\0'), "bytes follow the end block"},
     };
@@ -95,18 +93,23 @@ TEST(DurableBadFile, ImagesRefusedWhole) {
     }
 }
 
-TEST(DurableBadFile, LogTailsAreCut) {
+// Damage in the last record, or a cut anywhere, is a torn tail: the open cuts
+// it.  Damage that whole records follow refuses the open and changes no file;
+// VELH_OPEN_RECOVER opens the records before it and moves the rest aside.
+TEST(DurableBadFile, LogTailsAreCutDamageIsNot) {
     Writer wr(true);
     const std::string good = read_file(wr.log);
     ASSERT_GE(wr.states.size(), 10u);
     std::string state;
     velh_open_stats_t st{};
+    velh_config_t recover = config(4096, wr.bad.c_str());
+    recover.open_flags = VELH_OPEN_RECOVER;
     for (size_t j = 0; j < wr.states.size(); ++j) {
         const auto &[end, expect] = wr.states[j];
         const size_t next = j + 1 < wr.states.size() ? wr.states[j + 1].first : good.size();
-        // Cut at the record boundary (nothing to cut), or torn inside the
-        // next record, or one of its bytes changed (in its header, and
-        // samples of its body): the tail goes from the file.
+        // Cut at the record boundary (nothing to cut), or inside the next
+        // record, or one of its bytes changed (in its header, and samples of
+        // its body).
         for (size_t p : {end, end + 1, end + 23, end + 1 + (next - end) * 5 / 7}) {
             if (p > end && end == next)
                 break;
@@ -119,10 +122,20 @@ TEST(DurableBadFile, LogTailsAreCut) {
                 continue;
             std::string flipped = good;
             flipped[p] = char(flipped[p] ^ 0x10);
-            ASSERT_EQ(wr.try_open(flipped, true, &state, &st), VEL_S_OK);
+            const bool last = next == good.size();
+            const VEL_RET r = wr.try_open(flipped, true, &state, &st);
+            EXPECT_EQ(r, last ? VEL_S_OK : VEL_E_HOST_BAD_LOG) << "flip at " << p;
+            if (r != VEL_S_OK) {
+                EXPECT_TRUE(says("offset " + std::to_string(end))) << velh_error_message();
+                EXPECT_TRUE(read_file(wr.bad) == flipped);
+                ASSERT_EQ(load(recover, nullptr, &state, &st), VEL_S_OK) << velh_error_message();
+                const std::string aside = wr.bad + ".damaged-" + std::to_string(end);
+                EXPECT_TRUE(read_file(aside) == flipped.substr(end));
+                EXPECT_EQ(st.log_set_aside_records, wr.states.size() - 1 - j);
+                std::filesystem::remove(aside);
+            }
             EXPECT_EQ(state, expect) << "flip at " << p;
-            EXPECT_GE(st.log_cut_records, 1u);
-            EXPECT_EQ(st.log_cut_bytes, good.size() - end);
+            EXPECT_TRUE(read_file(wr.bad) == good.substr(0, end)) << "flip at " << p;
         }
     }
     // A whole record repeated after the last one is out of sequence: cut.
@@ -140,4 +153,60 @@ TEST(DurableBadFile, LogTailsAreCut) {
     write_file(wr.bad, good);
     EXPECT_EQ(load(config(4096, wr.bad.c_str()), wr.img.c_str()), VEL_E_HOST_BAD_LOG);
     EXPECT_TRUE(says("another image")) << velh_error_message();
+}
+
+// Two whole blocks of pages swapped (each checksum still right for its
+// payload) make another tree: refused.
+TEST(DurableBadFile, SwappedBlocksRefused) {
+    TempDir dir;
+    const std::string img = dir.file("db.img");
+    {
+        std::unique_ptr<Db> t = open_db(config(4096));
+        uint64_t oid = 0;
+        ASSERT_EQ(define_class(t->db, 0), VEL_S_OK);
+        ASSERT_EQ(append_ticks(*t, &oid, 400000, 7), VEL_S_OK); // ~800 pages, 256 a block
+        ASSERT_EQ(velh_db_save(t->db, img.c_str()), VEL_S_OK);
+    }
+    std::string b = read_file(img);
+    std::vector<size_t> full; // page blocks of the longest length
+    for (uint64_t p = 128, len; p + 24 <= b.size(); p += 24 + len) {
+        std::memcpy(&len, b.data() + p + 8, 8);
+        if (b[p] == 2 && len >= 1 << 20)
+            full.push_back(p);
+    }
+    ASSERT_GE(full.size(), 2u);
+    std::rotate(b.begin() + long(full[0]), b.begin() + long(full[1]),
+                b.begin() + long(2 * full[1] - full[0]));
+    write_file(img, b);
+    EXPECT_EQ(load(config(), img.c_str()), VEL_E_HOST_BAD_IMAGE);
+}
+
+// Names of VELH_MAX_NAME bytes round-trip through the log and an image; a
+// class or field name one byte longer is refused and leaves no class.
+TEST(DurableBadFile, LongNames) {
+    TempDir dir;
+    const std::string log = dir.file("db.log"), img = dir.file("db.img");
+    const velh_config_t cfg = config(4096, log.c_str());
+    const std::string name(VELH_MAX_NAME, 'n'), over(VELH_MAX_NAME + 1, 'o');
+    {
+        std::unique_ptr<Db> t = open_db(cfg);
+        const char *cases[][2] = {
+            {"c", over.c_str()}, {over.c_str(), "f"}, {name.c_str(), name.c_str()}};
+        for (const auto &c : cases) {
+            const velh_field_def_t f{c[1], VEL_DD_INT4, 0};
+            uint16_t code;
+            EXPECT_EQ(velh_class_define(t->db, c[0], &f, 1, 0, VELH_PM_INMEM, &code),
+                      c[0] == name.c_str() ? VEL_S_OK : VEL_E_ILLEGAL_PARAM);
+        }
+    }
+    for (const char *image : {(const char *)nullptr, img.c_str()}) {
+        velh_open_stats_t st{};
+        velh_db_t *db = nullptr;
+        ASSERT_EQ(velh_db_open_file(&cfg, image, &db, &st), VEL_S_OK) << velh_error_message();
+        Db t(db);
+        velh_field_info_t fi;
+        EXPECT_EQ(st.classes, 1u);
+        EXPECT_EQ(velh_field_by_name(db, 1, name.c_str(), &fi), VEL_S_OK);
+        EXPECT_EQ(velh_checkpoint(db, img.c_str()), VEL_S_OK);
+    }
 }

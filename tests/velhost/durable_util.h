@@ -162,6 +162,34 @@ inline VEL_RET load(const velh_config_t &cfg, const char *image, std::string *st
     return r;
 }
 
+// Defines classes()[c].
+inline VEL_RET define_class(velh_db_t *db, size_t c) {
+    const ClassSpec &s = classes()[c];
+    uint16_t code = 0;
+    return velh_class_define(db, s.name, s.fields.data(), uint16_t(s.fields.size()), s.flags, s.pm,
+                             &code);
+}
+
+// Commits n values v appended to "ticks" of the class 1 object *oid (0: a new
+// one, whose oid is stored there); returns the commit's code.
+inline VEL_RET append_ticks(Db &d, uint64_t *oid, size_t n, int64_t v) {
+    velh_field_info_t fi;
+    vel_objhandle_t o;
+    const std::vector<int64_t> vals(n, v);
+    EXPECT_EQ(velh_field_info(d.db, 1, 2, &fi), VEL_S_OK);
+    EXPECT_EQ(velh_begin(d.con, VELH_READ_WRITE), VEL_S_OK);
+    EXPECT_EQ(*oid ? velh_obj_open(d.con, 1, *oid, &o) : velh_obj_create(d.con, 1, &o), VEL_S_OK);
+    *oid = o.oid;
+    EXPECT_EQ(vel_w_seq_append_int8(&o, fi.u_offset, fi.c_offset, 2, vals.data(), n,
+                                    VEL_SEQ_NO_ORDER, nullptr),
+              VEL_S_OK);
+    return velh_commit(d.con);
+}
+
+inline bool says(const std::string &what) {
+    return std::strstr(velh_error_message(), what.c_str()) != nullptr;
+}
+
 // Random transactions, the same on every target: each target must return
 // the same codes.  Tracks the live objects itself so that every operation
 // it draws is one the module accepts.
@@ -208,13 +236,8 @@ class Workload {
     // Defines the classes from n_classes_ up to `to` on every target.
     void define(const std::vector<Db *> &ts, size_t to) {
         for (Db *t : ts)
-            for (size_t c = n_classes_; c < to; ++c) {
-                const ClassSpec &s = classes()[c];
-                uint16_t code = 0;
-                EXPECT_EQ(velh_class_define(t->db, s.name, s.fields.data(),
-                                            uint16_t(s.fields.size()), s.flags, s.pm, &code),
-                          VEL_S_OK);
-            }
+            for (size_t c = n_classes_; c < to; ++c)
+                EXPECT_EQ(define_class(t->db, c), VEL_S_OK);
         n_classes_ = to;
     }
 
