@@ -48,7 +48,7 @@ std::string holder_of(int fd) {
         if (std::sscanf(line, "%*d: %15s %15s %15s %ld %x:%x:%llu", kind, mode, access, &pid, &maj,
                         &min, &ino) == 7 &&
             std::strcmp(kind, "FLOCK") == 0 && ino == st.st_ino && maj == major(st.st_dev) &&
-            min == minor(st.st_dev) && pid > 0 && pid != ::getpid())
+            min == minor(st.st_dev) && pid > 0)
             found = " (process " + std::to_string(pid) + ")";
     }
     std::fclose(f);

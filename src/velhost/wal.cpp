@@ -821,8 +821,13 @@ VEL_RET velh_checkpoint(velh_db_t *db, const char *image_path) {
         return log_fd >= 0 ? VEL_S_OK : VEL_E_HOST_IO;
     };
     VEL_RET r = image_save(d, image_path, &how);
-    if (!how.renamed)
-        return r; // nothing changed; commits go on as before
+    if (!how.renamed) { // nothing changed; commits go on as before
+        if (log_fd >= 0) {
+            ::close(log_fd);
+            ::unlink(tmp.c_str());
+        }
+        return r;
+    }
     ::close(d->image_fd);
     d->image_fd = how.lock_fd;
     if (r == VEL_S_OK && ::rename(tmp.c_str(), L->path.c_str()) != 0)
