@@ -180,33 +180,3 @@ TEST(DurableBadFile, SwappedBlocksRefused) {
     write_file(img, b);
     EXPECT_EQ(load(config(), img.c_str()), VEL_E_HOST_BAD_IMAGE);
 }
-
-// Names of VELH_MAX_NAME bytes round-trip through the log and an image; a
-// class or field name one byte longer is refused and leaves no class.
-TEST(DurableBadFile, LongNames) {
-    TempDir dir;
-    const std::string log = dir.file("db.log"), img = dir.file("db.img");
-    const velh_config_t cfg = config(4096, log.c_str());
-    const std::string name(VELH_MAX_NAME, 'n'), over(VELH_MAX_NAME + 1, 'o');
-    {
-        std::unique_ptr<Db> t = open_db(cfg);
-        const char *cases[][2] = {
-            {"c", over.c_str()}, {over.c_str(), "f"}, {name.c_str(), name.c_str()}};
-        for (const auto &c : cases) {
-            const velh_field_def_t f{c[1], VEL_DD_INT4, 0};
-            uint16_t code;
-            EXPECT_EQ(velh_class_define(t->db, c[0], &f, 1, 0, VELH_PM_INMEM, &code),
-                      c[0] == name.c_str() ? VEL_S_OK : VEL_E_ILLEGAL_PARAM);
-        }
-    }
-    for (const char *image : {(const char *)nullptr, img.c_str()}) {
-        velh_open_stats_t st{};
-        velh_db_t *db = nullptr;
-        ASSERT_EQ(velh_db_open_file(&cfg, image, &db, &st), VEL_S_OK) << velh_error_message();
-        Db t(db);
-        velh_field_info_t fi;
-        EXPECT_EQ(st.classes, 1u);
-        EXPECT_EQ(velh_field_by_name(db, 1, name.c_str(), &fi), VEL_S_OK);
-        EXPECT_EQ(velh_checkpoint(db, img.c_str()), VEL_S_OK);
-    }
-}

@@ -1,6 +1,7 @@
 // One database, several openers: a writer excludes every other open (in this
 // process or another), read-only opens share and write nothing; and class
-// definitions racing checkpoints never leave files that refuse to open.
+// definitions (names up to VELH_MAX_NAME bytes) racing checkpoints never
+// leave files that refuse to open.
 #include <atomic>
 #include <csignal>
 #include <sys/wait.h>
@@ -95,33 +96,44 @@ TEST(DurableLock, OneWriterOrSharedReaders) {
 }
 
 // Each class defined as the next of a loop of checkpoints begins lands in the
-// image or in the log that follows it, never in both or neither.
+// image or in the log that follows it, never in both or neither; one with
+// names of VELH_MAX_NAME bytes too, while a byte more is refused.
 TEST(DurableLock, ClassesDefinedDuringCheckpoints) {
     TempDir dir;
     const std::string log = dir.file("db.log"), img = dir.file("db.img");
+    const std::string name(VELH_MAX_NAME, 'n'), over(VELH_MAX_NAME + 1, 'o');
     const velh_config_t cfg = config(4096, log.c_str(), VELH_LOG_SYNC_NONE);
-    const velh_field_def_t f[] = {{"v", VEL_DD_SEQUENCE_INT4, 0}};
     const int n = 200;
+    auto define = [&](velh_db_t *db, const std::string &cls, const std::string &fld) {
+        const velh_field_def_t f{fld.c_str(), VEL_DD_SEQUENCE_INT4, 0};
+        uint16_t code;
+        return velh_class_define(db, cls.c_str(), &f, 1, 0, VELH_PM_INMEM, &code);
+    };
     {
         std::unique_ptr<Db> t = open_db(cfg);
+        EXPECT_EQ(define(t->db, "c", over), VEL_E_ILLEGAL_PARAM);
+        EXPECT_EQ(define(t->db, over, "f"), VEL_E_ILLEGAL_PARAM);
         std::atomic<int> checkpoints{0};
         std::atomic<bool> done{false};
         std::thread cp([&] {
             for (; !done; ++checkpoints)
                 EXPECT_EQ(velh_checkpoint(t->db, img.c_str()), VEL_S_OK);
         });
-        uint16_t code;
-        for (int i = 0; i < n; ++i) {
+        for (int i = 1; i <= n; ++i) {
             for (const int seen = checkpoints; seen == checkpoints;)
                 std::this_thread::yield();
-            EXPECT_EQ(velh_class_define(t->db, ("c" + std::to_string(i)).c_str(), f, 1, 0,
-                                        VELH_PM_INMEM, &code),
+            EXPECT_EQ(i == n / 2 ? define(t->db, name, name)
+                                 : define(t->db, std::to_string(i), "v"),
                       VEL_S_OK);
         }
         done = true;
         cp.join();
     }
     velh_open_stats_t st{};
-    EXPECT_EQ(load(cfg, img.c_str(), nullptr, &st), VEL_S_OK) << velh_error_message();
+    velh_db_t *db = nullptr;
+    ASSERT_EQ(velh_db_open_file(&cfg, img.c_str(), &db, &st), VEL_S_OK) << velh_error_message();
+    Db t(db);
+    velh_field_info_t fi;
     EXPECT_EQ(st.classes, uint64_t(n));
+    EXPECT_EQ(velh_field_by_name(db, n / 2, name.c_str(), &fi), VEL_S_OK);
 }
