@@ -78,7 +78,8 @@ inline const code_text *find_code(int code) noexcept {
          "a null where none is allowed, or the element is null"},
         {VEL_E_HOST_BAD_ARG, "VEL_E_HOST_BAD_ARG", "a null handle, a bad size or a bad definition"},
         {VEL_E_HOST_TRANS_CLOSED, "VEL_E_HOST_TRANS_CLOSED", "no transaction is open"},
-        {VEL_E_HOST_READ_ONLY, "VEL_E_HOST_READ_ONLY", "a write in a read-only transaction"},
+        {VEL_E_HOST_READ_ONLY, "VEL_E_HOST_READ_ONLY",
+         "a write in a read-only transaction or database"},
         {VEL_E_HOST_NO_CLASS, "VEL_E_HOST_NO_CLASS", "unknown class"},
         {VEL_E_HOST_NO_OBJECT, "VEL_E_HOST_NO_OBJECT", "unknown or deleted object"},
         {VEL_E_HOST_NO_FIELD, "VEL_E_HOST_NO_FIELD", "unknown field"},
@@ -97,7 +98,7 @@ inline const code_text *find_code(int code) noexcept {
         {VEL_E_HOST_BAD_IMAGE, "VEL_E_HOST_BAD_IMAGE",
          "the file is not a database image of this version, or a damaged one"},
         {VEL_E_HOST_BAD_LOG, "VEL_E_HOST_BAD_LOG",
-         "the commit log is not one, or belongs to another image"},
+         "the commit log is not one, belongs to another image, or is damaged before its end"},
         {VEL_ERR_SEQ, "VEL_ERR_SEQ",
          "the sequence module trapped on a corrupt page or a broken invariant"},
     };
@@ -138,6 +139,33 @@ namespace detail {
 inline void check(VEL_RET rc, const char *what) {
     if (rc != VEL_S_OK)
         throw error(rc, what);
+}
+
+// A call that writes the commit log leaves the host's sentence on failure
+// ("cannot write LOG: No space left on device"); it is appended, not lost.
+inline void check_logged(VEL_RET rc, const std::string &what) {
+    if (rc == VEL_S_OK)
+        return;
+    const char *m = velh_error_message();
+    throw error(rc, m != nullptr && *m != '\0' ? what + ": " + m : what);
+}
+
+// The first bytes of a name, cut at a character boundary, for messages.
+inline std::string shortened(std::string_view s, size_t n = 24) {
+    if (s.size() <= n)
+        return std::string(s);
+    while (n > 0 && (static_cast<unsigned char>(s[n]) & 0xC0) == 0x80)
+        n--;
+    return std::string(s.substr(0, n)) + "...";
+}
+
+// The host refuses a longer class or field name with a bare
+// VEL_E_ILLEGAL_PARAM; this says which name.
+inline void check_name(std::string_view name, const std::string &what) {
+    if (name.size() > VELH_MAX_NAME)
+        throw error(VEL_E_ILLEGAL_PARAM,
+                    what + " '" + shortened(name) + "' has " + std::to_string(name.size()) +
+                        " bytes; a name holds at most " + std::to_string(VELH_MAX_NAME));
 }
 } // namespace detail
 
@@ -583,14 +611,22 @@ class database {
         detail::class_state &st = *s.st_;
         if (st.code != 0)
             throw error(VEL_E_HOST_BAD_ARG, "class " + st.name + " is already defined");
+        detail::check_name(st.name, "class name");
         std::vector<velh_field_def_t> defs = st.defs;
-        for (size_t i = 0; i < defs.size(); i++)
+        for (size_t i = 0; i < defs.size(); i++) {
+            detail::check_name(st.names[i], "field " + std::to_string(i) + " of class " +
+                                                detail::shortened(st.name) + ": name");
             defs[i].name = st.names[i].c_str();
+        }
         uint16_t code = 0;
-        detail::check(velh_class_define(db_, st.name.c_str(), defs.data(),
-                                        static_cast<uint16_t>(defs.size()),
-                                        compact ? VEL_CLASS_COMPACT : 0, VELH_PM_INMEM, &code),
-                      ("defining class " + st.name).c_str());
+        const VEL_RET rc =
+            velh_class_define(db_, st.name.c_str(), defs.data(), static_cast<uint16_t>(defs.size()),
+                              compact ? VEL_CLASS_COMPACT : 0, VELH_PM_INMEM, &code);
+        // Only a failed log write leaves a sentence; another code may find an old one.
+        const std::string what = "defining class " + detail::shortened(st.name, 64);
+        if (rc == VEL_E_HOST_IO)
+            detail::check_logged(rc, what);
+        detail::check(rc, what.c_str());
         std::vector<velh_field_info_t> info(defs.size());
         for (size_t i = 0; i < defs.size(); i++)
             detail::check(velh_field_info(db_, code, static_cast<uint16_t>(i), &info[i]),
@@ -679,7 +715,9 @@ class transaction {
 
     // Appenders of this transaction flush first; if one of them fails, or
     // one lost a batch when it was destroyed, nothing is committed and the
-    // transaction stays open (roll it back).
+    // transaction stays open (roll it back).  A commit the host refuses
+    // (rolled back) throws with the host's sentence when it left one: the
+    // log that could not be written, and why.
     void commit() {
         require_open();
         for (buffered *b : buffered_)
@@ -687,7 +725,7 @@ class transaction {
         if (lost_)
             throw *lost_;
         open_ = false;
-        detail::check(velh_commit(con_), "committing");
+        detail::check_logged(velh_commit(con_), "committing"); // velh_commit clears the sentence
     }
     void rollback() {
         require_open();

@@ -1,13 +1,16 @@
 // velseq/image.hpp -- databases kept in files, for the C++ API: open a
-// database from an image (replaying the commit log its config names), save
-// one, and bind a schema to a class the image defined.  Included by
+// database from an image (replaying the commit log its config names, maybe
+// read-only or recovering, with a report of what the log lost), save or
+// checkpoint one, and bind a schema to a class the image defined.  Included by
 // velseq.hpp users that need files; the image format and the promises of
 // each log mode are in docs/DURABILITY.md.
 #ifndef VELSEQ_IMAGE_HPP
 #define VELSEQ_IMAGE_HPP
 
+#include <filesystem>
 #include <memory>
 #include <string>
+#include <system_error>
 
 #include "../velseq.hpp"
 
@@ -34,20 +37,91 @@ inline void check_file(VEL_RET rc, const std::string &what) {
 
 } // namespace detail
 
-// Opens the database of the image at `path`; with cfg.log_path set, replays
-// the log's records that follow the image.  `stats` may be null.
+// Opens the database of the image at `path` (empty: the empty database, then
+// cfg.log_path must be set); with cfg.log_path set, replays the log's
+// records that follow the image and appends later commits to it.
+// cfg.open_flags takes VELH_OPEN_READ_ONLY (a shared lock; write
+// transactions, class definitions and checkpoints are refused and nothing
+// is written to the files) and VELH_OPEN_RECOVER (a log damaged before its
+// end opens with the records before the damage, the rest moved aside; see
+// velembed.h).  `stats` may be null.
 inline std::unique_ptr<database> open_image(const std::string &path, const config &cfg = config(),
                                             velh_open_stats_t *stats = nullptr) {
+    const bool has_log = cfg.log_path != nullptr && *cfg.log_path != '\0';
+    if (path.empty() && !has_log)
+        throw error(VEL_E_ILLEGAL_PARAM, "opening: give an image, a log or both");
     velh_db_t *h = nullptr;
-    detail::check_file(velh_db_open_file(&cfg, path.c_str(), &h, stats), "opening " + path);
+    detail::check_file(velh_db_open_file(&cfg, path.empty() ? nullptr : path.c_str(), &h, stats),
+                       "opening " + (path.empty() ? std::string(cfg.log_path) : path));
     auto db = std::make_unique<database>(); // default config: no log of its own
     detail::image_access::adopt(*db, h);
     return db;
 }
 
+// What an open left out of its log, with what is needed to say so: the
+// host's figures, the log's path and its size before the open.
+struct open_report {
+    velh_open_stats_t stats{};
+    std::string log;        // "" : no log
+    uint64_t log_bytes = 0; // before the open
+    bool read_only = false; // the files were left as they were
+
+    // Offset of the damage: the set-aside rest ran from there to the end.
+    uint64_t damage_offset() const noexcept {
+        const uint64_t rest = stats.log_set_aside_bytes;
+        return log_bytes >= rest ? log_bytes - rest : 0;
+    }
+    // The file the damaged rest was moved to, LOG.damaged-OFFSET ("" when
+    // nothing was moved).
+    std::string set_aside_path() const {
+        if (stats.log_set_aside_bytes == 0 || read_only)
+            return "";
+        return log + ".damaged-" + std::to_string(damage_offset());
+    }
+    // One sentence on what was cut or set aside; "" when nothing was.
+    std::string losses() const {
+        auto records = [](uint64_t n, uint64_t bytes) {
+            return std::to_string(n) + (n == 1 ? " record (" : " records (") +
+                   std::to_string(bytes) + (bytes == 1 ? " byte)" : " bytes)");
+        };
+        const velh_open_stats_t &s = stats;
+        const std::string unchanged = read_only ? " (read-only: the file is unchanged)" : "";
+        std::string out;
+        if (s.log_cut_bytes > 0)
+            out = log + ": " + (read_only ? "left out" : "cut") + " a torn tail of " +
+                  records(s.log_cut_records, s.log_cut_bytes) + unchanged;
+        if (s.log_set_aside_bytes > 0)
+            out += (out.empty() ? log : "; and") + ": damaged at offset " +
+                   std::to_string(damage_offset()) + ": " + (read_only ? "left out" : "set aside") +
+                   " the " + records(s.log_set_aside_records, s.log_set_aside_bytes) +
+                   " from there" + (read_only ? unchanged : " to " + set_aside_path());
+        return out;
+    }
+};
+
+// As above, and fills `report`.
+inline std::unique_ptr<database> open_image(const std::string &path, const config &cfg,
+                                            open_report &report) {
+    report = open_report();
+    if (cfg.log_path != nullptr && *cfg.log_path != '\0') {
+        report.log = cfg.log_path;
+        std::error_code ec;
+        const auto n = std::filesystem::file_size(report.log, ec); // a missing log is created
+        report.log_bytes = ec ? 0 : static_cast<uint64_t>(n);
+    }
+    report.read_only = (cfg.open_flags & VELH_OPEN_READ_ONLY) != 0;
+    return open_image(path, cfg, &report.stats);
+}
+
 // Writes the state of the last commit to `path`, replacing it whole.
 inline void save_image(database &db, const std::string &path) {
     detail::check_file(velh_db_save(db.get(), path.c_str()), "saving to " + path);
+}
+
+// Writes an image of the last commit to `path`, then starts the log afresh
+// (the database must have one); commits wait while it runs.
+inline void checkpoint(database &db, const std::string &path) {
+    detail::check_file(velh_checkpoint(db.get(), path.c_str()), "checkpointing to " + path);
 }
 
 // Binds `s`, which lists the fields of class `code` of `db` as they were

@@ -1,15 +1,21 @@
 // Guard rails and RAII of velseq.hpp: every refused call throws velseq::error
 // with its code, leaves the field as it was and the transaction usable; a
-// transaction left by an exception rolls back.
+// transaction left by an exception rolls back.  Databases in files: what
+// read-only and recovering opens and a commit the log refuses tell.
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 
+#include <cerrno>
 #include <cmath>
+#include <csignal>
+#include <filesystem>
+#include <fstream>
 #include <functional>
 #include <random>
 #include <sstream>
 #include <tuple>
 
-#include "velseq.hpp"
+#include "velseq/image.hpp"
 
 namespace {
 
@@ -42,8 +48,8 @@ template <class R> std::string text(R &&r) {
     return os.str();
 }
 
-// f must throw velseq::error with this code, named in its message.
-template <class F> void expect_error(int code, const F &f) {
+// f must throw velseq::error with this code, named in its message, which says `says`.
+template <class F> void expect_error(int code, const F &f, const std::string &says = "") {
     try {
         f();
         ADD_FAILURE() << "not refused";
@@ -51,6 +57,7 @@ template <class F> void expect_error(int code, const F &f) {
         EXPECT_EQ(e.code(), code) << e.what();
         EXPECT_STREQ(e.name(), code_name(code));
         EXPECT_NE(std::string(e.what()).find(code_name(code)), std::string::npos);
+        EXPECT_NE(std::string(e.what()).find(says), std::string::npos) << e.what();
     }
 }
 
@@ -199,6 +206,82 @@ TEST_F(Guard, AppenderBatchesAgreeWithTheModel) {
     transaction rd(con, transaction::read);
     EXPECT_EQ(rd.count(cls), 1u);
     EXPECT_EQ(text(rd.open(cls, oid)[asc].elements()), "1 2 3 4 9 ");
+}
+
+std::string slurp(const std::string &path) {
+    std::ifstream in(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+}
+
+// An image and a log of four commits: a read-only open refuses every write
+// and changes no byte; damage in the second record refuses the plain open
+// and a recovering one sets it aside with the rest; writes the log cannot
+// take say which file and why.
+TEST(Files, ReadOnlyRecoverAndRefusedWrites) {
+    const std::string dir = testing::TempDir() + "velseq_cxx_files/", img = dir + "a.img",
+                      log = dir + "a.log";
+    std::filesystem::remove_all(dir);
+    std::filesystem::create_directories(dir);
+    open_report rep;
+    config cfg;
+    cfg.log_path = log.c_str();
+    auto open = [&](uint32_t flags) { return cfg.open_flags = flags, open_image(img, cfg, rep); };
+    // Class c (field `name`), defined in `db` or bound to its class 1, and
+    // an object of n values committed (none with n == 0).
+    auto add = [](database &db, size_t n, bool define = false, const std::string &name = "v") {
+        schema s("c");
+        field<int64_t> v = s.seq<int64_t>(name);
+        define ? db.define(s) : attach(db, s, 1);
+        connection con(db);
+        transaction tx(con, transaction::write);
+        tx.create(s)[v].append(std::vector<int64_t>(n, 7));
+        n > 0 ? tx.commit() : tx.rollback();
+    };
+    {
+        database mem;
+        expect_error(
+            VEL_E_ILLEGAL_PARAM, [&] { add(mem, 0, true, std::string(70000, 'w')); },
+            "field 0 of class c: name 'wwww");
+        add(mem, 1, true);
+        save_image(mem, img);
+        auto db = open(0);
+        for (size_t n = 2; n <= 5; n++)
+            add(*db, n);
+    }
+    const std::string good = slurp(log), image = slurp(img);
+    {
+        auto db = open(VELH_OPEN_READ_ONLY);
+        expect_error(VEL_E_HOST_READ_ONLY, [&] { add(*db, 1); });
+        expect_error(VEL_E_HOST_READ_ONLY, [&] { add(*db, 0, true); });
+        expect_error(VEL_E_HOST_READ_ONLY, [&] { checkpoint(*db, img); });
+    }
+    EXPECT_TRUE(slurp(log) == good && slurp(img) == image); // (binary: not printed)
+
+    uint64_t first = 0; // body bytes of the first record, after the 64-byte header
+    std::memcpy(&first, good.data() + 64 + 8, 8);
+    const size_t at = 64 + 24 + first;
+    std::string bad = good;
+    bad[at + 30] ^= 1;
+    std::ofstream(log, std::ios::binary | std::ios::trunc) << bad;
+    expect_error(
+        VEL_E_HOST_BAD_LOG, [&] { open(0); }, std::to_string(at));
+    auto db = open(VELH_OPEN_RECOVER);
+    EXPECT_EQ(rep.stats.objects, 2u); // the image's and the first commit's
+    EXPECT_EQ(rep.stats.log_set_aside_bytes, bad.size() - at);
+    EXPECT_TRUE(slurp(log + ".damaged-" + std::to_string(at)) == bad.substr(at));
+    EXPECT_NE(rep.losses().find("to " + rep.set_aside_path()), std::string::npos) << rep.losses();
+
+    std::signal(SIGXFSZ, SIG_IGN); // a write past the limit fails with EFBIG instead
+    rlimit lim{};
+    getrlimit(RLIMIT_FSIZE, &lim);
+    const rlimit low{std::filesystem::file_size(log), lim.rlim_max};
+    setrlimit(RLIMIT_FSIZE, &low);
+    expect_error(
+        VEL_E_HOST_IO, [&] { add(*db, 1); }, log + ": " + std::strerror(EFBIG));
+    expect_error(
+        VEL_E_HOST_IO, [&] { add(*db, 0, true); }, "defining class c: ");
+    setrlimit(RLIMIT_FSIZE, &lim);
+    add(*db, 1); // the refused records were cut: the log goes on
 }
 
 } // namespace
