@@ -1,6 +1,7 @@
 // The velseq program run as a child process on files the tests write: its
-// answers against a brute-force model of a random table, and every bad input
-// with its exit code and message.
+// answers against a brute-force model of a random table, every bad input
+// with its exit code and message, and an image with a log (written through
+// the C++ API) read, and recovered when damaged.
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 
@@ -14,7 +15,7 @@
 #include <string>
 #include <vector>
 
-#include "velseq/datetime.h"
+#include "velseq/image.hpp"
 
 namespace {
 
@@ -341,6 +342,11 @@ TEST_F(Cli, BadInputAndOptions) {
         {"\xEF\xBB\xBFtime,x\n2024-01-01,1\n", "head @in.csv --cols time --format csv", 0,
          "time\n2024-01-01T00:00:00Z\n", ""},
         {"a,b\n1,2\n", "resample @in.csv 1h", 2, "", "has none (name one with --time)"},
+        {"time," + std::string(70000, 'y') + "\n2024-01-01,1\n", "load @in.csv --db @in.vdb", 3, "",
+         "in.csv: column 2 ('yyyyyyyyyyyyyyyyyyyyyyyy...') has a name of 70000 bytes"},
+        {"time,\"x\ny\"\n2024-01-01,1\n", "load @in.csv --db @in.vdb", 3, "",
+         "column 2 has a line break in its name"},
+        {good, "head @in.csv --log @in.log", 2, "", "go with --db IMAGE"},
     };
     for (const Case &c : cases) {
         SCOPED_TRACE(c.args);
@@ -353,7 +359,63 @@ TEST_F(Cli, BadInputAndOptions) {
         }
         EXPECT_NE(r.err.find(c.err), std::string::npos) << r.err;
         std::remove((dir + "in.csv").c_str());
+        EXPECT_FALSE(c.code != 0 && std::remove((dir + "in.vdb").c_str()) == 0); // no image
     }
+}
+
+// ---- an image with the commit log that follows it ---------------------------------
+
+// Answers read the files without changing them (a torn tail is left where it
+// is); damage before the last record refuses the open, and --recover opens
+// the rows before it and sets the rest aside.
+TEST_F(Cli, ImageWithLog) {
+    file("t.csv", "time,x\n2024-01-01,0\n");
+    std::remove((dir + "t.log").c_str()); // of an earlier run
+    ASSERT_EQ(run("load @t.csv --db @t.vdb").code, 0);
+    { // a row per commit through the log, as an application that keeps the table would
+        velseq::config cfg;
+        const std::string log = dir + "t.log";
+        cfg.log_path = log.c_str();
+        auto db = velseq::open_image(dir + "t.vdb", cfg);
+        velseq::schema s("table");
+        auto time = s.seq<velseq::datetime>("time", velseq::order::ascending);
+        auto x = s.seq<int64_t>("x");
+        s.seq<velseq::chars<32>>("velseq.table");
+        velseq::attach(*db, s, 1);
+        velseq::connection con(*db);
+        for (int64_t i = 1; i <= 4; i++) {
+            velseq::transaction tx(con, velseq::transaction::write);
+            velseq::object o = tx.open(s, 1); // the table's object, the first of its database
+            o[time].append({velseq::datetime::parse("2024-01-01") + std::chrono::hours(24 * i)});
+            o[x].append({i});
+            tx.commit();
+        }
+    }
+    const std::string good = slurp(dir + "t.log"), tail = "tail --db @t.vdb --log @t.log -n 1";
+    file("t.log", good + "VLRC\2");
+    Result r = run(tail);
+    EXPECT_EQ(r.out, "time,x\n2024-01-05T00:00:00Z,4\n") << r.err;
+    EXPECT_NE(r.err.find("t.log: left out a torn tail of 1 record (5 bytes) (read-only"),
+              std::string::npos)
+        << r.err;
+    EXPECT_TRUE(slurp(dir + "t.log") == good + "VLRC\2");
+
+    uint64_t first = 0; // body bytes of the first record, after the 64-byte header
+    std::memcpy(&first, good.data() + 64 + 8, 8);
+    const size_t at = 64 + 24 + first;
+    std::string bad = good;
+    bad[at + 30] ^= 1;
+    file("t.log", bad);
+    const std::string aside = "t.log.damaged-" + std::to_string(at);
+    std::remove((dir + aside).c_str());
+    r = run(tail);
+    EXPECT_EQ(r.code, 1);
+    EXPECT_NE(r.err.find("opens with --recover)"), std::string::npos) << r.err; // BAD_LOG
+    r = run(tail + " --recover");
+    EXPECT_EQ(r.out, "time,x\n2024-01-02T00:00:00Z,1\n");
+    EXPECT_NE(r.err.find(" from there to " + dir + aside), std::string::npos) << r.err;
+    EXPECT_TRUE(slurp(dir + aside) == bad.substr(at));
+    EXPECT_EQ(run(tail).out, "time,x\n2024-01-02T00:00:00Z,1\n"); // the log is whole again
 }
 
 } // namespace

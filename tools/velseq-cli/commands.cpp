@@ -399,6 +399,8 @@ std::unique_ptr<velseq::database> open_source(const std::string &name, const Sou
             throw Fail(kExitUsage, name + " needs a CSV file");
         if (name != "load" && !src.db.empty())
             throw Fail(kExitUsage, "give either a CSV file or --db, not both");
+        if (!src.log.empty() || src.recover)
+            throw Fail(kExitUsage, "--log and --recover go with --db IMAGE, not a CSV file");
         db = std::make_unique<velseq::database>();
         t = load_csv(*db, src.load);
         if (t.skipped > 0)
@@ -406,7 +408,9 @@ std::unique_ptr<velseq::database> open_source(const std::string &name, const Sou
                          static_cast<unsigned long long>(t.skipped), t.skipped == 1 ? "" : "s",
                          t.first_skip.c_str());
     } else if (!src.db.empty()) {
-        db = open_table(src.db, t);
+        if (src.recover && src.log.empty())
+            throw Fail(kExitUsage, "--recover repairs a commit log: name it with --log");
+        db = open_table(src.db, t, src.log, src.recover);
     } else {
         throw Fail(kExitUsage, name + " needs a CSV file or --db IMAGE");
     }

@@ -15,6 +15,8 @@ namespace vcli {
 struct Source {
     LoadOptions load;
     std::string db;                 // --db: a database image
+    std::string log;                // --log: the commit log that follows it
+    bool recover = false;           // --recover: set a damaged log's rest aside
     std::vector<std::string> types; // --type NAME=KIND as given
     std::string epoch;              // --epoch s|ms|us|ns
     std::string format;             // "" : table on a terminal, csv otherwise

@@ -445,6 +445,12 @@ class Loader {
         for (size_t i = 0; i < names.size(); i++) {
             if (names[i].empty())
                 names[i] = "column" + std::to_string(i + 1);
+            if (names[i].size() > VELH_MAX_NAME) // refused here, before anything is stored
+                throw Fail(kExitRefused,
+                           t_.source + ": column " + std::to_string(i + 1) + " ('" +
+                               velseq::detail::shortened(names[i]) + "') has a name of " +
+                               std::to_string(names[i].size()) + " bytes; names hold at most " +
+                               std::to_string(VELH_MAX_NAME) + " (give others with --columns)");
             for (size_t j = 0; j < i; j++)
                 if (names[j] == names[i])
                     throw Fail(kExitRefused, t_.source + ": two columns are named '" + names[i] +

@@ -23,14 +23,21 @@ const char kFooter[] = R"(examples:
   velseq demo                              a day of trades, every subcommand once
 
 exit codes: 0 success, 1 input or file error (unreadable, empty, binary, no rows,
-lines over 1 MiB), 2 usage (unknown option or column, reversed window, bad
-duration), 3 refused data (a bad cell, NaN, a time out of order, with its line).)";
+lines over 1 MiB, a bad image or log), 2 usage (unknown option or column,
+reversed window, bad duration), 3 refused data (a bad cell, NaN, a time out of
+order, with its line).)";
 
 // The positionals of a subcommand are "[FILE] ARGS...": the CSV file (absent
 // with --db) before the subcommand's own arguments, split after parsing.
 void add_source(CLI::App *sub, Source &s, std::vector<std::string> &pos, const char *usage) {
     sub->add_option("args", pos, usage);
     sub->add_option("--db", s.db, "database image to read (written by velseq load --db)");
+    if (sub->get_name() != "load") {
+        sub->add_option("--log", s.log, "with --db: the commit log to replay on the image");
+        sub->add_flag("--recover", s.recover,
+                      "with --log: open a log damaged before its end with the records before "
+                      "the damage, moving the rest aside to LOG.damaged-OFFSET");
+    }
     sub->add_option("--columns", s.load.columns, "column names of a file without header")
         ->delimiter(',');
     sub->add_option("--type", s.types, "a column's type: NAME=int|double|datetime|text");

@@ -2,12 +2,20 @@
 // one object; the object's last field describes the columns.
 #include "store.h"
 
+#include <cstdio>
+
 #include "velhost.h"
 #include "velseq/image.hpp"
 
 namespace vcli {
 
-void save_table(velseq::database &db, const Table &, const std::string &path) {
+void save_table(velseq::database &db, const Table &t, const std::string &path) {
+    // The description keeps a column name per line.
+    for (size_t c = 0; c < t.cols.size(); c++)
+        if (t.cols[c].name.find('\n') != std::string::npos)
+            throw Fail(kExitRefused, "column " + std::to_string(c + 1) +
+                                         " has a line break in its name, which an image cannot "
+                                         "keep (give other names with --columns)");
     try {
         velseq::save_image(db, path);
     } catch (const velseq::error &e) {
@@ -62,15 +70,27 @@ void declare(Table &t, const std::vector<Kind> &kinds, const std::vector<std::st
 
 } // namespace
 
-std::unique_ptr<velseq::database> open_table(const std::string &path, Table &t) {
+std::unique_ptr<velseq::database> open_table(const std::string &path, Table &t,
+                                             const std::string &log, bool recover) {
     t.source = path;
-    velh_open_stats_t st{};
+    velseq::config cfg;
+    cfg.log_path = log.empty() ? nullptr : log.c_str();
+    // Answers only read; a recovering open writes (it moves the damage aside).
+    cfg.open_flags = recover ? VELH_OPEN_RECOVER : VELH_OPEN_READ_ONLY;
+    velseq::open_report report;
     std::unique_ptr<velseq::database> db;
     try {
-        db = velseq::open_image(path, velseq::config(), &st);
+        db = velseq::open_image(path, cfg, report);
     } catch (const velseq::error &e) {
-        throw Fail(kExitInput, "cannot open " + path + ": " + e.what());
+        const bool damaged = e.code() == VEL_E_HOST_BAD_LOG && !recover && !log.empty();
+        throw Fail(kExitInput,
+                   "cannot open " + path + ": " + e.what() +
+                       (damaged ? " (a log damaged before its end opens with --recover)" : ""));
     }
+    const std::string lost = report.losses();
+    if (!lost.empty())
+        std::fprintf(stderr, "velseq: %s\n", lost.c_str());
+    const velh_open_stats_t &st = report.stats;
     auto not_a_table = [&](const std::string &why) {
         return Fail(kExitInput, path + " is a database image but not a velseq table (" + why + ")");
     };
