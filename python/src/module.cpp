@@ -1114,6 +1114,9 @@ struct Database {
         if (!plain(name))
             throw error(VEL_E_HOST_BAD_ARG, "a class name is not empty and holds no tab, newline "
                                             "or zero byte (and is not velseq.catalog)");
+        velseq::detail::check_name(name, "class name"); // before the catalogue is defined
+        if (opened && opened->read_only)
+            throw error(VEL_E_HOST_READ_ONLY, "define: the database was opened read-only");
         auto c = std::make_shared<class_def>(class_def{velseq::schema(name), {}});
         for (const auto &[fname, kind, dtype, ord] : fields) {
             for (const field_def &f : c->fields)
@@ -1122,6 +1125,9 @@ struct Database {
             if (!plain(fname))
                 throw error(VEL_E_HOST_BAD_ARG,
                             "a field name is not empty and holds no tab, newline or zero byte");
+            velseq::detail::check_name(fname, "field " + std::to_string(c->fields.size()) +
+                                                  " of class '" + velseq::detail::shortened(name) +
+                                                  "': name");
             const field_type ft = elem_of(dtype);
             field_def f{fname, kind == "seq", ft.type, ft.width, order_of(ord), {}, {}};
             if (kind != "seq" && kind != "value")
@@ -1169,9 +1175,13 @@ struct Database {
 
     // Replaces the (fresh) database by the one of image `path` (none: the
     // empty one) and `log`, with the classes the image and log define.
-    void open_file(const std::optional<std::string> &path, const std::optional<std::string> &log,
-                   const std::string &sync, uint32_t group_ms) {
+    // Returns what the open left out of the log ("" : nothing).
+    std::string open_file(const std::optional<std::string> &path,
+                          const std::optional<std::string> &log, const std::string &sync,
+                          uint32_t group_ms, bool read_only, bool recover) {
         velseq::config cfg;
+        cfg.open_flags =
+            (read_only ? VELH_OPEN_READ_ONLY : 0u) | (recover ? VELH_OPEN_RECOVER : 0u);
         if (log) {
             cfg.log_path = log->c_str();
             cfg.log_sync = sync == "commit"  ? VELH_LOG_SYNC_COMMIT
@@ -1186,16 +1196,14 @@ struct Database {
         } else if (!path) {
             throw error(VEL_E_ILLEGAL_PARAM, "open: give an image, a log or both");
         }
-        velh_db_t *h = nullptr;
-        velh_open_stats_t stats{};
-        VEL_RET rc;
+        velseq::open_report report;
+        std::unique_ptr<velseq::database> db;
         {
             py::gil_scoped_release nogil;
-            rc = velh_db_open_file(&cfg, path ? path->c_str() : nullptr, &h, &stats);
+            db = velseq::open_image(path ? *path : std::string(), cfg, report);
         }
-        velseq::detail::check_file(rc, "opening " + (path ? *path : *log));
-        auto db = std::make_unique<velseq::database>();
-        velseq::detail::image_access::adopt(*db, h);
+        velh_db_t *h = db->get();
+        const velh_open_stats_t &stats = report.stats;
 
         // The catalogue first, then every other class under its names.
         const auto n_classes = static_cast<uint16_t>(stats.classes);
@@ -1271,7 +1279,10 @@ struct Database {
         st->db = std::move(db);
         st->classes = std::move(classes);
         cat = std::move(new_cat);
+        opened = report;
+        return report.losses();
     }
+    std::optional<velseq::open_report> opened; // of open_file
 
     void save(const std::string &path) { write_image(velh_db_save, path, "saving to "); }
     void checkpoint(const std::string &path) {
@@ -1363,7 +1374,27 @@ PYBIND11_MODULE(_velseq, m) {
         .def(py::init<uint32_t>(), py::arg("page_size") = 0)
         .def("define", &Database::define, py::arg("name"), py::arg("fields"))
         .def("_open_file", &Database::open_file, py::arg("path"), py::arg("log"), py::arg("sync"),
-             py::arg("group_ms"))
+             py::arg("group_ms"), py::arg("read_only"), py::arg("recover"))
+        .def_property_readonly("open_stats",
+                               [](const Database &d) -> py::object {
+                                   if (!d.opened)
+                                       return py::none();
+                                   const velseq::open_report &r = *d.opened;
+                                   const velh_open_stats_t &s = r.stats;
+                                   const std::string aside = r.set_aside_path();
+                                   py::dict out;
+                                   out["classes"] = s.classes;
+                                   out["objects"] = s.objects;
+                                   out["image_pages"] = s.image_pages;
+                                   out["log_replayed"] = s.log_replayed;
+                                   out["log_cut_records"] = s.log_cut_records;
+                                   out["log_cut_bytes"] = s.log_cut_bytes;
+                                   out["log_set_aside_records"] = s.log_set_aside_records;
+                                   out["log_set_aside_bytes"] = s.log_set_aside_bytes;
+                                   out["log_set_aside_path"] =
+                                       aside.empty() ? py::object(py::none()) : py::str(aside);
+                                   return py::object(std::move(out));
+                               })
         .def("save", &Database::save, py::arg("path"))
         .def("checkpoint", &Database::checkpoint, py::arg("path"))
         .def("close", &Database::close)

@@ -278,7 +278,8 @@ def test_file_round_trip_every_dtype(tmp_path):
         assert db.fields("k") == [("key", "seq", "S4", "descending")]
         add(db, 50, oid)
         db.checkpoint(img)
-    for db in (velseq.Database.open(img), velseq.Database.open(img, log=log)):
+    for db_log in (None, log):  # one at a time: a writable open locks the image
+        db = velseq.Database.open(img, log=db_log)
         df = db.to_pandas("c", oid)  # nulls as NA, NaT or None
         with db.read() as tx:
             o = tx.open("c", oid)
@@ -292,16 +293,42 @@ def test_file_round_trip_every_dtype(tmp_path):
             pd.testing.assert_frame_equal(again.to_pandas("c", again.from_pandas(df, "c")), df)
 
 
-def test_bad_files(tmp_path):
-    good = tmp_path / "good.img"
-    velseq.Database().save(good)
-    data = good.read_bytes()
+def test_bad_read_only_and_recovered_files(tmp_path):
+    """Bad images are refused; with an image and a log of four commits, a
+    read-only open refuses writes and changes no byte; damage in the second
+    record refuses the plain open, a recovering one keeps the first and warns."""
+    img, log = tmp_path / "a.img", tmp_path / "a.log"
+    with velseq.Database() as db:
+        raises("VEL_E_ILLEGAL_PARAM", lambda: db.define("n", **{"w" * 70000: "int8"}),
+               says="field 0 of class 'n': name 'www")
+        db.define("c", v="int64")
+        db.save(img)
+    data = img.read_bytes()
     bad = {"text.img": b"not an image\n" * 100, "cut.img": data[: len(data) // 2],
            "flip.img": data[:-9] + bytes([data[-9] ^ 1]) + data[-8:]}
     for name, content in bad.items():
         (tmp_path / name).write_bytes(content)
         raises("VEL_E_HOST_BAD_IMAGE", velseq.Database.open, tmp_path / name, says=name)
     raises("VEL_E_HOST_IO", velseq.Database.open, tmp_path / "missing.img", says="missing.img")
+    with velseq.Database.open(img, log=log) as db:
+        for n in range(4):
+            with db.write() as tx:
+                tx.create("c")["v"].append(np.arange(n + 1))
+    good = log.read_bytes()
+    with velseq.Database.open(img, log=log, read_only=True) as db:
+        with pytest.raises(velseq.Error, match="VEL_E_HOST_READ_ONLY"), db.write() as tx:
+            tx.create("c")
+        raises("VEL_E_HOST_READ_ONLY", lambda: db.define("d", v="int8"))
+    assert log.read_bytes() == good
+    at = 64 + 24 + int.from_bytes(good[72:80], "little")  # the second record (24-byte headers)
+    log.write_bytes(good[:at + 30] + bytes([good[at + 30] ^ 1]) + good[at + 31:])
+    raises("VEL_E_HOST_BAD_LOG", velseq.Database.open, img, log, says=str(at))
+    with pytest.warns(velseq.LogWarning, match=f"a.log.damaged-{at}"):
+        db = velseq.Database.open(img, log=log, recover=True)
+    st = db.open_stats
+    assert st["log_set_aside_bytes"] == len(good) - at and st["objects"] == 2
+    assert Path(st["log_set_aside_path"]).read_bytes()[31:] == good[at + 31:]
+    db.close()
 
 
 def test_char_search_against_numpy():

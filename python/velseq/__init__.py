@@ -22,13 +22,21 @@ refused call raises velseq.Error (with .code and .name) and changes nothing.
 """
 
 import os as _os
+import warnings as _warnings
 
 import numpy as _np
 
 from ._velseq import Database as _Database
 from ._velseq import Error, Object, Sequence, Transaction
 
-__all__ = ["Database", "Error", "Object", "Sequence", "Transaction", "seq", "value"]
+__all__ = ["Database", "Error", "LogWarning", "Object", "Sequence", "Transaction", "seq",
+           "value"]
+
+
+class LogWarning(UserWarning):
+    """Database.open left records of the commit log out: a torn tail it cut,
+    or (recover=True) the damaged rest it set aside.  Database.open_stats
+    has the figures."""
 
 
 class seq:
@@ -53,14 +61,21 @@ class value:
 class Database(_Database):
     """A database in memory.  `page_size` sets the bytes of a sequence page
     (0: the default).  Database.open() reads one from an image file and a
-    commit log; save() and checkpoint() write images.  Usable as a context
-    manager that closes it."""
+    commit log; save() and checkpoint() write images.  A commit whose log
+    record cannot be written raises Error with the host's sentence (the
+    file and the cause).  Usable as a context manager that closes it.
+
+    open_stats: None for a database made in memory; after open() a dict of
+    classes, objects, image_pages, log_replayed, log_cut_records,
+    log_cut_bytes, log_set_aside_records, log_set_aside_bytes and
+    log_set_aside_path (the LOG.damaged-OFFSET file, or None)."""
 
     def __init__(self, page_size=0):
         super().__init__(page_size)
 
     @classmethod
-    def open(cls, path=None, log=None, sync="commit", group_ms=0):
+    def open(cls, path=None, log=None, sync="commit", group_ms=0, *, read_only=False,
+             recover=False):
         """The database of the image file `path` (None: an empty one) with the
         commits of `log` replayed on top; with a log, every later commit is
         appended to it, flushed per `sync`: "commit" (a commit that returned
@@ -68,10 +83,23 @@ class Database(_Database):
         10) or "none" (when the OS likes).  Classes come back under the names
         and orders they were defined with (classes another program defined:
         "class<code>" with fields "f<i>").  A missing, foreign or damaged
-        file raises Error (VEL_E_HOST_IO, _BAD_IMAGE, _BAD_LOG)."""
+        file raises Error (VEL_E_HOST_IO, _BAD_IMAGE, _BAD_LOG); a log another
+        database holds, VEL_E_HOST_BUSY naming its process.
+
+        read_only: the files are only read (others may read them too, no one
+        may write them): write transactions, define and checkpoint raise
+        VEL_E_HOST_READ_ONLY.  recover: a log damaged before its end opens
+        with the records before the damage; the rest is moved aside to
+        LOG.damaged-OFFSET (left in place when read_only).  A torn last
+        record is left out in any case (and cut from the file unless
+        read_only).  What was cut or set aside is in `open_stats` and
+        raises a LogWarning."""
         db = cls()
-        db._open_file(None if path is None else _os.fspath(path),
-                      None if log is None else _os.fspath(log), sync, group_ms)
+        lost = db._open_file(None if path is None else _os.fspath(path),
+                             None if log is None else _os.fspath(log), sync, group_ms,
+                             read_only, recover)
+        if lost:
+            _warnings.warn(lost, LogWarning, stacklevel=2)
         return db
 
     def save(self, path):
@@ -81,7 +109,8 @@ class Database(_Database):
 
     def checkpoint(self, path):
         """Saves an image to `path`, then starts the log afresh: opening
-        needs that image and the log.  Error VEL_E_HOST_BAD_ARG without a log."""
+        needs that image and the log.  Error VEL_E_HOST_BAD_ARG without a log,
+        VEL_E_HOST_READ_ONLY when opened read-only."""
         _Database.checkpoint(self, _os.fspath(path))
 
     def define(self, name, **fields):

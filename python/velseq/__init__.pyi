@@ -23,6 +23,20 @@ class Error(Exception):
     code: int  # the module's or the host's code (velseq.h)
     name: str  # its name, e.g. "VEL_E_SEQ_OUT_OF_ORDER"
 
+class LogWarning(UserWarning):
+    """Database.open cut a torn tail of the log or set its damaged rest aside."""
+
+class OpenStats(TypedDict):
+    classes: int
+    objects: int
+    image_pages: int
+    log_replayed: int  # records applied
+    log_cut_records: int  # a torn tail, cut
+    log_cut_bytes: int
+    log_set_aside_records: int  # recover=True: after the damage
+    log_set_aside_bytes: int
+    log_set_aside_path: Optional[str]  # LOG.damaged-OFFSET (None: nothing moved)
+
 class seq:
     """A sequence field: dtype (int8..uint64, float32, float64, datetime64, or S1..S32:
     char(N) bytes, zero-padded, ordered bytewise) and order."""
@@ -47,12 +61,18 @@ Sync = Literal["commit", "group", "none"]
 class Database:
     """A database in memory, new or opened from files; a context manager that closes it."""
     closed: bool
+    open_stats: Optional[OpenStats]  # None unless made by open()
     def __init__(self, page_size: int = 0) -> None: ...
     @classmethod
     def open(cls, path: Optional[str] = None, log: Optional[str] = None,
-             sync: Sync = "commit", group_ms: int = 0) -> Database:
+             sync: Sync = "commit", group_ms: int = 0, *, read_only: bool = False,
+             recover: bool = False) -> Database:
         """The database of image `path` (None: empty) with the commits of `log`
-        replayed; later commits go to the log, flushed per `sync`."""
+        replayed; later commits go to the log, flushed per `sync`.  read_only:
+        writes, define and checkpoint raise VEL_E_HOST_READ_ONLY; recover: a
+        log damaged before its end opens with the records before the damage
+        (the rest moved to LOG.damaged-OFFSET).  LogWarning when anything was
+        cut or set aside."""
     def save(self, path: str) -> None:
         """Writes an image of the last commit to `path`, replacing it whole."""
     def checkpoint(self, path: str) -> None:
