@@ -412,9 +412,10 @@ VEL_RET velh_db_open_file(const velh_config_t *cfg, const char *image_path, velh
    in, or the folder not flushed) leaves files that reopen with every
    acknowledged commit, and the database refuses commits (VEL_E_HOST_IO)
    until a checkpoint succeeds or the database is reopened.  The same holds
-   after a failed write or flush of the log: commits are refused, and a
-   successful checkpoint (which writes every acknowledged commit into its
-   image) lets them go on. */
+   after a failed flush of the log, or a failed write whose partial record
+   cannot be cut off again: commits are refused, and a successful checkpoint
+   (which writes every acknowledged commit into its image) lets them go on.
+   A failed write that is cut off cleanly refuses only its own commit. */
 VEL_RET velh_checkpoint(velh_db_t *db, const char *image_path);
 
 /* The sentence of the last durability failure of the calling thread ("" when

@@ -97,6 +97,8 @@ void end_txn(Db *db, Conn *c) {
         db->writer_cv.notify_one();
     }
     release_quarantine(db, txn);
+    if (t_writing == txn)
+        t_writing = nullptr;
     c->txn = nullptr;
     c->pub.trans.host = nullptr;
     delete txn;
@@ -497,9 +499,14 @@ VEL_RET velh_commit(vel_db_connection_h con) {
     if (c->txn == nullptr)
         return VEL_E_HOST_TRANS_CLOSED;
     fail(VEL_S_OK, ""); // a failure below leaves its sentence
-    if (c->pub.trans.error_code != VEL_S_OK) {
+    if (c->pub.trans.error_code != VEL_S_OK || c->txn->doomed != VEL_S_OK) {
+        const VEL_RET why = c->txn->doomed != VEL_S_OK ? c->txn->doomed : c->pub.trans.error_code;
         velh_rollback(con);
-        return fail(VEL_E_HOST_TRANS_FAILED, "the transaction failed earlier; it is rolled back");
+        return fail(VEL_E_HOST_TRANS_FAILED,
+                    (why == VEL_E_HOST_TRANS_FAILED
+                         ? std::string("an update stopped at a trap")
+                         : "an update failed (code " + std::to_string(int(why)) + ")") +
+                        " after it may have changed pages; the transaction is rolled back");
     }
     Db *d = c->db;
     Txn *txn = c->txn;

@@ -5,6 +5,7 @@
 #include <cstring>
 #include <mutex>
 
+#include "host_internal.h"
 #include "velembed.h"
 
 namespace {
@@ -33,6 +34,10 @@ void velh_set_trap_handler(velh_trap_handler_t handler, void *ctx) {
 
 // Not noexcept: a handler may throw to unwind out of the trap.
 void vel_stop__(int code, const char *file, int line) {
+    // A handler may unwind out of the module: whatever update was running
+    // stopped half-way, so its transaction must not commit.
+    velhost::doom(velhost::t_writing, VEL_E_HOST_TRANS_FAILED);
+    velhost::t_writing = nullptr;
     velh_trap_handler_t handler;
     void *ctx;
     {

@@ -157,7 +157,20 @@ struct Txn {
     // still point to a page it freed, and such a reference must keep
     // meaning "freed" (not "some other live page") until rollback.
     std::vector<std::pair<std::byte *, PageManager *>> quarantine;
+    // Set when an update failed after it may have changed pages (a page
+    // could not be made, a prune failed, a trap left the module): the
+    // module cannot undo half an update, so the commit is refused and rolls
+    // back.  Reads go on; further updates are refused.
+    VEL_RET doomed = VEL_S_OK;
 };
+
+// The transaction whose write access (vel_writing .. vel_end_writing) is
+// open on this thread, for a trap to doom it.
+extern thread_local Txn *t_writing;
+inline void doom(Txn *txn, VEL_RET code) {
+    if (txn != nullptr && txn->doomed == VEL_S_OK)
+        txn->doomed = code;
+}
 
 // The object a connection's transaction last opened for writing.  While
 // that transaction (by serial) is the chain's writer, nobody else changes

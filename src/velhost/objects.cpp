@@ -10,6 +10,8 @@
 
 namespace velhost {
 
+thread_local Txn *t_writing = nullptr;
+
 namespace {
 
 constexpr uint32_t kCursorMagic = 0x56435552; // "VCUR"
@@ -482,8 +484,10 @@ int vel_writing(vel_objhandle_h obj, VEL_WRK *w, int flags, uint16_t fld_no) {
         Version *v = cached_private(obj, &r);
         // The ALT manager's first write of a field still makes its tree private.
         if (v != nullptr && fld_no < r.conn->last_write.n_fields &&
-            (!r.conn->last_write.alt || v->privatized[fld_no] || !r.cls->fields[fld_no].is_seq)) {
+            (!r.conn->last_write.alt || v->privatized[fld_no] || !r.cls->fields[fld_no].is_seq) &&
+            r.txn->doomed == VEL_S_OK) {
             fill_wrk(w, obj, r, v);
+            t_writing = r.txn;
             return 0;
         }
     }
@@ -494,6 +498,8 @@ int vel_writing(vel_objhandle_h obj, VEL_WRK *w, int flags, uint16_t fld_no) {
         return 1;
     if (!r.txn->rw)
         return refuse(w, VEL_E_HOST_READ_ONLY);
+    if (r.txn->doomed != VEL_S_OK)
+        return refuse(w, VEL_E_HOST_TRANS_FAILED);
     if (fld_no >= r.cls->fields.size())
         return refuse(w, VEL_E_HOST_NO_FIELD);
     Db *db = r.conn->db;
@@ -521,12 +527,14 @@ int vel_writing(vel_objhandle_h obj, VEL_WRK *w, int flags, uint16_t fld_no) {
                           r.cls,
                           r.chain};
     fill_wrk(w, obj, r, v);
+    t_writing = r.txn;
     return 0;
 }
 
 void vel_end_writing(vel_objhandle_h obj, VEL_WRK *w) {
     (void)obj;
     (void)w;
+    t_writing = nullptr;
 }
 
 void *vel_obj_pos(void *pobj, vel_db_connection_h con, vel_page_manager_t *pm, uint32_t pos,

@@ -392,20 +392,46 @@ VEL_RET sweep_created(Db *db, Txn *txn, bool committing) {
             }
         }
     }
+    // Orphans: pages this transaction made that no version reaches.  An
+    // orphan inner page (a sibling detached by a split whose update then
+    // failed) holds a counted reference on each child; the children that are
+    // not orphans themselves (pages shared with committed versions, or
+    // reached ones) must lose that reference, or they outlive every version.
+    const uint64_t serial = txn->serial;
+    auto orphan = [serial](const void *pg) {
+        const PageMeta *m = page_meta(static_cast<std::byte *>(const_cast<void *>(pg)));
+        return m->live && m->creator == serial && !m->reached;
+    };
+    std::vector<std::pair<std::byte *, PageManager *>> orphans;
+    std::vector<std::pair<vel_seq_page_t *, PageManager *>> released;
     for (auto &[pg, pm] : txn->created) {
-        bool free_it = false;
-        {
-            std::lock_guard<std::mutex> lock(pm->db->alloc_mutex);
-            PageMeta *m = page_meta(pg);
-            if (m->live && m->creator == txn->serial) {
-                free_it = !m->reached;
-                m->creator = 0;
-                m->reached = 0;
-            }
+        std::lock_guard<std::mutex> lock(db->alloc_mutex);
+        if (!orphan(pg))
+            continue;
+        orphans.emplace_back(pg, pm);
+        auto *p = reinterpret_cast<vel_seq_page_t *>(pg);
+        if ((p->hdr.kind & 15) != 2)
+            continue;
+        const uint32_t ps = pm->page_size;
+        for (uint32_t i = 0; i < p->hdr.user && i < (ps - 8) / 16; ++i) {
+            vel_seq_page_t *child =
+                reinterpret_cast<vel_seq_node_t *>(pg + ps - 16 * (size_t(i) + 1))->page;
+            if (child != nullptr && chunk_of(child)->magic == kChunkMagic && !orphan(child))
+                released.emplace_back(child, pm);
         }
-        if (free_it)
-            page_free(pm, pg, txn);
     }
+    for (auto &[pg, pm] : txn->created) {
+        std::lock_guard<std::mutex> lock(db->alloc_mutex);
+        PageMeta *m = page_meta(pg);
+        if (m->live && m->creator == serial) {
+            m->creator = 0;
+            m->reached = 0;
+        }
+    }
+    for (auto &[pg, pm] : orphans)
+        page_free(pm, pg, txn);
+    for (auto &[child, pm] : released)
+        prune_tree(pm, child, txn);
     txn->created.clear();
     return VEL_S_OK;
 }
@@ -456,8 +482,10 @@ VEL_RET vel_seq_create_page(vel_db_connection_h con, vel_page_manager_t *pm, vel
         return r;
     std::byte *b;
     r = page_alloc(p, txn, &b);
-    if (r != VEL_S_OK)
+    if (r != VEL_S_OK) {
+        doom(txn, r); // the module may have changed pages before asking
         return r;
+    }
     auto *pg = reinterpret_cast<vel_seq_page_t *>(b);
     // The high nibble is the host's: the page manager that made the page
     // (1 = in-memory, 2 = alternative).  The module masks it off.
@@ -543,9 +571,11 @@ VEL_RET vel_seq_prune(vel_db_connection_h con, vel_page_manager_t *pm, vel_seq_p
     PageManager *p = pm_of(pm);
     if (p == nullptr)
         return VEL_E_HOST_BAD_ARG;
-    if (prune_fails(p->db))
-        return VEL_E_NOMEM; // nothing released
     Conn *c = conn_of(con);
+    if (prune_fails(p->db)) {
+        doom(c != nullptr ? c->txn : nullptr, VEL_E_NOMEM);
+        return VEL_E_NOMEM; // nothing released
+    }
     prune_tree(p, root, c != nullptr ? c->txn : nullptr);
     return VEL_S_OK;
 }

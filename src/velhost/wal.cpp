@@ -780,7 +780,6 @@ VEL_RET velh_db_open_file(const velh_config_t *cfg, const char *image_path, velh
     }
     Db *d = reinterpret_cast<Db *>(h);
     d->image_fd = image_fd;
-    d->read_only = ro;
     if (log_fd >= 0) {
         r = log_open(d, log_fd, cfg, &ld, &st);
         if (r != VEL_S_OK) {
@@ -788,6 +787,7 @@ VEL_RET velh_db_open_file(const velh_config_t *cfg, const char *image_path, velh
             return r;
         }
     }
+    d->read_only = ro; // after the replay, whose class records define classes
     st.classes = d->n_classes.load() - 1;
     st.objects = d->chains.size();
     if (stats != nullptr)

@@ -2,8 +2,8 @@
 // and every iterator set-up is repeated with the 1st, 2nd, ... page
 // allocation failing, until it completes without meeting the failure.  Each
 // time the failing call must return VEL_E_NOMEM, the trees must stay sound,
-// rollback must restore the committed content exactly, and once everything
-// is released no page may be live.
+// a commit must be refused, rollback must restore the committed content
+// exactly, and once everything is released no page may be live.
 #include <cstdio>
 #include <functional>
 
@@ -116,9 +116,11 @@ TEST(AllocFailure, SweepEveryAllocationOfTheScenario) {
                 return;
             const std::vector<SeqModel> base = read_all(*env, kFields, true);
             velh_fail_page_alloc(env->db(), nth, 0);
+            std::vector<SeqModel> before = base; // content before the running step
             size_t k = 0;
-            while (k < n_steps && (rc = kSteps[k].run(*env)) == VEL_S_OK)
-                ++k;
+            for (; k < n_steps && (rc = kSteps[k].run(*env)) == VEL_S_OK; ++k)
+                if (nth % 2 == 1)
+                    before = read_all(*env, kFields, false);
             velh_fail_page_alloc(env->db(), 0, 0);
             if (k == n_steps) { // the injected failure was never reached: done
                 EXPECT_GT(nth, 10u) << "scenario allocates suspiciously few pages";
@@ -129,8 +131,18 @@ TEST(AllocFailure, SweepEveryAllocationOfTheScenario) {
                 EXPECT_EQ(rc, VEL_E_NOMEM);
                 if (kSteps[k].sound_after_failure)
                     read_all(*env, kFields, false);
+                // The failed step changed nothing (a copy refused before the
+                // module ran) or it dooms the transaction: the commit keeps
+                // the content before the step or rolls back to the base.
+                bool kept = false;
+                if (nth % 2 == 1) {
+                    rc = env->commit_and_begin();
+                    EXPECT_TRUE(rc == VEL_S_OK || rc == VEL_E_HOST_TRANS_FAILED) << rc;
+                    kept = rc == VEL_S_OK;
+                }
                 ASSERT_EQ(env->rollback_and_begin(), VEL_S_OK);
-                EXPECT_TRUE(read_all(*env, kFields, true) == base) << "rollback not exact";
+                EXPECT_TRUE(read_all(*env, kFields, !kept) == (kept ? before : base))
+                    << "not as committed";
             }
             EXPECT_EQ(env->release_all(), VEL_S_OK);
             EXPECT_EQ(env->live_pages(), 0u);
@@ -148,6 +160,38 @@ TEST(AllocFailure, SweepEveryAllocationOfTheScenario) {
         std::printf("%s %s %d", k ? "," : "", kSteps[k].name, failures[k]);
     }
     std::printf("\n");
+}
+
+struct Trapped {};
+
+// Single inserts at one spot deepen the tree until it can grow no more and
+// the module traps, half-way through a split.  With a handler that unwinds,
+// the transaction must not commit, and nothing may outlive its release.
+TEST(AllocFailure, TrapInAnInsertDoomsItsTransaction) {
+    const std::vector<FieldSpec> field = {{family_of(VEL_DD_INT4), VEL_SEQ_NO_ORDER}};
+    EnvConfig cfg;
+    cfg.seq_page_size = 128;
+    VEL_RET rc;
+    auto env = Env::open(cfg, field, &rc);
+    ASSERT_TRUE(env) << rc;
+    Field f{env->obj(), field[0], env->loc(0)};
+    ASSERT_EQ(f.append(run_of(F_EMPTY, 0, 2000)), VEL_S_OK);
+    ASSERT_EQ(env->commit_and_begin(), VEL_S_OK);
+    const std::vector<SeqModel> base = read_all(*env, field, true);
+    velh_set_trap_handler([](int, const char *, int, void *) { throw Trapped{}; }, nullptr);
+    int inserts = 0;
+    try {
+        for (; inserts < 1000000; ++inserts)
+            ASSERT_EQ(f.insert(1000, run_of(F_EMPTY, inserts, 1)), VEL_S_OK);
+    } catch (const Trapped &) {
+    }
+    velh_set_trap_handler(nullptr, nullptr);
+    ASSERT_LT(inserts, 1000000) << "the tree never reached its depth limit";
+    EXPECT_EQ(env->commit_and_begin(), VEL_E_HOST_TRANS_FAILED);
+    ASSERT_EQ(env->rollback_and_begin(), VEL_S_OK);
+    EXPECT_TRUE(read_all(*env, field, true) == base);
+    EXPECT_EQ(env->release_all(), VEL_S_OK);
+    EXPECT_EQ(env->live_pages(), 0u);
 }
 
 } // namespace
