@@ -103,7 +103,7 @@ TEST(DurableLock, ClassesDefinedDuringCheckpoints) {
     const std::string log = dir.file("db.log"), img = dir.file("db.img");
     const std::string name(VELH_MAX_NAME, 'n'), over(VELH_MAX_NAME + 1, 'o');
     const velh_config_t cfg = config(4096, log.c_str(), VELH_LOG_SYNC_NONE);
-    const int n = 200;
+    const int n = 40;
     auto define = [&](velh_db_t *db, const std::string &cls, const std::string &fld) {
         const velh_field_def_t f{fld.c_str(), VEL_DD_SEQUENCE_INT4, 0};
         uint16_t code;
