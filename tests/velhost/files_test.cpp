@@ -1,0 +1,241 @@
+// The durability files under failing calls and several openers.
+//
+// Injected I/O failures (io_fault.h): each call the host makes on its files
+// fails in turn (the 1st, 2nd, ... of its kind) during a workload, and the
+// files must reopen as exactly the commits that were acknowledged; a read
+// failing at open refuses the open and changes no file.
+//
+// Openers: a writer excludes every other open (in this process or another),
+// read-only opens share and write nothing; class definitions (names up to
+// VELH_MAX_NAME bytes) racing checkpoints never leave files that refuse to
+// open.
+#include <atomic>
+#include <csignal>
+#include <sys/wait.h>
+#include <thread>
+
+#include "durable_util.h"
+#include "io_fault.h"
+
+using namespace durtest;
+namespace fs = std::filesystem;
+
+namespace {
+
+// Appends to a database with a log while the n-th call of `op` fails, and the
+// same to a model without a log when the first acknowledged; a class defined
+// and a checkpoint midway, and after the failure a checkpoint, which must let
+// commits go on.  The two agree in memory and after a reopen, whose state is
+// left in `state`.  Returns whether the failure was injected (n = 0: none).
+bool run(const TempDir &dir, int mode, io_fault::Op op, long n, std::string *state) {
+    const std::string log = dir.file("db.log"), img = dir.file("db.img");
+    const velh_config_t cfg = config(256, log.c_str(), mode);
+    std::unique_ptr<Db> t = open_db(cfg), m = open_db(config(256));
+    uint64_t oids[2][3] = {};
+    for (int i : {0, 1}) {
+        Db &d = i ? *m : *t;
+        EXPECT_TRUE(define_class(d.db, 0) == VEL_S_OK && define_class(d.db, 1) == VEL_S_OK);
+        for (uint64_t &oid : oids[i])
+            EXPECT_EQ(append_ticks(d, &oid, 1, 0), VEL_S_OK);
+    }
+    io_fault::arm(op, n, n % 3 == 0 ? EIO : n % 3 == 1 ? ENOSPC : EACCES);
+    bool must_ack = false;
+    auto commit = [&](int k) {
+        const VEL_RET r = append_ticks(*t, &oids[0][k % 3], size_t(k) + 1, k);
+        EXPECT_TRUE(r == VEL_S_OK || (r == VEL_E_HOST_IO && !must_ack))
+            << "commit " << k << ": " << r << " " << velh_error_message();
+        EXPECT_TRUE(r != VEL_S_OK || append_ticks(*m, &oids[1][k % 3], size_t(k) + 1, k) == 0);
+        must_ack = false;
+    };
+    for (int k = 0; k < 12; ++k) {
+        const VEL_RET c = k == 3 ? define_class(t->db, 2) : VEL_E_HOST_IO; // refused: none
+        EXPECT_TRUE(c == VEL_E_HOST_IO || (c == VEL_S_OK && define_class(m->db, 2) == 0)) << c;
+        // A checkpoint that failed before its image was renamed in changed nothing.
+        if (k == 6)
+            must_ack = velh_checkpoint(t->db, img.c_str()) != VEL_S_OK && !fs::exists(img);
+        commit(k);
+    }
+    const bool failed = io_fault::fired;
+    const VEL_RET r = velh_checkpoint(t->db, img.c_str());
+    EXPECT_TRUE(r == VEL_S_OK || !failed)
+        << "checkpoint after the failure: " << velh_error_message();
+    for (int k = 12; k < 16; ++k) {
+        must_ack = r == VEL_S_OK && failed;
+        commit(k);
+    }
+    EXPECT_EQ(dump(*t), dump(*m));
+    t.reset();
+    const bool fired = io_fault::disarm();
+    EXPECT_EQ(load(cfg, fs::exists(img) ? img.c_str() : nullptr, state), VEL_S_OK);
+    EXPECT_EQ(*state, dump(*m));
+    return fired;
+}
+
+// A child process holding the files open with `cfg` until killed.
+pid_t hold(const velh_config_t &cfg, const std::string &img) {
+    int ready[2];
+    EXPECT_EQ(::pipe(ready), 0);
+    const pid_t pid = ::fork();
+    if (pid == 0) {
+        velh_db_t *db = nullptr;
+        const char c = velh_db_open_file(&cfg, img.c_str(), &db, nullptr) == VEL_S_OK ? 'y' : 'n';
+        if (::write(ready[1], &c, 1) == 1)
+            ::pause();
+        _exit(1);
+    }
+    char c = 'n';
+    EXPECT_TRUE(::read(ready[0], &c, 1) == 1 && c == 'y');
+    ::close(ready[0]);
+    ::close(ready[1]);
+    return pid;
+}
+
+void release(pid_t pid) {
+    ::kill(pid, SIGKILL);
+    ::waitpid(pid, nullptr, 0);
+}
+
+} // namespace
+
+TEST(DurableFaults, FailedCallsKeepEveryAcknowledgedCommit) {
+    const testing::TestResult *res =
+        testing::UnitTest::GetInstance()->current_test_info()->result();
+    long swept[2][io_fault::kOps] = {}; // during commits, at opens
+    std::string expect, state;
+    for (int mode : {VELH_LOG_SYNC_COMMIT, VELH_LOG_SYNC_GROUP})
+        for (int op = 0; op < io_fault::kOps; ++op) // until a run ends unharmed or fails
+            for (long n = 1, parts = res->total_part_count(); parts == res->total_part_count();
+                 ++n, ++swept[0][op]) {
+                SCOPED_TRACE(testing::Message() << io_fault::kNames[op] << " call " << n
+                                                << " fails, log mode " << mode);
+                if (!run(TempDir(), mode, io_fault::Op(op), n, &state))
+                    break;
+            }
+    // Opens of an image and its log with a torn tail: a failed read refuses
+    // the open and changes no file; after any failure the files open whole.
+    TempDir dir;
+    ASSERT_FALSE(run(dir, VELH_LOG_SYNC_COMMIT, io_fault::kRead, 0, &expect));
+    const std::string img = dir.file("db.img"), log = dir.file("db.log");
+    const std::string image = read_file(img), torn = read_file(log) + "VLRC";
+    const velh_config_t cfg = config(256, log.c_str());
+    for (int op = 0; op < io_fault::kOps; ++op)
+        for (long n = 1;; ++n, ++swept[1][op]) {
+            SCOPED_TRACE(testing::Message() << io_fault::kNames[op] << " call " << n << " fails");
+            write_file(img, image);
+            write_file(log, torn);
+            io_fault::arm(io_fault::Op(op), n, EIO);
+            velh_db_t *db = nullptr;
+            const VEL_RET r = velh_db_open_file(&cfg, img.c_str(), &db, nullptr);
+            const bool at_open = io_fault::fired;
+            const bool read = op == io_fault::kRead || op == io_fault::kPread;
+            // A failure at close (its flush) is not told.
+            EXPECT_TRUE(db == nullptr || velh_db_close(db) == VEL_S_OK);
+            const bool fired = io_fault::disarm();
+            EXPECT_EQ(r, at_open ? VEL_E_HOST_IO : VEL_S_OK) << velh_error_message();
+            ASSERT_TRUE(!at_open || !read || (read_file(img) == image && read_file(log) == torn));
+            ASSERT_TRUE(load(cfg, img.c_str(), &state) == VEL_S_OK && state == expect);
+            if (!fired)
+                break;
+        }
+    std::string line = "io faults swept";
+    for (int at : {0, 1}) {
+        line += at ? "; at opens:" : " during commits:";
+        for (int op = 0; op < io_fault::kOps; ++op)
+            line += std::string(" ") + io_fault::kNames[op] + " " + std::to_string(swept[at][op]);
+    }
+    std::printf("%s\n", line.c_str());
+}
+
+TEST(DurableLock, OneWriterOrSharedReaders) {
+    TempDir dir;
+    const std::string log = dir.file("db.log"), img = dir.file("db.img");
+    velh_config_t cfg = config(256, log.c_str()), ro = cfg;
+    ro.open_flags = VELH_OPEN_READ_ONLY;
+    auto busy = [&](const velh_config_t &c, pid_t holder) {
+        EXPECT_EQ(load(c, img.c_str()), VEL_E_HOST_BUSY);
+        EXPECT_TRUE(says(dir.path) && says("process " + std::to_string(holder)))
+            << (holder == ::getpid() ? "this process: " : "child: ") << velh_error_message();
+    };
+    std::string expect;
+    ASSERT_FALSE(run(dir, VELH_LOG_SYNC_COMMIT, io_fault::kRead, 0, &expect));
+    {
+        std::unique_ptr<Db> t = open_db(cfg, img.c_str());
+        busy(cfg, ::getpid());
+    }
+    pid_t child = hold(cfg, img);
+    busy(cfg, child);
+    busy(ro, child);
+    release(child);
+    // A torn tail, which read-only opens leave in the file.
+    write_file(log, read_file(log) + "VLRC torn");
+    const std::string files = read_file(img) + read_file(log);
+    child = hold(ro, img);
+    busy(cfg, child);
+    {
+        std::unique_ptr<Db> r = open_db(ro, img.c_str());
+        ASSERT_TRUE(r);
+        EXPECT_EQ(dump(*r), expect);
+        vel_objhandle_t o;
+        VEL_RET code = velh_begin(r->con, VELH_READ_WRITE);
+        if (code == VEL_S_OK && (code = velh_obj_create(r->con, 1, &o)) == VEL_S_OK)
+            code = velh_commit(r->con);
+        EXPECT_EQ(code, VEL_E_HOST_READ_ONLY);
+        EXPECT_EQ(define_class(r->db, 2), VEL_E_HOST_READ_ONLY);
+        EXPECT_EQ(velh_checkpoint(r->db, img.c_str()), VEL_E_HOST_READ_ONLY);
+    }
+    release(child);
+    EXPECT_TRUE(read_file(img) + read_file(log) == files);
+    // Alone, a writer opens and cuts the tail; its checkpoint removes the
+    // temporary image a dead process left.
+    const std::string stale = img + ".tmp." + std::to_string(child);
+    write_file(stale, "x");
+    velh_open_stats_t st{};
+    std::unique_ptr<Db> t = open_db(cfg, img.c_str(), &st);
+    ASSERT_TRUE(t);
+    EXPECT_EQ(st.log_cut_bytes, 9u);
+    EXPECT_EQ(velh_checkpoint(t->db, img.c_str()), VEL_S_OK);
+    EXPECT_FALSE(fs::exists(stale));
+}
+
+// Each class defined as the next of a loop of checkpoints begins lands in the
+// image or in the log that follows it, never in both or neither; one with
+// names of VELH_MAX_NAME bytes too, while a byte more is refused.
+TEST(DurableLock, ClassesDefinedDuringCheckpoints) {
+    TempDir dir;
+    const std::string log = dir.file("db.log"), img = dir.file("db.img");
+    const std::string name(VELH_MAX_NAME, 'n'), over(VELH_MAX_NAME + 1, 'o');
+    const velh_config_t cfg = config(4096, log.c_str(), VELH_LOG_SYNC_NONE);
+    const int n = 40;
+    auto define = [&](velh_db_t *db, const std::string &cls, const std::string &fld) {
+        const velh_field_def_t f{fld.c_str(), VEL_DD_SEQUENCE_INT4, 0};
+        uint16_t code;
+        return velh_class_define(db, cls.c_str(), &f, 1, 0, VELH_PM_INMEM, &code);
+    };
+    {
+        std::unique_ptr<Db> t = open_db(cfg);
+        EXPECT_EQ(define(t->db, "c", over), VEL_E_ILLEGAL_PARAM);
+        EXPECT_EQ(define(t->db, over, "f"), VEL_E_ILLEGAL_PARAM);
+        std::atomic<int> checkpoints{0};
+        std::atomic<bool> done{false};
+        std::thread cp([&] {
+            for (; !done; ++checkpoints)
+                EXPECT_EQ(velh_checkpoint(t->db, img.c_str()), VEL_S_OK);
+        });
+        for (int i = 1; i <= n; ++i) {
+            for (const int seen = checkpoints; seen == checkpoints;)
+                std::this_thread::yield();
+            EXPECT_EQ(i == n / 2 ? define(t->db, name, name)
+                                 : define(t->db, std::to_string(i), "v"),
+                      VEL_S_OK);
+        }
+        done = true;
+        cp.join();
+    }
+    velh_open_stats_t st{};
+    velh_db_t *db = nullptr;
+    ASSERT_EQ(velh_db_open_file(&cfg, img.c_str(), &db, &st), VEL_S_OK) << velh_error_message();
+    Db t(db);
+    velh_field_info_t fi;
+    EXPECT_EQ(st.classes, uint64_t(n));
+    EXPECT_EQ(velh_field_by_name(db, n / 2, name.c_str(), &fi), VEL_S_OK);
+}
