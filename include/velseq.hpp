@@ -759,6 +759,9 @@ class transaction {
     velh_compact_state_t &compact_state(uint64_t oid, uint16_t fld_no) {
         return compact_[{oid, fld_no}]; // value-initialised: zeroed on first use
     }
+    bool compact_kept(uint64_t oid, uint16_t fld_no) const {
+        return compact_.count({oid, fld_no}) != 0;
+    }
 
   private:
     template <class> friend class appender;
@@ -1158,6 +1161,11 @@ template <class T> class sequence {
                           "appending");
             return;
         }
+        // A field this transaction has not kept yet may be as deep as C
+        // callers left it (up to the iterators' limit, where one more level
+        // traps): keep it first.
+        if (!tx_->compact_kept(h_.oid, fi_.fld_no))
+            keep_compact(0);
         detail::check(E::insert(obj(), fi_, pos, vals.data(), vals.size(), c_order(), nulls),
                       "inserting");
         keep_compact(vals.size());

@@ -285,3 +285,51 @@ TEST(Files, ReadOnlyRecoverAndRefusedWrites) {
 }
 
 } // namespace
+
+// C callers may leave a field as deep as an iterator can read, where one
+// more level traps; an insert through the API keeps the field first.
+struct Trapped {};
+
+TEST(Deep, InsertIntoAFieldAtTheDepthLimit) {
+    config cfg;
+    cfg.seq_page_size = 128;
+    database db(cfg);
+    schema cls{"deep"};
+    field<int64_t> f = cls.seq<int64_t>("v");
+    db.define(cls);
+    connection con(db);
+    uint64_t oid;
+    {
+        transaction tx(con, transaction::write);
+        object o = tx.create(cls);
+        o[f].append(vector<int64_t>(1000, 7));
+        oid = o.oid();
+        tx.commit();
+    }
+    // Raw single inserts at one spot, one transaction each, until one traps
+    // (and is rolled back): the field is left one insert short of the trap.
+    velh_set_trap_handler([](int, const char *, int, void *) { throw Trapped{}; }, nullptr);
+    int64_t n = 1000;
+    try {
+        for (;; ++n) {
+            ASSERT_LT(n, 1000000);
+            transaction tx(con, transaction::write);
+            vel_objhandle_t h{};
+            velh_field_info_t fi;
+            ASSERT_EQ(velh_obj_open(tx.connection_handle(), cls.code(), oid, &h), VEL_S_OK);
+            ASSERT_EQ(velh_field_info(db.get(), cls.code(), 0, &fi), VEL_S_OK);
+            ASSERT_EQ(vel_w_seq_insert_int8(&h, fi.u_offset, fi.c_offset, 0, 500, &n, 1,
+                                            VEL_SEQ_NO_ORDER, nullptr),
+                      VEL_S_OK);
+            tx.commit();
+        }
+    } catch (const Trapped &) {
+    }
+    velh_set_trap_handler(nullptr, nullptr);
+    transaction tx(con, transaction::write);
+    object o = tx.open(cls, oid);
+    o[f].insert(500, {-1});
+    EXPECT_EQ(o[f].size(), uint64_t(n) + 1);
+    EXPECT_EQ(o[f].at(500), -1);
+    tx.commit();
+}
