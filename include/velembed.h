@@ -162,7 +162,21 @@ VEL_RET velh_begin(vel_db_connection_h con, int mode);
    transaction back), is rolled back instead and the result is
    VEL_E_HOST_TRANS_FAILED.  Either way every sequence page the transaction
    created that no version references is freed; pages it freed become
-   reusable when it ends. */
+   reusable when it ends.
+
+   A failed update of a sequence field either changed nothing or dooms its
+   transaction; the module cannot undo half an update.
+   - Nothing changed: the refusals the module checks before it writes
+     (VEL_E_ILLEGAL_PARAM, VEL_E_ILLEGAL_TYPE, VEL_E_SEQ_OUT_OF_ORDER,
+     VEL_E_SEQ_NULL_VALUE, VEL_E_SEQ_BOUNDED) and the host's refusals of
+     write access (VEL_E_HOST_READ_ONLY, _NO_OBJECT, _NO_FIELD, _CONFLICT,
+     _TRANS_CLOSED, and VEL_E_NOMEM from making an ALT field's tree private
+     before the module runs).
+   - Doomed: a page the host could not make for the module (VEL_E_NOMEM), a
+     prune that failed, or a trap whose handler unwound out of the module.
+     Reads go on; further updates are refused with VEL_E_HOST_TRANS_FAILED;
+     the commit rolls back and returns VEL_E_HOST_TRANS_FAILED, with a
+     sentence in velh_error_message(). */
 VEL_RET velh_commit(vel_db_connection_h con);
 
 /* Discards the transaction's changes and ends it. */
