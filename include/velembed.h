@@ -71,7 +71,10 @@ void velh_config_init(velh_config_t *cfg);
 VEL_RET velh_db_open(const velh_config_t *cfg, velh_db_t **db);
 
 /* Closes the database and releases everything in it.  VEL_E_HOST_BUSY while
-   a connection is open. */
+   a connection is open (nothing is closed then).  VEL_E_HOST_IO when the
+   final flush of its commit log failed: the database is closed all the
+   same, and commits acknowledged since the last flush may not survive a
+   crash of the machine. */
 VEL_RET velh_db_close(velh_db_t *db);
 
 /* ---- schema ------------------------------------------------------------- */

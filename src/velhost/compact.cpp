@@ -10,7 +10,13 @@
 // subtree.  velh_keep_compact is the policy the layers above the module call
 // after every insert or delete, so that no sequence of their calls leaves a
 // field deeper than VELH_COMPACT_MAX_DEPTH or with more than twice the pages
-// of its dense tree.
+// of its dense tree.  It repairs locally: pages that the damage left nearly
+// empty are merged with their neighbours, and the inner pages above them are
+// rebuilt; leaves are copied only where several fit into one, or where their
+// waste is the largest once the field nears its page budget.  Every page it
+// writes is new and every page it keeps is shared by reference, so pages of
+// other versions are never changed.
+#include <algorithm>
 #include <cstring>
 #include <vector>
 
@@ -63,6 +69,16 @@ struct Geometry {
             total += level;
         }
         return total;
+    }
+    // Levels of that tree.
+    uint32_t dense_depth(uint64_t n) const {
+        if (n == 0)
+            return 0;
+        uint64_t level = (n + leaf_cap - 1) / leaf_cap;
+        uint32_t depth = 1;
+        for (; level > 1; ++depth)
+            level = (level + inner_cap - 1) / inner_cap;
+        return depth;
     }
 };
 
@@ -119,16 +135,44 @@ struct Built {
     uint64_t count;
 };
 
-class Builder {
+// The pages a rebuild makes, freed again when it fails.
+class Maker {
   public:
-    Builder(const Geometry &g, PageManager *pm, Txn *txn) : g_(g), pm_(pm), txn_(txn) {}
+    Maker(PageManager *pm, Txn *txn) : pm_(pm), txn_(txn) {}
 
+    VEL_RET new_page(uint8_t kind, vel_seq_page_t **out) {
+        std::byte *b;
+        VEL_RET r = page_alloc(pm_, txn_, &b);
+        if (r != VEL_S_OK)
+            return r;
+        auto *pg = reinterpret_cast<vel_seq_page_t *>(b);
+        pg->hdr.kind = kind;
+        pg->hdr.extraflags = 0;
+        pg->hdr.user = 1;
+        std::atomic_ref<uint32_t>(pg->ref_count).store(1, std::memory_order_release);
+        made_.push_back(pg);
+        *out = pg;
+        return VEL_S_OK;
+    }
     // Frees every page made so far (a failed build).
     void discard() {
         for (vel_seq_page_t *pg : made_)
             page_free(pm_, reinterpret_cast<std::byte *>(pg), txn_);
         made_.clear();
     }
+    size_t made() const { return made_.size(); }
+
+  private:
+    PageManager *pm_;
+    Txn *txn_;
+    std::vector<vel_seq_page_t *> made_;
+};
+
+class Builder {
+  public:
+    Builder(const Geometry &g, PageManager *pm, Txn *txn) : g_(g), mk_(pm, txn) {}
+
+    void discard() { mk_.discard(); }
 
     // Appends the values and null bits of one old leaf.
     VEL_RET add_leaf(vel_seq_page_t *old) {
@@ -136,7 +180,7 @@ class Builder {
         const uint64_t *old_nulls = g_.nulls(old);
         for (uint32_t done = 0; done < n;) {
             if (cur_ == nullptr || cur_->hdr.user == g_.leaf_cap) {
-                VEL_RET r = new_page(3, &cur_);
+                VEL_RET r = mk_.new_page(3, &cur_);
                 if (r != VEL_S_OK)
                     return r;
                 cur_->hdr.user = 0;
@@ -162,7 +206,7 @@ class Builder {
             std::vector<Built> up;
             for (size_t i = 0; i < level.size(); i += g_.inner_cap) {
                 vel_seq_page_t *pg;
-                VEL_RET r = new_page(2, &pg);
+                VEL_RET r = mk_.new_page(2, &pg);
                 if (r != VEL_S_OK)
                     return r;
                 const size_t n = level.size() - i < g_.inner_cap ? level.size() - i : g_.inner_cap;
@@ -186,27 +230,10 @@ class Builder {
     }
 
   private:
-    VEL_RET new_page(uint8_t kind, vel_seq_page_t **out) {
-        std::byte *b;
-        VEL_RET r = page_alloc(pm_, txn_, &b);
-        if (r != VEL_S_OK)
-            return r;
-        auto *pg = reinterpret_cast<vel_seq_page_t *>(b);
-        pg->hdr.kind = kind;
-        pg->hdr.extraflags = 0;
-        pg->hdr.user = 1;
-        std::atomic_ref<uint32_t>(pg->ref_count).store(1, std::memory_order_release);
-        made_.push_back(pg);
-        *out = pg;
-        return VEL_S_OK;
-    }
-
     const Geometry &g_;
-    PageManager *pm_;
-    Txn *txn_;
+    Maker mk_;
     vel_seq_page_t *cur_ = nullptr;
     std::vector<Built> leaves_;
-    std::vector<vel_seq_page_t *> made_;
 };
 
 // Feeds the leaves of a tree, left to right, to the builder.

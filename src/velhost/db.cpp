@@ -257,7 +257,7 @@ VEL_RET velh_db_close(velh_db_t *db) {
     Db *d = reinterpret_cast<Db *>(db);
     if (d->n_connections.load() != 0)
         return VEL_E_HOST_BUSY;
-    log_close(d);
+    const VEL_RET flushed = log_close(d);
     if (d->image_fd >= 0)
         ::close(d->image_fd);
     if (d->ro_log_fd >= 0)
@@ -277,7 +277,7 @@ VEL_RET velh_db_close(velh_db_t *db) {
     arena_destroy(&d->pms[0]);
     arena_destroy(&d->pms[1]);
     delete d;
-    return VEL_S_OK;
+    return flushed;
 }
 
 VEL_RET velh_class_define(velh_db_t *db, const char *name, const velh_field_def_t *fields,

@@ -150,8 +150,8 @@ VEL_RET log_start(Db *db, int fd, const velh_config_t *cfg, uint64_t image_id,
 // only its lock).  Closes `fd` on failure.
 VEL_RET log_open(Db *db, int fd, const velh_config_t *cfg, Loader *ld, velh_open_stats_t *stats);
 
-// Flushes and closes the log.
-void log_close(Db *db);
+// Flushes and closes the log; VEL_E_HOST_IO when the flush failed.
+VEL_RET log_close(Db *db);
 
 // Appends the definition of class `class_code`, before it is published; the
 // caller holds Durable::mutex.

@@ -47,6 +47,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 #include <unordered_set>
+#include <utility>
 #include <xxhash.h>
 
 #include "durable.h"
@@ -394,188 +395,222 @@ uint64_t records_after(const std::string &rest, uint64_t seq) {
 
 } // namespace
 
-VEL_RET log_open(Db *d, int fd, const velh_config_t *cfg, Loader *ld, velh_open_stats_t *stats) {
-    const std::string path(cfg->log_path);
-    const bool ro = (cfg->open_flags & VELH_OPEN_READ_ONLY) != 0;
-    const bool recover = (cfg->open_flags & VELH_OPEN_RECOVER) != 0;
-    auto ids = [ld] {
+namespace {
+
+// The open of one log, step by step.  The replay owns the descriptor until
+// it hands it to the database (attach, or the read-only lock); every
+// failure closes it and leaves the file as it was.
+struct Replay {
+    Db *d;
+    int fd;
+    const velh_config_t *cfg;
+    Loader *ld;
+    velh_open_stats_t *stats;
+    std::string path = cfg->log_path;
+    bool ro = (cfg->open_flags & VELH_OPEN_READ_ONLY) != 0;
+    bool recover = (cfg->open_flags & VELH_OPEN_RECOVER) != 0;
+    uint64_t size = 0;
+    uint64_t image_id = 0, first_page_id = 0; // from the header
+    uint64_t pos = kLogHeader, seq = 1;       // the first record not replayed
+
+    ~Replay() {
+        if (fd >= 0)
+            ::close(fd);
+    }
+    VEL_RET io(uint64_t at) {
+        return fail(VEL_E_HOST_IO, "cannot read " + path + " at offset " + std::to_string(at) +
+                                       ": " + errno_text());
+    }
+    VEL_RET bad(const std::string &why) { return fail(VEL_E_HOST_BAD_LOG, path + ": " + why); }
+    std::unordered_map<const std::byte *, uint64_t> ids() const {
         std::unordered_map<const std::byte *, uint64_t> m;
         for (auto &[pg, pi] : ld->info)
             m.emplace(pg, pi.id);
         return m;
-    };
-    auto io = [&](const std::string &why) {
-        std::string msg = "cannot read " + path + why + ": " + errno_text();
-        ::close(fd);
-        return fail(VEL_E_HOST_IO, msg);
-    };
-    auto bad = [&](const std::string &why) {
-        ::close(fd);
-        return fail(VEL_E_HOST_BAD_LOG, path + ": " + why);
-    };
-    struct stat st;
-    if (::fstat(fd, &st) != 0)
-        return io("");
-    const uint64_t size = uint64_t(st.st_size);
-    if (size == 0) { // created, and never written: no log yet
-        if (ro) {
-            d->ro_log_fd = fd;
-            return VEL_S_OK;
-        }
-        return log_start(d, fd, cfg, ld->image_id, ld->max_page_id + 1, ids());
     }
-    std::byte hb[kLogHeader];
-    const int got = pread_exact(fd, hb, kLogHeader, 0);
-    if (got < 0)
-        return io("");
-    if (got == 0 || std::memcmp(hb, kLogMagic, 8) != 0)
-        return bad("not a velhost commit log");
-    In h(hb, kLogHeader);
-    h.bytes(8);
-    const auto version = h.get<uint32_t>();
-    const auto header_bytes = h.get<uint32_t>();
-    const auto seq_ps = h.get<uint32_t>();
-    const auto obj_ps = h.get<uint32_t>();
-    const auto image_id = h.get<uint64_t>();
-    const auto first_page_id = h.get<uint64_t>();
-    const auto afs = h.get<uint16_t>();
-    uint64_t sum;
-    std::memcpy(&sum, hb + 56, 8);
-    if (version != kLogVersion)
-        return bad("format version " + std::to_string(version) + "; this build reads version " +
-                   std::to_string(kLogVersion));
-    if (header_bytes != kLogHeader || sum != XXH3_64bits(hb, 56))
-        return bad("the header is damaged (checksum)");
-    if (image_id != ld->image_id) {
-        // A checkpoint stopped between renaming its image and its new log:
-        // the image holds every record of the old log, which a new one
-        // replaces (only commits acknowledged before the image can be in it).
-        if (!ld->checkpoint || image_id != ld->prev_image_id)
-            return bad("it follows another image than the one opened");
+    // The database keeps the log: for appending, or only its lock.
+    VEL_RET keep(uint64_t end, uint64_t next_page_id) {
         if (ro) {
-            d->ro_log_fd = fd;
+            d->ro_log_fd = std::exchange(fd, -1);
             return VEL_S_OK;
         }
+        Durable *L = attach(d, cfg, std::exchange(fd, -1), end, image_id);
+        L->next_seq = seq;
+        L->next_page_id = next_page_id;
+        L->id_of = ids();
+        return VEL_S_OK;
+    }
+
+    VEL_RET run() {
+        struct stat st;
+        if (::fstat(fd, &st) != 0)
+            return io(0);
+        size = uint64_t(st.st_size);
+        if (size == 0) { // created and never written: no log yet
+            image_id = ld->image_id;
+            return ro ? keep(0, 0)
+                      : log_start(d, std::exchange(fd, -1), cfg, ld->image_id, ld->max_page_id + 1,
+                                  ids());
+        }
+        if (VEL_RET r = header(); r != VEL_S_OK)
+            return r;
+        if (image_id != ld->image_id) {
+            // A checkpoint stopped between renaming its image and its new
+            // log: the image holds every record of the old log (no commit
+            // is acknowledged in between), and a new log replaces it.
+            if (!ld->checkpoint || image_id != ld->prev_image_id)
+                return bad("it follows another image than the one opened");
+            return ro ? keep(0, 0) : replace_contained();
+        }
+        if (VEL_RET r = records(); r != VEL_S_OK)
+            return r;
+        if (pos < size)
+            if (VEL_RET r = tail(); r != VEL_S_OK)
+                return r;
+        free_unreferenced(ld);
+        return keep(pos, std::max(ld->max_page_id, first_page_id - 1) + 1);
+    }
+
+    // Checks the 64-byte header against the image just loaded.
+    VEL_RET header() {
+        std::byte hb[kLogHeader];
+        const int got = pread_exact(fd, hb, kLogHeader, 0);
+        if (got < 0)
+            return io(0);
+        if (got == 0 || std::memcmp(hb, kLogMagic, 8) != 0)
+            return bad("not a velhost commit log");
+        In h(hb, kLogHeader);
+        h.bytes(8);
+        const auto version = h.get<uint32_t>();
+        const auto header_bytes = h.get<uint32_t>();
+        const auto seq_ps = h.get<uint32_t>();
+        const auto obj_ps = h.get<uint32_t>();
+        image_id = h.get<uint64_t>();
+        first_page_id = h.get<uint64_t>();
+        const auto afs = h.get<uint16_t>();
+        uint64_t sum;
+        std::memcpy(&sum, hb + 56, 8);
+        if (version != kLogVersion)
+            return bad("format version " + std::to_string(version) + "; this build reads version " +
+                       std::to_string(kLogVersion));
+        if (header_bytes != kLogHeader || sum != XXH3_64bits(hb, 56))
+            return bad("the header is damaged (checksum)");
+        if (image_id == ld->image_id &&
+            (seq_ps != d->cfg.seq_page_size || obj_ps != d->cfg.object_page_size ||
+             afs != d->cfg.additional_object_field_size || first_page_id <= ld->max_page_id))
+            return bad("its page sizes or page ids disagree with the image");
+        return VEL_S_OK;
+    }
+
+    // Puts a new, empty log for the image in place of the contained one.
+    VEL_RET replace_contained() {
         std::string tmp;
         int nfd = prepare_log(d, path, ld->image_id, ld->max_page_id + 1, &tmp);
-        if (nfd < 0) {
-            ::close(fd);
+        if (nfd < 0)
             return VEL_E_HOST_IO;
-        }
         if (::rename(tmp.c_str(), path.c_str()) != 0 || !sync_dir(path)) {
             std::string why = "cannot replace the log " + path + ": " + errno_text();
             ::unlink(tmp.c_str());
             ::close(nfd);
-            ::close(fd);
             return fail(VEL_E_HOST_IO, why);
         }
         ::close(fd);
-        Durable *L = attach(d, cfg, nfd, kLogHeader, ld->image_id);
-        L->next_page_id = ld->max_page_id + 1;
-        L->id_of = ids();
+        fd = nfd;
+        image_id = ld->image_id;
+        seq = 1;
+        return keep(kLogHeader, ld->max_page_id + 1);
+    }
+
+    // Applies the whole records in sequence; stops at the first that is
+    // short, damaged or out of sequence (pos, seq: that record).
+    VEL_RET records() {
+        std::string rec;
+        while (pos < size) {
+            const uint64_t avail = std::min<uint64_t>(size - pos, 24);
+            rec.resize(avail);
+            if (pread_exact(fd, rec.data(), avail, pos) < 0)
+                return io(pos);
+            uint64_t len = 0;
+            if (avail == 24)
+                std::memcpy(&len, rec.data() + 8, 8);
+            if (avail < 24 || len > size - pos - 24)
+                return VEL_S_OK;
+            rec.resize(24 + len);
+            if (pread_exact(fd, rec.data() + 24, len, pos + 24) < 0)
+                return io(pos);
+            uint32_t type;
+            const auto *r = reinterpret_cast<const std::byte *>(rec.data());
+            if (!whole_record(r, rec.size(), &type, &len) || seq_of(r) != seq)
+                return VEL_S_OK;
+            In in(r + 24, len);
+            in.get<uint64_t>();
+            std::string why;
+            bool ok;
+            if (type == kRecClass) {
+                const auto code = in.get<uint16_t>();
+                ok = get_class(d, in, code, &why) == VEL_S_OK && in.done();
+            } else {
+                ok = replay_commit(d, ld, in, first_page_id, &why);
+            }
+            if (!ok)
+                return bad("record " + std::to_string(seq) + " cannot be applied: " + why);
+            pos += 24 + len;
+            ++seq;
+            ++stats->log_replayed;
+        }
         return VEL_S_OK;
     }
-    if (seq_ps != d->cfg.seq_page_size || obj_ps != d->cfg.object_page_size ||
-        afs != d->cfg.additional_object_field_size || first_page_id <= ld->max_page_id)
-        return bad("its page sizes or page ids disagree with the image");
 
-    uint64_t pos = kLogHeader, seq = 1, replayed = 0;
-    std::string rec;
-    while (pos < size) {
-        const uint64_t avail = std::min<uint64_t>(size - pos, 24);
-        rec.resize(avail);
-        if (pread_exact(fd, rec.data(), avail, pos) < 0)
-            return io(" at offset " + std::to_string(pos));
-        uint64_t len = 0;
-        if (avail == 24)
-            std::memcpy(&len, rec.data() + 8, 8);
-        if (avail < 24 || len > size - pos - 24)
-            break;
-        rec.resize(24 + len);
-        if (pread_exact(fd, rec.data() + 24, len, pos + 24) < 0)
-            return io(" at offset " + std::to_string(pos));
-        uint32_t type;
-        const auto *r = reinterpret_cast<const std::byte *>(rec.data());
-        if (!whole_record(r, rec.size(), &type, &len) || seq_of(r) != seq)
-            break;
-        In in(r + 24, len);
-        in.get<uint64_t>();
-        std::string why;
-        bool ok;
-        if (type == kRecClass) {
-            const auto code = in.get<uint16_t>();
-            ok = get_class(d, in, code, &why) == VEL_S_OK && in.done();
-        } else {
-            ok = replay_commit(d, ld, in, first_page_id, &why);
-        }
-        if (!ok)
-            return bad("record " + std::to_string(seq) + " cannot be applied: " + why);
-        pos += 24 + len;
-        ++seq;
-        ++replayed;
-    }
-    if (pos < size) {
-        // A torn tail is a short or bad last record, which a crash during
-        // its write leaves.  Damage that whole records follow is not: those
-        // were acknowledged, and nothing is cut without being asked.
+    // What follows the last record applied.  A torn tail is a short or bad
+    // last record, which a crash during its write leaves: it is cut.
+    // Damage that whole records follow is not: those were acknowledged, and
+    // nothing is cut without being asked (VELH_OPEN_RECOVER), nor deleted.
+    VEL_RET tail() {
         std::string rest(size - pos, '\0');
         if (pread_exact(fd, rest.data(), rest.size(), pos) != 1)
-            return io(" at offset " + std::to_string(pos));
+            return io(pos);
         const uint64_t later = records_after(rest, seq);
         const std::string at = std::to_string(pos);
+        const std::string aside = path + ".damaged-" + at;
         if (later != 0 && !recover)
             return bad("the record at offset " + at + " is damaged and " + std::to_string(later) +
                        " whole records follow it; opening with VELH_OPEN_RECOVER keeps the " +
-                       "records before it and moves the rest aside to " + path + ".damaged-" + at);
+                       "records before it and moves the rest aside to " + aside);
+        (later != 0 ? stats->log_set_aside_records : stats->log_cut_records) = later + 1;
+        (later != 0 ? stats->log_set_aside_bytes : stats->log_cut_bytes) = rest.size();
+        if (ro)
+            return VEL_S_OK;
         if (later != 0) {
-            stats->log_set_aside_records = later + 1;
-            stats->log_set_aside_bytes = rest.size();
-        } else {
-            stats->log_cut_records = 1;
-            stats->log_cut_bytes = rest.size();
-        }
-        if (!ro) {
-            const std::string aside = path + ".damaged-" + at;
-            int afd = later == 0
-                          ? -1
-                          : ::open(aside.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
-            if (later != 0 && (afd < 0 || !write_all(afd, rest.data(), rest.size()) ||
-                               ::fsync(afd) != 0 || !sync_dir(aside))) {
-                std::string why = "cannot move the damaged rest of " + path + " to " + aside +
-                                  ": " + errno_text();
-                if (afd >= 0) {
-                    ::close(afd);
-                    ::unlink(aside.c_str());
-                }
-                ::close(fd);
-                return fail(VEL_E_HOST_IO, why);
-            }
+            int afd = ::open(aside.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
+            const bool moved = afd >= 0 && write_all(afd, rest.data(), rest.size()) &&
+                               ::fsync(afd) == 0 && sync_dir(aside);
+            std::string why = moved ? "" : errno_text();
             if (afd >= 0)
                 ::close(afd);
-            if (::ftruncate(fd, static_cast<off_t>(pos)) != 0 || ::fdatasync(fd) != 0) {
-                std::string why = "cannot cut " + path + " at offset " + at + ": " + errno_text();
-                ::close(fd);
-                return fail(VEL_E_HOST_IO, why);
+            if (!moved) {
+                if (afd >= 0)
+                    ::unlink(aside.c_str());
+                return fail(VEL_E_HOST_IO, "cannot move the damaged rest of " + path + " to " +
+                                               aside + ": " + why);
             }
         }
-    }
-    free_unreferenced(ld);
-    stats->log_replayed = replayed;
-    if (ro) {
-        d->ro_log_fd = fd;
+        if (::ftruncate(fd, static_cast<off_t>(pos)) != 0 || ::fdatasync(fd) != 0)
+            return fail(VEL_E_HOST_IO,
+                        "cannot cut " + path + " at offset " + at + ": " + errno_text());
         return VEL_S_OK;
     }
-    Durable *L = attach(d, cfg, fd, pos, image_id);
-    L->next_seq = seq;
-    L->next_page_id = std::max(ld->max_page_id, first_page_id - 1) + 1;
-    L->id_of = ids();
-    return VEL_S_OK;
+};
+
+} // namespace
+
+VEL_RET log_open(Db *d, int fd, const velh_config_t *cfg, Loader *ld, velh_open_stats_t *stats) {
+    return Replay{d, fd, cfg, ld, stats}.run();
 }
 
-void log_close(Db *d) {
+VEL_RET log_close(Db *d) {
     Durable *L = d->durable;
     if (L == nullptr)
-        return;
+        return VEL_S_OK;
     {
         std::lock_guard<std::mutex> lock(L->mutex);
         L->stop = true;
@@ -583,12 +618,17 @@ void log_close(Db *d) {
     L->flusher_cv.notify_all();
     if (L->flusher.joinable())
         L->flusher.join();
-    if (L->fd >= 0) {
-        ::fdatasync(L->fd);
+    // The last flush of the grouped and unflushed modes: its failure is the
+    // caller's to hear, though the database goes all the same.
+    VEL_RET r = VEL_S_OK;
+    if (L->fd >= 0 && ::fdatasync(L->fd) != 0)
+        r = fail(VEL_E_HOST_IO, "cannot flush " + L->path + ": " + errno_text() +
+                                    "; commits since the last flush may be lost in a crash");
+    if (L->fd >= 0)
         ::close(L->fd);
-    }
     delete L;
     d->durable = nullptr;
+    return r;
 }
 
 VEL_RET log_class(Db *d, const ClassDef &cls, uint16_t class_code) {
