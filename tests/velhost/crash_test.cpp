@@ -98,7 +98,7 @@ TEST(DurableCrash, KilledWriterLeavesWholeCommits) {
     const char *env = std::getenv("VELSEQ_CRASH_KILLS");
     const int kills = env != nullptr && *env ? std::atoi(env) : 5;
     std::mt19937_64 rng(20261123);
-    for (int mode : {VELH_LOG_SYNC_COMMIT, VELH_LOG_SYNC_GROUP}) {
+    for (int mode : {VELH_LOG_SYNC_COMMIT, VELH_LOG_SYNC_GROUP, VELH_LOG_SYNC_NONE}) {
         int in_flight = 0, saves_checked = 0;
         for (int i = 0; i < kills; ++i) {
             SCOPED_TRACE("mode " + std::to_string(mode) + " kill " + std::to_string(i));

@@ -197,6 +197,10 @@ TEST(DurableLock, OneWriterOrSharedReaders) {
     EXPECT_EQ(st.log_cut_bytes, 9u);
     EXPECT_EQ(velh_checkpoint(t->db, img.c_str()), VEL_S_OK);
     EXPECT_FALSE(fs::exists(stale));
+    // A read-only open replays class records like any other.
+    EXPECT_EQ(define_class(t->db, 2), VEL_S_OK);
+    t.reset();
+    EXPECT_TRUE(open_db(ro, img.c_str()));
 }
 
 // Each class defined as the next of a loop of checkpoints begins lands in the
