@@ -396,6 +396,7 @@ typedef struct velh_open_stats_t_ {
     uint64_t log_cut_bytes;   /* bytes dropped from that tail */
     uint64_t log_set_aside_records; /* VELH_OPEN_RECOVER: records after the damage */
     uint64_t log_set_aside_bytes;   /* VELH_OPEN_RECOVER: bytes moved to LOG.damaged-OFF */
+    uint64_t log_damage_offset;     /* OFF: where the damage (or the torn tail) begins */
 } velh_open_stats_t;
 
 /* Opens a database from the image at `image_path` (NULL: from the empty

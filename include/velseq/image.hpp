@@ -7,10 +7,8 @@
 #ifndef VELSEQ_IMAGE_HPP
 #define VELSEQ_IMAGE_HPP
 
-#include <filesystem>
 #include <memory>
 #include <string>
-#include <system_error>
 
 #include "../velseq.hpp"
 
@@ -59,18 +57,14 @@ inline std::unique_ptr<database> open_image(const std::string &path, const confi
 }
 
 // What an open left out of its log, with what is needed to say so: the
-// host's figures, the log's path and its size before the open.
+// host's figures and the log's path.
 struct open_report {
     velh_open_stats_t stats{};
     std::string log;        // "" : no log
-    uint64_t log_bytes = 0; // before the open
     bool read_only = false; // the files were left as they were
 
     // Offset of the damage: the set-aside rest ran from there to the end.
-    uint64_t damage_offset() const noexcept {
-        const uint64_t rest = stats.log_set_aside_bytes;
-        return log_bytes >= rest ? log_bytes - rest : 0;
-    }
+    uint64_t damage_offset() const noexcept { return stats.log_damage_offset; }
     // The file the damaged rest was moved to, LOG.damaged-OFFSET ("" when
     // nothing was moved).
     std::string set_aside_path() const {
@@ -103,12 +97,8 @@ struct open_report {
 inline std::unique_ptr<database> open_image(const std::string &path, const config &cfg,
                                             open_report &report) {
     report = open_report();
-    if (cfg.log_path != nullptr && *cfg.log_path != '\0') {
+    if (cfg.log_path != nullptr && *cfg.log_path != '\0')
         report.log = cfg.log_path;
-        std::error_code ec;
-        const auto n = std::filesystem::file_size(report.log, ec); // a missing log is created
-        report.log_bytes = ec ? 0 : static_cast<uint64_t>(n);
-    }
     report.read_only = (cfg.open_flags & VELH_OPEN_READ_ONLY) != 0;
     return open_image(path, cfg, &report.stats);
 }

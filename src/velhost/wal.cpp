@@ -578,6 +578,7 @@ struct Replay {
                        "records before it and moves the rest aside to " + aside);
         (later != 0 ? stats->log_set_aside_records : stats->log_cut_records) = later + 1;
         (later != 0 ? stats->log_set_aside_bytes : stats->log_cut_bytes) = rest.size();
+        stats->log_damage_offset = pos;
         if (ro)
             return VEL_S_OK;
         if (later != 0) {
