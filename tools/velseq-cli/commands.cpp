@@ -283,17 +283,20 @@ int cmd_resample(Reader &r, const Source &src, const Query &q) {
     return 0;
 }
 
-int cmd_asof(velseq::database &db, Reader &r, const Source &src, const Query &q) {
+int cmd_asof(Reader &r, const Source &src, const Query &q) {
     const int tc = r.need_time("asof");
     LoadOptions lo;
     lo.file = q.other;
     lo.progress = -1;
-    Table other = load_csv(db, lo);
+    // The probes live in a database of their own: the table's may be open
+    // read-only.
+    velseq::database other_db;
+    Table other = load_csv(other_db, lo);
     if (other.time < 0 || other.cols[other.time].kind != r.t.cols[tc].kind)
         throw Fail(kExitUsage, q.other + " has no " + kind_name(r.t.cols[tc].kind) +
                                    " column to match the time column " + r.t.cols[tc].name);
     const std::vector<int> cols = r.columns(q.cols);
-    Reader o(db, other);
+    Reader o(other_db, other);
     std::vector<std::string> header = o.header(o.columns({}));
     for (int c : cols) {
         std::string nm = r.t.cols[c].name;
@@ -431,7 +434,7 @@ int answer(const std::string &name, velseq::database &db, const Table &t, const 
     if (name == "resample")
         return cmd_resample(r, src, q);
     if (name == "asof")
-        return cmd_asof(db, r, src, q);
+        return cmd_asof(r, src, q);
     return cmd_tree(r, q);
 }
 
