@@ -405,6 +405,354 @@ uint64_t insert_growth(const Geometry &g, uint64_t n, uint32_t depth) {
     return passes * (uint64_t(depth) + 1);
 }
 
+// ---- local repair ----------------------------------------------------------
+//
+// The walk lists the inner pages level by level, left to right: the header
+// of each, and the entries of those above the parents of leaves (of an
+// int64 field on 4 KiB pages, one page in 256 and one in 65 000).  Leaves
+// are read only where their values move.  A page opens (is rebuilt)
+// when it is less than half full, when it is a parent of leaves with more
+// than twice the leaves its values need plus one (then two neighbouring
+// leaves fit into one), or when one of its children opened; the root opens
+// with a child or when it has a single one.  Near the page budget the
+// parents of leaves whose leaves waste the most open too, with their leaves
+// copied densely.  Each run of neighbouring open pages of a level gives way
+// to new pages holding the run's children (kept, or the new pages of open
+// ones) packed full: heights stay, no parent gains entries, and levels left
+// with a single page above which everything opened drop out of the tree.
+
+// A page above the leaves, as the walk found it.
+struct Node {
+    vel_seq_page_t *page;
+    const std::byte *key; // its key in its parent (ordered fields)
+    uint64_t count;       // elements of its subtree
+    uint32_t first_child; // index of its first child one level down
+    uint16_t user;
+    uint8_t open; // 0 kept, 1 rebuilt, 2 rebuilt with its leaves copied densely
+};
+
+// A page of the new tree: an old one kept by reference, or a new one.
+struct Item {
+    vel_seq_page_t *page;
+    const std::byte *first; // its first value, or its key in an old parent
+    uint64_t count;
+    bool made;
+};
+
+class Repair {
+  public:
+    Repair(const Geometry &g, PageManager *pm, Txn *txn) : g_(g), pm_(pm), mk_(pm, txn) {}
+
+    // Lists the inner levels of a tree of three levels or more, parents of
+    // leaves first.  False when a page is not of its level's kind.
+    bool walk(vel_seq_page_t *root, uint32_t depth) {
+        lv_.assign(depth - 1, {});
+        lv_.back().push_back({root, nullptr, elements_of(g_, root), 0, root->hdr.user, 0});
+        pages_ = 1;
+        for (size_t k = lv_.size() - 1; k > 0; --k)
+            for (Node &n : lv_[k]) {
+                n.first_child = static_cast<uint32_t>(lv_[k - 1].size());
+                for (uint32_t i = 0; i < n.user; ++i) {
+                    const vel_seq_node_t *e = g_.entry(n.page, i);
+                    if (e->page == nullptr || !is_inner(e->page) || e->page->hdr.user == 0)
+                        return false;
+                    lv_[k - 1].push_back({e->page, g_.keyed ? g_.value(n.page, i) : nullptr,
+                                          e->count, 0, e->page->hdr.user, 0});
+                }
+                pages_ += n.user;
+            }
+        for (const Node &b : lv_[0])
+            pages_ += b.user;
+        return true;
+    }
+    uint64_t pages() const { return pages_; }
+
+    // Opens the pages to rebuild; while the pages are above `target`, the
+    // most wasteful parents of leaves copy their leaves densely.
+    void plan(uint64_t target) {
+        std::vector<std::pair<double, uint32_t>> waste;
+        for (uint32_t j = 0; j < lv_[0].size(); ++j) {
+            Node &b = lv_[0][j];
+            const uint64_t need = needed(b);
+            b.open = 2u * b.user < g_.inner_cap || b.user > 2 * need + 1;
+            if (b.user > need)
+                waste.push_back({double(b.user - need) / double(need), j});
+        }
+        if (pages_ > target) {
+            std::sort(waste.begin(), waste.end(), std::greater<>());
+            uint64_t left = pages_;
+            for (size_t i = 0; i < waste.size() && left > target; ++i) {
+                Node &b = lv_[0][waste[i].second];
+                b.open = 2;
+                left -= b.user - needed(b);
+            }
+        }
+        for (size_t k = 1; k < lv_.size(); ++k)
+            for (Node &n : lv_[k]) {
+                bool open = k + 1 < lv_.size() ? 2u * n.user < g_.inner_cap : n.user == 1;
+                for (uint32_t c = 0; c < n.user && !open; ++c)
+                    open = lv_[k - 1][n.first_child + c].open != 0;
+                n.open = open;
+            }
+    }
+
+    // Makes the new pages; nothing old changes yet.  False in *changed when
+    // nothing opened.
+    VEL_RET build(bool *changed) {
+        const size_t top = lv_.size() - 1;
+        *changed = lv_[top][0].open != 0;
+        depth_ = uint32_t(top) + 2;
+        if (!*changed)
+            return VEL_S_OK;
+        // all_open[k]: every page of levels k.. of the walk opened.
+        std::vector<bool> all_open(lv_.size() + 1, true);
+        for (size_t k = top + 1; k-- > 0;) {
+            all_open[k] = all_open[k + 1];
+            for (const Node &n : lv_[k]) {
+                all_open[k] = all_open[k] && n.open;
+                removed_ += n.open != 0;
+            }
+        }
+        // The new pages level by level, while a page above stays or the
+        // level has more than one.
+        std::vector<Item> cur;
+        VEL_RET r = level(0, nullptr, &cur);
+        uint32_t depth = 2;
+        for (size_t k = 1; r == VEL_S_OK && k <= top && !(cur.size() == 1 && all_open[k]); ++k) {
+            std::vector<Item> up;
+            r = level(k, &cur, &up);
+            cur = std::move(up);
+            ++depth;
+        }
+        while (r == VEL_S_OK && cur.size() > 1) { // not met: an open root's children fit into one
+            std::vector<Item> up;
+            r = pack(cur, 0, cur.size(), &up);
+            cur = std::move(up);
+            ++depth;
+        }
+        if (r != VEL_S_OK)
+            return r;
+        root_ = cur[0];
+        // An old page left alone at the top gives way to its only child.
+        while (!root_.made && is_inner(root_.page) && root_.page->hdr.user == 1) {
+            root_ = {g_.entry(root_.page, 0)->page, nullptr, root_.count, false};
+            ++removed_;
+            --depth;
+        }
+        depth_ = depth;
+        return VEL_S_OK;
+    }
+    uint64_t pages_after() const { return pages_ - removed_ + mk_.made(); }
+    uint32_t depth_after() const { return depth_; }
+
+    void discard() { mk_.discard(); }
+
+    // Puts the new tree in the slot: old pages the new ones keep gain a
+    // reference before the old tree loses this version's.
+    void install(vel_seq_page_t **slot) {
+        for (vel_seq_page_t *pg : kept_)
+            ref_add(pg);
+        if (!root_.made)
+            ref_add(root_.page);
+        vel_seq_page_t *old = *slot;
+        *slot = root_.page;
+        release_tree(g_, pm_, old);
+    }
+
+  private:
+    uint64_t needed(const Node &b) const { return (b.count + g_.leaf_cap - 1) / g_.leaf_cap; }
+
+    // The new pages of walk level k from those of the level below (at level
+    // 0, from the leaves).  at_[j] is where old page j of the level below
+    // starts among `below`; on return, the same for level k and `out`.
+    // Runs of open pages never straddle a kept parent, so their shares are
+    // contiguous.
+    VEL_RET level(size_t k, const std::vector<Item> *below, std::vector<Item> *out) {
+        const std::vector<Node> &pages = lv_[k];
+        std::vector<uint32_t> at(pages.size() + 1);
+        for (size_t j = 0; j < pages.size();) {
+            const Node &n = pages[j];
+            if (!n.open) {
+                at[j++] = static_cast<uint32_t>(out->size());
+                out->push_back({n.page, n.key, n.count, false});
+                continue;
+            }
+            size_t e = j;
+            for (; e < pages.size() && pages[e].open; ++e)
+                at[e] = static_cast<uint32_t>(out->size());
+            VEL_RET r = k == 0 ? leaves(j, e, out)
+                               : pack(*below, at_[pages[j].first_child],
+                                      at_[pages[e - 1].first_child + pages[e - 1].user], out);
+            if (r != VEL_S_OK)
+                return r;
+            j = e;
+        }
+        at[pages.size()] = static_cast<uint32_t>(out->size());
+        at_ = std::move(at);
+        return VEL_S_OK;
+    }
+
+    // New inner pages over in[from, to), full but the last.
+    VEL_RET pack(const std::vector<Item> &in, size_t from, size_t to, std::vector<Item> *out) {
+        for (size_t i = from; i < to; i += g_.inner_cap) {
+            const size_t n = std::min<size_t>(g_.inner_cap, to - i);
+            vel_seq_page_t *pg;
+            VEL_RET r = mk_.new_page(2, &pg);
+            if (r != VEL_S_OK)
+                return r;
+            Item it{pg, in[i].first, 0, true};
+            // Entry, then key, child by child, as in Builder::finish.
+            for (size_t j = 0; j < n; ++j) {
+                const Item &c = in[i + j];
+                *g_.entry(pg, uint32_t(j)) = {c.page, c.count};
+                if (g_.keyed)
+                    std::memcpy(g_.value(pg, uint32_t(j)), c.first, g_.s);
+                it.count += c.count;
+                if (!c.made)
+                    kept_.push_back(c.page);
+            }
+            pg->hdr.user = static_cast<uint16_t>(n);
+            out->push_back(it);
+        }
+        return VEL_S_OK;
+    }
+
+    // The leaves of the open parents j..e-1, neighbours that fit into one
+    // leaf merged (all of them for a dense copy), under new parents.
+    VEL_RET leaves(size_t j, size_t e, std::vector<Item> *out) {
+        leaves_.clear();
+        for (size_t q = j; q < e; ++q) {
+            const Node &b = lv_[0][q];
+            for (uint32_t i = 0; i < b.user; ++i) {
+                const vel_seq_node_t *en = g_.entry(b.page, i);
+                const Item leaf{en->page, g_.keyed ? g_.value(b.page, i) : nullptr, en->count,
+                                false};
+                VEL_RET r = take(leaf, b.open == 2);
+                if (r != VEL_S_OK)
+                    return r;
+            }
+        }
+        flush();
+        return pack(leaves_, 0, leaves_.size(), out);
+    }
+
+    // One old leaf: kept (pending) unless it fits into the leaf being
+    // filled or beside the pending one; a dense copy always moves it.
+    VEL_RET take(const Item &leaf, bool dense) {
+        const bool fits = (acc_ != nullptr && acc_->hdr.user + leaf.count <= g_.leaf_cap) ||
+                          (acc_ == nullptr && has_pend_ && pend_.count + leaf.count <= g_.leaf_cap);
+        if (!dense && !fits) {
+            flush();
+            pend_ = leaf;
+            has_pend_ = true;
+            return VEL_S_OK;
+        }
+        if (has_pend_) {
+            has_pend_ = false;
+            VEL_RET r = copy_in(pend_);
+            if (r != VEL_S_OK)
+                return r;
+        }
+        return copy_in(leaf);
+    }
+    // Appends an old leaf's values and null bits to the leaves being filled.
+    VEL_RET copy_in(const Item &leaf) {
+        const auto n = static_cast<uint32_t>(leaf.count);
+        const uint64_t *nulls = g_.nulls(leaf.page);
+        for (uint32_t done = 0; done < n;) {
+            if (acc_ != nullptr && acc_->hdr.user == g_.leaf_cap)
+                emit();
+            if (acc_ == nullptr) {
+                VEL_RET r = mk_.new_page(3, &acc_);
+                if (r != VEL_S_OK)
+                    return r;
+                acc_->hdr.user = 0;
+                std::memset(g_.nulls(acc_), 0, 8 * ((size_t(g_.leaf_cap) + 63) / 64));
+            }
+            const uint32_t to = acc_->hdr.user;
+            const uint32_t k = std::min(n - done, g_.leaf_cap - to);
+            std::memcpy(g_.value(acc_, to), g_.value(leaf.page, done), size_t(k) * g_.s);
+            if (any_bits(nulls, done, k))
+                copy_bits(g_.nulls(acc_), to, nulls, done, k);
+            acc_->hdr.user = static_cast<uint16_t>(to + k);
+            done += k;
+        }
+        ++removed_;
+        return VEL_S_OK;
+    }
+    void emit() {
+        leaves_.push_back({acc_, g_.value(acc_, 0), acc_->hdr.user, true});
+        acc_ = nullptr;
+    }
+    void flush() {
+        if (acc_ != nullptr)
+            emit();
+        if (has_pend_)
+            leaves_.push_back(pend_);
+        has_pend_ = false;
+    }
+
+    const Geometry &g_;
+    PageManager *pm_;
+    Maker mk_;
+    std::vector<std::vector<Node>> lv_; // lv_[0]: parents of leaves; back(): the root
+    uint64_t pages_ = 0;
+    uint64_t removed_ = 0; // old pages the new tree leaves out
+    uint32_t depth_ = 0;
+    Item root_{};
+    std::vector<uint32_t> at_;
+    std::vector<vel_seq_page_t *> kept_; // old pages under new ones
+    std::vector<Item> leaves_;           // leaves of the run being rebuilt
+    vel_seq_page_t *acc_ = nullptr;      // new leaf being filled
+    Item pend_{};                        // old leaf not yet placed
+    bool has_pend_ = false;
+};
+
+// The policy's full look at a field of `depth` levels: a local repair when
+// the depth passed `max_depth` or the pages near twice the dense ones (the
+// last `margin` pages before that budget, so that the next look is some
+// inserts away), a full compaction when the tree is at most two levels deep
+// or the repair cannot meet the limits.  *pages: the field's pages after.
+VEL_RET keep(const Access &a, vel_seq_order_t order, const Geometry &g, uint32_t depth,
+             uint32_t max_depth, uint64_t *pages) {
+    vel_seq_page_t *root = *a.slot;
+    const uint64_t elements = elements_of(g, root);
+    const uint64_t dense = g.dense_pages(elements);
+    const uint64_t margin = std::min<uint64_t>(512, dense / 8);
+    bool full;
+    if (depth < 3) {
+        const velh_field_shape_t sh = shape_of(g, root);
+        *pages = sh.pages;
+        full = sh.depth > max_depth || sh.pages > 2 * dense;
+    } else {
+        Repair rp(g, a.cls->pm, a.conn->txn);
+        full = !rp.walk(root, depth);
+        *pages = full ? 0 : rp.pages();
+        if (!full && (depth > max_depth || *pages + margin > 2 * dense)) {
+            rp.plan(2 * dense - std::min(2 * margin, 2 * dense));
+            bool changed = false;
+            VEL_RET r = rp.build(&changed);
+            if (r != VEL_S_OK) {
+                rp.discard();
+                return r;
+            }
+            full = rp.depth_after() > max_depth || rp.pages_after() > 2 * dense;
+            if (full) {
+                rp.discard();
+            } else if (changed) {
+                rp.install(a.slot);
+                *pages = rp.pages_after();
+            }
+        }
+    }
+    if (!full)
+        return VEL_S_OK;
+    VEL_RET r = compact(a, order);
+    if (r == VEL_S_OK)
+        *pages = dense;
+    return r;
+}
+
 } // namespace
 
 } // namespace velhost
@@ -448,8 +796,11 @@ VEL_RET velh_keep_compact(const vel_objhandle_t *obj, uint16_t fld_no, vel_seq_o
     const uint32_t depth = levels_of(g, root);
     const uint64_t elements = elements_of(g, root);
     const uint64_t created = txn->created.size();
+    const uint64_t dense = g.dense_pages(elements);
+    const uint32_t max_depth =
+        std::min<uint32_t>(VELH_COMPACT_MAX_DEPTH, g.dense_depth(elements) + 2);
     bool check = st[kSerial] != txn->serial || st[kOid] != obj->oid ||
-                 st[kField] != uint64_t(fld_no) + 1 || depth > VELH_COMPACT_MAX_DEPTH;
+                 st[kField] != uint64_t(fld_no) + 1 || depth > max_depth;
     if (!check) {
         // The budget is exact (twice the dense pages of the elements there
         // are now); the pages are an upper bound, raised by what the changes
@@ -470,21 +821,18 @@ VEL_RET velh_keep_compact(const vel_objhandle_t *obj, uint16_t fld_no, vel_seq_o
         st[kPages] += grown;
         st[kElements] = elements;
         st[kCreated] = created;
-        if (st[kPages] <= 2 * g.dense_pages(elements))
+        if (st[kPages] <= 2 * dense)
             return VEL_S_OK;
     }
-    velh_field_shape_t sh = shape_of(g, root);
-    if (sh.depth > VELH_COMPACT_MAX_DEPTH || sh.pages > 2 * sh.dense_pages) {
-        r = compact(a, order);
-        if (r != VEL_S_OK)
-            return r;
-        sh.pages = sh.dense_pages;
-    }
+    uint64_t pages;
+    r = keep(a, order, g, depth, max_depth, &pages);
+    if (r != VEL_S_OK)
+        return r;
     st[kSerial] = txn->serial;
     st[kOid] = obj->oid;
     st[kField] = uint64_t(fld_no) + 1;
-    st[kPages] = sh.pages;
-    st[kElements] = sh.elements;
+    st[kPages] = pages;
+    st[kElements] = elements;
     st[kCreated] = txn->created.size();
     return VEL_S_OK;
 }

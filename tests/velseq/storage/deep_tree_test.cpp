@@ -1,11 +1,15 @@
 // Late single-value inserts on the raw module path deepen a tree until it
-// traps at 14 levels, with every commit before that whole.  (Compaction and
-// keep-compact's limits are checked by the differential driver.)
+// traps at 14 levels, with every commit before that whole; with
+// velh_keep_compact after each, the host repairs the tree where it degraded.
+// (Compaction and keep-compact's limits are also checked by the differential
+// driver.)
 #include <gtest/gtest.h>
 
 #include <random>
 
+#include "harness/env.h"
 #include "seq_fixture.h"
+#include "storage/field_root.h"
 
 namespace vstest {
 namespace {
@@ -92,6 +96,95 @@ TEST_F(LateInserts, RawPathTrapsAtFourteenLevelsAndEveryCommitStaysWhole) {
         expect_committed(trapped ? "after the trap" : "after a round");
     }
     EXPECT_TRUE(trapped) << "4000 single inserts at one place build 15 levels";
+}
+
+// Single inserts (and, at random places, deletes) each followed by
+// velh_keep_compact, under a snapshot of the committed field, with page
+// allocations failing in some calls.  After each call the tree is sound and
+// within the policy's limits, and holds the model; a refused call changed
+// nothing; the snapshot keeps the committed values; nothing leaks.
+TEST(KeepCompact, LocalRepairsKeepTheTreeSoundWithinLimitsAndShared) {
+    using namespace velrel;
+    const std::vector<FieldSpec> fields = {{family_of(VEL_DD_INT4), VEL_SEQ_NO_ORDER},
+                                           {family_of(VEL_DD_INT8), VEL_SEQ_ASC_ORDER}};
+    int refused = 0;
+    for (int run = 0; run < 6; ++run) {
+        const int pattern = run / 2, fi = run % 2; // one place, random places, the end
+        SCOPED_TRACE("pattern " + std::to_string(pattern) + ", field " + std::to_string(fi));
+        EnvConfig cfg;
+        cfg.seq_page_size = 256;
+        cfg.alt_pm = pattern == 1;
+        VEL_RET rc;
+        auto env = Env::open(cfg, fields, &rc);
+        ASSERT_TRUE(env) << rc;
+        const FieldSpec &fs = fields[fi];
+        const FieldLoc &l = env->loc(fi);
+        const FieldRef ref{l.fld_no, l.u, l.c, &fs.fam};
+        auto content = [&](vel_objhandle_h obj, bool exact) { // both tree checkers
+            velh_tree_report_t rep{};
+            EXPECT_EQ(velh_check_tree(obj, l.fld_no, fs.order, exact, &rep), VEL_S_OK);
+            EXPECT_TRUE(rep.ok) << rep.message;
+            TreeReport r = check_tree(obj, ref, fs.order, exact);
+            EXPECT_TRUE(r.ok()) << r.error;
+            return r.contents;
+        };
+        const bool ordered = fs.order != VEL_SEQ_NO_ORDER;
+        SeqModel m = SeqModel::of_width(fs.fam.width);
+        std::vector<vel_bitmap_word_t> nb(94); // every fifth value null when unordered
+        for (uint64_t k = 0; k < 6000; ++k) {
+            nb[k / 64] |= uint64_t(!ordered && k % 5 == 0) << k % 64;
+            m.insert(k, &k, 1, &nb[k / 64], k % 64); // ascending (little-endian integers)
+        }
+        ASSERT_EQ(fs.fam.append(env->obj(), l.u, l.c, l.fld_no, m.vals.data(), m.size(), fs.order,
+                                nb.data(), m.w),
+                  VEL_S_OK);
+        ASSERT_EQ(env->commit_and_begin(), VEL_S_OK);
+        ASSERT_EQ(env->snapshot_open(0), VEL_S_OK);
+        const SeqModel committed = m;
+        velh_compact_state_t st{};
+        std::mt19937 rng(run);
+        bool exact = true;
+        vel_seq_page_t *root, *root_after;
+        for (int k = 0; k < 3000 && !::testing::Test::HasFailure(); ++k) {
+            const bool del = pattern == 1 && k % 3 == 2;
+            uint64_t pos = pattern == 0   ? 3000
+                           : pattern == 1 ? 1 + rng() % (m.size() - 1)
+                                          : m.size() - rng() % 8;
+            std::vector<uint8_t> v(m.at(pos - 1), m.at(pos - 1) + m.w); // in order
+            if (del) {
+                ASSERT_EQ(fs.fam.del(env->obj(), l.u, l.c, l.fld_no, pos, pos, fs.order, m.w),
+                          VEL_S_OK);
+                m.erase(pos, pos);
+                exact = !ordered;
+            } else {
+                const vel_bitmap_word_t null = !ordered && k % 4 == 0;
+                ASSERT_EQ(fs.fam.insert(env->obj(), l.u, l.c, l.fld_no, pos, v.data(), 1, fs.order,
+                                        &null, m.w),
+                          VEL_S_OK);
+                m.insert(pos, v.data(), 1, &null, 0);
+            }
+            velh_field_shape_t sh{};
+            ASSERT_EQ(vel_seq_get_root(env->obj(), l.u, l.c, &root), VEL_S_OK);
+            if (k % 5 == 4)
+                velh_fail_page_alloc(env->db(), 1 + k % 3, 0);
+            rc = velh_keep_compact(env->obj(), l.fld_no, fs.order, 1, &st);
+            velh_fail_page_alloc(env->db(), 0, 0);
+            ASSERT_EQ(vel_seq_get_root(env->obj(), l.u, l.c, &root_after), VEL_S_OK);
+            ASSERT_EQ(velh_field_shape(env->obj(), l.fld_no, fs.order, &sh), VEL_S_OK);
+            refused += rc == VEL_E_NOMEM;
+            ASSERT_TRUE(rc == VEL_S_OK || (rc == VEL_E_NOMEM && root_after == root)) << rc;
+            EXPECT_TRUE(rc != VEL_S_OK ||
+                        (sh.depth <= VELH_COMPACT_MAX_DEPTH && sh.pages <= 2 * sh.dense_pages));
+            if (k % 64 == 0 || root_after != root || rc != VEL_S_OK) {
+                EXPECT_TRUE(content(env->obj(), exact) == m) << "update " << k;
+            }
+        }
+        EXPECT_TRUE(content(env->snapshot_obj(0), true) == committed);
+        ASSERT_EQ(env->commit_and_begin(), VEL_S_OK);
+        ASSERT_EQ(env->release_all(), VEL_S_OK);
+        EXPECT_EQ(env->live_pages(), 0u);
+    }
+    EXPECT_GT(refused, 10) << "too few repairs met an allocation failure";
 }
 
 } // namespace
