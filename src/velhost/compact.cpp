@@ -161,6 +161,11 @@ class Maker {
         made_.clear();
     }
     size_t made() const { return made_.size(); }
+    // Frees the page made last.
+    void drop_last() {
+        page_free(pm_, reinterpret_cast<std::byte *>(made_.back()), txn_);
+        made_.pop_back();
+    }
 
   private:
     PageManager *pm_;
@@ -533,10 +538,21 @@ class Repair {
         if (r != VEL_S_OK)
             return r;
         root_ = cur[0];
-        // An old page left alone at the top gives way to its only child.
-        while (!root_.made && is_inner(root_.page) && root_.page->hdr.user == 1) {
-            root_ = {g_.entry(root_.page, 0)->page, nullptr, root_.count, false};
-            ++removed_;
+        // A root of one child gives way to it.  A new root was made last,
+        // by a pack of that child alone, so an old child is the last page
+        // kept; an old root's children are old.
+        while (is_inner(root_.page) && root_.page->hdr.user == 1) {
+            vel_seq_page_t *child = g_.entry(root_.page, 0)->page;
+            bool made = false;
+            if (root_.made) {
+                made = kept_.empty() || kept_.back() != child;
+                if (!made)
+                    kept_.pop_back();
+                mk_.drop_last();
+            } else {
+                ++removed_;
+            }
+            root_ = {child, nullptr, root_.count, made};
             --depth;
         }
         depth_ = depth;
