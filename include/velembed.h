@@ -292,18 +292,20 @@ typedef struct velh_compact_state_t_ {
    most twice the pages of its dense tree.  The state bounds how far the
    field can have grown since the last full look, so most calls read only
    the root and the tree's left edge.  A full look (the headers of the inner
-   pages) comes when that bound nears the page budget or the depth passes
-   the dense tree's depth plus two; it repairs the tree where it degraded
-   instead of rebuilding it: runs of less than half full pages merge with
-   their neighbours, neighbouring leaves that fit into one merge, the inner
-   pages above them are rebuilt, and, near the budget, the parents of leaves
-   that waste the most have their leaves copied densely.  So single inserts
-   cost about a leaf's worth of copying each at any field size, and a repair
-   moves what the damage made, not the field.  The result is sound but not
-   the tree appends build (velh_compact builds that, and keep-compact falls
-   back on it when a repair would miss the limits: trees of one or two
-   levels, pages too small for the limits).  Pages other versions share are
-   kept by reference, never written.  Codes as velh_compact. */
+   pages, about one page in 256) comes when that bound has grown by 1024
+   pages or 1/128 of the dense pages since the last one, when it nears the
+   page budget, or when the depth passes the dense tree's depth plus two.
+   It repairs the tree where it degraded instead of rebuilding it: pages
+   less than a third full share with a neighbour, neighbouring leaves that
+   fit into one merge, the inner pages above them are rebuilt three quarters
+   full, and, near the budget, the parents of leaves that waste the most
+   have their leaves copied densely.  So single inserts cost about a leaf's
+   worth of copying each at any field size, and a repair moves what the
+   damage since the last look made, not the field.  The result is sound but
+   not the tree appends build (velh_compact builds that, and keep-compact
+   falls back on it when a repair would miss the limits: trees of one or
+   two levels, pages too small for the limits).  Pages other versions share
+   are kept by reference, never written.  Codes as velh_compact. */
 VEL_RET velh_keep_compact(const vel_objhandle_t *obj, uint16_t fld_no, vel_seq_order_t order,
                           vel_size_t n_changed, velh_compact_state_t *state);
 

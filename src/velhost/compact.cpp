@@ -381,11 +381,20 @@ VEL_RET compact(const Access &a, vel_seq_order_t order) {
 // Policy state, in the caller's velh_compact_state_t:
 //   word[0]  serial of the transaction the figures belong to
 //   word[1]  oid of the object
-//   word[2]  field number + 1 (0: never used)
+//   word[2]  field number + 1 (0: never used) in bits 0..16, the field's
+//            pages after the last full look above them
 //   word[3]  an upper bound of the field's pages
 //   word[4]  the field's elements at the last call
 //   word[5]  pages the transaction had created at the last call
 constexpr int kSerial = 0, kOid = 1, kField = 2, kPages = 3, kElements = 4, kCreated = 5;
+constexpr int kFieldBits = 17;
+
+// Pages the bound may grow by between full looks.  A look reads the inner
+// pages (a page in 256), so a look per 1/128 of the dense pages costs a
+// page read per two pages of growth; and at least 1024, so that single
+// inserts bring a look every few hundred calls, with the repair of what
+// they did in a millisecond or two.
+uint64_t look_every(uint64_t dense) { return std::max<uint64_t>(1024, dense / 128); }
 
 // Elements of a tree from its root alone.
 uint64_t elements_of(const Geometry &g, vel_seq_page_t *root) {
@@ -415,16 +424,18 @@ uint64_t insert_growth(const Geometry &g, uint64_t n, uint32_t depth) {
 // The walk lists the inner pages level by level, left to right: the header
 // of each, and the entries of those above the parents of leaves (of an
 // int64 field on 4 KiB pages, one page in 256 and one in 65 000).  Leaves
-// are read only where their values move.  A page opens (is rebuilt)
-// when it is less than half full, when it is a parent of leaves with more
-// than twice the leaves its values need plus one (then two neighbouring
-// leaves fit into one), or when one of its children opened; the root opens
-// with a child or when it has a single one.  Near the page budget the
-// parents of leaves whose leaves waste the most open too, with their leaves
-// copied densely.  Each run of neighbouring open pages of a level gives way
-// to new pages holding the run's children (kept, or the new pages of open
-// ones) packed full: heights stay, no parent gains entries, and levels left
-// with a single page above which everything opened drop out of the tree.
+// are read only where their values move.  A page opens (is rebuilt) when it
+// is less than a third full (and then a neighbour too, so that they can
+// share), when it is a parent of leaves with more than twice the leaves its
+// values need plus one (then two neighbouring leaves fit into one), or when
+// one of its children opened; the root opens with a child or when it has a
+// single one.  Near the page budget the parents of leaves whose leaves
+// waste the most open too, with their leaves copied densely.  Each run of
+// neighbouring open pages of a level gives way to new pages sharing the
+// run's children (kept, or the new pages of open ones) evenly, three
+// quarters full, so that the next splits find room instead of making pages
+// (the root's level is packed full).  Heights stay, and levels left with a
+// single page above which everything opened drop out.
 
 // A page above the leaves, as the walk found it.
 struct Node {
@@ -479,7 +490,7 @@ class Repair {
         for (uint32_t j = 0; j < lv_[0].size(); ++j) {
             Node &b = lv_[0][j];
             const uint64_t need = needed(b);
-            b.open = 2u * b.user < g_.inner_cap || b.user > 2 * need + 1;
+            b.open = sparse(b) || b.user > 2 * need + 1;
             if (b.user > need)
                 waste.push_back({double(b.user - need) / double(need), j});
         }
@@ -492,13 +503,20 @@ class Repair {
                 left -= b.user - needed(b);
             }
         }
-        for (size_t k = 1; k < lv_.size(); ++k)
+        for (size_t k = 0; k < lv_.size(); ++k) {
             for (Node &n : lv_[k]) {
-                bool open = k + 1 < lv_.size() ? 2u * n.user < g_.inner_cap : n.user == 1;
-                for (uint32_t c = 0; c < n.user && !open; ++c)
+                bool open = k == 0 ? n.open != 0 : k + 1 < lv_.size() ? sparse(n) : n.user == 1;
+                for (uint32_t c = 0; k > 0 && c < n.user && !open; ++c)
                     open = lv_[k - 1][n.first_child + c].open != 0;
-                n.open = open;
+                n.open = std::max<uint8_t>(n.open, open);
             }
+            // A sparse page draws a neighbour in (its parent opens with it).
+            for (size_t j = 0; k + 1 < lv_.size() && lv_[k].size() > 1 && j < lv_[k].size(); ++j)
+                if (sparse(lv_[k][j])) {
+                    Node &n = lv_[k][j + 1 < lv_[k].size() ? j + 1 : j - 1];
+                    n.open = std::max<uint8_t>(n.open, 1);
+                }
+        }
     }
 
     // Makes the new pages; nothing old changes yet.  False in *changed when
@@ -531,7 +549,7 @@ class Repair {
         }
         while (r == VEL_S_OK && cur.size() > 1) { // not met: an open root's children fit into one
             std::vector<Item> up;
-            r = pack(cur, 0, cur.size(), &up);
+            r = pack(cur, 0, cur.size(), &up, true);
             cur = std::move(up);
             ++depth;
         }
@@ -577,6 +595,7 @@ class Repair {
 
   private:
     uint64_t needed(const Node &b) const { return (b.count + g_.leaf_cap - 1) / g_.leaf_cap; }
+    bool sparse(const Node &n) const { return 3u * n.user < g_.inner_cap; }
 
     // The new pages of walk level k from those of the level below (at level
     // 0, from the leaves).  at_[j] is where old page j of the level below
@@ -598,7 +617,8 @@ class Repair {
                 at[e] = static_cast<uint32_t>(out->size());
             VEL_RET r = k == 0 ? leaves(j, e, out)
                                : pack(*below, at_[pages[j].first_child],
-                                      at_[pages[e - 1].first_child + pages[e - 1].user], out);
+                                      at_[pages[e - 1].first_child + pages[e - 1].user], out,
+                                      k + 1 == lv_.size());
             if (r != VEL_S_OK)
                 return r;
             j = e;
@@ -608,10 +628,14 @@ class Repair {
         return VEL_S_OK;
     }
 
-    // New inner pages over in[from, to), full but the last.
-    VEL_RET pack(const std::vector<Item> &in, size_t from, size_t to, std::vector<Item> *out) {
-        for (size_t i = from; i < to; i += g_.inner_cap) {
-            const size_t n = std::min<size_t>(g_.inner_cap, to - i);
+    // New inner pages over in[from, to), as few as hold them three quarters
+    // full (full at the top), sharing them evenly.
+    VEL_RET pack(const std::vector<Item> &in, size_t from, size_t to, std::vector<Item> *out,
+                 bool top) {
+        const size_t fill = top ? g_.inner_cap : g_.inner_cap - g_.inner_cap / 4;
+        const size_t m = to - from, pages = (m + fill - 1) / fill;
+        for (size_t q = 0, i = from, n = 0; q < pages; ++q, i += n) {
+            n = m / pages + (q < m % pages);
             vel_seq_page_t *pg;
             VEL_RET r = mk_.new_page(2, &pg);
             if (r != VEL_S_OK)
@@ -649,7 +673,7 @@ class Repair {
             }
         }
         flush();
-        return pack(leaves_, 0, leaves_.size(), out);
+        return pack(leaves_, 0, leaves_.size(), out, false);
     }
 
     // One old leaf: kept (pending) unless it fits into the leaf being
@@ -724,11 +748,11 @@ class Repair {
     bool has_pend_ = false;
 };
 
-// The policy's full look at a field of `depth` levels: a local repair when
-// the depth passed `max_depth` or the pages near twice the dense ones (the
-// last `margin` pages before that budget, so that the next look is some
-// inserts away), a full compaction when the tree is at most two levels deep
-// or the repair cannot meet the limits.  *pages: the field's pages after.
+// The policy's full look at a field of `depth` levels: a local repair, whose
+// dense copies start `margin` pages before the budget of twice the dense
+// pages (so that the next look is some inserts away), or a full compaction
+// when the tree is at most two levels deep or the repair would miss the
+// limits.  *pages: the field's pages after.
 VEL_RET keep(const Access &a, vel_seq_order_t order, const Geometry &g, uint32_t depth,
              uint32_t max_depth, uint64_t *pages) {
     vel_seq_page_t *root = *a.slot;
@@ -744,7 +768,7 @@ VEL_RET keep(const Access &a, vel_seq_order_t order, const Geometry &g, uint32_t
         Repair rp(g, a.cls->pm, a.conn->txn);
         full = !rp.walk(root, depth);
         *pages = full ? 0 : rp.pages();
-        if (!full && (depth > max_depth || *pages + margin > 2 * dense)) {
+        if (!full) {
             rp.plan(2 * dense - std::min(2 * margin, 2 * dense));
             bool changed = false;
             VEL_RET r = rp.build(&changed);
@@ -815,8 +839,9 @@ VEL_RET velh_keep_compact(const vel_objhandle_t *obj, uint16_t fld_no, vel_seq_o
     const uint64_t dense = g.dense_pages(elements);
     const uint32_t max_depth =
         std::min<uint32_t>(VELH_COMPACT_MAX_DEPTH, g.dense_depth(elements) + 2);
+    const uint64_t field = uint64_t(fld_no) + 1;
     bool check = st[kSerial] != txn->serial || st[kOid] != obj->oid ||
-                 st[kField] != uint64_t(fld_no) + 1 || depth > max_depth;
+                 (st[kField] & ((uint64_t(1) << kFieldBits) - 1)) != field || depth > max_depth;
     if (!check) {
         // The budget is exact (twice the dense pages of the elements there
         // are now); the pages are an upper bound, raised by what the changes
@@ -837,7 +862,7 @@ VEL_RET velh_keep_compact(const vel_objhandle_t *obj, uint16_t fld_no, vel_seq_o
         st[kPages] += grown;
         st[kElements] = elements;
         st[kCreated] = created;
-        if (st[kPages] <= 2 * dense)
+        if (st[kPages] <= 2 * dense && st[kPages] <= (st[kField] >> kFieldBits) + look_every(dense))
             return VEL_S_OK;
     }
     uint64_t pages;
@@ -846,7 +871,7 @@ VEL_RET velh_keep_compact(const vel_objhandle_t *obj, uint16_t fld_no, vel_seq_o
         return r;
     st[kSerial] = txn->serial;
     st[kOid] = obj->oid;
-    st[kField] = uint64_t(fld_no) + 1;
+    st[kField] = field | pages << kFieldBits;
     st[kPages] = pages;
     st[kElements] = elements;
     st[kCreated] = txn->created.size();
