@@ -442,9 +442,12 @@ struct Node {
     vel_seq_page_t *page;
     const std::byte *key; // its key in its parent (ordered fields)
     uint64_t count;       // elements of its subtree
+    uint32_t parent;      // its parent's index one level up
     uint32_t first_child; // index of its first child one level down
     uint16_t user;
-    uint8_t open; // 0 kept, 1 rebuilt, 2 rebuilt with its leaves copied densely
+    uint8_t open;       // 0 kept, 1 rebuilt, 2 rebuilt with its leaves copied densely,
+                        // 3 kept but left out (a root of one child)
+    bool freed = false; // left the tree and this version held its last reference
 };
 
 // A page of the new tree: an old one kept by reference, or a new one.
@@ -453,6 +456,8 @@ struct Item {
     const std::byte *first; // its first value, or its key in an old parent
     uint64_t count;
     bool made;
+    Node *node = nullptr;   // an old inner page's own
+    Node *parent = nullptr; // an old page's old parent
 };
 
 class Repair {
@@ -463,17 +468,18 @@ class Repair {
     // leaves first.  False when a page is not of its level's kind.
     bool walk(vel_seq_page_t *root, uint32_t depth) {
         lv_.assign(depth - 1, {});
-        lv_.back().push_back({root, nullptr, elements_of(g_, root), 0, root->hdr.user, 0});
+        lv_.back().push_back({root, nullptr, elements_of(g_, root), 0, 0, root->hdr.user, 0});
         pages_ = 1;
         for (size_t k = lv_.size() - 1; k > 0; --k)
-            for (Node &n : lv_[k]) {
+            for (uint32_t j = 0; j < lv_[k].size(); ++j) {
+                Node &n = lv_[k][j];
                 n.first_child = static_cast<uint32_t>(lv_[k - 1].size());
                 for (uint32_t i = 0; i < n.user; ++i) {
                     const vel_seq_node_t *e = g_.entry(n.page, i);
                     if (e->page == nullptr || !is_inner(e->page) || e->page->hdr.user == 0)
                         return false;
                     lv_[k - 1].push_back({e->page, g_.keyed ? g_.value(n.page, i) : nullptr,
-                                          e->count, 0, e->page->hdr.user, 0});
+                                          e->count, j, 0, e->page->hdr.user, 0});
                 }
                 pages_ += n.user;
             }
@@ -558,19 +564,27 @@ class Repair {
         root_ = cur[0];
         // A root of one child gives way to it.  A new root was made last,
         // by a pack of that child alone, so an old child is the last page
-        // kept; an old root's children are old.
+        // kept; an old root's children are old, leaves under a parent of
+        // leaves.
         while (is_inner(root_.page) && root_.page->hdr.user == 1) {
-            vel_seq_page_t *child = g_.entry(root_.page, 0)->page;
-            bool made = false;
+            Item child{g_.entry(root_.page, 0)->page, nullptr, root_.count, true};
             if (root_.made) {
-                made = kept_.empty() || kept_.back() != child;
-                if (!made)
+                if (!kept_.empty() && kept_.back().page == child.page) {
+                    child = kept_.back();
                     kept_.pop_back();
+                }
                 mk_.drop_last();
             } else {
+                Node *n = root_.node;
+                n->open = 3;
                 ++removed_;
+                child.made = false;
+                child.parent = n;
+                for (size_t k = 1; k < lv_.size(); ++k)
+                    if (n >= lv_[k].data() && n < lv_[k].data() + lv_[k].size())
+                        child.node = &lv_[k - 1][n->first_child];
             }
-            root_ = {child, nullptr, root_.count, made};
+            root_ = child;
             --depth;
         }
         depth_ = depth;
@@ -581,20 +595,45 @@ class Repair {
 
     void discard() { mk_.discard(); }
 
-    // Puts the new tree in the slot: old pages the new ones keep gain a
-    // reference before the old tree loses this version's.
+    // Puts the new tree in the slot.  The old pages that leave it, top
+    // down, lose a reference where their parent was freed (the root: this
+    // version's), and are freed when it was their last; a kept page takes
+    // over its freed old parent's reference for its new parent, or gains one
+    // where the old parent stays for other versions.  Every leaving page
+    // was read by the build, so none is a reference left by a failed update.
     void install(vel_seq_page_t **slot) {
-        for (vel_seq_page_t *pg : kept_)
-            ref_add(pg);
-        if (!root_.made)
+        std::vector<std::byte *> dead;
+        for (size_t k = lv_.size(); k-- > 0;)
+            for (Node &n : lv_[k])
+                if (n.open != 0) {
+                    n.freed = (k + 1 == lv_.size() || lv_[k + 1][n.parent].freed) && last(n.page);
+                    if (n.freed)
+                        dead.push_back(reinterpret_cast<std::byte *>(n.page));
+                }
+        for (auto [leaf, parent] : copied_)
+            if (parent->freed && last(leaf))
+                dead.push_back(reinterpret_cast<std::byte *>(leaf));
+        for (const Item &c : kept_)
+            if (!c.parent->freed)
+                ref_add(c.page);
+        if (!root_.made && !root_.parent->freed)
             ref_add(root_.page);
-        vel_seq_page_t *old = *slot;
         *slot = root_.page;
-        release_tree(g_, pm_, old);
+        page_free_many(pm_, dead);
     }
 
   private:
     uint64_t needed(const Node &b) const { return (b.count + g_.leaf_cap - 1) / g_.leaf_cap; }
+    // Drops a reference; true when it was the last.
+    static bool last(vel_seq_page_t *pg) {
+        std::atomic_ref<uint32_t> rc(pg->ref_count);
+        uint32_t old = rc.load(std::memory_order_acquire);
+        do {
+            if (old == 0)
+                return false; // a release too many: keep the page
+        } while (!rc.compare_exchange_weak(old, old - 1, std::memory_order_acq_rel));
+        return old == 1;
+    }
     bool sparse(const Node &n) const { return 3u * n.user < g_.inner_cap; }
 
     // The new pages of walk level k from those of the level below (at level
@@ -603,13 +642,14 @@ class Repair {
     // Runs of open pages never straddle a kept parent, so their shares are
     // contiguous.
     VEL_RET level(size_t k, const std::vector<Item> *below, std::vector<Item> *out) {
-        const std::vector<Node> &pages = lv_[k];
+        std::vector<Node> &pages = lv_[k];
         std::vector<uint32_t> at(pages.size() + 1);
         for (size_t j = 0; j < pages.size();) {
-            const Node &n = pages[j];
+            Node &n = pages[j];
             if (!n.open) {
                 at[j++] = static_cast<uint32_t>(out->size());
-                out->push_back({n.page, n.key, n.count, false});
+                Node *parent = k + 1 < lv_.size() ? &lv_[k + 1][n.parent] : nullptr;
+                out->push_back({n.page, n.key, n.count, false, &n, parent});
                 continue;
             }
             size_t e = j;
@@ -649,7 +689,7 @@ class Repair {
                     std::memcpy(g_.value(pg, uint32_t(j)), c.first, g_.s);
                 it.count += c.count;
                 if (!c.made)
-                    kept_.push_back(c.page);
+                    kept_.push_back(c);
             }
             pg->hdr.user = static_cast<uint16_t>(n);
             out->push_back(it);
@@ -662,11 +702,12 @@ class Repair {
     VEL_RET leaves(size_t j, size_t e, std::vector<Item> *out) {
         leaves_.clear();
         for (size_t q = j; q < e; ++q) {
-            const Node &b = lv_[0][q];
+            Node &b = lv_[0][q];
             for (uint32_t i = 0; i < b.user; ++i) {
                 const vel_seq_node_t *en = g_.entry(b.page, i);
-                const Item leaf{en->page, g_.keyed ? g_.value(b.page, i) : nullptr, en->count,
-                                false};
+                const Item leaf{en->page,  g_.keyed ? g_.value(b.page, i) : nullptr,
+                                en->count, false,
+                                nullptr,   &b};
                 VEL_RET r = take(leaf, b.open == 2);
                 if (r != VEL_S_OK)
                     return r;
@@ -717,6 +758,7 @@ class Repair {
             acc_->hdr.user = static_cast<uint16_t>(to + k);
             done += k;
         }
+        copied_.push_back({leaf.page, leaf.parent});
         ++removed_;
         return VEL_S_OK;
     }
@@ -741,10 +783,11 @@ class Repair {
     uint32_t depth_ = 0;
     Item root_{};
     std::vector<uint32_t> at_;
-    std::vector<vel_seq_page_t *> kept_; // old pages under new ones
-    std::vector<Item> leaves_;           // leaves of the run being rebuilt
-    vel_seq_page_t *acc_ = nullptr;      // new leaf being filled
-    Item pend_{};                        // old leaf not yet placed
+    std::vector<Item> kept_;                                  // old pages under new ones
+    std::vector<std::pair<vel_seq_page_t *, Node *>> copied_; // old leaves copied, their parents
+    std::vector<Item> leaves_;                                // leaves of the run being rebuilt
+    vel_seq_page_t *acc_ = nullptr;                           // new leaf being filled
+    Item pend_{};                                             // old leaf not yet placed
     bool has_pend_ = false;
 };
 

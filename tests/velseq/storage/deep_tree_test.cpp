@@ -113,7 +113,7 @@ TEST(KeepCompact, LocalRepairsKeepTheTreeSoundWithinLimitsAndShared) {
         SCOPED_TRACE("pattern " + std::to_string(pattern) + ", field " + std::to_string(fi));
         EnvConfig cfg;
         cfg.seq_page_size = 256;
-        cfg.alt_pm = pattern == 1;
+        cfg.alt_pm = pattern == 2;
         VEL_RET rc;
         auto env = Env::open(cfg, fields, &rc);
         ASSERT_TRUE(env) << rc;
@@ -141,6 +141,7 @@ TEST(KeepCompact, LocalRepairsKeepTheTreeSoundWithinLimitsAndShared) {
         ASSERT_EQ(env->commit_and_begin(), VEL_S_OK);
         ASSERT_EQ(env->snapshot_open(0), VEL_S_OK);
         const SeqModel committed = m;
+        SeqModel cut = m;
         velh_compact_state_t st{};
         std::mt19937 rng(run);
         bool exact = true;
@@ -151,13 +152,18 @@ TEST(KeepCompact, LocalRepairsKeepTheTreeSoundWithinLimitsAndShared) {
                            : pattern == 1 ? 1 + rng() % (m.size() - 1)
                                           : m.size() - rng() % 8;
             std::vector<uint8_t> v(m.at(pos - 1), m.at(pos - 1) + m.w); // in order
-            if (del) { // once all but 20 values: roots of one child
+            if (del) { // once all but 20 values (roots of one child), then a commit
                 const uint64_t till = k == 1001 ? m.size() - 1 : pos;
                 pos = k == 1001 ? 20 : pos;
                 ASSERT_EQ(fs.fam.del(env->obj(), l.u, l.c, l.fld_no, pos, till, fs.order, m.w),
                           VEL_S_OK);
                 m.erase(pos, till);
                 exact = !ordered;
+                if (k == 1001) { // the next call repairs pages another snapshot shares
+                    ASSERT_EQ(env->commit_and_begin(), VEL_S_OK);
+                    ASSERT_EQ(env->snapshot_open(1), VEL_S_OK);
+                    cut = m;
+                }
             } else {
                 const vel_bitmap_word_t null = !ordered && k % 4 == 0;
                 ASSERT_EQ(fs.fam.insert(env->obj(), l.u, l.c, l.fld_no, pos, v.data(), 1, fs.order,
@@ -182,7 +188,12 @@ TEST(KeepCompact, LocalRepairsKeepTheTreeSoundWithinLimitsAndShared) {
             }
         }
         EXPECT_TRUE(content(env->snapshot_obj(0), true) == committed);
+        EXPECT_TRUE(pattern != 1 || content(env->snapshot_obj(1), false) == cut);
         ASSERT_EQ(env->commit_and_begin(), VEL_S_OK);
+        env->snapshot_close(0); // the versions they held go; the last one stays whole
+        env->snapshot_close(1);
+        ASSERT_EQ(env->commit_and_begin(), VEL_S_OK);
+        EXPECT_TRUE(content(env->obj(), exact) == m);
         ASSERT_EQ(env->release_all(), VEL_S_OK);
         EXPECT_EQ(env->live_pages(), 0u);
     }
