@@ -944,7 +944,9 @@ template <class T> class sequence {
     void push_back(const T &v) { append(span<const T>(&v, 1)); }
 
     // Inserts before position `pos` (pos == size() appends).  The host keeps
-    // the tree dense afterwards, so single inserts do not degrade the field.
+    // the tree within its limits afterwards (at most VELH_COMPACT_MAX_DEPTH
+    // levels and twice the pages of a dense tree), so single inserts do not
+    // degrade the field.
     void insert(uint64_t pos, span<const T> vals) { write(pos, vals, nullptr, true); }
     void insert(uint64_t pos, span<const std::optional<T>> vals) {
         std::vector<T> v;
@@ -1196,7 +1198,8 @@ template <class T> class sequence {
                             " values on these pages; use an unordered field or wider pages");
     }
     // Single inserts split full leaves into nearly empty ones; the host
-    // rebuilds the tree densely when it has degraded (amortised).
+    // repairs the part of the tree that degraded (about a leaf's worth of
+    // copying per insert, amortised).
     void keep_compact(uint64_t n_changed) {
         detail::check(velh_keep_compact(&h_, fi_.fld_no, c_order(), n_changed,
                                         &tx_->compact_state(h_.oid, fi_.fld_no)),
