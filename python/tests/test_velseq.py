@@ -294,7 +294,7 @@ def test_file_round_trip_every_dtype(tmp_path):
 
 
 def test_bad_read_only_and_recovered_files(tmp_path):
-    """Bad images are refused; with an image and a log of four commits, a
+    """A bad image is refused; with an image and a log of four commits, a
     read-only open refuses writes and changes no byte; damage in the second
     record refuses the plain open, a recovering one keeps the first and warns."""
     img, log = tmp_path / "a.img", tmp_path / "a.log"
@@ -303,12 +303,8 @@ def test_bad_read_only_and_recovered_files(tmp_path):
                says="field 0 of class 'n': name 'www")
         db.define("c", v="int64")
         db.save(img)
-    data = img.read_bytes()
-    bad = {"text.img": b"not an image\n" * 100, "cut.img": data[: len(data) // 2],
-           "flip.img": data[:-9] + bytes([data[-9] ^ 1]) + data[-8:]}
-    for name, content in bad.items():
-        (tmp_path / name).write_bytes(content)
-        raises("VEL_E_HOST_BAD_IMAGE", velseq.Database.open, tmp_path / name, says=name)
+    (tmp_path / "text.img").write_bytes(b"not an image\n" * 100)  # bad files: the host's tests
+    raises("VEL_E_HOST_BAD_IMAGE", velseq.Database.open, tmp_path / "text.img", says="text.img")
     raises("VEL_E_HOST_IO", velseq.Database.open, tmp_path / "missing.img", says="missing.img")
     with velseq.Database.open(img, log=log) as db:
         for n in range(4):

@@ -1,7 +1,7 @@
 // consumer.cpp -- a C++ program built against the installed package only,
 // through the C++ API header: appends in uneven batches (small pages, so the
-// tree grows several levels), inserts a run, erases another, commits, and
-// reads the field back from a new read-only transaction against a vector.
+// tree grows several levels), commits, and reads the field back from a new
+// read-only transaction against a vector.
 #include <cstdio>
 #include <numeric>
 #include <vector>
@@ -29,13 +29,6 @@ int main() try {
             obj[v].append(vals);
             model.insert(model.end(), vals.begin(), vals.end());
         }
-        const std::vector<int64_t> run = {-1, -2, -3, -4, -5};
-        const size_t at = model.size() / 3, from = model.size() / 2;
-        obj[v].insert(at, run);
-        model.insert(model.begin() + static_cast<std::ptrdiff_t>(at), run.begin(), run.end());
-        obj[v].erase(from, from + 100);
-        model.erase(model.begin() + static_cast<std::ptrdiff_t>(from),
-                    model.begin() + static_cast<std::ptrdiff_t>(from + 100));
         tx.commit();
     }
     velseq::transaction tx(con, velseq::transaction::read);

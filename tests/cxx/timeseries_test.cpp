@@ -5,7 +5,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <iterator>
 #include <map>
 #include <random>
 
@@ -123,23 +122,6 @@ TEST_F(Timeseries, AsofMatchesBruteForce) {
         const auto got = asof(o[ts], po[probe]);
         for (size_t i = 0; i < stored.size(); i++)
             EXPECT_EQ(got[i], i == 4 ? std::nullopt : brute_asof(pts[i].ns()));
-
-        // the module's join (probes up to the last key) and a value window
-        vector<datetime> in;
-        std::copy_if(pts.begin(), pts.end(), std::back_inserter(in),
-                     [&](datetime p) { return p.ns() <= keys.back(); });
-        size_t i = 0;
-        for (const tile<uint64_t> &t : o[ts].join(in))
-            for (uint64_t pos : t.values)
-                ASSERT_EQ(pos, lower(in[i++].ns()));
-        ASSERT_EQ(i, in.size());
-        const int64_t w0 = pts[0].ns(), w1 = w0 + 60; // keys in (w0, w1]
-        vector<int64_t> window;
-        for (optional<datetime> k : element_range<datetime>(o[ts].window(
-                 datetime::from_ns(w0), datetime::from_ns(w1), bound::exclusive, bound::inclusive)))
-            window.push_back(k->ns());
-        ASSERT_EQ(window, vector<int64_t>(keys.begin() + long(lower(w0 + 1)),
-                                          keys.begin() + long(lower(w1 + 1))));
     }
 }
 

@@ -90,13 +90,15 @@ struct Field {
 };
 
 // Every field's content, read from its pages after a tree check of each; a
-// failed check is a test failure naming the field.
+// failed check is a test failure naming the field.  `obj`: the writer's
+// object when null, else another connection's view of it.
 inline std::vector<SeqModel> read_all(Env &env, const std::vector<FieldSpec> &fields,
-                                      bool keys_exact) {
+                                      bool keys_exact, vel_objhandle_h obj = nullptr) {
     std::vector<SeqModel> out(fields.size());
     for (size_t i = 0; i < fields.size(); ++i) {
         vel_seq_page_t *root = nullptr;
-        EXPECT_EQ(vel_seq_get_root(env.obj(), env.loc(i).u, env.loc(i).c, &root), VEL_S_OK);
+        EXPECT_EQ(vel_seq_get_root(obj ? obj : env.obj(), env.loc(i).u, env.loc(i).c, &root),
+                  VEL_S_OK);
         TreeInfo ti;
         EXPECT_EQ(
             check_tree(fields[i].fam, fields[i].order, root, env.page_size(), keys_exact, &ti), "")
