@@ -1198,7 +1198,7 @@ template <class T> class sequence {
                             " values on these pages; use an unordered field or wider pages");
     }
     // Single inserts split full leaves into nearly empty ones; the host
-    // repairs the part of the tree that degraded (about a leaf's worth of
+    // repairs the subtrees that degraded (about a leaf's worth of
     // copying per insert, amortised).
     void keep_compact(uint64_t n_changed) {
         detail::check(velh_keep_compact(&h_, fi_.fld_no, c_order(), n_changed,
