@@ -165,8 +165,8 @@ TEST(AllocFailure, SweepEveryAllocationOfTheScenario) {
 struct Trapped {};
 
 // Single inserts at one spot deepen the tree until it can grow no more and
-// the module traps, half-way through a split.  With a handler that unwinds,
-// the transaction must not commit, and nothing may outlive its release.
+// the module traps before the split.  With a handler that unwinds, the
+// transaction must not commit, and nothing may outlive its release.
 TEST(AllocFailure, TrapInAnInsertDoomsItsTransaction) {
     const std::vector<FieldSpec> field = {{family_of(VEL_DD_INT4), VEL_SEQ_NO_ORDER}};
     EnvConfig cfg;
@@ -187,6 +187,17 @@ TEST(AllocFailure, TrapInAnInsertDoomsItsTransaction) {
     }
     velh_set_trap_handler(nullptr, nullptr);
     ASSERT_LT(inserts, 1000000) << "the tree never reached its depth limit";
+    // It trapped only at the limit, and changed nothing: no value was cut.
+    SeqModel now = base[0];
+    for (int i = 0; i < inserts; ++i)
+        now.insert(1000, run_of(F_EMPTY, i, 1).data(), 1, nullptr, 0);
+    vel_seq_page_t *root = nullptr;
+    ASSERT_EQ(vel_seq_get_root(env->obj(), env->loc(0).u, env->loc(0).c, &root), VEL_S_OK);
+    TreeInfo ti;
+    ASSERT_EQ(check_tree(field[0].fam, field[0].order, root, env->page_size(), true, &ti), "");
+    EXPECT_EQ(ti.depth, VEL_SEQ_MAX_DEPTH);
+    EXPECT_EQ(root->hdr.user, field[0].fam.inner_capacity(env->page_size(), field[0].order));
+    EXPECT_TRUE(ti.content == now);
     EXPECT_EQ(env->commit_and_begin(), VEL_E_HOST_TRANS_FAILED);
     ASSERT_EQ(env->rollback_and_begin(), VEL_S_OK);
     EXPECT_TRUE(read_all(*env, field, true) == base);

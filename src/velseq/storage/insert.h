@@ -37,6 +37,36 @@ bool insert_order_ok(const E &e, vel_seq_page_t *pg, int i, int n_items, const b
     }
 }
 
+// Would the next pass overflow a root that may not grow?  A pass splits a
+// page only when it is full and only after the checks that can refuse it,
+// so the root overflows when every page on the path to `pos` is full.  The
+// wrapper traps on it before the pass: growing a tree as deep as a scan
+// stack traps anyway, and after the split the new sibling would already be
+// cut from the tree.  `first` is the value the leaf checks the order with.
+template <class E>
+bool insert_overflows_at_max_depth(const E &e, vel_seq_page_t *pg, int32_t page_size,
+                                   vel_seq_no_t pos, const byte *first, vel_seq_order_t order) {
+    for (int level = 0; pg != nullptr && level <= kMaxLevel; level++) {
+        const int n_items = pg->hdr.user;
+        if (n_items < 1)
+            return false;
+        if (page_kind(pg) != kInnerPage)
+            return level == kMaxLevel &&
+                   static_cast<uint64_t>(n_items) == e.leaf_capacity(page_size) &&
+                   pos <= static_cast<vel_seq_no_t>(n_items) &&
+                   insert_order_ok(e, pg, static_cast<int>(pos), n_items, first, order);
+        if (n_items != e.inner_capacity(page_size, order))
+            return false;
+        int i = 0;
+        for (; i < n_items && inner_entry(pg, page_size, i)->count < pos; i++)
+            pos -= inner_entry(pg, page_size, i)->count;
+        if (i == n_items)
+            return false;
+        pg = inner_entry(pg, page_size, i)->page;
+    }
+    return false;
+}
+
 template <class E>
 VEL_RET vel_seq_insert_page(const E &e, vel_db_connection_h con, vel_page_manager_t *pm,
                             vel_seq_page_t **root_page, vel_seq_no_t pos, const byte *vals,
@@ -235,6 +265,7 @@ VEL_RET vel_seq_insert(const E &e, Worker worker, vel_objhandle_h obj, vel_offs3
             n_vals -= n;
             continue;
         }
+        VEL_SEQ_CHECK(!insert_overflows_at_max_depth(e, root_page, page_size, pos, vals, order));
         const byte *ins_val = vals;
         vel_seq_count_t ins_count = 0;
         vel_size_t n_added = n_vals;

@@ -130,7 +130,9 @@ inline int tree_levels(vel_seq_page_t *root, int32_t page_size) {
 // value `sibling_key`) is its new right neighbour: a new inner root takes
 // both.  For ordered fields key 0 is the old root's body element 0 (its
 // first value or first key).  A tree already as deep as a scan stack may not
-// grow: no iterator could read it, so this traps like a too deep descent.
+// grow: no iterator could read it, so this traps like a too deep descent
+// (insert traps before its pass, while nothing is changed; an append pass
+// only adds pages, which the sweep of created pages frees).
 template <class E>
 VEL_RET grow_root(const E &e, vel_db_connection_h con, vel_page_manager_t *pm, int32_t page_size,
                   vel_seq_page_t **slot, vel_seq_page_t *sibling, vel_seq_count_t sibling_count,
