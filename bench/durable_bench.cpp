@@ -44,8 +44,8 @@ velh_db_t *make_db(bool one_field, uint64_t n) {
     velh_db_t *db;
     check(velh_db_open(&cfg, &db), "open");
     velh_field_def_t f[] = {
-        {"id", VEL_DD_INT8, 0},
-        {"vals", one_field ? uint8_t(VEL_DD_SEQUENCE_INT4) : uint8_t(VEL_DD_SEQUENCE_INT8), 0}};
+        {"id", VEL_DD_INT8, 0, 0},
+        {"vals", one_field ? uint8_t(VEL_DD_SEQUENCE_INT4) : uint8_t(VEL_DD_SEQUENCE_INT8), 0, 0}};
     uint16_t cls;
     check(velh_class_define(db, "c", f, 2, 0, VELH_PM_INMEM, &cls), "class");
     velh_field_info_t fi;
@@ -164,7 +164,7 @@ void BM_CommitSmallAppend(benchmark::State &state) {
     }
     velh_db_t *db;
     check(velh_db_open(&cfg, &db), "open");
-    velh_field_def_t f[] = {{"vals", VEL_DD_SEQUENCE_INT8, 0}};
+    velh_field_def_t f[] = {{"vals", VEL_DD_SEQUENCE_INT8, 0, 0}};
     uint16_t cls;
     check(velh_class_define(db, "c", f, 1, 0, VELH_PM_INMEM, &cls), "class");
     velh_field_info_t fi;

@@ -36,7 +36,7 @@ void BM_LateInserts(benchmark::State &state) {
     cfg.warm_pages = static_cast<uint32_t>(2 * n / 989 + kInserts + 1024);
     velh_db_t *db;
     must(velh_db_open(&cfg, &db), "open");
-    velh_field_def_t fields[] = {{"v", VEL_DD_SEQUENCE_INT4, 0}};
+    velh_field_def_t fields[] = {{"v", VEL_DD_SEQUENCE_INT4, 0, 0}};
     uint16_t cls;
     must(velh_class_define(db, "late", fields, 1, 0, VELH_PM_INMEM, &cls), "class");
     velh_field_info_t fi;

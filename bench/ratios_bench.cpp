@@ -57,13 +57,13 @@ struct Data {
         velh_config_init(&cfg);
         cfg.warm_pages = 4096;
         check(velh_db_open(&cfg, &db), "open");
-        velh_field_def_t f[] = {{"ts", VEL_DD_SEQUENCE_DATETIME, 0},
-                                {"val", VEL_DD_SEQUENCE_INT4, 0},
-                                {"probe_rnd", VEL_DD_SEQUENCE_DATETIME, 0},
-                                {"probe_asc", VEL_DD_SEQUENCE_DATETIME, 0},
-                                {"posn_rnd", VEL_DD_SEQUENCE_UINT8, 0},
-                                {"posn_asc", VEL_DD_SEQUENCE_UINT8, 0},
-                                {"dst", VEL_DD_SEQUENCE_INT4, 0}};
+        velh_field_def_t f[] = {{"ts", VEL_DD_SEQUENCE_DATETIME, 0, 0},
+                                {"val", VEL_DD_SEQUENCE_INT4, 0, 0},
+                                {"probe_rnd", VEL_DD_SEQUENCE_DATETIME, 0, 0},
+                                {"probe_asc", VEL_DD_SEQUENCE_DATETIME, 0, 0},
+                                {"posn_rnd", VEL_DD_SEQUENCE_UINT8, 0, 0},
+                                {"posn_asc", VEL_DD_SEQUENCE_UINT8, 0, 0},
+                                {"dst", VEL_DD_SEQUENCE_INT4, 0, 0}};
         check(velh_class_define(db, "data", f, 7, 0, VELH_PM_INMEM, &cls), "class");
         velh_field_info_t *info[] = {&ts, &val, &probe_rnd, &probe_asc, &posn_rnd, &posn_asc, &dst};
         for (uint16_t i = 0; i < 7; i++)
@@ -391,7 +391,8 @@ void BM_Big_velseq(benchmark::State &state) {
         velh_config_init(&cfg);
         velh_db_t *db = nullptr;
         check(velh_db_open(&cfg, &db), "open");
-        velh_field_def_t f[] = {{"t", VEL_DD_SEQUENCE_INT8, 0}, {"p", VEL_DD_SEQUENCE_INT8, 0}};
+        velh_field_def_t f[] = {{"t", VEL_DD_SEQUENCE_INT8, 0, 0},
+                                {"p", VEL_DD_SEQUENCE_INT8, 0, 0}};
         uint16_t cls = 0;
         check(velh_class_define(db, "big", f, 2, 0, VELH_PM_INMEM, &cls), "class");
         velh_field_info_t t{}, p{};

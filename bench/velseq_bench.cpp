@@ -39,8 +39,8 @@ struct Fixture {
         velh_config_init(&cfg);
         cfg.warm_pages = warm_pages;
         check(velh_db_open(&cfg, &db), "open");
-        velh_field_def_t fields[] = {{"ts", VEL_DD_SEQUENCE_DATETIME, 0},
-                                     {"px", VEL_DD_SEQUENCE_DOUBLE, 0}};
+        velh_field_def_t fields[] = {{"ts", VEL_DD_SEQUENCE_DATETIME, 0, 0},
+                                     {"px", VEL_DD_SEQUENCE_DOUBLE, 0, 0}};
         check(velh_class_define(db, "quotes", fields, 2, 0, VELH_PM_INMEM, &cls), "class");
         check(velh_field_info(db, cls, 0, &ts), "ts");
         check(velh_field_info(db, cls, 1, &px), "px");

@@ -60,10 +60,10 @@ int main(void) {
     MUST(velh_db_open(&cfg, &db));
 
     const velh_field_def_t fields[] = {
-        {"ts", VEL_DD_SEQUENCE_DATETIME, 0},
-        {"price", VEL_DD_SEQUENCE_DOUBLE, 0},
-        {"probe", VEL_DD_SEQUENCE_DATETIME, 0},
-        {"window", VEL_DD_SEQUENCE_DOUBLE, 0},
+        {"ts", VEL_DD_SEQUENCE_DATETIME, 0, VEL_SEQ_ASC_ORDER},
+        {"price", VEL_DD_SEQUENCE_DOUBLE, 0, 0},
+        {"probe", VEL_DD_SEQUENCE_DATETIME, 0, 0},
+        {"window", VEL_DD_SEQUENCE_DOUBLE, 0, 0},
     };
     uint16_t cls;
     MUST(velh_class_define(db, "instrument", fields, 4, 0, VELH_PM_INMEM, &cls));

@@ -12,7 +12,8 @@
  *
  *     velh_config_t cfg;  velh_config_init(&cfg);
  *     velh_db_t *db;      velh_db_open(&cfg, &db);
- *     velh_field_def_t f[] = {{"id", VEL_DD_UINT4, 0}, {"ticks", VEL_DD_SEQUENCE_INT8, 0}};
+ *     velh_field_def_t f[] = {{"id", VEL_DD_UINT4, 0, 0},
+ *                             {"ticks", VEL_DD_SEQUENCE_INT8, 0, VEL_SEQ_ASC_ORDER}};
  *     uint16_t cls;       velh_class_define(db, "quote", f, 2, 0, VELH_PM_INMEM, &cls);
  *     vel_db_connection_h con;  velh_connect(db, &con);
  *     velh_begin(con, VELH_READ_WRITE);
@@ -95,24 +96,36 @@ VEL_RET velh_db_close(velh_db_t *db);
 #define VELH_MAX_SEQ_CHAR_WIDTH 32
 
 typedef struct velh_field_def_t_ {
-    const char *name; /* may be NULL; copied */
+    const char *name; /* may be NULL (no name); copied; non-empty names are
+                         unique within the class */
     uint8_t type;     /* VEL_DD_* scalar (VEL_DD_CHAR: fixed width) or
                          VEL_DD_SEQUENCE_* */
     uint16_t width;   /* bytes per value: VEL_DD_CHAR 1..4096,
                          VEL_DD_SEQUENCE_CHAR 1..VELH_MAX_SEQ_CHAR_WIDTH (the
                          most a tile's 4096-byte payload holds 128 of);
                          otherwise 0 */
+    uint8_t order;    /* sequence fields: the declared order, a vel_seq_order_t
+                         (VEL_SEQ_NO_ORDER, _ASC_ORDER, _DESC_ORDER), kept with
+                         the class in images and the log and returned by
+                         velh_field_info; the host does not enforce it (the
+                         module's calls take it).  0 for scalar fields. */
 } velh_field_def_t;
 
 /* Defines a class.  flags: 0 or VEL_CLASS_COMPACT (the class's objects use
    the compact layout); pm: VELH_PM_INMEM or VELH_PM_ALT.  Classes may be
-   defined at any time and are never dropped.  Fields are numbered 0.. in the
-   order given (fld_no).  VEL_E_HOST_LAYOUT if a field does not fit an object
-   page, VEL_E_HOST_BAD_ARG for a bad type, width or flag, VEL_E_ILLEGAL_PARAM
-   for a class or field name longer than VELH_MAX_NAME bytes.  With a commit
-   log the definition is logged before it becomes visible; a failed log
-   write refuses it (VEL_E_HOST_IO) and the class does not exist.
-   VEL_E_HOST_READ_ONLY in a database opened read-only. */
+   defined at any time and are never dropped; they are coded 1.. in the order
+   they were defined.  Fields are numbered 0.. in the order given (fld_no).
+   VEL_E_HOST_LAYOUT if a field does not fit an object page,
+   VEL_E_HOST_BAD_ARG for a bad type, width, order or flag, and (with a
+   sentence in velh_error_message() naming it) for a non-empty class name
+   another class has or a non-empty field name given twice;
+   VEL_E_ILLEGAL_PARAM for a class or field name longer than VELH_MAX_NAME
+   bytes.  With a commit log the definition is logged before it becomes
+   visible; a failed log write refuses it (VEL_E_HOST_IO) and the class does
+   not exist.  A log of an older format version keeps no declared orders:
+   classes with one are refused (VEL_E_HOST_BAD_ARG) until a checkpoint
+   starts a log of the current version.  VEL_E_HOST_READ_ONLY in a database
+   opened read-only. */
 VEL_RET velh_class_define(velh_db_t *db, const char *name, const velh_field_def_t *fields,
                           uint16_t n_fields, uint32_t flags, int pm, uint16_t *class_code);
 
@@ -129,6 +142,9 @@ typedef struct velh_field_info_t_ {
     vel_offs32_t u_offset;
     vel_offs32_t c_offset;
     vel_offs32_t offset; /* c_offset for a compact class, else u_offset */
+    const char *name;    /* NUL-terminated; "" when defined without one; valid
+                            until velh_db_close */
+    uint8_t order;       /* the declared order (0 for scalars) */
 } velh_field_info_t;
 
 VEL_RET velh_field_info(velh_db_t *db, uint16_t class_code, uint16_t fld_no,
@@ -136,6 +152,26 @@ VEL_RET velh_field_info(velh_db_t *db, uint16_t class_code, uint16_t fld_no,
 /* Looks a field up by name; VEL_E_HOST_NO_FIELD if there is none. */
 VEL_RET velh_field_by_name(velh_db_t *db, uint16_t class_code, const char *name,
                            velh_field_info_t *info);
+
+/* The catalogue: what velh_class_define was given, as images and the log
+   keep it. */
+typedef struct velh_class_info_t_ {
+    uint16_t code;     /* class code */
+    const char *name;  /* "" when defined without one; valid until velh_db_close */
+    uint16_t n_fields; /* fields 0..n_fields - 1: velh_field_info */
+    uint32_t flags;    /* as given to velh_class_define */
+    int pm;            /* VELH_PM_INMEM or VELH_PM_ALT */
+} velh_class_info_t;
+
+/* Classes are coded 1..velh_class_count(db), in the order they were
+   defined (0 for a null db). */
+uint16_t velh_class_count(velh_db_t *db);
+/* VEL_E_HOST_NO_CLASS for an unknown code, VEL_E_HOST_BAD_ARG for null
+   pointers. */
+VEL_RET velh_class_info(velh_db_t *db, uint16_t class_code, velh_class_info_t *info);
+/* Looks a class up by its whole name; VEL_E_HOST_NO_CLASS if there is none
+   (the empty name finds none). */
+VEL_RET velh_class_by_name(velh_db_t *db, const char *name, velh_class_info_t *info);
 
 /* The page manager of VELH_PM_INMEM or VELH_PM_ALT (NULL otherwise). */
 vel_page_manager_t *velh_page_manager(velh_db_t *db, int pm);
@@ -449,9 +485,17 @@ VEL_RET velh_db_open_file(const velh_config_t *cfg, const char *image_path, velh
    A failed write that is cut off cleanly refuses only its own commit. */
 VEL_RET velh_checkpoint(velh_db_t *db, const char *image_path);
 
-/* The sentence of the last durability failure of the calling thread ("" when
-   there was none). */
+/* The sentence of the last durability failure or refused class definition
+   of the calling thread ("" when there was none). */
 const char *velh_error_message(void);
+
+/* ---- codes ------------------------------------------------------------ */
+
+/* The name of a code of velseq.h ("VEL_E_NOMEM") and a sentence saying what
+   it means ("out of pages, or a page reference is missing"); NULL for a
+   number that is no code.  Static strings. */
+const char *vel_code_name(int code);
+const char *vel_code_text(int code);
 
 #ifdef __cplusplus
 }

@@ -50,75 +50,16 @@ namespace velseq {
 
 // ---- errors ----------------------------------------------------------------
 
-namespace detail {
-struct code_text {
-    int code;
-    const char *name;
-    const char *sentence;
-};
-// Every code of velseq.h, with its name and what it means.
-inline const code_text *find_code(int code) noexcept {
-    static const code_text table[] = {
-        {VEL_S_OK, "VEL_S_OK", "success"},
-        {VEL_S_OVERFLOW, "VEL_S_OVERFLOW", "a page overflowed into a new page (internal)"},
-        {VEL_S_UNDERFLOW, "VEL_S_UNDERFLOW", "a page became empty and was freed (internal)"},
-        {VEL_S_NOTFOUND, "VEL_S_NOTFOUND", "no element qualifies"},
-        {VEL_S_CURSOR_END, "VEL_S_CURSOR_END", "the iterator or cursor is past its end"},
-        {VEL_S_CURSOR_EMPTY, "VEL_S_CURSOR_EMPTY", "the class has no objects"},
-        {VEL_E_NOMEM, "VEL_E_NOMEM", "out of pages, or a page reference is missing"},
-        {VEL_E_ILLEGAL_TYPE, "VEL_E_ILLEGAL_TYPE", "an operand has the wrong element type"},
-        {VEL_E_ILLEGAL_PARAM, "VEL_E_ILLEGAL_PARAM", "an argument is out of range for this field"},
-        {VEL_E_SEQ_OUT_OF_ORDER, "VEL_E_SEQ_OUT_OF_ORDER",
-         "the values break the field's declared order"},
-        {VEL_E_SEQ_BOUNDED, "VEL_E_SEQ_BOUNDED",
-         "the operand iterator is already bound to another one"},
-        {VEL_E_SEQ_LENGTH_MISMATCH, "VEL_E_SEQ_LENGTH_MISMATCH",
-         "two inputs that go together differ in length"},
-        {VEL_E_SEQ_NULL_VALUE, "VEL_E_SEQ_NULL_VALUE",
-         "a null where none is allowed, or the element is null"},
-        {VEL_E_HOST_BAD_ARG, "VEL_E_HOST_BAD_ARG", "a null handle, a bad size or a bad definition"},
-        {VEL_E_HOST_TRANS_CLOSED, "VEL_E_HOST_TRANS_CLOSED", "no transaction is open"},
-        {VEL_E_HOST_READ_ONLY, "VEL_E_HOST_READ_ONLY",
-         "a write in a read-only transaction or database"},
-        {VEL_E_HOST_NO_CLASS, "VEL_E_HOST_NO_CLASS", "unknown class"},
-        {VEL_E_HOST_NO_OBJECT, "VEL_E_HOST_NO_OBJECT", "unknown or deleted object"},
-        {VEL_E_HOST_NO_FIELD, "VEL_E_HOST_NO_FIELD", "unknown field"},
-        {VEL_E_HOST_WRONG_FIELD, "VEL_E_HOST_WRONG_FIELD",
-         "the field is of another kind, type or class"},
-        {VEL_E_HOST_CONFLICT, "VEL_E_HOST_CONFLICT", "another writer committed first"},
-        {VEL_E_HOST_TRANS_ACTIVE, "VEL_E_HOST_TRANS_ACTIVE",
-         "the connection already has a transaction"},
-        {VEL_E_HOST_BUSY, "VEL_E_HOST_BUSY", "still in use"},
-        {VEL_E_HOST_LAYOUT, "VEL_E_HOST_LAYOUT", "the class does not fit an object page"},
-        {VEL_E_HOST_TRANS_FAILED, "VEL_E_HOST_TRANS_FAILED",
-         "the transaction carried an earlier error and was rolled back"},
-        {VEL_E_HOST_TREE_DEPTH, "VEL_E_HOST_TREE_DEPTH",
-         "a sequence tree is deeper than the module can read"},
-        {VEL_E_HOST_IO, "VEL_E_HOST_IO", "a file could not be created, read, written or flushed"},
-        {VEL_E_HOST_BAD_IMAGE, "VEL_E_HOST_BAD_IMAGE",
-         "the file is not a database image of this version, or a damaged one"},
-        {VEL_E_HOST_BAD_LOG, "VEL_E_HOST_BAD_LOG",
-         "the commit log is not one, belongs to another image, or is damaged before its end"},
-        {VEL_ERR_SEQ, "VEL_ERR_SEQ",
-         "the sequence module trapped on a corrupt page or a broken invariant"},
-    };
-    for (const code_text &t : table)
-        if (t.code == code)
-            return &t;
-    return nullptr;
-}
-} // namespace detail
-
 // Name of any code of velseq.h ("VEL_E_SEQ_OUT_OF_ORDER"); "VEL_?" if unknown.
 inline const char *code_name(int code) noexcept {
-    const detail::code_text *t = detail::find_code(code);
-    return t ? t->name : "VEL_?";
+    const char *n = vel_code_name(code);
+    return n ? n : "VEL_?";
 }
 
 // One sentence saying what the code means.
 inline const char *code_message(int code) noexcept {
-    const detail::code_text *t = detail::find_code(code);
-    return t ? t->sentence : "unknown code";
+    const char *s = vel_code_text(code);
+    return s ? s : "unknown code";
 }
 
 // The one exception of this API: code, its name, and a sentence with context.
@@ -562,11 +503,12 @@ class schema {
     }
     // A sequence field; `o` is the order its values keep (checked on every write).
     template <class T> field<T> seq(std::string name, order o = order::none) {
-        add(std::move(name), detail::elem<T>::seq_type, detail::elem<T>::width);
+        add(std::move(name), detail::elem<T>::seq_type, detail::elem<T>::width,
+            static_cast<uint8_t>(o));
         return field<T>(st_, static_cast<uint16_t>(st_->defs.size() - 1), o);
     }
     template <class T> scalar_field<T> value(std::string name) {
-        add(std::move(name), detail::elem<T>::scalar_type, detail::elem<T>::width);
+        add(std::move(name), detail::elem<T>::scalar_type, detail::elem<T>::width, 0);
         return scalar_field<T>(st_, static_cast<uint16_t>(st_->defs.size() - 1));
     }
     uint16_t code() const {
@@ -579,11 +521,11 @@ class schema {
   private:
     friend class database;
     friend struct detail::image_access;
-    void add(std::string name, uint8_t type, uint16_t width) {
+    void add(std::string name, uint8_t type, uint16_t width, uint8_t ord) {
         if (st_->code != 0)
             throw error(VEL_E_HOST_BAD_ARG, "class " + st_->name + " is already defined");
         st_->names.push_back(std::move(name));
-        st_->defs.push_back({nullptr, type, width});
+        st_->defs.push_back({nullptr, type, width, ord});
     }
     std::shared_ptr<detail::class_state> st_;
 };

@@ -61,8 +61,8 @@ std::unique_ptr<Env> Env::open(const EnvConfig &cfg, const std::vector<FieldSpec
     }
     for (size_t i = 0; i < fields.size(); ++i)
         defs.push_back({names[i].c_str(), fields[i].fam.seq_code,
-                        static_cast<uint16_t>(fields[i].fam.is_char ? fields[i].fam.width : 0)});
-    defs.push_back({"tag", VEL_DD_UINT8, 0});
+                        static_cast<uint16_t>(fields[i].fam.is_char ? fields[i].fam.width : 0), 0});
+    defs.push_back({"tag", VEL_DD_UINT8, 0, 0});
     *rc = velh_class_define(e->db_, "subject", defs.data(), static_cast<uint16_t>(defs.size()),
                             cfg.compact ? VEL_CLASS_COMPACT : 0,
                             cfg.alt_pm ? VELH_PM_ALT : VELH_PM_INMEM, &e->class_code_);

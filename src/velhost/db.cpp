@@ -4,6 +4,8 @@
 #include <cstring>
 #include <fcntl.h>
 #include <new>
+#include <set>
+#include <string_view>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -83,6 +85,139 @@ bool place(std::vector<Field> &fields, const std::vector<uint16_t> &order, uint3
     }
     *end = static_cast<uint32_t>(pos);
     return true;
+}
+
+// ---- class definitions -----------------------------------------------------
+
+// Names: at most VELH_MAX_NAME bytes (files store them with a 16-bit
+// length), and no non-empty field name twice in a class.
+VEL_RET check_names(const char *name, const velh_field_def_t *fields, uint16_t n_fields) {
+    auto too_long = [](const char *s) { return s != nullptr && std::strlen(s) > VELH_MAX_NAME; };
+    bool long_name = too_long(name);
+    for (uint16_t i = 0; i < n_fields && !long_name; ++i)
+        long_name = too_long(fields[i].name);
+    if (long_name)
+        return VEL_E_ILLEGAL_PARAM;
+    std::set<std::string_view> seen;
+    for (uint16_t i = 0; i < n_fields; ++i)
+        if (fields[i].name != nullptr && *fields[i].name != '\0' &&
+            !seen.insert(fields[i].name).second)
+            return fail(VEL_E_HOST_BAD_ARG, "class " + std::string(name != nullptr ? name : "") +
+                                                ": field " + std::to_string(i) + " is named " +
+                                                fields[i].name + " as an earlier field is");
+    return VEL_S_OK;
+}
+
+// The field of a definition, before placement; false for a bad type, width
+// or order.  `ps`: the sequence page size.
+bool make_field(const velh_field_def_t &def, uint32_t ps, Field *f) {
+    f->name = def.name != nullptr ? def.name : "";
+    f->type = def.type;
+    f->order = def.order;
+    uint8_t elem;
+    if (def.type == VEL_DD_CHAR) {
+        if (def.width == 0 || def.width > 4096 || def.order != 0)
+            return false;
+        f->is_char = true;
+        f->size = f->elem_size = def.width;
+    } else if (seq_elem_type(def.type, &elem)) {
+        if (def.order > VEL_SEQ_DESC_ORDER)
+            return false;
+        f->is_seq = true;
+        f->size = 8;
+        if (elem == VEL_DD_CHAR) {
+            // A tile holds 128 elements of at most 32 bytes, and the
+            // module's set-ups do not check the width against it; at least
+            // one element must also fit a leaf (8 * width + 1 bits).
+            if (def.width == 0 || def.width > VELH_MAX_SEQ_CHAR_WIDTH ||
+                8u * def.width + 1 > 8u * ps - 127)
+                return false;
+            f->is_char = true;
+            f->elem_size = def.width;
+        } else {
+            if (def.width != 0)
+                return false;
+            f->elem_size = scalar_size(elem);
+        }
+    } else {
+        f->size = f->elem_size = scalar_size(def.type);
+        if (f->size == 0 || def.width != 0 || def.order != 0)
+            return false;
+    }
+    return true;
+}
+
+// Places the fields in both layouts and sizes the object image; false when
+// a field does not fit an object page.  Uncompact: declaration order.
+// Compact: widest alignment first, which needs no padding between fields
+// except at object page ends.
+bool lay_out(Db *d, ClassDef *cls) {
+    const auto n_fields = static_cast<uint16_t>(cls->fields.size());
+    std::vector<uint16_t> order(n_fields);
+    for (uint16_t i = 0; i < n_fields; ++i)
+        order[i] = i;
+    const uint32_t afs = d->cfg.additional_object_field_size;
+    const uint32_t dd = d->obj_data;
+    uint32_t end_u = 0, end_c = 0;
+    if (!place(cls->fields, order, afs, dd, false, &end_u))
+        return false;
+    std::stable_sort(order.begin(), order.end(), [&](uint16_t a, uint16_t b) {
+        return align_of(cls->fields[a]) > align_of(cls->fields[b]);
+    });
+    if (!place(cls->fields, order, afs, dd, true, &end_c))
+        return false;
+    const bool compact = (cls->flags & VEL_CLASS_COMPACT) != 0;
+    for (Field &f : cls->fields)
+        f.off = compact ? f.c_off : f.u_off;
+    uint32_t end = std::max<uint32_t>(compact ? end_c : end_u, 1);
+    cls->pages_per_object = (end + dd - 1) / dd;
+    cls->image_bytes = cls->pages_per_object * dd;
+    return true;
+}
+
+// The class of a non-empty name, or null.
+ClassDef *class_named(Db *d, const char *name) {
+    const uint32_t n = d->n_classes.load(std::memory_order_acquire);
+    for (uint32_t code = 1; code < n; ++code)
+        if (d->classes[code]->name == name)
+            return d->classes[code].get();
+    return nullptr;
+}
+
+// Gives the class the next code, logs it and makes it visible.
+VEL_RET publish_class(Db *d, std::unique_ptr<ClassDef> cls, uint16_t *class_code) {
+    std::lock_guard<std::mutex> lock(d->schema_mutex);
+    uint32_t code = d->n_classes.load();
+    if (code >= VELH_MAX_CLASSES)
+        return VEL_E_HOST_BAD_ARG;
+    if (!cls->name.empty())
+        if (const ClassDef *other = class_named(d, cls->name.c_str()))
+            return fail(VEL_E_HOST_BAD_ARG, "a class named " + cls->name + " exists already (" +
+                                                "class " + std::to_string(other->code) + ")");
+    cls->code = static_cast<uint16_t>(code);
+    // Logged before it is published, under the lock checkpoints hold, so
+    // that an image and its log never both or neither hold the class.
+    std::unique_lock<std::mutex> log_lock;
+    if (d->durable != nullptr) {
+        log_lock = std::unique_lock<std::mutex>(d->durable->mutex);
+        if (VEL_RET r = log_class(d, *cls, static_cast<uint16_t>(code)); r != VEL_S_OK)
+            return r;
+    }
+    d->block.classes[code].flags = cls->flags;
+    d->block.classes[code].host_index = code;
+    d->classes[code] = std::move(cls);
+    d->block.dict.n_classes = code + 1;
+    d->n_classes.store(code + 1, std::memory_order_release);
+    *class_code = static_cast<uint16_t>(code);
+    return VEL_S_OK;
+}
+
+void fill_class_info(const ClassDef &cls, velh_class_info_t *info) {
+    info->code = cls.code;
+    info->name = cls.name.c_str();
+    info->n_fields = static_cast<uint16_t>(cls.fields.size());
+    info->flags = cls.flags;
+    info->pm = cls.pm->which;
 }
 
 void end_txn(Db *db, Conn *c) {
@@ -289,96 +424,50 @@ VEL_RET velh_class_define(velh_db_t *db, const char *name, const velh_field_def_
     Db *d = reinterpret_cast<Db *>(db);
     if (d->read_only)
         return VEL_E_HOST_READ_ONLY;
-    // Files store names with a 16-bit length.
-    auto too_long = [](const char *s) { return s != nullptr && std::strlen(s) > VELH_MAX_NAME; };
-    bool long_name = too_long(name);
-    for (uint16_t i = 0; i < n_fields && !long_name; ++i)
-        long_name = too_long(fields[i].name);
-    if (long_name)
-        return VEL_E_ILLEGAL_PARAM;
+    fail(VEL_S_OK, ""); // a refusal below may leave its sentence
+    if (VEL_RET r = check_names(name, fields, n_fields); r != VEL_S_OK)
+        return r;
     auto cls = std::make_unique<ClassDef>();
     cls->name = name != nullptr ? name : "";
     cls->flags = flags;
     cls->pm = &d->pms[pm];
-    const uint32_t ps = d->cfg.seq_page_size;
     for (uint16_t i = 0; i < n_fields; ++i) {
-        const velh_field_def_t &def = fields[i];
         Field f;
-        f.name = def.name != nullptr ? def.name : "";
-        f.type = def.type;
-        uint8_t elem;
-        if (def.type == VEL_DD_CHAR) {
-            if (def.width == 0 || def.width > 4096)
-                return VEL_E_HOST_BAD_ARG;
-            f.is_char = true;
-            f.size = f.elem_size = def.width;
-        } else if (seq_elem_type(def.type, &elem)) {
-            f.is_seq = true;
-            f.size = 8;
-            if (elem == VEL_DD_CHAR) {
-                // A tile holds 128 elements of at most 32 bytes, and the
-                // module's set-ups do not check the width against it; at
-                // least one element must also fit a leaf (8 * width + 1 bits).
-                if (def.width == 0 || def.width > VELH_MAX_SEQ_CHAR_WIDTH ||
-                    8u * def.width + 1 > 8u * ps - 127)
-                    return VEL_E_HOST_BAD_ARG;
-                f.is_char = true;
-                f.elem_size = def.width;
-            } else {
-                if (def.width != 0)
-                    return VEL_E_HOST_BAD_ARG;
-                f.elem_size = scalar_size(elem);
-            }
-        } else {
-            f.size = f.elem_size = scalar_size(def.type);
-            if (f.size == 0 || def.width != 0)
-                return VEL_E_HOST_BAD_ARG;
-        }
+        if (!make_field(fields[i], d->cfg.seq_page_size, &f))
+            return VEL_E_HOST_BAD_ARG;
         cls->fields.push_back(std::move(f));
         if (cls->fields.back().is_seq)
             cls->seq_fields.push_back(i);
     }
-    // Uncompact: declaration order.  Compact: widest alignment first, which
-    // needs no padding between fields except at object page ends.
-    std::vector<uint16_t> order(n_fields);
-    for (uint16_t i = 0; i < n_fields; ++i)
-        order[i] = i;
-    const uint32_t afs = d->cfg.additional_object_field_size;
-    const uint32_t dd = d->obj_data;
-    uint32_t end_u = 0, end_c = 0;
-    if (!place(cls->fields, order, afs, dd, false, &end_u))
+    if (!lay_out(d, cls.get()))
         return VEL_E_HOST_LAYOUT;
-    std::stable_sort(order.begin(), order.end(), [&](uint16_t a, uint16_t b) {
-        return align_of(cls->fields[a]) > align_of(cls->fields[b]);
-    });
-    if (!place(cls->fields, order, afs, dd, true, &end_c))
-        return VEL_E_HOST_LAYOUT;
-    const bool compact = (flags & VEL_CLASS_COMPACT) != 0;
-    for (Field &f : cls->fields)
-        f.off = compact ? f.c_off : f.u_off;
-    uint32_t end = std::max<uint32_t>(compact ? end_c : end_u, 1);
-    cls->pages_per_object = (end + dd - 1) / dd;
-    cls->image_bytes = cls->pages_per_object * dd;
+    return publish_class(d, std::move(cls), class_code);
+}
 
-    std::lock_guard<std::mutex> lock(d->schema_mutex);
-    uint32_t code = d->n_classes.load();
-    if (code >= VELH_MAX_CLASSES)
+uint16_t velh_class_count(velh_db_t *db) {
+    if (db == nullptr)
+        return 0;
+    return static_cast<uint16_t>(
+        reinterpret_cast<Db *>(db)->n_classes.load(std::memory_order_acquire) - 1);
+}
+
+VEL_RET velh_class_info(velh_db_t *db, uint16_t class_code, velh_class_info_t *info) {
+    if (db == nullptr || info == nullptr)
         return VEL_E_HOST_BAD_ARG;
-    cls->code = static_cast<uint16_t>(code);
-    // Logged before it is published, under the lock checkpoints hold, so
-    // that an image and its log never both or neither hold the class.
-    std::unique_lock<std::mutex> log_lock;
-    if (d->durable != nullptr) {
-        log_lock = std::unique_lock<std::mutex>(d->durable->mutex);
-        if (VEL_RET r = log_class(d, *cls, static_cast<uint16_t>(code)); r != VEL_S_OK)
-            return r;
-    }
-    d->block.classes[code].flags = flags;
-    d->block.classes[code].host_index = code;
-    d->classes[code] = std::move(cls);
-    d->block.dict.n_classes = code + 1;
-    d->n_classes.store(code + 1, std::memory_order_release);
-    *class_code = static_cast<uint16_t>(code);
+    ClassDef *cls = class_of(reinterpret_cast<Db *>(db), class_code);
+    if (cls == nullptr)
+        return VEL_E_HOST_NO_CLASS;
+    fill_class_info(*cls, info);
+    return VEL_S_OK;
+}
+
+VEL_RET velh_class_by_name(velh_db_t *db, const char *name, velh_class_info_t *info) {
+    if (db == nullptr || name == nullptr || info == nullptr)
+        return VEL_E_HOST_BAD_ARG;
+    ClassDef *cls = *name != '\0' ? class_named(reinterpret_cast<Db *>(db), name) : nullptr;
+    if (cls == nullptr)
+        return VEL_E_HOST_NO_CLASS;
+    fill_class_info(*cls, info);
     return VEL_S_OK;
 }
 
@@ -391,6 +480,8 @@ static VEL_RET fill_info(ClassDef *cls, uint16_t fld_no, velh_field_info_t *info
     info->u_offset = f.u_off;
     info->c_offset = f.c_off;
     info->offset = f.off;
+    info->name = f.name.c_str();
+    info->order = f.order;
     return VEL_S_OK;
 }
 

@@ -99,6 +99,7 @@ struct PageManager {
 struct Field {
     std::string name;
     uint8_t type = 0;
+    uint8_t order = 0; // declared order (vel_seq_order_t) of a sequence field; kept, not enforced
     bool is_seq = false;
     bool is_char = false;
     uint16_t size = 0;      // bytes in the object

@@ -30,7 +30,7 @@ int main(void) {
     velh_config_init(&cfg);
     velh_db_t *db;
     MUST(velh_db_open(&cfg, &db));
-    const velh_field_def_t defs[] = {{"px", VEL_DD_SEQUENCE_DOUBLE, 0}};
+    const velh_field_def_t defs[] = {{"px", VEL_DD_SEQUENCE_DOUBLE, 0, 0}};
     uint16_t cls;
     MUST(velh_class_define(db, "series", defs, 1, 0, VELH_PM_INMEM, &cls));
     velh_field_info_t px;

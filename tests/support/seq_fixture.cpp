@@ -31,9 +31,9 @@ SeqDb::SeqDb(const DbOptions &opt) : opt_(opt) {
     must(velh_db_open(&cfg, &db_), "velh_db_open");
 
     std::vector<velh_field_def_t> defs;
-    defs.push_back({"id", VEL_DD_UINT4, 0});
+    defs.push_back({"id", VEL_DD_UINT4, 0, 0});
     for (const velrel::Family &fam : velrel::scalar_families())
-        defs.push_back({nullptr, fam.seq_code, 0});
+        defs.push_back({nullptr, fam.seq_code, 0, 0});
     must(velh_class_define(db_, "seqs", defs.data(), static_cast<uint16_t>(defs.size()), 0,
                            VELH_PM_INMEM, &class_code_),
          "velh_class_define");

@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "harness/families.h"
-#include "storage/field_root.h"
+#include "seq_root.h"
 #include "veltools.h"
 
 namespace {
@@ -31,7 +31,7 @@ struct FieldDb {
         EXPECT_EQ(velh_db_open(&cfg, &db), VEL_S_OK);
         const velh_field_def_t def{
             "v", velt_sequence_code(type),
-            static_cast<uint16_t>(type.elem_type == VEL_DD_CHAR ? type.elem_size : 0)};
+            static_cast<uint16_t>(type.elem_type == VEL_DD_CHAR ? type.elem_size : 0), 0};
         EXPECT_EQ(velh_class_define(db, "c", &def, 1, 0, VELH_PM_INMEM, &cls), VEL_S_OK);
         velh_field_info_t fi{};
         EXPECT_EQ(velh_field_info(db, cls, 0, &fi), VEL_S_OK);

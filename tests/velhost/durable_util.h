@@ -41,13 +41,13 @@ inline const std::vector<ClassSpec> &classes() {
     // clang-format off
     static const std::vector<ClassSpec> c = {
         {"quote", 0, VELH_PM_INMEM,
-         {{"id", VEL_DD_INT4, 0}, {"name", VEL_DD_CHAR, 12}, {"ticks", VEL_DD_SEQUENCE_INT8, 0},
-          {"prices", VEL_DD_SEQUENCE_DOUBLE, 0}, {"tags", VEL_DD_SEQUENCE_CHAR, 5}}},
+         {{"id", VEL_DD_INT4, 0, 0}, {"name", VEL_DD_CHAR, 12, 0}, {"ticks", VEL_DD_SEQUENCE_INT8, 0, 0},
+          {"prices", VEL_DD_SEQUENCE_DOUBLE, 0, 0}, {"tags", VEL_DD_SEQUENCE_CHAR, 5, 0}}},
         {"series", VEL_CLASS_COMPACT, VELH_PM_ALT,
-         {{"u", VEL_DD_UINT2, 0}, {"vals", VEL_DD_SEQUENCE_INT4, 0}, {"f", VEL_DD_FLOAT, 0},
-          {"small", VEL_DD_SEQUENCE_UINT1, 0}, {"when", VEL_DD_SEQUENCE_DATETIME, 0}}, 1},
+         {{"u", VEL_DD_UINT2, 0, 0}, {"vals", VEL_DD_SEQUENCE_INT4, 0, VEL_SEQ_ASC_ORDER}, {"f", VEL_DD_FLOAT, 0, 0},
+          {"small", VEL_DD_SEQUENCE_UINT1, 0, 0}, {"when", VEL_DD_SEQUENCE_DATETIME, 0, 0}}, 1},
         {"late", 0, VELH_PM_INMEM,
-         {{"x", VEL_DD_INT8, 0}, {"s", VEL_DD_SEQUENCE_FLOAT, 0}, {"c", VEL_DD_SEQUENCE_CHAR, 32}}}};
+         {{"x", VEL_DD_INT8, 0, 0}, {"s", VEL_DD_SEQUENCE_FLOAT, 0, 0}, {"c", VEL_DD_SEQUENCE_CHAR, 32, 0}}}};
     // clang-format on
     return c;
 }
@@ -165,11 +165,11 @@ inline VEL_RET load(const velh_config_t &cfg, const char *image, std::string *st
 }
 
 // Defines classes()[c].
-inline VEL_RET define_class(velh_db_t *db, size_t c) {
+inline VEL_RET define_class(velh_db_t *db, size_t c, const char *name = nullptr) {
     const ClassSpec &s = classes()[c];
     uint16_t code = 0;
-    return velh_class_define(db, s.name, s.fields.data(), uint16_t(s.fields.size()), s.flags, s.pm,
-                             &code);
+    return velh_class_define(db, name ? name : s.name, s.fields.data(), uint16_t(s.fields.size()),
+                             s.flags, s.pm, &code);
 }
 
 // Commits n values v appended to "ticks" of the class 1 object *oid (0: a new

@@ -198,7 +198,7 @@ TEST(DurableLock, OneWriterOrSharedReaders) {
     EXPECT_EQ(velh_checkpoint(t->db, img.c_str()), VEL_S_OK);
     EXPECT_FALSE(fs::exists(stale));
     // A read-only open replays class records like any other.
-    EXPECT_EQ(define_class(t->db, 2), VEL_S_OK);
+    EXPECT_EQ(define_class(t->db, 2, "later"), VEL_S_OK);
     t.reset();
     EXPECT_TRUE(open_db(ro, img.c_str()));
 }
@@ -213,7 +213,7 @@ TEST(DurableLock, ClassesDefinedDuringCheckpoints) {
     const velh_config_t cfg = config(4096, log.c_str(), VELH_LOG_SYNC_NONE);
     const int n = 40;
     auto define = [&](velh_db_t *db, const std::string &cls, const std::string &fld) {
-        const velh_field_def_t f{fld.c_str(), VEL_DD_SEQUENCE_INT4, 0};
+        const velh_field_def_t f{fld.c_str(), VEL_DD_SEQUENCE_INT4, 0, 0};
         uint16_t code;
         return velh_class_define(db, cls.c_str(), &f, 1, 0, VELH_PM_INMEM, &code);
     };

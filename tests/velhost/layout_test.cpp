@@ -18,7 +18,7 @@ TEST(LayoutTest, FieldEndingAtThePageEndStays) {
     cfg.object_page_size = 128;
     velh_db_t *db;
     ASSERT_EQ(velh_db_open(&cfg, &db), VEL_S_OK);
-    const velh_field_def_t f[] = {{"x", VEL_DD_CHAR, 96}, {"s", VEL_DD_SEQUENCE_INT1, 0}};
+    const velh_field_def_t f[] = {{"x", VEL_DD_CHAR, 96, 0}, {"s", VEL_DD_SEQUENCE_INT1, 0, 0}};
     uint16_t code;
     ASSERT_EQ(velh_class_define(db, "c", f, 2, 0, VELH_PM_INMEM, &code), VEL_S_OK);
     velh_field_info_t fi;
@@ -47,11 +47,11 @@ TEST(LayoutProperty, RandomClassesKeepEveryInvariant) {
         for (auto &f : defs) {
             const uint32_t k = rng() % 14;
             if (k < 11)
-                f = {nullptr, scalars[k], 0};
+                f = {nullptr, scalars[k], 0, 0};
             else if (k == 11)
-                f = {nullptr, VEL_DD_CHAR, static_cast<uint16_t>(1 + rng() % 60)};
+                f = {nullptr, VEL_DD_CHAR, static_cast<uint16_t>(1 + rng() % 60), 0};
             else
-                f = {nullptr, static_cast<uint8_t>(VEL_DD_SEQUENCE_UINT1 + rng() % 12), 0};
+                f = {nullptr, static_cast<uint8_t>(VEL_DD_SEQUENCE_UINT1 + rng() % 12), 0, 0};
             if (f.type == VEL_DD_SEQUENCE_CHAR)
                 f.width = 5;
         }

@@ -31,7 +31,7 @@ class PagesTest : public ::testing::Test {
         cfg.concurrent_write_transactions = 1;
         ASSERT_EQ(velh_db_open(&cfg, &db), VEL_S_OK);
         ASSERT_EQ(velh_connect(db, &con), VEL_S_OK);
-        velh_field_def_t f[] = {{"id", VEL_DD_INT4, 0}, {"vals", VEL_DD_SEQUENCE_INT4, 0}};
+        velh_field_def_t f[] = {{"id", VEL_DD_INT4, 0, 0}, {"vals", VEL_DD_SEQUENCE_INT4, 0, 0}};
         ASSERT_EQ(velh_class_define(db, "series", f, 2, 0, VELH_PM_INMEM, &cls), VEL_S_OK);
         ASSERT_EQ(velh_field_info(db, cls, 1, &fi), VEL_S_OK);
     }

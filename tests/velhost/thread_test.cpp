@@ -22,10 +22,10 @@ void run(vel_bool concurrent, int writers, int rounds) {
     cfg.concurrent_write_transactions = concurrent;
     velh_db_t *db = nullptr;
     ASSERT_EQ(velh_db_open(&cfg, &db), VEL_S_OK);
-    const velh_field_def_t f[] = {{"round", VEL_DD_INT4, 0},
-                                  {"vals", VEL_DD_SEQUENCE_INT4, 0},
-                                  {"a", VEL_DD_INT4, 0},
-                                  {"b", VEL_DD_INT4, 0}};
+    const velh_field_def_t f[] = {{"round", VEL_DD_INT4, 0, 0},
+                                  {"vals", VEL_DD_SEQUENCE_INT4, 0, 0},
+                                  {"a", VEL_DD_INT4, 0, 0},
+                                  {"b", VEL_DD_INT4, 0, 0}};
     uint16_t cls = 0;
     ASSERT_EQ(velh_class_define(db, "t", f, 4, 0, VELH_PM_INMEM, &cls), VEL_S_OK);
     velh_field_info_t vals{};

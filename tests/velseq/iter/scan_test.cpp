@@ -122,7 +122,7 @@ TEST_F(CursorScan, IndexCursorInKeyOrder) {
 // A field empty in every object ends at once; over a class without objects
 // the list cursor opens empty and a reset returns the cursor's own code.
 TEST_F(CursorScan, EmptyFieldsAndEmptyClasses) {
-    const velh_field_def_t x = {"x", VEL_DD_INT8, 0};
+    const velh_field_def_t x = {"x", VEL_DD_INT8, 0, 0};
     uint16_t none = 0;
     ASSERT_EQ(velh_class_define(db.db(), "none", &x, 1, 0, VELH_PM_INMEM, &none), VEL_S_OK);
     vel_cursor_t cur, empty;
@@ -152,10 +152,10 @@ TEST(ObjectPageEnd, FieldsEndingAtThePageEndAreRead) {
     SeqDb db(opt);
     vel_trans_h tr = &db.con()->trans;
     const uint16_t d = opt.object_page_size - 24;
-    const velh_field_def_t defs[] = {{"pad", VEL_DD_CHAR, static_cast<uint16_t>(d - 8 - 16)},
-                                     {"x", VEL_DD_INT8, 0},
-                                     {"pad2", VEL_DD_CHAR, static_cast<uint16_t>(d - 8)},
-                                     {"s", VEL_DD_SEQUENCE_INT8, 0}};
+    const velh_field_def_t defs[] = {{"pad", VEL_DD_CHAR, static_cast<uint16_t>(d - 8 - 16), 0},
+                                     {"x", VEL_DD_INT8, 0, 0},
+                                     {"pad2", VEL_DD_CHAR, static_cast<uint16_t>(d - 8), 0},
+                                     {"s", VEL_DD_SEQUENCE_INT8, 0, 0}};
     for (uint32_t flags : {0u, uint32_t{VEL_CLASS_COMPACT}}) {
         SCOPED_TRACE(flags);
         uint16_t cls = 0;
