@@ -598,18 +598,27 @@ VEL_SEQ_API vel_bool vel_seq_is_rle(void);
         vel_trans_h trans, vel_offs32_t fld_u_offset, vel_offs32_t fld_c_offset,                   \
         uint16_t class_code, vel_seq_iterator_h iterator, vel_cursor_h cursor);
 
-VEL_SEQ_DECLARE_TYPED(int1, vel_int1)
-VEL_SEQ_DECLARE_TYPED(int2, vel_int2)
-VEL_SEQ_DECLARE_TYPED(int4, vel_int4)
-VEL_SEQ_DECLARE_TYPED(int8, vel_int8)
-VEL_SEQ_DECLARE_TYPED(uint1, vel_uint1)
-VEL_SEQ_DECLARE_TYPED(uint2, vel_uint2)
-VEL_SEQ_DECLARE_TYPED(uint4, vel_uint4)
-VEL_SEQ_DECLARE_TYPED(uint8, vel_uint8)
-VEL_SEQ_DECLARE_TYPED(float, vel_float)
-VEL_SEQ_DECLARE_TYPED(double, vel_double)
-VEL_SEQ_DECLARE_TYPED(datetime, vel_datetime)
+/* Every scalar element type, once, for whatever is generated per type here
+   and in the layers above: X(S, T, DD) with S the suffix of the typed
+   functions, T the C type and DD the suffix of its VEL_DD_ codes
+   (VEL_DD_DD, VEL_DD_SEQUENCE_DD).  The char(N) family stands apart: its
+   width comes at run time. */
+#define VEL_SEQ_SCALAR_TYPES(X)                                                                    \
+    X(int1, vel_int1, INT1)                                                                        \
+    X(int2, vel_int2, INT2)                                                                        \
+    X(int4, vel_int4, INT4)                                                                        \
+    X(int8, vel_int8, INT8)                                                                        \
+    X(uint1, vel_uint1, UINT1)                                                                     \
+    X(uint2, vel_uint2, UINT2)                                                                     \
+    X(uint4, vel_uint4, UINT4)                                                                     \
+    X(uint8, vel_uint8, UINT8)                                                                     \
+    X(float, vel_float, FLOAT)                                                                     \
+    X(double, vel_double, DOUBLE)                                                                  \
+    X(datetime, vel_datetime, DATETIME)
 
+#define VEL_SEQ_DECLARE_(S, T, DD) VEL_SEQ_DECLARE_TYPED(S, T)
+VEL_SEQ_SCALAR_TYPES(VEL_SEQ_DECLARE_)
+#undef VEL_SEQ_DECLARE_
 #undef VEL_SEQ_DECLARE_TYPED
 
 /* ---- fixed-width character elements: `size` bytes each ------------------ */

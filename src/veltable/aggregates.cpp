@@ -1,0 +1,448 @@
+// The registry of aggregate kernels, and the two drivers that run them:
+// aggregate (one group: a position range) and resample (time buckets).
+//
+// A kernel is one struct: its name, what it answers, whether it takes
+// numbers only (not datetimes or characters), the type of its answer, and
+// `state<P>`, its running state over values of policy P (dispatch.h).  Adding an aggregate is one struct here plus its
+// line in `registry`.
+#include <algorithm>
+#include <tuple>
+
+#include "dispatch.h"
+
+namespace velseq::table {
+
+uint64_t array::null_count() const {
+    if (validity.empty())
+        return 0;
+    uint64_t n = 0;
+    for (uint64_t i = 0; i < length; i++)
+        n += !valid(i);
+    return n;
+}
+
+namespace detail {
+namespace {
+
+// Appends one value (or a null when `v` is null) to `out`.  The validity
+// bitmap is made on the first null, with every earlier value present.
+void push(array &out, const void *v) {
+    const size_t w = out.type.width;
+    const uint64_t i = out.length++;
+    out.values.resize(out.values.size() + w);
+    if (v != nullptr)
+        std::memcpy(out.values.data() + i * w, v, w);
+    if (v == nullptr && out.validity.empty())
+        out.validity.assign((i + 8) / 8, 0xFF);
+    if (!out.validity.empty()) {
+        out.validity.resize(out.length / 8 + 1, 0);
+        const uint8_t bit = uint8_t(1u << (i % 8));
+        out.validity[i / 8] = v ? (out.validity[i / 8] | bit) : (out.validity[i / 8] & ~bit);
+    }
+}
+
+template <class P> struct kernel_state {
+    virtual ~kernel_state() = default;
+    // Values v[0, n) of positions pos.., nulls flagged from bit `off` of
+    // `nulls`.
+    virtual void add(const P &p, const unsigned char *v, const vel_bitmap_word_t *nulls, size_t off,
+                     size_t n, uint64_t pos) = 0;
+    // Appends the answer to `out` and starts over.
+    virtual void answer(const P &p, array &out) = 0;
+};
+
+// Calls f(value, position) for each non-null value of a chunk.
+template <class P, class F>
+void each_value(const P &p, const unsigned char *v, const vel_bitmap_word_t *nulls, size_t off,
+                size_t n, uint64_t pos, F &&f) {
+    for (size_t i = 0; i < n; i++)
+        if (!null_at(nulls, off + i))
+            f(p.at(v, i), pos + i);
+}
+
+bool numeric(column_type t) {
+    return t.code != VEL_DD_SEQUENCE_DATETIME && t.code != VEL_DD_SEQUENCE_CHAR;
+}
+constexpr column_type kUint8{VEL_DD_SEQUENCE_UINT8, 8};
+constexpr column_type kDouble{VEL_DD_SEQUENCE_DOUBLE, 8};
+
+// The sum's type: double for floats, int64 or uint64 for integers (which
+// wrap around as unsigned arithmetic does).
+column_type sum_type(column_type t) {
+    switch (t.code) {
+    case VEL_DD_SEQUENCE_FLOAT:
+    case VEL_DD_SEQUENCE_DOUBLE:
+        return kDouble;
+    case VEL_DD_SEQUENCE_INT1:
+    case VEL_DD_SEQUENCE_INT2:
+    case VEL_DD_SEQUENCE_INT4:
+    case VEL_DD_SEQUENCE_INT8:
+        return {VEL_DD_SEQUENCE_INT8, 8};
+    default:
+        return kUint8;
+    }
+}
+
+template <class P> struct summing {
+    using T = typename P::value;
+    using acc_t = std::conditional_t<std::is_floating_point_v<T>, double, uint64_t>;
+    acc_t sum = 0;
+    uint64_t count = 0;
+    void add(const P &p, const unsigned char *v, const vel_bitmap_word_t *nulls, size_t off,
+             size_t n, uint64_t pos) {
+        each_value(p, v, nulls, off, n, pos, [&](const T &x, uint64_t) {
+            sum += static_cast<acc_t>(x);
+            count++;
+        });
+    }
+    // The sum as its answer type: signed integers reinterpret the wrapped
+    // unsigned total.
+    auto total() const {
+        if constexpr (std::is_floating_point_v<T> || std::is_unsigned_v<T>)
+            return sum;
+        else
+            return static_cast<int64_t>(sum);
+    }
+};
+
+struct count_k {
+    static constexpr const char *name = "count";
+    static constexpr const char *answer = "the number of values present";
+    static constexpr bool numeric_only = false;
+    static column_type result(column_type) { return kUint8; }
+    template <class P> struct state : kernel_state<P> {
+        uint64_t n = 0;
+        void add(const P &, const unsigned char *, const vel_bitmap_word_t *nulls, size_t off,
+                 size_t k, uint64_t) override {
+            for (size_t i = 0; i < k; i++)
+                n += !null_at(nulls, off + i);
+        }
+        void answer(const P &, array &out) override {
+            push(out, &n);
+            n = 0;
+        }
+    };
+};
+
+struct sum_k {
+    static constexpr const char *name = "sum";
+    static constexpr const char *answer = "the sum of the values (0 when none)";
+    static constexpr bool numeric_only = true;
+    static column_type result(column_type t) { return sum_type(t); }
+    template <class P> struct state : kernel_state<P>, summing<P> {
+        void add(const P &p, const unsigned char *v, const vel_bitmap_word_t *nulls, size_t off,
+                 size_t n, uint64_t pos) override {
+            summing<P>::add(p, v, nulls, off, n, pos);
+        }
+        void answer(const P &, array &out) override {
+            const auto s = this->total();
+            push(out, &s);
+            this->sum = 0;
+            this->count = 0;
+        }
+    };
+};
+
+struct mean_k {
+    static constexpr const char *name = "mean";
+    static constexpr const char *answer = "the sum over the count, as a double";
+    static constexpr bool numeric_only = true;
+    static column_type result(column_type) { return kDouble; }
+    template <class P> struct state : kernel_state<P>, summing<P> {
+        void add(const P &p, const unsigned char *v, const vel_bitmap_word_t *nulls, size_t off,
+                 size_t n, uint64_t pos) override {
+            summing<P>::add(p, v, nulls, off, n, pos);
+        }
+        void answer(const P &, array &out) override {
+            const double m = static_cast<double>(this->total()) / static_cast<double>(this->count);
+            push(out, this->count ? &m : nullptr);
+            this->sum = 0;
+            this->count = 0;
+        }
+    };
+};
+
+// min, max and their positions: the first extreme value in position order,
+// passing over NaN.
+template <bool Max, bool Arg> struct extreme_k {
+    static constexpr const char *name = Arg ? (Max ? "argmax" : "argmin") : (Max ? "max" : "min");
+    static constexpr const char *answer = Arg ? (Max ? "the position of the first largest value"
+                                                     : "the position of the first smallest value")
+                                              : (Max ? "the largest value" : "the smallest value");
+    static constexpr bool numeric_only = false;
+    static column_type result(column_type t) { return Arg ? kUint8 : t; }
+    template <class P> struct state : kernel_state<P> {
+        std::optional<typename P::value> best;
+        uint64_t at = 0;
+        void add(const P &p, const unsigned char *v, const vel_bitmap_word_t *nulls, size_t off,
+                 size_t n, uint64_t pos) override {
+            each_value(p, v, nulls, off, n, pos, [&](const typename P::value &x, uint64_t i) {
+                if (p.is_nan(x))
+                    return;
+                if (!best || (Max ? p.less(*best, x) : p.less(x, *best))) {
+                    best = x;
+                    at = i;
+                }
+            });
+        }
+        void answer(const P &p, array &out) override {
+            if (!best) {
+                push(out, nullptr);
+            } else if constexpr (Arg) {
+                push(out, &at);
+            } else {
+                std::vector<unsigned char> bytes(p.width());
+                p.put(bytes.data(), *best);
+                push(out, bytes.data());
+            }
+            best.reset();
+        }
+    };
+};
+
+// The first or last value present, in position order.
+template <bool Last> struct end_k {
+    static constexpr const char *name = Last ? "last" : "first";
+    static constexpr const char *answer =
+        Last ? "the last value present" : "the first value present";
+    static constexpr bool numeric_only = false;
+    static column_type result(column_type t) { return t; }
+    template <class P> struct state : kernel_state<P> {
+        std::optional<typename P::value> v;
+        void add(const P &p, const unsigned char *vals, const vel_bitmap_word_t *nulls, size_t off,
+                 size_t n, uint64_t) override {
+            for (size_t k = 0; k < n; k++) {
+                const size_t i = Last ? n - 1 - k : k;
+                if (null_at(nulls, off + i))
+                    continue;
+                if (Last || !v)
+                    v = p.at(vals, i);
+                return;
+            }
+        }
+        void answer(const P &p, array &out) override {
+            if (!v) {
+                push(out, nullptr);
+            } else {
+                std::vector<unsigned char> bytes(p.width());
+                p.put(bytes.data(), *v);
+                push(out, bytes.data());
+            }
+            v.reset();
+        }
+    };
+};
+
+using registry =
+    std::tuple<count_k, sum_k, mean_k, extreme_k<false, false>, extreme_k<true, false>,
+               end_k<false>, end_k<true>, extreme_k<false, true>, extreme_k<true, true>>;
+
+// f(K{}) for the kernel of that name; false when there is none.
+template <class F, size_t I = 0> bool find_kernel(std::string_view name, F &&f) {
+    if constexpr (I == std::tuple_size_v<registry>) {
+        return false;
+    } else {
+        using K = std::tuple_element_t<I, registry>;
+        if (name == K::name) {
+            f(K{});
+            return true;
+        }
+        return find_kernel<F, I + 1>(name, std::forward<F>(f));
+    }
+}
+
+template <class F> void with_kernel(std::string_view name, F &&f) {
+    if (!find_kernel(name, f))
+        throw error(VEL_E_ILLEGAL_PARAM, "no aggregate named '" + std::string(name) + "'");
+}
+
+// The running states of the kernels asked for, over values of policy P.
+template <class P> struct kernel_set {
+    P p;
+    std::vector<std::unique_ptr<kernel_state<P>>> states;
+
+    kernel_set(const P &pol, column_type t, const std::vector<std::string> &names,
+               std::vector<array> &answers)
+        : p(pol) {
+        for (const std::string &name : names)
+            with_kernel(name, [&](auto k) {
+                using K = decltype(k);
+                if constexpr (K::numeric_only && !P::numeric) {
+                    throw error(VEL_E_ILLEGAL_TYPE,
+                                std::string(K::name) + " of a " + type_name(t) + " column");
+                } else {
+                    states.push_back(std::make_unique<typename K::template state<P>>());
+                    answers.emplace_back().type = K::result(t);
+                }
+            });
+    }
+    void add(const unsigned char *v, const vel_bitmap_word_t *nulls, size_t off, size_t n,
+             uint64_t pos) {
+        for (auto &s : states)
+            s->add(p, v, nulls, off, n, pos);
+    }
+    void answer(std::vector<array> &answers) {
+        for (size_t j = 0; j < states.size(); j++)
+            states[j]->answer(p, answers[j]);
+    }
+};
+
+uint64_t count_of(const column &c) {
+    vel_objhandle_t obj = c.obj;
+    vel_seq_no_t n = 0;
+    velseq::detail::check(vel_w_seq_count(&obj, c.field.u_offset, c.field.c_offset, &n),
+                          "counting");
+    return n;
+}
+
+// The next tile of a column, for walking two columns side by side.
+template <class P> struct tile_reader {
+    detail::iter_ptr it{new vel_seq_iterator_t()};
+    size_t off = 0; // first value of the tile not yet used
+    tile_reader(const P &p, const column &c, uint64_t first, uint64_t last) {
+        vel_objhandle_t obj = c.obj;
+        velseq::detail::check(p.subseq(&obj, c.field, it.get(), first, last - 1), "scanning");
+    }
+    size_t left() const { return it->tile_size - off; }
+    const unsigned char *values() const {
+        return reinterpret_cast<const unsigned char *>(it->tile.u.arr_char);
+    }
+    // Refills an used-up tile; false at the end.
+    bool ready() {
+        if (off < it->tile_size)
+            return true;
+        const VEL_RET rc = it->next(it.get());
+        if (rc == VEL_S_CURSOR_END)
+            return false;
+        velseq::detail::check(rc, "reading a tile");
+        off = 0;
+        return true;
+    }
+};
+
+} // namespace
+} // namespace detail
+
+const std::vector<kernel_info> &kernels() {
+    static const std::vector<kernel_info> all = [] {
+        std::vector<kernel_info> v;
+        std::apply(
+            [&](auto... k) {
+                (v.push_back({decltype(k)::name, decltype(k)::answer}), ...);
+            },
+            detail::registry{});
+        return v;
+    }();
+    return all;
+}
+
+bool applies(std::string_view kernel, column_type t) {
+    bool yes = false;
+    detail::with_kernel(kernel,
+                        [&](auto k) { yes = !decltype(k)::numeric_only || detail::numeric(t); });
+    return yes;
+}
+
+column_type result_type(std::string_view kernel, column_type t) {
+    column_type r;
+    detail::with_kernel(kernel, [&](auto k) { r = decltype(k)::result(t); });
+    return r;
+}
+
+std::vector<array> aggregate(const column &c, uint64_t first, uint64_t last,
+                             const std::vector<std::string> &names) {
+    const uint64_t n = detail::count_of(c);
+    if (first > last || last > n)
+        throw error(VEL_E_ILLEGAL_PARAM, "aggregate: positions [" + std::to_string(first) + ", " +
+                                             std::to_string(last) + ") outside [0, " +
+                                             std::to_string(n) + ")");
+    std::vector<array> answers;
+    detail::visit(c.type, [&](const auto &p) {
+        detail::kernel_set set(p, c.type, names, answers);
+        detail::for_each_tile(p, c, first, last,
+                              [&](const unsigned char *v, const vel_bitmap_word_t *nulls, size_t k,
+                                  uint64_t pos) { set.add(v, nulls, 0, k, pos); });
+        set.answer(answers);
+    });
+    return answers;
+}
+
+buckets resample(const column &ts, const column &values, int64_t width_ns, vel_datetime origin,
+                 std::optional<std::pair<vel_datetime, vel_datetime>> window,
+                 const std::vector<std::string> &names) {
+    if (ts.type.code != VEL_DD_SEQUENCE_DATETIME || ts.field.order != VEL_SEQ_ASC_ORDER)
+        throw error(VEL_E_ILLEGAL_TYPE, "resample: the time column must be an ascending datetime");
+    if (width_ns <= 0)
+        throw error(VEL_E_ILLEGAL_PARAM, "resample: bucket width must be positive");
+    const uint64_t n = detail::count_of(ts);
+    if (detail::count_of(values) != n)
+        throw error(VEL_E_SEQ_LENGTH_MISMATCH, "resample: time and value columns differ in length");
+    uint64_t first = 0, last = n;
+    if (window) {
+        if (window->second < window->first)
+            throw error(VEL_E_ILLEGAL_PARAM, "resample: window given reversed");
+        vel_objhandle_t obj = ts.obj;
+        detail::iter_ptr it(new vel_seq_iterator_t());
+        const VEL_RET rc =
+            vel_w_seq_search_datetime(&obj, ts.field.u_offset, ts.field.c_offset, it.get(),
+                                      window->first, VEL_SEQ_BOUNDARY_INCLUSIVE, window->second,
+                                      VEL_SEQ_BOUNDARY_EXCLUSIVE, VEL_SEQ_ASC_ORDER);
+        if (rc == VEL_S_NOTFOUND) {
+            first = last = 0;
+        } else {
+            velseq::detail::check(rc, "resample: searching the window");
+            first = it->first_seq_no;
+            last = it->last_seq_no == ~vel_seq_no_t(0) ? n : it->last_seq_no + 1;
+        }
+    }
+    buckets out;
+    out.start.type = {VEL_DD_SEQUENCE_DATETIME, 8};
+    detail::visit(values.type, [&](const auto &p) {
+        detail::kernel_set set(p, values.type, names, out.answers);
+        if (first == last)
+            return;
+        detail::scalar<vel_datetime, VEL_DD_SEQUENCE_DATETIME> dt;
+        detail::tile_reader tr(dt, ts, first, last);
+        detail::tile_reader vr(p, values, first, last);
+        // t - origin as a signed count (exact while they lie < 292 years
+        // apart), floored to a bucket.
+        auto bucket_of = [&](vel_datetime t) {
+            const auto d = static_cast<int64_t>(t - origin);
+            return d / width_ns - (d % width_ns < 0 ? 1 : 0);
+        };
+        bool open = false;
+        int64_t cur = 0;
+        auto close = [&] {
+            const vel_datetime start = origin + static_cast<uint64_t>(cur * width_ns);
+            detail::push(out.start, &start);
+            set.answer(out.answers);
+        };
+        while (tr.ready() && vr.ready()) {
+            const size_t chunk = std::min(tr.left(), vr.left());
+            const unsigned char *t = tr.values() + tr.off * sizeof(vel_datetime);
+            const uint64_t pos = vr.it->next_seq_no - vr.it->tile_size + vr.off;
+            size_t i = 0;
+            while (i < chunk) {
+                const int64_t k = bucket_of(dt.at(t, i));
+                if (open && k != cur)
+                    close();
+                open = true;
+                cur = k;
+                const vel_datetime end = origin + static_cast<uint64_t>((k + 1) * width_ns);
+                size_t j = i + 1;
+                while (j < chunk && dt.at(t, j) < end)
+                    j++;
+                set.add(vr.values() + (vr.off + i) * p.width(), vr.it->tile.null_bitmap, vr.off + i,
+                        j - i, pos + i);
+                i = j;
+            }
+            tr.off += chunk;
+            vr.off += chunk;
+        }
+        if (open)
+            close();
+    });
+    return out;
+}
+
+} // namespace velseq::table

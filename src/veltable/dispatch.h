@@ -1,0 +1,115 @@
+// Run-time type dispatch, generated from the one list of element types: a
+// value policy per type, so that each algorithm of this layer is one generic
+// definition, instantiated once per scalar type plus once for char(N).
+#pragma once
+
+#include <cmath>
+#include <cstring>
+#include <memory>
+#include <string>
+
+#include "velseq.hpp"
+#include "velseq/table.hpp"
+
+namespace velseq::table::detail {
+
+// A scalar type T: values are T, compared as T (datetimes are raw, whose
+// unsigned order is time order).
+template <class T, uint8_t Code> struct scalar {
+    using value = T;
+    static constexpr uint8_t code = Code;
+    static constexpr bool numeric = Code != VEL_DD_SEQUENCE_DATETIME;
+    size_t width() const { return sizeof(T); }
+    value at(const unsigned char *p, size_t i) const {
+        T v;
+        std::memcpy(&v, p + i * sizeof(T), sizeof v);
+        return v;
+    }
+    bool less(const T &a, const T &b) const { return a < b; }
+    bool is_nan(const T &v) const {
+        if constexpr (std::is_floating_point_v<T>)
+            return std::isnan(v);
+        else
+            return (void)v, false;
+    }
+    void put(unsigned char *dst, const T &v) const { std::memcpy(dst, &v, sizeof v); }
+    VEL_RET subseq(vel_objhandle_h o, const velh_field_info_t &f, vel_seq_iterator_h it,
+                   vel_seq_no_t from, vel_seq_no_t till) const;
+};
+
+// char(N): values are N bytes compared bytewise; a value is held as its
+// bytes.
+struct chars {
+    using value = std::string;
+    static constexpr uint8_t code = VEL_DD_SEQUENCE_CHAR;
+    static constexpr bool numeric = false;
+    size_t w;
+    size_t width() const { return w; }
+    value at(const unsigned char *p, size_t i) const {
+        return value(reinterpret_cast<const char *>(p + i * w), w);
+    }
+    bool less(const value &a, const value &b) const {
+        return std::memcmp(a.data(), b.data(), w) < 0;
+    }
+    bool is_nan(const value &) const { return false; }
+    void put(unsigned char *dst, const value &v) const { std::memcpy(dst, v.data(), w); }
+    VEL_RET subseq(vel_objhandle_h o, const velh_field_info_t &f, vel_seq_iterator_h it,
+                   vel_seq_no_t from, vel_seq_no_t till) const {
+        return vel_w_seq_subseq_char(o, f.u_offset, f.c_offset, it, from, till,
+                                     static_cast<uint16_t>(w));
+    }
+};
+
+#define VELSEQ_SUBSEQ_(S, T, DD)                                                                   \
+    template <>                                                                                    \
+    inline VEL_RET scalar<T, VEL_DD_SEQUENCE_##DD>::subseq(                                        \
+        vel_objhandle_h o, const velh_field_info_t &f, vel_seq_iterator_h it, vel_seq_no_t from,   \
+        vel_seq_no_t till) const {                                                                 \
+        return vel_w_seq_subseq_##S(o, f.u_offset, f.c_offset, it, from, till);                    \
+    }
+VEL_SEQ_SCALAR_TYPES(VELSEQ_SUBSEQ_)
+#undef VELSEQ_SUBSEQ_
+
+// f(policy) with the policy of type t; VEL_E_ILLEGAL_TYPE for no type.
+template <class F> decltype(auto) visit(column_type t, F &&f) {
+    switch (t.code) {
+#define VELSEQ_CASE_(S, T, DD)                                                                     \
+    case VEL_DD_SEQUENCE_##DD:                                                                     \
+        return f(scalar<T, VEL_DD_SEQUENCE_##DD>{});
+        VEL_SEQ_SCALAR_TYPES(VELSEQ_CASE_)
+#undef VELSEQ_CASE_
+    case VEL_DD_SEQUENCE_CHAR:
+        return f(chars{t.width});
+    default:
+        throw error(VEL_E_ILLEGAL_TYPE, "not an element type: " + std::to_string(t.code));
+    }
+}
+
+using iter_ptr = std::unique_ptr<vel_seq_iterator_t>;
+
+// Calls f(values, nulls, n, pos) for each tile of positions [first, last)
+// of `c` in order: n values from position pos, their null flags the low n
+// bits of nulls[0..1].
+template <class P, class F>
+void for_each_tile(const P &p, const column &c, uint64_t first, uint64_t last, F &&f) {
+    if (first >= last)
+        return;
+    iter_ptr it(new vel_seq_iterator_t());
+    vel_objhandle_t obj = c.obj;
+    velseq::detail::check(p.subseq(&obj, c.field, it.get(), first, last - 1), "scanning");
+    for (;;) {
+        const VEL_RET rc = it->next(it.get());
+        if (rc == VEL_S_CURSOR_END)
+            return;
+        velseq::detail::check(rc, "reading a tile");
+        const size_t n = it->tile_size;
+        f(reinterpret_cast<const unsigned char *>(it->tile.u.arr_char), it->tile.null_bitmap, n,
+          it->next_seq_no - n);
+    }
+}
+
+inline bool null_at(const vel_bitmap_word_t *nulls, size_t i) {
+    return (nulls[i / 64] >> (i % 64)) & 1;
+}
+
+} // namespace velseq::table::detail
