@@ -8,7 +8,7 @@
 #include <limits>
 
 #include "harness/tree_check.h"
-#include "storage/field_root.h"
+#include "seq_root.h"
 
 namespace velrel {
 

@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "seq_layout.h"
 #include "velhost.h"
 
 namespace velrel {
@@ -59,12 +60,10 @@ struct Family {
 
     // Leaf capacity and inner capacity of this family for a page size.
     uint64_t leaf_capacity(int32_t page_size) const {
-        return (static_cast<uint64_t>(page_size) * 8 - 127) / (width * 8 + 1);
+        return velseq::layout::leaf_capacity(page_size, width);
     }
     int32_t inner_capacity(int32_t page_size, vel_seq_order_t order) const {
-        if (is_char || order == VEL_SEQ_NO_ORDER)
-            return (page_size - 8) / 16;
-        return (page_size - 8) / (16 + static_cast<int32_t>(width));
+        return velseq::layout::inner_capacity(page_size, width, order != VEL_SEQ_NO_ORDER, is_char);
     }
 };
 

@@ -21,44 +21,31 @@
 #include <vector>
 
 #include "host_internal.h"
+#include "seq_walk.h"
 
 namespace velhost {
 
 namespace {
 
-// The module's page layout as seen from the host:
-//
-//   offset                 size    field
-//   0                      1       kind (low 4 bits: 2 inner, 3 leaf)
-//   2                      2       user: values of a leaf, children of an inner page
-//   4                      4       ref_count
-//   8                      ...     leaf values / ordered inner keys, s bytes each
-//   ps - 8*W               8*W     leaf null mask, W = (leaf capacity + 63) / 64
-//   ps - 16*(i+1)          16      inner entry i {page, count}
+using namespace velseq::layout;
+
+// A field's page geometry (seq_layout.h); inner capacities by the order
+// declared to the call.
 struct Geometry {
-    uint32_t ps = 0;
+    int32_t ps = 0;
     uint32_t s = 0;        // element bytes
     bool keyed = false;    // ordered: inner pages carry keys
     uint32_t leaf_cap = 0; // values a leaf
     uint32_t inner_cap = 0;
 
     Geometry(const PageManager *pm, const Field &f, vel_seq_order_t order)
-        : ps(pm->page_size), s(f.elem_size), keyed(order != VEL_SEQ_NO_ORDER),
-          leaf_cap((8 * ps - 127) / (8 * s + 1)),
-          // A char inner page ignores its keys in its capacity.
-          inner_cap(keyed && !f.is_char ? (ps - 8) / (16 + s) : (ps - 8) / 16) {}
+        : ps(static_cast<int32_t>(pm->page_size)), s(f.elem_size), keyed(order != VEL_SEQ_NO_ORDER),
+          leaf_cap(static_cast<uint32_t>(leaf_capacity(ps, s))),
+          inner_cap(static_cast<uint32_t>(inner_capacity(ps, s, keyed, f.is_char))) {}
 
-    std::byte *value(vel_seq_page_t *pg, uint32_t i) const {
-        return reinterpret_cast<std::byte *>(pg) + 8 + size_t(i) * s;
-    }
-    vel_seq_node_t *entry(vel_seq_page_t *pg, uint32_t i) const {
-        return reinterpret_cast<vel_seq_node_t *>(reinterpret_cast<std::byte *>(pg) + ps -
-                                                  16 * (size_t(i) + 1));
-    }
-    uint64_t *nulls(vel_seq_page_t *pg) const {
-        return reinterpret_cast<uint64_t *>(reinterpret_cast<std::byte *>(pg) + ps -
-                                            8 * ((size_t(leaf_cap) + 63) / 64));
-    }
+    std::byte *value(vel_seq_page_t *pg, uint32_t i) const { return value_at(pg, s, i); }
+    vel_seq_node_t *entry(vel_seq_page_t *pg, uint32_t i) const { return entry_at(pg, ps, i); }
+    uint64_t *nulls(vel_seq_page_t *pg) const { return null_mask(pg, ps, leaf_cap); }
     // Pages of the tree that appends of n values build.
     uint64_t dense_pages(uint64_t n) const {
         if (n == 0)
@@ -189,7 +176,7 @@ class Builder {
                 if (r != VEL_S_OK)
                     return r;
                 cur_->hdr.user = 0;
-                std::memset(g_.nulls(cur_), 0, 8 * ((size_t(g_.leaf_cap) + 63) / 64));
+                std::memset(g_.nulls(cur_), 0, 8 * null_mask_words(g_.leaf_cap));
                 leaves_.push_back({cur_, g_.value(cur_, 0), 0});
             }
             const uint32_t at = cur_->hdr.user;
@@ -241,32 +228,22 @@ class Builder {
     std::vector<Built> leaves_;
 };
 
-// Feeds the leaves of a tree, left to right, to the builder.
+// Feeds the leaves of a tree, left to right, to the builder.  The walk
+// trusts the pages but for the depth limit (and null references).
 VEL_RET rebuild(const Geometry &g, vel_seq_page_t *root, Builder &b) {
-    struct Step {
-        vel_seq_page_t *page;
-        uint32_t next;
-    };
-    std::vector<Step> stack;
-    if (root != nullptr)
-        stack.push_back({root, 0});
-    while (!stack.empty()) {
-        Step &top = stack.back();
-        if (!is_inner(top.page)) {
-            VEL_RET r = b.add_leaf(top.page);
-            if (r != VEL_S_OK)
-                return r;
-            stack.pop_back();
-        } else if (top.next < top.page->hdr.user) {
-            if (stack.size() >= VEL_SEQ_MAX_DEPTH + 1u)
-                return VEL_E_HOST_TREE_DEPTH;
-            vel_seq_page_t *child = g.entry(top.page, top.next++)->page;
-            stack.push_back({child, 0});
-        } else {
-            stack.pop_back();
+    struct Leaves : TreeWalk<Leaves, vel_seq_page_t> {
+        Leaves(const Geometry &g, Builder &b)
+            : TreeWalk(g.ps, g.leaf_cap, g.inner_cap, false), b(b) {}
+        bool leaf(vel_seq_page_t *pg, int, uint64_t) {
+            rc = b.add_leaf(pg);
+            return rc == VEL_S_OK;
         }
-    }
-    return VEL_S_OK;
+        Builder &b;
+        VEL_RET rc = VEL_S_OK;
+    } w(g, b);
+    if (root == nullptr || w.walk(root))
+        return VEL_S_OK;
+    return w.rc != VEL_S_OK ? w.rc : VEL_E_HOST_TREE_DEPTH;
 }
 
 // Drops one reference to a tree: pages whose count falls to zero are freed
@@ -748,7 +725,7 @@ class Repair {
                 if (r != VEL_S_OK)
                     return r;
                 acc_->hdr.user = 0;
-                std::memset(g_.nulls(acc_), 0, 8 * ((size_t(g_.leaf_cap) + 63) / 64));
+                std::memset(g_.nulls(acc_), 0, 8 * null_mask_words(g_.leaf_cap));
             }
             const uint32_t to = acc_->hdr.user;
             const uint32_t k = std::min(n - done, g_.leaf_cap - to);

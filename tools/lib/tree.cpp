@@ -1,25 +1,19 @@
-// Read-only walk of a field's page tree, shared by the statistics and the
-// dump.  The walk records every page in depth-first pre-order (the #k names
-// of the dump) and checks the layout as it descends, so that a broken page is
-// reported instead of followed: kinds 2/3, 1 <= user <= capacity, every leaf
-// at one level, at most VEL_SEQ_MAX_DEPTH levels, entry counts equal to the
-// subtree sizes.
-//
-// Capacities, for page size P and element size s:
-//   leaf   (8P - 127) / (8s + 1)   one value and one null bit per slot,
-//                                  the mask in whole words at the page end
-//   inner  (P - 8) / (16 + s)      ordered scalar fields: entry and key
-//          (P - 8) / 16            unordered fields, and every char field
+// Read-only walk of a field's page tree (seq_walk.h), shared by the
+// statistics and the dump.  The walk records every page in depth-first
+// pre-order (the #k names of the dump) and checks the layout as it descends,
+// so that a broken page is reported instead of followed.
 #include <algorithm>
 #include <cstring>
 #include <string>
 #include <vector>
 
 #include "family.h"
-#include "storage/field_root.h"
+#include "seq_root.h"
+#include "seq_walk.h"
 #include "velseq.hpp"
 
 using namespace veltools;
+using namespace velseq::layout;
 
 namespace {
 
@@ -31,98 +25,52 @@ struct Node {
     std::vector<uint64_t> children; // inner pages: pre-order numbers of the children walked
 };
 
-struct Walker {
+struct Walker : TreeWalk<Walker> {
     const velt_field_t &f;
     const Family &fam;
-    int32_t page_size;
-    uint64_t leaf_cap;
-    uint64_t inner_cap;
-    velt_error_t *err;
     std::vector<Node> nodes;
-    int leaf_level = -1;
+    std::vector<uint64_t> path; // path[l]: the page entered last at level l
 
-    Walker(const velt_field_t &field, const Family &family, int32_t ps, velt_error_t *e)
-        : f(field), fam(family), page_size(ps), err(e) {
-        const uint64_t s = f.type.elem_size;
-        leaf_cap = (static_cast<uint64_t>(ps) * 8 - 127) / (8 * s + 1);
-        const bool keyed = f.order != VEL_SEQ_NO_ORDER && fam.size != 0;
-        inner_cap = static_cast<uint64_t>(ps - 8) / (keyed ? 16 + s : 16);
-    }
+    Walker(const velt_field_t &field, const Family &family, int32_t ps)
+        : TreeWalk(ps, leaf_capacity(ps, field.type.elem_size),
+                   static_cast<uint64_t>(inner_capacity(ps, field.type.elem_size,
+                                                        field.order != VEL_SEQ_NO_ORDER,
+                                                        family.size == 0))),
+          f(field), fam(family) {}
 
-    const uint8_t *bytes(const vel_seq_page_t *pg) const {
-        return reinterpret_cast<const uint8_t *>(pg);
+    bool enter(const vel_seq_page_t *pg, int level, uint64_t k) {
+        path.resize(static_cast<size_t>(level) + 1);
+        path[static_cast<size_t>(level)] = k;
+        if (level > 0)
+            nodes[path[static_cast<size_t>(level) - 1]].children.push_back(k);
+        nodes.push_back(Node{pg, level, 0, 0, {}});
+        return true;
     }
-    vel_seq_node_t entry(const vel_seq_page_t *pg, uint64_t i) const {
-        vel_seq_node_t e;
-        std::memcpy(&e, bytes(pg) + page_size - 16 * (i + 1), sizeof e);
-        return e;
+    bool leaf(const vel_seq_page_t *pg, int, uint64_t k) {
+        nodes[k].elements = pg->hdr.user;
+        for (uint64_t i = 0; i < pg->hdr.user; i++)
+            nodes[k].nulls += is_null(pg, i);
+        return true;
+    }
+    bool child(const vel_seq_page_t *, int, uint64_t k, uint64_t, uint64_t count,
+               const vel_seq_page_t *) {
+        nodes[k].elements += count;
+        return true;
+    }
+    const vel_seq_node_t &entry(const vel_seq_page_t *pg, uint64_t i) const {
+        return *entry_at(pg, page_size, static_cast<int64_t>(i));
     }
     bool is_null(const vel_seq_page_t *pg, uint64_t i) const {
-        const uint64_t words = (leaf_cap + 63) / 64;
-        vel_bitmap_word_t word;
-        std::memcpy(&word, bytes(pg) + page_size - 8 * words + 8 * (i / 64), sizeof word);
-        return ((word >> (i % 64)) & 1) != 0;
+        return velseq::layout::is_null(null_mask(pg, page_size, leaf_cap), i);
     }
     const uint8_t *value(const vel_seq_page_t *pg, uint64_t i) const {
-        return bytes(pg) + 8 + i * f.type.elem_size;
+        return reinterpret_cast<const uint8_t *>(value_at(pg, f.type.elem_size, i));
     }
-
-    int bad(uint64_t ordinal, int level, const std::string &what) {
-        set_error(err, VELT_E_BAD_TREE, ordinal, "page #%llu (level %d): %s",
-                  static_cast<unsigned long long>(ordinal), level, what.c_str());
-        return VELT_E_BAD_TREE;
-    }
-
-    int walk(const vel_seq_page_t *pg, int level, uint64_t *count) {
-        const uint64_t me = nodes.size();
-        if (pg == nullptr)
-            return bad(me, level, "null page reference");
-        if (level >= VEL_SEQ_MAX_DEPTH)
-            return bad(me, level, "deeper than the deepest level allowed");
-        nodes.push_back(Node{pg, level, 0, 0, {}});
-        const int kind = pg->hdr.kind & 15;
-        const uint64_t user = pg->hdr.user;
-        if (kind == 3) {
-            if (user < 1 || user > leaf_cap)
-                return bad(me, level,
-                           "leaf holds " + std::to_string(user) + " values, capacity " +
-                               std::to_string(leaf_cap));
-            if (leaf_level < 0)
-                leaf_level = level;
-            else if (leaf_level != level)
-                return bad(me, level,
-                           "leaf at another level than leaf #0's " + std::to_string(leaf_level));
-            uint64_t nulls = 0;
-            for (uint64_t i = 0; i < user; i++)
-                nulls += is_null(pg, i) ? 1 : 0;
-            nodes[me].elements = user;
-            nodes[me].nulls = nulls;
-            *count = user;
+    int walked(const vel_seq_page_t *root, velt_error_t *err) {
+        if (walk(root))
             return VELT_OK;
-        }
-        if (kind != 2)
-            return bad(me, level, "page kind " + std::to_string(kind));
-        if (user < 1 || user > inner_cap)
-            return bad(me, level,
-                       "inner page holds " + std::to_string(user) + " children, capacity " +
-                           std::to_string(inner_cap));
-        uint64_t total = 0;
-        for (uint64_t i = 0; i < user; i++) {
-            const vel_seq_node_t e = entry(pg, i);
-            nodes[me].children.push_back(nodes.size());
-            uint64_t sub = 0;
-            int rc = walk(e.page, level + 1, &sub);
-            if (rc != VELT_OK)
-                return rc;
-            if (e.count != sub)
-                return bad(me, level,
-                           "entry " + std::to_string(i) + " counts " + std::to_string(e.count) +
-                               ", its subtree holds " + std::to_string(sub));
-            total += sub;
-        }
-        nodes[me].elements = total;
-        *count = total;
-        return VELT_OK;
+        set_error(err, VELT_E_BAD_TREE, fault_page, "%s", message);
+        return VELT_E_BAD_TREE;
     }
 };
 
@@ -191,21 +139,20 @@ extern "C" int velt_tree_stats(vel_objhandle_h obj, const velt_field_t *f, velt_
     int rc = start_walk(obj, f, err, &fam, &st->page_size, &root);
     if (rc != VELT_OK)
         return rc;
-    Walker w(*f, *fam, st->page_size, err);
+    Walker w(*f, *fam, st->page_size);
     st->leaf_capacity = w.leaf_cap;
     st->inner_capacity = w.inner_cap;
     if (root == nullptr)
         return VELT_OK;
-    uint64_t count = 0;
-    rc = w.walk(root, 0, &count);
+    rc = w.walked(root, err);
     if (rc != VELT_OK)
         return rc;
 
     const uint64_t s = f->type.elem_size;
-    const uint64_t mask_bytes = 8 * ((w.leaf_cap + 63) / 64);
+    const uint64_t mask_bytes = 8 * null_mask_words(w.leaf_cap);
     const bool keyed = f->order != VEL_SEQ_NO_ORDER;
-    st->depth = static_cast<uint32_t>(w.leaf_level + 1);
-    st->elements = count;
+    st->depth = static_cast<uint32_t>(w.depth());
+    st->elements = w.elements;
     st->leaf_fill_min = UINT64_MAX;
     for (const Node &n : w.nodes) {
         st->pages++;
@@ -213,7 +160,7 @@ extern "C" int velt_tree_stats(vel_objhandle_h obj, const velt_field_t *f, velt_
         if (n.page->ref_count > 1)
             st->shared_pages++;
         const uint64_t user = n.page->hdr.user;
-        if ((n.page->hdr.kind & 15) == 3) {
+        if (page_kind(n.page) == kLeafPage) {
             st->leaf_pages++;
             st->nulls += n.nulls;
             st->leaf_fill_min = std::min(st->leaf_fill_min, user);
@@ -224,7 +171,7 @@ extern "C" int velt_tree_stats(vel_objhandle_h obj, const velt_field_t *f, velt_
             st->bytes_used += 8 + user * (16 + (keyed ? s : 0));
         }
     }
-    st->leaf_fill_avg = static_cast<double>(count) / static_cast<double>(st->leaf_pages);
+    st->leaf_fill_avg = static_cast<double>(w.elements) / static_cast<double>(st->leaf_pages);
     st->bytes_allocated = st->pages * static_cast<uint64_t>(st->page_size);
     return VELT_OK;
 }
@@ -271,13 +218,12 @@ extern "C" int velt_dump_tree(vel_objhandle_h obj, const velt_field_t *f, FILE *
                      page_size);
         return VELT_OK;
     }
-    Walker w(*f, *fam, page_size, err);
-    uint64_t count = 0;
-    const int walked = w.walk(root, 0, &count);
+    Walker w(*f, *fam, page_size);
+    const int walked = w.walked(root, err);
     if (walked == VELT_OK)
         std::fprintf(out, "sequence %s, %s, page size %d: depth %d, %zu pages, %llu elements\n",
-                     tname, order_word(f->order), page_size, w.leaf_level + 1, w.nodes.size(),
-                     static_cast<unsigned long long>(count));
+                     tname, order_word(f->order), page_size, w.depth(), w.nodes.size(),
+                     static_cast<unsigned long long>(w.elements));
     else
         std::fprintf(out, "sequence %s, %s, page size %d: broken tree\n", tname,
                      order_word(f->order), page_size);
@@ -287,7 +233,8 @@ extern "C" int velt_dump_tree(vel_objhandle_h obj, const velt_field_t *f, FILE *
         const Node &n = w.nodes[k];
         const std::string indent(2 * static_cast<size_t>(n.level), ' ');
         const uint64_t user = n.page->hdr.user;
-        if ((n.page->hdr.kind & 15) == 2) {
+        const int kind = page_kind(n.page);
+        if (kind == kInnerPage) {
             std::fprintf(out, "%s#%zu inner L%d: %llu children, %llu elements\n", indent.c_str(), k,
                          n.level, static_cast<unsigned long long>(user),
                          static_cast<unsigned long long>(n.elements));
@@ -302,9 +249,8 @@ extern "C" int velt_dump_tree(vel_objhandle_h obj, const velt_field_t *f, FILE *
             }
             continue;
         }
-        if ((n.page->hdr.kind & 15) != 3) {
-            std::fprintf(out, "%s#%zu kind %d L%d\n", indent.c_str(), k, n.page->hdr.kind & 15,
-                         n.level);
+        if (kind != kLeafPage) {
+            std::fprintf(out, "%s#%zu kind %d L%d\n", indent.c_str(), k, kind, n.level);
             continue;
         }
         std::string line = indent + "#" + std::to_string(k) + " leaf L" + std::to_string(n.level) +

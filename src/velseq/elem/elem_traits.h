@@ -16,6 +16,7 @@
 #include <cstdint>
 #include <cstring>
 
+#include "seq_layout.h"
 #include "velhost.h"
 
 namespace velseq {
@@ -39,16 +40,11 @@ template <class T, uint8_t Code> struct ScalarElem {
     bool gt(const byte *a, const byte *b) const { return load(a) > load(b); }
     bool ge(const byte *a, const byte *b) const { return load(a) >= load(b); }
 
-    // ((page_size - 8) * 8 - 63) in 32-bit signed arithmetic, sign-extended
-    // and divided unsigned: one value bit-width plus one null bit per slot.
     uint64_t leaf_capacity(int32_t page_size) const {
-        int32_t bits = (page_size - 8) * 8 - 63;
-        return static_cast<uint64_t>(static_cast<int64_t>(bits)) / (8 * sizeof(T) + 1);
+        return layout::leaf_capacity(page_size, sizeof(T));
     }
-    // Ordered inner pages hold one key per child beside the 16-byte entry.
     int32_t inner_capacity(int32_t page_size, vel_seq_order_t order) const {
-        int32_t per_child = order == VEL_SEQ_NO_ORDER ? 16 : 16 + static_cast<int32_t>(sizeof(T));
-        return (page_size - 8) / per_child;
+        return layout::inner_capacity(page_size, sizeof(T), order != VEL_SEQ_NO_ORDER, false);
     }
 };
 
@@ -78,15 +74,12 @@ struct CharElem {
     bool gt(const byte *a, const byte *b) const { return vel_memcmp(a, b, width) > 0; }
     bool ge(const byte *a, const byte *b) const { return vel_memcmp(a, b, width) >= 0; }
 
-    // page_size * 8 - 127 in unsigned 64-bit arithmetic; equal to the scalar
-    // formula for every real page size.
     uint64_t leaf_capacity(int32_t page_size) const {
-        return (static_cast<uint64_t>(page_size) * 8 - 127) / (width * 8 + 1);
+        return layout::leaf_capacity(page_size, width);
     }
-    // The char family sizes inner pages for entries alone, whatever the
-    // order, although ordered inner pages do hold `width`-byte keys.
-    int32_t inner_capacity(int32_t page_size, vel_seq_order_t) const {
-        return (page_size - 8) / 16;
+    // Sized for entries alone whatever the order (see layout::inner_capacity).
+    int32_t inner_capacity(int32_t page_size, vel_seq_order_t order) const {
+        return layout::inner_capacity(page_size, width, order != VEL_SEQ_NO_ORDER, true);
     }
 };
 

@@ -9,12 +9,8 @@
 
 #include <cstring>
 
+#include "seq_root.h" // vel_seq_get_root
 #include "velhost.h"
-
-// Opens read access and returns the current root (null: empty sequence).
-// The read access is not ended here.
-VEL_RET vel_seq_get_root(vel_objhandle_h obj, vel_offs32_t fld_u_offset, vel_offs32_t fld_c_offset,
-                         vel_seq_page_t **root);
 
 // Opens write access to field `fld_no`, stores the address of the root slot
 // (valid until the update ends) into *root and makes the root page private.
