@@ -20,6 +20,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "velembed.h"
@@ -67,6 +68,82 @@ struct column {
     velh_field_info_t field;
     column_type type;
 };
+
+// ---- catalogue --------------------------------------------------------------
+
+// A field of a table: a sequence column, or (scalar) one value per object
+// of the same element type (char(N) scalars take N up to 4096).
+struct column_def {
+    std::string name;
+    column_type type;
+    vel_seq_order_t order = VEL_SEQ_NO_ORDER; // sequences only: the order kept
+    bool scalar = false;
+};
+
+// A named class as the host's catalogue describes it; field i is
+// columns[i].
+struct table_info {
+    uint16_t code = 0;
+    std::string name;
+    std::vector<column_def> columns;
+    // The index of the field named `name`; VEL_E_HOST_NO_FIELD if none.
+    uint16_t field(std::string_view name) const;
+};
+
+// Every named class of the database, in definition order.  A class with a
+// field of a type this layer does not know is refused (VEL_E_ILLEGAL_TYPE).
+std::vector<table_info> tables(velh_db_t *db);
+std::optional<table_info> find_table(velh_db_t *db, std::string_view name);
+// Defines a class; refused (nothing defined) for an empty or duplicate name,
+// names longer than VELH_MAX_NAME bytes, orders on scalars and bad types.
+table_info define_table(velh_db_t *db, const std::string &name,
+                        const std::vector<column_def> &columns);
+// Sequence field `fld_no` of an object of table `t`.
+column column_of(const vel_objhandle_t &obj, velh_db_t *db, const table_info &t, uint16_t fld_no);
+
+// ---- reading and writing -------------------------------------------------------
+
+// Values at positions [first, last).
+array read(const column &c, uint64_t first, uint64_t last);
+
+// Appends `values` (of the column's type).  On an ordered column the values
+// must be present, not NaN, and keep the order, also against the last value
+// stored; all of it is checked before anything is written, so a refused
+// append changes nothing.
+void append(const column &c, const array &values);
+
+enum class bound {
+    open = VEL_SEQ_BOUNDARY_OPEN,
+    inclusive = VEL_SEQ_BOUNDARY_INCLUSIVE,
+    exclusive = VEL_SEQ_BOUNDARY_EXCLUSIVE
+};
+// The positions [first, last) of the values between bounds[0] and
+// bounds[1] (a two-value array of the column's type; an open bound's value
+// is not read) of an ordered column.  NaN bounds and bounds given reversed
+// are refused.
+std::pair<uint64_t, uint64_t> search(const column &c, const array &bounds, bound lo_kind,
+                                     bound hi_kind);
+
+// Values at the given positions (a uint8 array; a null position gives a
+// null).  Positions past the end are refused.
+array gather(const column &c, const array &positions);
+
+enum class direction {
+    backward, // the last key at or before the probe
+    forward,  // the first key at or after the probe
+    nearest   // the closer of the two; on a tie the backward one
+};
+struct asof_options {
+    direction dir = direction::backward;
+    bool strict = false; // a key equal to the probe does not match
+    // Matches farther than this are null: nanoseconds for datetime keys, a
+    // difference of values otherwise; not for char keys.
+    std::optional<long double> tolerance;
+};
+// For each probe (an array of the key column's type), the position of its
+// match in the ascending column `keys`, as a uint8 array; null where there
+// is none, for a null probe and for a NaN probe.
+array asof(const column &keys, const array &probes, const asof_options &opt = {});
 
 // ---- aggregates ------------------------------------------------------------
 

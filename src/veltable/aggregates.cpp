@@ -3,8 +3,8 @@
 //
 // A kernel is one struct: its name, what it answers, whether it takes
 // numbers only (not datetimes or characters), the type of its answer, and
-// `state<P>`, its running state over values of policy P (dispatch.h).  Adding an aggregate is one struct here plus its
-// line in `registry`.
+// `state<P>`, its running state over values of policy P (dispatch.h).  Adding an aggregate is one
+// struct here plus its line in `registry`.
 #include <algorithm>
 #include <tuple>
 
@@ -23,23 +23,6 @@ uint64_t array::null_count() const {
 
 namespace detail {
 namespace {
-
-// Appends one value (or a null when `v` is null) to `out`.  The validity
-// bitmap is made on the first null, with every earlier value present.
-void push(array &out, const void *v) {
-    const size_t w = out.type.width;
-    const uint64_t i = out.length++;
-    out.values.resize(out.values.size() + w);
-    if (v != nullptr)
-        std::memcpy(out.values.data() + i * w, v, w);
-    if (v == nullptr && out.validity.empty())
-        out.validity.assign((i + 8) / 8, 0xFF);
-    if (!out.validity.empty()) {
-        out.validity.resize(out.length / 8 + 1, 0);
-        const uint8_t bit = uint8_t(1u << (i % 8));
-        out.validity[i / 8] = v ? (out.validity[i / 8] | bit) : (out.validity[i / 8] & ~bit);
-    }
-}
 
 template <class P> struct kernel_state {
     virtual ~kernel_state() = default;
@@ -284,39 +267,6 @@ template <class P> struct kernel_set {
     void answer(std::vector<array> &answers) {
         for (size_t j = 0; j < states.size(); j++)
             states[j]->answer(p, answers[j]);
-    }
-};
-
-uint64_t count_of(const column &c) {
-    vel_objhandle_t obj = c.obj;
-    vel_seq_no_t n = 0;
-    velseq::detail::check(vel_w_seq_count(&obj, c.field.u_offset, c.field.c_offset, &n),
-                          "counting");
-    return n;
-}
-
-// The next tile of a column, for walking two columns side by side.
-template <class P> struct tile_reader {
-    detail::iter_ptr it{new vel_seq_iterator_t()};
-    size_t off = 0; // first value of the tile not yet used
-    tile_reader(const P &p, const column &c, uint64_t first, uint64_t last) {
-        vel_objhandle_t obj = c.obj;
-        velseq::detail::check(p.subseq(&obj, c.field, it.get(), first, last - 1), "scanning");
-    }
-    size_t left() const { return it->tile_size - off; }
-    const unsigned char *values() const {
-        return reinterpret_cast<const unsigned char *>(it->tile.u.arr_char);
-    }
-    // Refills an used-up tile; false at the end.
-    bool ready() {
-        if (off < it->tile_size)
-            return true;
-        const VEL_RET rc = it->next(it.get());
-        if (rc == VEL_S_CURSOR_END)
-            return false;
-        velseq::detail::check(rc, "reading a tile");
-        off = 0;
-        return true;
     }
 };
 

@@ -33,8 +33,18 @@ template <class T, uint8_t Code> struct scalar {
             return (void)v, false;
     }
     void put(unsigned char *dst, const T &v) const { std::memcpy(dst, &v, sizeof v); }
+    // The module's calls for T, each with the arguments of its char(N)
+    // namesake bar the width.
     VEL_RET subseq(vel_objhandle_h o, const velh_field_info_t &f, vel_seq_iterator_h it,
                    vel_seq_no_t from, vel_seq_no_t till) const;
+    VEL_RET append(vel_objhandle_h o, const velh_field_info_t &f, const unsigned char *v,
+                   vel_size_t n, vel_seq_order_t ord, const vel_bitmap_word_t *nb) const;
+    VEL_RET last(vel_objhandle_h o, const velh_field_info_t &f, unsigned char *v) const;
+    VEL_RET search(vel_objhandle_h o, const velh_field_info_t &f, vel_seq_iterator_h it,
+                   const unsigned char *lo, vel_seq_boundary_kind_t lk, const unsigned char *hi,
+                   vel_seq_boundary_kind_t hk, vel_seq_order_t ord) const;
+    VEL_RET map(vel_objhandle_h o, const velh_field_info_t &f, vel_seq_iterator_h it,
+                vel_seq_iterator_h pos) const;
 };
 
 // char(N): values are N bytes compared bytewise; a value is held as its
@@ -58,17 +68,64 @@ struct chars {
         return vel_w_seq_subseq_char(o, f.u_offset, f.c_offset, it, from, till,
                                      static_cast<uint16_t>(w));
     }
+    VEL_RET append(vel_objhandle_h o, const velh_field_info_t &f, const unsigned char *v,
+                   vel_size_t n, vel_seq_order_t ord, const vel_bitmap_word_t *nb) const {
+        return vel_w_seq_append_char(o, f.u_offset, f.c_offset, f.fld_no,
+                                     reinterpret_cast<const char *>(v), n, ord,
+                                     static_cast<uint16_t>(w), nb);
+    }
+    VEL_RET last(vel_objhandle_h o, const velh_field_info_t &f, unsigned char *v) const {
+        return vel_w_seq_last_char(o, f.u_offset, f.c_offset, reinterpret_cast<char *>(v),
+                                   static_cast<uint16_t>(w));
+    }
+    VEL_RET search(vel_objhandle_h o, const velh_field_info_t &f, vel_seq_iterator_h it,
+                   const unsigned char *lo, vel_seq_boundary_kind_t lk, const unsigned char *hi,
+                   vel_seq_boundary_kind_t hk, vel_seq_order_t ord) const {
+        return vel_w_seq_search_char(
+            o, f.u_offset, f.c_offset, it, reinterpret_cast<const char *>(lo), lk,
+            reinterpret_cast<const char *>(hi), hk, ord, static_cast<uint16_t>(w));
+    }
+    VEL_RET map(vel_objhandle_h o, const velh_field_info_t &f, vel_seq_iterator_h it,
+                vel_seq_iterator_h pos) const {
+        return vel_w_seq_map_char(o, f.u_offset, f.c_offset, it, pos, static_cast<uint16_t>(w));
+    }
 };
 
-#define VELSEQ_SUBSEQ_(S, T, DD)                                                                   \
+#define VELSEQ_CALLS_(S, T, DD)                                                                    \
     template <>                                                                                    \
     inline VEL_RET scalar<T, VEL_DD_SEQUENCE_##DD>::subseq(                                        \
         vel_objhandle_h o, const velh_field_info_t &f, vel_seq_iterator_h it, vel_seq_no_t from,   \
         vel_seq_no_t till) const {                                                                 \
         return vel_w_seq_subseq_##S(o, f.u_offset, f.c_offset, it, from, till);                    \
+    }                                                                                              \
+    template <>                                                                                    \
+    inline VEL_RET scalar<T, VEL_DD_SEQUENCE_##DD>::append(                                        \
+        vel_objhandle_h o, const velh_field_info_t &f, const unsigned char *v, vel_size_t n,       \
+        vel_seq_order_t ord, const vel_bitmap_word_t *nb) const {                                  \
+        return vel_w_seq_append_##S(o, f.u_offset, f.c_offset, f.fld_no,                           \
+                                    reinterpret_cast<const T *>(v), n, ord, nb);                   \
+    }                                                                                              \
+    template <>                                                                                    \
+    inline VEL_RET scalar<T, VEL_DD_SEQUENCE_##DD>::last(                                          \
+        vel_objhandle_h o, const velh_field_info_t &f, unsigned char *v) const {                   \
+        return vel_w_seq_last_##S(o, f.u_offset, f.c_offset, reinterpret_cast<T *>(v));            \
+    }                                                                                              \
+    template <>                                                                                    \
+    inline VEL_RET scalar<T, VEL_DD_SEQUENCE_##DD>::search(                                        \
+        vel_objhandle_h o, const velh_field_info_t &f, vel_seq_iterator_h it,                      \
+        const unsigned char *lo, vel_seq_boundary_kind_t lk, const unsigned char *hi,              \
+        vel_seq_boundary_kind_t hk, vel_seq_order_t ord) const {                                   \
+        return vel_w_seq_search_##S(o, f.u_offset, f.c_offset, it, at(lo, 0), lk, at(hi, 0), hk,   \
+                                    ord);                                                          \
+    }                                                                                              \
+    template <>                                                                                    \
+    inline VEL_RET scalar<T, VEL_DD_SEQUENCE_##DD>::map(                                           \
+        vel_objhandle_h o, const velh_field_info_t &f, vel_seq_iterator_h it,                      \
+        vel_seq_iterator_h pos) const {                                                            \
+        return vel_w_seq_map_##S(o, f.u_offset, f.c_offset, it, pos);                              \
     }
-VEL_SEQ_SCALAR_TYPES(VELSEQ_SUBSEQ_)
-#undef VELSEQ_SUBSEQ_
+VEL_SEQ_SCALAR_TYPES(VELSEQ_CALLS_)
+#undef VELSEQ_CALLS_
 
 // f(policy) with the policy of type t; VEL_E_ILLEGAL_TYPE for no type.
 template <class F> decltype(auto) visit(column_type t, F &&f) {
@@ -111,5 +168,55 @@ void for_each_tile(const P &p, const column &c, uint64_t first, uint64_t last, F
 inline bool null_at(const vel_bitmap_word_t *nulls, size_t i) {
     return (nulls[i / 64] >> (i % 64)) & 1;
 }
+
+// Appends one value (or a null when `v` is null) to `out`.  The validity
+// bitmap is made on the first null, with every earlier value present.
+inline void push(array &out, const void *v) {
+    const size_t w = out.type.width;
+    const uint64_t i = out.length++;
+    out.values.resize(out.values.size() + w);
+    if (v != nullptr)
+        std::memcpy(out.values.data() + i * w, v, w);
+    if (v == nullptr && out.validity.empty())
+        out.validity.assign((i + 8) / 8, 0xFF);
+    if (!out.validity.empty()) {
+        out.validity.resize(out.length / 8 + 1, 0);
+        const uint8_t bit = uint8_t(1u << (i % 8));
+        out.validity[i / 8] = v ? (out.validity[i / 8] | bit) : (out.validity[i / 8] & ~bit);
+    }
+}
+
+inline uint64_t count_of(const column &c) {
+    vel_objhandle_t obj = c.obj;
+    vel_seq_no_t n = 0;
+    velseq::detail::check(vel_w_seq_count(&obj, c.field.u_offset, c.field.c_offset, &n),
+                          "counting");
+    return n;
+}
+
+// The next tile of a column, for walking two columns side by side.
+template <class P> struct tile_reader {
+    iter_ptr it{new vel_seq_iterator_t()};
+    size_t off = 0; // first value of the tile not yet used
+    tile_reader(const P &p, const column &c, uint64_t first, uint64_t last) {
+        vel_objhandle_t obj = c.obj;
+        velseq::detail::check(p.subseq(&obj, c.field, it.get(), first, last - 1), "scanning");
+    }
+    size_t left() const { return it->tile_size - off; }
+    const unsigned char *values() const {
+        return reinterpret_cast<const unsigned char *>(it->tile.u.arr_char);
+    }
+    // Refills an used-up tile; false at the end.
+    bool ready() {
+        if (off < it->tile_size)
+            return true;
+        const VEL_RET rc = it->next(it.get());
+        if (rc == VEL_S_CURSOR_END)
+            return false;
+        velseq::detail::check(rc, "reading a tile");
+        off = 0;
+        return true;
+    }
+};
 
 } // namespace velseq::table::detail

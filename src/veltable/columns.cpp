@@ -1,0 +1,297 @@
+// Reading, writing, searching and matching columns: one generic definition
+// per operation over the value policies of dispatch.h.
+#include <algorithm>
+#include <numeric>
+
+#include "dispatch.h"
+
+namespace velseq::table {
+
+namespace detail {
+namespace {
+
+constexpr column_type kPositions{VEL_DD_SEQUENCE_UINT8, 8};
+
+std::string field_name(const column &c) {
+    return c.field.name != nullptr && *c.field.name ? "'" + std::string(c.field.name) + "'"
+                                                    : "field " + std::to_string(c.field.fld_no);
+}
+
+// An array must be of the type asked for and as long as it says.
+void require(const array &a, column_type t, const std::string &what) {
+    if (!(a.type == t))
+        throw error(VEL_E_ILLEGAL_TYPE,
+                    what + ": " + type_name(a.type) + " values where " + type_name(t) + " are due");
+    if (a.values.size() != a.length * t.width ||
+        (!a.validity.empty() && a.validity.size() < (a.length + 7) / 8))
+        throw error(VEL_E_ILLEGAL_PARAM,
+                    what + ": the buffers do not hold " + std::to_string(a.length) + " values");
+}
+
+void set_null(array &a, uint64_t i) {
+    if (a.validity.empty())
+        a.validity.assign((a.length + 7) / 8, 0xFF);
+    a.validity[i / 8] = static_cast<uint8_t>(a.validity[i / 8] & ~(1u << (i % 8)));
+}
+
+// The module's null bitmap (bit set: null) of an array; empty when no value
+// is null.
+std::vector<vel_bitmap_word_t> nulls_of(const array &a) {
+    std::vector<vel_bitmap_word_t> nb;
+    if (a.null_count() == 0)
+        return nb;
+    nb.assign((a.length + 63) / 64, 0);
+    for (uint64_t i = 0; i < a.length; i++)
+        if (!a.valid(i))
+            nb[i / 64] |= vel_bitmap_word_t(1) << (i % 64);
+    return nb;
+}
+
+// The ordered column's rules for values about to be appended, all checked
+// before anything is written.
+template <class P> void check_ordered(const P &p, const column &c, const array &a) {
+    const bool desc = c.field.order == VEL_SEQ_DESC_ORDER;
+    const std::string where = " in the ordered column " + field_name(c);
+    const unsigned char *v = a.values.data();
+    for (uint64_t i = 0; i < a.length; i++) {
+        if (!a.valid(i))
+            throw error(VEL_E_SEQ_NULL_VALUE, "append: a null at row " + std::to_string(i) + where);
+        if (p.is_nan(p.at(v, i)))
+            throw error(VEL_E_ILLEGAL_PARAM, "append: NaN at row " + std::to_string(i) + where);
+        if (i > 0 &&
+            (desc ? p.less(p.at(v, i - 1), p.at(v, i)) : p.less(p.at(v, i), p.at(v, i - 1))))
+            throw error(VEL_E_SEQ_OUT_OF_ORDER,
+                        "append: row " + std::to_string(i) + " breaks the order" + where);
+    }
+    if (a.length == 0 || count_of(c) == 0)
+        return;
+    std::vector<unsigned char> last(p.width());
+    vel_objhandle_t obj = c.obj;
+    velseq::detail::check(p.last(&obj, c.field, last.data()), "append: reading the last value");
+    const auto stored = p.at(last.data(), 0), first = p.at(v, 0);
+    if (desc ? p.less(stored, first) : p.less(first, stored))
+        throw error(VEL_E_SEQ_OUT_OF_ORDER,
+                    "append: row 0 goes before the last value stored" + where);
+}
+
+// Keys in ascending order, read once, for probes taken in ascending order:
+// `pos` is the first key for which `past` (a predicate that turns from
+// false to true along the keys) holds, `cur` that key and `prev` the one
+// before it.
+template <class P> struct bound_cursor {
+    const P &p;
+    tile_reader<P> r;
+    uint64_t pos = 0, n;
+    typename P::value cur{}, prev{};
+    bool end = false;
+
+    bound_cursor(const P &pol, const column &keys, uint64_t count)
+        : p(pol), r(pol, keys, 0, count), n(count) {
+        load();
+    }
+    void load() {
+        end = !r.ready();
+        if (!end)
+            cur = p.at(r.values(), r.off);
+    }
+    template <class Past> void advance(Past past) {
+        while (!end && !past(cur)) {
+            prev = cur;
+            pos++;
+            r.off++;
+            load();
+        }
+    }
+};
+
+// |b - a| for keys of a number or datetime type, a <= b by the key order.
+template <class P> long double distance(const typename P::value &a, const typename P::value &b) {
+    if constexpr (P::code == VEL_DD_SEQUENCE_DATETIME)
+        return static_cast<long double>(static_cast<uint64_t>(b - a));
+    else if constexpr (P::numeric)
+        return static_cast<long double>(b) - static_cast<long double>(a);
+    else
+        return (void)a, (void)b, 0;
+}
+
+} // namespace
+} // namespace detail
+
+array read(const column &c, uint64_t first, uint64_t last) {
+    const uint64_t n = detail::count_of(c);
+    if (first > last || last > n)
+        throw error(VEL_E_ILLEGAL_PARAM, "read: positions [" + std::to_string(first) + ", " +
+                                             std::to_string(last) + ") outside [0, " +
+                                             std::to_string(n) + ")");
+    array out;
+    out.type = c.type;
+    out.length = last - first;
+    out.values.resize(out.length * c.type.width);
+    detail::visit(c.type, [&](const auto &p) {
+        detail::for_each_tile(
+            p, c, first, last,
+            [&](const unsigned char *v, const vel_bitmap_word_t *nulls, size_t k, uint64_t pos) {
+                const uint64_t at = pos - first;
+                std::memcpy(out.values.data() + at * p.width(), v, k * p.width());
+                for (size_t i = 0; i < k; i++)
+                    if (detail::null_at(nulls, i))
+                        detail::set_null(out, at + i);
+            });
+    });
+    return out;
+}
+
+void append(const column &c, const array &values) {
+    detail::require(values, c.type, "append to " + detail::field_name(c));
+    if (values.length == 0)
+        return;
+    detail::visit(c.type, [&](const auto &p) {
+        const auto order = static_cast<vel_seq_order_t>(c.field.order);
+        if (order != VEL_SEQ_NO_ORDER)
+            detail::check_ordered(p, c, values);
+        const std::vector<vel_bitmap_word_t> nb = detail::nulls_of(values);
+        vel_objhandle_t obj = c.obj;
+        velseq::detail::check(p.append(&obj, c.field, values.values.data(), values.length, order,
+                                       nb.empty() ? nullptr : nb.data()),
+                              "append");
+    });
+}
+
+std::pair<uint64_t, uint64_t> search(const column &c, const array &bounds, bound lo_kind,
+                                     bound hi_kind) {
+    detail::require(bounds, c.type, "search");
+    const auto order = static_cast<vel_seq_order_t>(c.field.order);
+    if (order == VEL_SEQ_NO_ORDER)
+        throw error(VEL_E_ILLEGAL_PARAM, "search needs an ordered column");
+    if (bounds.length != 2 || bounds.null_count() != 0)
+        throw error(VEL_E_ILLEGAL_PARAM, "search: give two bounds, neither null");
+    std::pair<uint64_t, uint64_t> out{0, 0};
+    detail::visit(c.type, [&](const auto &p) {
+        const unsigned char *lo = bounds.values.data(), *hi = lo + p.width();
+        if (p.is_nan(p.at(lo, 0)) || p.is_nan(p.at(hi, 0)))
+            throw error(VEL_E_ILLEGAL_PARAM, "search: NaN bound");
+        if (lo_kind != bound::open && hi_kind != bound::open && p.less(p.at(hi, 0), p.at(lo, 0)))
+            throw error(VEL_E_ILLEGAL_PARAM, "search: bounds given reversed (hi < lo)");
+        // The module takes its bounds in position order: the high value
+        // comes first in a descending column.
+        const bool desc = order == VEL_SEQ_DESC_ORDER;
+        const auto lk = static_cast<vel_seq_boundary_kind_t>(desc ? hi_kind : lo_kind);
+        const auto hk = static_cast<vel_seq_boundary_kind_t>(desc ? lo_kind : hi_kind);
+        detail::iter_ptr it(new vel_seq_iterator_t());
+        vel_objhandle_t obj = c.obj;
+        const VEL_RET rc =
+            p.search(&obj, c.field, it.get(), desc ? hi : lo, lk, desc ? lo : hi, hk, order);
+        if (rc == VEL_S_NOTFOUND)
+            return;
+        velseq::detail::check(rc, "search");
+        out.first = it->first_seq_no;
+        out.second =
+            it->last_seq_no == ~vel_seq_no_t(0) ? detail::count_of(c) : it->last_seq_no + 1;
+    });
+    return out;
+}
+
+array gather(const column &c, const array &positions) {
+    detail::require(positions, detail::kPositions, "gather");
+    const uint64_t n = detail::count_of(c);
+    std::vector<uint64_t> wanted;
+    for (uint64_t i = 0; i < positions.length; i++) {
+        if (!positions.valid(i))
+            continue;
+        uint64_t at;
+        std::memcpy(&at, positions.values.data() + i * 8, 8);
+        if (at >= n)
+            throw error(VEL_E_ILLEGAL_PARAM, "gather: position " + std::to_string(at) +
+                                                 " past the end (" + std::to_string(n) + ")");
+        wanted.push_back(at);
+    }
+    array out;
+    out.type = c.type;
+    out.length = positions.length;
+    out.values.resize(out.length * c.type.width);
+    for (uint64_t i = 0; i < positions.length; i++)
+        if (!positions.valid(i))
+            detail::set_null(out, i);
+    if (wanted.empty())
+        return out;
+    detail::visit(c.type, [&](const auto &p) {
+        velseq::detail::array_source src{reinterpret_cast<const unsigned char *>(wanted.data()),
+                                         wanted.size(), 0, 8};
+        vel_seq_iterator_t pos{};
+        velseq::detail::make_array_source(pos, src, VEL_DD_UINT8);
+        detail::iter_ptr it(new vel_seq_iterator_t());
+        vel_objhandle_t obj = c.obj;
+        velseq::detail::check(p.map(&obj, c.field, it.get(), &pos), "gather");
+        uint64_t i = 0; // the next output row that has a position
+        for (;;) {
+            const VEL_RET rc = it->next(it.get());
+            if (rc == VEL_S_CURSOR_END)
+                break;
+            velseq::detail::check(rc, "gather: reading a tile");
+            const auto *v = reinterpret_cast<const unsigned char *>(it->tile.u.arr_char);
+            for (size_t k = 0; k < it->tile_size; k++, i++) {
+                while (!positions.valid(i))
+                    i++;
+                std::memcpy(out.values.data() + i * p.width(), v + k * p.width(), p.width());
+                if (detail::null_at(it->tile.null_bitmap, k))
+                    detail::set_null(out, i);
+            }
+        }
+    });
+    return out;
+}
+
+array asof(const column &keys, const array &probes, const asof_options &opt) {
+    detail::require(probes, keys.type, "asof");
+    if (keys.field.order != VEL_SEQ_ASC_ORDER)
+        throw error(VEL_E_ILLEGAL_PARAM, "asof needs an ascending key column");
+    const bool by_distance = opt.dir == direction::nearest || opt.tolerance;
+    if (by_distance && keys.type.code == VEL_DD_SEQUENCE_CHAR)
+        throw error(VEL_E_ILLEGAL_TYPE, "asof: char keys have no distance (nearest, tolerance)");
+    if (opt.tolerance && !(*opt.tolerance >= 0))
+        throw error(VEL_E_ILLEGAL_PARAM, "asof: the tolerance must be a number >= 0");
+    array out;
+    out.type = detail::kPositions;
+    out.length = probes.length;
+    out.values.resize(out.length * 8);
+    out.validity.assign((out.length + 7) / 8, 0);
+    const uint64_t n = detail::count_of(keys);
+    if (n == 0 || probes.length == 0)
+        return out;
+    detail::visit(keys.type, [&](const auto &p) {
+        using P = std::decay_t<decltype(p)>;
+        const unsigned char *pv = probes.values.data();
+        // The probes that can match, by value (ties in row order).
+        std::vector<uint64_t> rows;
+        for (uint64_t i = 0; i < probes.length; i++)
+            if (probes.valid(i) && !p.is_nan(p.at(pv, i)))
+                rows.push_back(i);
+        auto before = [&](uint64_t a, uint64_t b) { return p.less(p.at(pv, a), p.at(pv, b)); };
+        if (!std::is_sorted(rows.begin(), rows.end(), before))
+            std::stable_sort(rows.begin(), rows.end(), before);
+        detail::bound_cursor<P> lower(p, keys, n), upper(p, keys, n);
+        for (uint64_t row : rows) {
+            const auto v = p.at(pv, row);
+            lower.advance([&](const auto &k) { return !p.less(k, v); }); // first key >= v
+            upper.advance([&](const auto &k) { return p.less(v, k); });  // first key > v
+            const auto &b = opt.strict ? lower : upper;
+            const auto &f = opt.strict ? upper : lower;
+            const bool has_back = opt.dir != direction::forward && b.pos > 0;
+            const bool has_fwd = opt.dir != direction::backward && f.pos < n;
+            if (!has_back && !has_fwd)
+                continue;
+            bool fwd = !has_back;
+            if (has_back && has_fwd)
+                fwd = detail::distance<P>(v, f.cur) < detail::distance<P>(b.prev, v);
+            if (opt.tolerance && (fwd ? detail::distance<P>(v, f.cur)
+                                      : detail::distance<P>(b.prev, v)) > *opt.tolerance)
+                continue;
+            const uint64_t at = fwd ? f.pos : b.pos - 1;
+            std::memcpy(out.values.data() + row * 8, &at, 8);
+            out.validity[row / 8] = static_cast<uint8_t>(out.validity[row / 8] | 1u << (row % 8));
+        }
+    });
+    return out;
+}
+
+} // namespace velseq::table

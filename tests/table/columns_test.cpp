@@ -1,0 +1,197 @@
+// Tables through the catalogue, and the column operations against a model:
+// random batches appended (the refused ones must change nothing), then
+// windows read, values searched, positions gathered and probes matched
+// as-of, each compared with the answer computed from plain vectors.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <random>
+
+#include "velseq.hpp"
+#include "velseq/table.hpp"
+
+namespace {
+
+using namespace velseq;
+using table::array;
+
+template <class T> array array_of(const std::vector<std::optional<T>> &v, table::column_type t) {
+    array a;
+    a.type = t;
+    a.length = v.size();
+    a.values.resize(v.size() * sizeof(T));
+    for (size_t i = 0; i < v.size(); i++) {
+        if (v[i])
+            std::memcpy(a.values.data() + i * sizeof(T), &*v[i], sizeof(T));
+        else {
+            a.validity.resize((v.size() + 7) / 8, 0xFF);
+            a.validity[i / 8] &= uint8_t(~(1u << (i % 8)));
+        }
+    }
+    return a;
+}
+
+template <class T> std::vector<std::optional<T>> values_of(const array &a) {
+    std::vector<std::optional<T>> v(a.length);
+    for (size_t i = 0; i < a.length; i++)
+        if (a.valid(i)) {
+            T x;
+            std::memcpy(&x, a.values.data() + i * sizeof(T), sizeof x);
+            v[i] = x;
+        }
+    return v;
+}
+
+int code_of(const std::function<void()> &f) {
+    try {
+        f();
+    } catch (const error &e) {
+        return e.code();
+    }
+    return 0;
+}
+
+TEST(Columns, FollowAModel) {
+    database db;
+    const table::column_type i8 = *table::type_by_name("int8"), f8 = *table::type_by_name("double");
+    table::define_table(
+        db.get(), "quotes",
+        {{"t", i8, VEL_SEQ_ASC_ORDER}, {"px", f8}, {"venue", i8, VEL_SEQ_NO_ORDER, true}});
+    // Found again by name with the same columns; names are unique.
+    const table::table_info t = *table::find_table(db.get(), "quotes");
+    ASSERT_EQ(t.columns.size(), 3u);
+    EXPECT_EQ(t.columns[t.field("t")].order, VEL_SEQ_ASC_ORDER);
+    EXPECT_TRUE(t.columns[t.field("venue")].scalar);
+    EXPECT_EQ(code_of([&] { t.field("nope"); }), VEL_E_HOST_NO_FIELD);
+    EXPECT_NE(code_of([&] { table::define_table(db.get(), "quotes", {{"x", i8}}); }), 0);
+    EXPECT_FALSE(table::find_table(db.get(), "quote"));
+    EXPECT_EQ(table::tables(db.get()).size(), 1u);
+
+    connection con(db);
+    ASSERT_EQ(velh_begin(con.get(), VELH_READ_WRITE), VEL_S_OK);
+    vel_objhandle_t h{};
+    ASSERT_EQ(velh_obj_create(con.get(), t.code, &h), VEL_S_OK);
+    const table::column tc = table::column_of(h, db.get(), t, t.field("t"));
+    const table::column pc = table::column_of(h, db.get(), t, t.field("px"));
+
+    std::mt19937_64 rng(11);
+    std::vector<int64_t> keys;
+    std::vector<std::optional<double>> px;
+    int64_t k = -1000;
+    for (int batch = 0; batch < 40; batch++) {
+        std::vector<std::optional<int64_t>> tb(1 + rng() % 300);
+        std::vector<std::optional<double>> pb(tb.size());
+        for (size_t i = 0; i < tb.size(); i++) {
+            k += int64_t(rng() % 3);
+            tb[i] = k;
+            if (rng() % 5)
+                pb[i] = double(rng() % 1000) / 4;
+        }
+        // A batch spoiled one way or another is refused whole.
+        const int spoil = int(rng() % 4);
+        std::vector<std::optional<int64_t>> bad = tb;
+        if (spoil == 1)
+            bad[rng() % bad.size()] = std::nullopt;
+        if (spoil == 2)
+            bad[0] = k - int64_t(tb.size()) - 5; // before the last stored key
+        if (spoil == 3 && bad.size() > 1)
+            std::swap(bad.front(), bad.back());
+        if (spoil != 0 && bad != tb) {
+            EXPECT_NE(code_of([&] { table::append(tc, array_of(bad, i8)); }), 0);
+            ASSERT_EQ(values_of<int64_t>(table::read(tc, 0, keys.size())).size(), keys.size());
+        }
+        table::append(tc, array_of(tb, i8));
+        table::append(pc, array_of(pb, f8));
+        for (size_t i = 0; i < tb.size(); i++) {
+            keys.push_back(*tb[i]);
+            px.push_back(pb[i]);
+        }
+    }
+    const size_t n = keys.size();
+    EXPECT_EQ(code_of([&] { table::append(tc, array_of<double>({1.0}, f8)); }), VEL_E_ILLEGAL_TYPE);
+    EXPECT_EQ(code_of([&] { table::read(pc, 0, n + 1); }), VEL_E_ILLEGAL_PARAM);
+
+    for (int round = 0; round < 30; round++) {
+        size_t a = rng() % (n + 1), b = rng() % (n + 1);
+        if (a > b)
+            std::swap(a, b);
+        EXPECT_EQ(values_of<double>(table::read(pc, a, b)),
+                  std::vector<std::optional<double>>(px.begin() + long(a), px.begin() + long(b)));
+
+        // search: [lo, hi] with each kind of bound
+        int64_t lo = keys[rng() % n] - 1 + int64_t(rng() % 3), hi = lo + int64_t(rng() % 40);
+        const auto lk = table::bound(rng() % 3), hk = table::bound(rng() % 3);
+        const auto first = lk == table::bound::open ? keys.begin()
+                           : lk == table::bound::inclusive
+                               ? std::lower_bound(keys.begin(), keys.end(), lo)
+                               : std::upper_bound(keys.begin(), keys.end(), lo);
+        const auto last = hk == table::bound::open ? keys.end()
+                          : hk == table::bound::inclusive
+                              ? std::upper_bound(keys.begin(), keys.end(), hi)
+                              : std::lower_bound(keys.begin(), keys.end(), hi);
+        const auto got = table::search(tc, array_of<int64_t>({lo, hi}, i8), lk, hk);
+        if (first < last)
+            EXPECT_EQ(got,
+                      std::make_pair(uint64_t(first - keys.begin()), uint64_t(last - keys.begin())))
+                << lo << " " << hi << " kinds " << int(lk) << int(hk);
+        else
+            EXPECT_EQ(got.first, got.second);
+
+        // gather: random positions, some null
+        std::vector<std::optional<uint64_t>> pos(rng() % 50);
+        std::vector<std::optional<double>> want(pos.size());
+        for (size_t i = 0; i < pos.size(); i++)
+            if (rng() % 6) {
+                pos[i] = rng() % n;
+                want[i] = px[*pos[i]];
+            }
+        EXPECT_EQ(values_of<double>(table::gather(pc, array_of(pos, {VEL_DD_SEQUENCE_UINT8, 8}))),
+                  want);
+
+        // as-of: every direction, strict or not, with and without tolerance
+        std::vector<std::optional<int64_t>> probes(1 + rng() % 60);
+        for (auto &p : probes)
+            if (rng() % 8)
+                p = keys.front() - 3 + int64_t(rng() % uint64_t(keys.back() - keys.front() + 6));
+        if (round % 2)
+            std::sort(probes.begin(), probes.end());
+        table::asof_options opt;
+        opt.dir = table::direction(rng() % 3);
+        opt.strict = rng() % 2;
+        if (rng() % 2)
+            opt.tolerance = (long double)(rng() % 4);
+        std::vector<std::optional<uint64_t>> model(probes.size());
+        for (size_t i = 0; i < probes.size(); i++) {
+            if (!probes[i])
+                continue;
+            const int64_t p = *probes[i];
+            const auto b = opt.strict ? std::lower_bound(keys.begin(), keys.end(), p)
+                                      : std::upper_bound(keys.begin(), keys.end(), p);
+            const auto f = opt.strict ? std::upper_bound(keys.begin(), keys.end(), p)
+                                      : std::lower_bound(keys.begin(), keys.end(), p);
+            std::optional<uint64_t> back, fwd;
+            if (opt.dir != table::direction::forward && b != keys.begin())
+                back = uint64_t(b - keys.begin() - 1);
+            if (opt.dir != table::direction::backward && f != keys.end())
+                fwd = uint64_t(f - keys.begin());
+            std::optional<uint64_t> pick = back ? back : fwd;
+            if (back && fwd && keys[*fwd] - p < p - keys[*back])
+                pick = fwd;
+            if (pick && opt.tolerance && std::llabs(keys[*pick] - p) > *opt.tolerance)
+                pick = std::nullopt;
+            model[i] = pick;
+        }
+        EXPECT_EQ(values_of<uint64_t>(table::asof(tc, array_of(probes, i8), opt)), model)
+            << "direction " << int(opt.dir) << " strict " << opt.strict;
+    }
+    EXPECT_EQ(code_of([&] { table::asof(pc, array_of<double>({1.0}, f8)); }), VEL_E_ILLEGAL_PARAM);
+    EXPECT_EQ(code_of([&] {
+                  table::search(tc, array_of<int64_t>({5, 4}, i8), table::bound::inclusive,
+                                table::bound::inclusive);
+              }),
+              VEL_E_ILLEGAL_PARAM);
+    EXPECT_EQ(velh_commit(con.get()), VEL_S_OK);
+}
+
+} // namespace
