@@ -41,6 +41,7 @@ struct Durable {
     uint64_t next_seq = 1;     // sequence number of the next record
     uint64_t next_page_id = 1; // id of the next page a record introduces
     uint64_t end = 0;          // file offset after the last whole record
+    uint32_t version = 0;      // format version of the file: its records are written so
     // Page id of every page a committed tree may reach.  A freed page keeps a
     // stale entry until its address is handed out again and renumbered;
     // nothing reaches it meanwhile.
@@ -221,10 +222,12 @@ inline bool is_inner(const std::byte *page) {
     return (reinterpret_cast<const vel_seq_page_t *>(page)->hdr.kind & 15) == 2;
 }
 
-// Class definitions as both files carry them.
-void put_class(Out &o, const ClassDef &cls);
+// Class definitions as both files carry them.  `orders`: the format keeps
+// declared orders (image version 3, log version 2 on); older formats hold a
+// zero byte where the order goes, and their sequence fields get order 0.
+void put_class(Out &o, const ClassDef &cls, bool orders);
 // Defines the class read from `in`; the new code must be `expect_code`.
-VEL_RET get_class(Db *db, In &in, uint16_t expect_code, std::string *why);
+VEL_RET get_class(Db *db, In &in, uint16_t expect_code, bool orders, std::string *why);
 
 // A page as files hold it: bytes 0..3 and 8.. copied, the reference count
 // zeroed, entry pointers replaced by ids (false when a child has no id).

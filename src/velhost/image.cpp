@@ -38,9 +38,20 @@
 //                u64: kind << 56 ^ items << 24 ^ length, the block's file
 //                offset, the image id (version 1: seeded with the first alone)
 //
-//   classes (one block): per class, codes 1.. in order: u32 flags, u8 page
-//     manager, u8 0, u16 fields, name; per field: u8 type, u8 0, u16 width,
-//     name (a name is u16 length + bytes)
+//   classes (one block): per class, codes 1.. in order, as the log's class
+//     records hold it too:
+//     offset size  field
+//     0      4     flags (VEL_CLASS_COMPACT)
+//     4      1     page manager (VELH_PM_INMEM, VELH_PM_ALT)
+//     5      1     zero
+//     6      2     fields
+//     8      2+k   name: u16 length k, then k bytes
+//     then per field:
+//     0      1     type (VEL_DD_*)
+//     1      1     declared order (vel_seq_order_t; 0 for scalars); zero
+//                  before version 3, read as order 0
+//     2      2     width (char(N) and sequences of char(N): N; otherwise 0)
+//     4      2+k   name
 //   pages: u8 page manager, 7 zero bytes, then `items` pages of the sequence
 //     page size; ids run on from block to block, 1 first
 //   objects: per object in oid order: u64 oid, u16 class, u16 0, u32 position
@@ -66,7 +77,8 @@ namespace velhost {
 namespace {
 
 constexpr char kImageMagic[8] = {'V', 'E', 'L', 'H', 'I', 'M', 'G', '\0'};
-constexpr uint32_t kImageVersion = 2; // 1: block checksums bound to nothing else
+// 1: block checksums bound to nothing else; 2: no declared orders
+constexpr uint32_t kImageVersion = 3;
 constexpr uint32_t kHeaderBytes = 128;
 constexpr uint32_t kBlockKinds[] = {1, 2, 3, 4};
 enum BlockKind : uint32_t { kClasses = 1, kPages = 2, kObjects = 3, kEnd = 4 };
@@ -181,7 +193,7 @@ bool sync_dir(const std::string &path) {
     return ok;
 }
 
-void put_class(Out &o, const ClassDef &cls) {
+void put_class(Out &o, const ClassDef &cls, bool orders) {
     o.put<uint32_t>(cls.flags);
     o.put<uint8_t>(static_cast<uint8_t>(cls.pm->which));
     o.put<uint8_t>(0);
@@ -189,13 +201,13 @@ void put_class(Out &o, const ClassDef &cls) {
     o.str(cls.name);
     for (const Field &f : cls.fields) {
         o.put<uint8_t>(f.type);
-        o.put<uint8_t>(0);
+        o.put<uint8_t>(orders ? f.order : 0);
         o.put<uint16_t>(f.is_char ? f.elem_size : 0);
         o.str(f.name);
     }
 }
 
-VEL_RET get_class(Db *db, In &in, uint16_t expect_code, std::string *why) {
+VEL_RET get_class(Db *db, In &in, uint16_t expect_code, bool orders, std::string *why) {
     auto flags = in.get<uint32_t>();
     auto pm = in.get<uint8_t>();
     in.get<uint8_t>();
@@ -207,23 +219,27 @@ VEL_RET get_class(Db *db, In &in, uint16_t expect_code, std::string *why) {
     }
     std::vector<std::string> names(n);
     std::vector<velh_field_def_t> defs(n);
+    bool stray = false; // an older format's reserved byte, not zero
     for (uint16_t i = 0; i < n; ++i) {
         defs[i].type = in.get<uint8_t>();
-        in.get<uint8_t>();
+        const auto order = in.get<uint8_t>();
+        defs[i].order = orders ? order : 0;
+        stray |= !orders && order != 0;
         defs[i].width = in.get<uint16_t>();
         names[i] = in.str();
         defs[i].name = names[i].c_str();
     }
-    if (!in.ok) {
-        *why = "class " + std::to_string(expect_code) + " is cut short";
+    if (!in.ok || stray) {
+        *why = "class " + std::to_string(expect_code) + (stray ? " is malformed" : " is cut short");
         return VEL_E_HOST_BAD_IMAGE;
     }
     uint16_t code = 0;
     VEL_RET r = velh_class_define(reinterpret_cast<velh_db_t *>(db), name.c_str(), defs.data(), n,
                                   flags, pm, &code);
     if (r != VEL_S_OK || code != expect_code) {
+        const std::string said = r != VEL_S_OK && *error_text() != '\0' ? error_text() : "";
         *why = "class " + std::to_string(expect_code) + " has a definition velhost refuses (" +
-               std::to_string(r) + ")";
+               std::to_string(r) + (said.empty() ? "" : ": " + said) + ")";
         return VEL_E_HOST_BAD_IMAGE;
     }
     return VEL_S_OK;
@@ -368,7 +384,7 @@ VEL_RET image_save(Db *d, const char *path, ImageSave *how) {
     BlockWriter w{fd, id, kHeaderBytes};
     Out o;
     for (uint32_t code = 1; code < n_classes; ++code)
-        put_class(o, *d->classes[code]);
+        put_class(o, *d->classes[code], true);
     if (!w.emit(kClasses, n_classes - 1, o.b))
         return io_error("cannot write");
 
@@ -620,7 +636,7 @@ VEL_RET image_load(const velh_config_t *cfg, int fd, const char *path, Loader *l
     const auto header_bytes = h.get<uint32_t>();
     uint64_t sum;
     std::memcpy(&sum, hb + 120, 8);
-    if (version != kImageVersion && version != 1)
+    if (version < 1 || version > kImageVersion)
         return bad("format version " + std::to_string(version) +
                    "; this build reads versions 1 to " + std::to_string(kImageVersion));
     const bool sums = !g_fuzz_skip_checksums.load(std::memory_order_relaxed);
@@ -682,7 +698,7 @@ VEL_RET image_load(const velh_config_t *cfg, int fd, const char *path, Loader *l
             if (items != n_classes)
                 return bad("the class count disagrees with the header");
             for (uint32_t i = 0; i < items; ++i)
-                if (get_class(d, in, static_cast<uint16_t>(i + 1), &why) != VEL_S_OK)
+                if (get_class(d, in, static_cast<uint16_t>(i + 1), version >= 3, &why) != VEL_S_OK)
                     return bad(why);
         } else if (kind == kPages) {
             const auto pm = in.get<uint64_t>();

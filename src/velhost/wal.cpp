@@ -30,7 +30,11 @@
 //   16     8     XXH3-64 of the body, seeded with type and length
 //
 //   body: u64 sequence number (1, 2, ... in file order), then
-//   class:  u16 class code, the class as an image holds it
+//   class:  u16 class code, the class as an image holds it (image.cpp), with
+//           the declared order of each field from version 2 on (version 1
+//           holds a zero byte there: a database that goes on appending to a
+//           version 1 log refuses classes with a declared order until a
+//           checkpoint starts a log of the current version)
 //   commit: u32 pages, u32 objects; per page u64 id, u8 page manager, 7
 //           zero bytes, the page; per object u64 oid, u16 class, u8 op
 //           (1 write, 2 delete), u8 0, u32 position (mo), and for a write
@@ -57,7 +61,7 @@ namespace velhost {
 namespace {
 
 constexpr char kLogMagic[8] = {'V', 'E', 'L', 'H', 'L', 'O', 'G', '\0'};
-constexpr uint32_t kLogVersion = 1;
+constexpr uint32_t kLogVersion = 2; // 1: class records without declared orders
 constexpr uint32_t kLogHeader = 64;
 constexpr uint32_t kRecMagic = 0x4352'4c56; // "VLRC"
 constexpr uint32_t kRecClass = 1;
@@ -195,8 +199,10 @@ VEL_RET append_locked(Durable *L, uint32_t type, const std::string &body) {
     return VEL_S_OK;
 }
 
-Durable *attach(Db *d, const velh_config_t *cfg, int fd, uint64_t end, uint64_t image_id) {
+Durable *attach(Db *d, const velh_config_t *cfg, int fd, uint64_t end, uint64_t image_id,
+                uint32_t version) {
     auto *L = new Durable;
+    L->version = version;
     L->path = cfg->log_path;
     L->fd = fd;
     L->end = end;
@@ -340,7 +346,7 @@ VEL_RET log_start(Db *d, int fd, const velh_config_t *cfg, uint64_t image_id,
         ::close(fd);
         return fail(VEL_E_HOST_IO, why);
     }
-    Durable *L = attach(d, cfg, fd, kLogHeader, image_id);
+    Durable *L = attach(d, cfg, fd, kLogHeader, image_id, kLogVersion);
     L->next_page_id = first_page_id;
     L->id_of = std::move(ids);
     return VEL_S_OK;
@@ -411,6 +417,7 @@ struct Replay {
     bool recover = (cfg->open_flags & VELH_OPEN_RECOVER) != 0;
     uint64_t size = 0;
     uint64_t image_id = 0, first_page_id = 0; // from the header
+    uint32_t version = kLogVersion;           // from the header
     uint64_t pos = kLogHeader, seq = 1;       // the first record not replayed
 
     ~Replay() {
@@ -434,7 +441,7 @@ struct Replay {
             d->ro_log_fd = std::exchange(fd, -1);
             return VEL_S_OK;
         }
-        Durable *L = attach(d, cfg, std::exchange(fd, -1), end, image_id);
+        Durable *L = attach(d, cfg, std::exchange(fd, -1), end, image_id, version);
         L->next_seq = seq;
         L->next_page_id = next_page_id;
         L->id_of = ids();
@@ -481,7 +488,7 @@ struct Replay {
             return bad("not a velhost commit log");
         In h(hb, kLogHeader);
         h.bytes(8);
-        const auto version = h.get<uint32_t>();
+        version = h.get<uint32_t>();
         const auto header_bytes = h.get<uint32_t>();
         const auto seq_ps = h.get<uint32_t>();
         const auto obj_ps = h.get<uint32_t>();
@@ -490,9 +497,9 @@ struct Replay {
         const auto afs = h.get<uint16_t>();
         uint64_t sum;
         std::memcpy(&sum, hb + 56, 8);
-        if (version != kLogVersion)
-            return bad("format version " + std::to_string(version) + "; this build reads version " +
-                       std::to_string(kLogVersion));
+        if (version < 1 || version > kLogVersion)
+            return bad("format version " + std::to_string(version) +
+                       "; this build reads versions 1 to " + std::to_string(kLogVersion));
         if (header_bytes != kLogHeader || sum != XXH3_64bits(hb, 56))
             return bad("the header is damaged (checksum)");
         if (image_id == ld->image_id &&
@@ -517,6 +524,7 @@ struct Replay {
         ::close(fd);
         fd = nfd;
         image_id = ld->image_id;
+        version = kLogVersion;
         seq = 1;
         return keep(kLogHeader, ld->max_page_id + 1);
     }
@@ -548,7 +556,7 @@ struct Replay {
             bool ok;
             if (type == kRecClass) {
                 const auto code = in.get<uint16_t>();
-                ok = get_class(d, in, code, &why) == VEL_S_OK && in.done();
+                ok = get_class(d, in, code, version >= 2, &why) == VEL_S_OK && in.done();
             } else {
                 ok = replay_commit(d, ld, in, first_page_id, &why);
             }
@@ -634,10 +642,17 @@ VEL_RET log_close(Db *d) {
 
 VEL_RET log_class(Db *d, const ClassDef &cls, uint16_t class_code) {
     Durable *L = d->durable;
+    const bool orders = L->version >= 2;
+    for (const Field &f : cls.fields)
+        if (f.order != 0 && !orders)
+            return fail(VEL_E_HOST_BAD_ARG,
+                        L->path + " is a log of format version " + std::to_string(L->version) +
+                            ", which keeps no declared orders (field " + f.name + " of class " +
+                            cls.name + "); a checkpoint starts a log of the current version");
     Out o;
     o.put<uint64_t>(L->next_seq);
     o.put<uint16_t>(class_code);
-    put_class(o, cls);
+    put_class(o, cls, orders);
     return append_locked(L, kRecClass, o.b);
 }
 
@@ -882,6 +897,7 @@ VEL_RET velh_checkpoint(velh_db_t *db, const char *image_path) {
     ::close(L->fd);
     L->fd = log_fd;
     L->end = kLogHeader;
+    L->version = kLogVersion;
     L->next_seq = 1;
     L->image_id = how.image_id;
     L->next_page_id = how.numbering.size() + 1;

@@ -65,7 +65,7 @@ TEST(DurableBadFile, ImagesRefusedWhole) {
     const std::pair<std::string, const char *> cases[] = {
         {"", "not a velhost database image"},
         {std::string(5000, 'x'), "not a velhost database image"},
-        {with_header(8, 3), "format version 3"},
+        {with_header(8, 4), "format version 4"},
         {with_header(26, 0x0002), "byte order"},
         {good + std::string(24, '\0'), "bytes follow the end block"},
     };

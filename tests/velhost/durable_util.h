@@ -93,13 +93,35 @@ inline std::unique_ptr<Db> open_db(const velh_config_t &cfg, const char *image =
     return db ? std::make_unique<Db>(db) : nullptr;
 }
 
+// The catalogue as text: every class's code, name, flags and page manager,
+// and its fields' names, types, element sizes and declared orders.
+inline std::string catalogue(velh_db_t *db) {
+    std::string out;
+    const uint16_t n = velh_class_count(db);
+    for (uint16_t code = 1; code <= n; ++code) {
+        velh_class_info_t ci;
+        EXPECT_EQ(velh_class_info(db, code, &ci), VEL_S_OK);
+        out += std::to_string(ci.code) + " " + ci.name + " " + std::to_string(ci.flags) + " " +
+               std::to_string(ci.pm) + ":";
+        for (uint16_t k = 0; k < ci.n_fields; ++k) {
+            velh_field_info_t fi;
+            EXPECT_EQ(velh_field_info(db, code, k, &fi), VEL_S_OK);
+            out += std::string(" ") + fi.name + "/" + std::to_string(fi.type) + "/" +
+                   std::to_string(fi.elem_size) + "/" + std::to_string(fi.order);
+        }
+        out += "\n";
+    }
+    return out;
+}
+
 // The whole state a transaction on `d` sees (its own writes included), as
-// text: classes, then objects in oid order with their scalar bytes and each
-// sequence's values ("-" for a null).  A tree the checker rejects fails.
+// text: the catalogue, then per class its objects in oid order with their
+// scalar bytes and each sequence's values ("-" for a null).  A tree the
+// checker rejects fails.
 inline std::string dump(const Db &d) {
     const bool own = !velh_in_transaction(d.con);
     EXPECT_TRUE(!own || velh_begin(d.con, VELH_READ_ONLY) == VEL_S_OK);
-    std::string out;
+    std::string out = catalogue(d.db);
     auto hex = [](const void *p, size_t n) {
         std::string h;
         for (const uint8_t *b = static_cast<const uint8_t *>(p); n-- > 0; ++b)

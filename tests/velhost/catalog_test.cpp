@@ -1,0 +1,245 @@
+// The catalogue (class and field names, declared orders) survives images
+// and log replay; refused definitions change nothing; files written before
+// declared orders open with order 0; every code has a name.
+#include <set>
+
+#include "durable_util.h"
+
+using namespace durtest;
+
+namespace {
+
+struct FieldRow {
+    const char *name;
+    uint8_t type;
+    uint16_t width;
+    uint8_t order;
+};
+struct ClassRow {
+    const char *name;
+    uint32_t flags;
+    int pm;
+    std::vector<FieldRow> fields;
+};
+
+// Named and unnamed classes and fields, both orders, char(N) scalars and
+// sequences, both layouts and page managers.
+const std::vector<ClassRow> kClasses = {
+    {"quote",
+     0,
+     VELH_PM_INMEM,
+     {{"ts", VEL_DD_SEQUENCE_DATETIME, 0, VEL_SEQ_ASC_ORDER},
+      {"px", VEL_DD_SEQUENCE_DOUBLE, 0, VEL_SEQ_NO_ORDER},
+      {"sym", VEL_DD_CHAR, 8, 0}}},
+    {"", VEL_CLASS_COMPACT, VELH_PM_ALT, {{nullptr, VEL_DD_INT4, 0, 0}, {"", VEL_DD_INT8, 0, 0}}},
+    {"quotes",
+     VEL_CLASS_COMPACT,
+     VELH_PM_ALT,
+     {{"down", VEL_DD_SEQUENCE_INT4, 0, VEL_SEQ_DESC_ORDER},
+      {"tag", VEL_DD_SEQUENCE_CHAR, 5, VEL_SEQ_ASC_ORDER},
+      {nullptr, VEL_DD_SEQUENCE_UINT1, 0, 0},
+      {nullptr, VEL_DD_SEQUENCE_UINT2, 0, 0}}},
+    {"", 0, VELH_PM_INMEM, {}},
+};
+
+VEL_RET define(velh_db_t *db, const ClassRow &c, uint16_t *code = nullptr) {
+    std::vector<velh_field_def_t> defs;
+    for (const FieldRow &f : c.fields)
+        defs.push_back({f.name, f.type, f.width, f.order});
+    uint16_t dummy;
+    return velh_class_define(db, c.name, defs.data(), static_cast<uint16_t>(defs.size()), c.flags,
+                             c.pm, code ? code : &dummy);
+}
+
+// The catalogue of kClasses defined in order, as catalogue() prints it.
+void expect_table(velh_db_t *db) {
+    ASSERT_EQ(velh_class_count(db), kClasses.size());
+    for (uint16_t code = 1; code <= kClasses.size(); ++code) {
+        const ClassRow &c = kClasses[code - 1];
+        velh_class_info_t ci;
+        ASSERT_EQ(velh_class_info(db, code, &ci), VEL_S_OK);
+        EXPECT_EQ(ci.code, code);
+        EXPECT_STREQ(ci.name, c.name);
+        EXPECT_EQ(ci.flags, c.flags);
+        EXPECT_EQ(ci.pm, c.pm);
+        ASSERT_EQ(ci.n_fields, c.fields.size());
+        for (uint16_t k = 0; k < ci.n_fields; ++k) {
+            const FieldRow &f = c.fields[k];
+            velh_field_info_t fi;
+            ASSERT_EQ(velh_field_info(db, code, k, &fi), VEL_S_OK);
+            EXPECT_STREQ(fi.name, f.name ? f.name : "") << code << "." << k;
+            EXPECT_EQ(fi.type, f.type) << code << "." << k;
+            EXPECT_EQ(fi.order, f.order) << code << "." << k;
+            if (f.width != 0) {
+                EXPECT_EQ(fi.elem_size, f.width) << code << "." << k;
+            }
+        }
+        velh_class_info_t by;
+        if (*c.name != '\0') {
+            ASSERT_EQ(velh_class_by_name(db, c.name, &by), VEL_S_OK) << c.name;
+            EXPECT_EQ(by.code, code);
+        }
+    }
+}
+
+} // namespace
+
+// Half the classes go into a checkpoint image, the rest into the log after
+// it; the reopened database has the same catalogue.  Refused definitions and
+// lookups leave the catalogue and the log as they were.
+TEST(Catalogue, RoundTripsAndRefuses) {
+    TempDir dir;
+    const std::string log = dir.file("db.log"), img = dir.file("db.img");
+    const velh_config_t cfg = config(256, log.c_str());
+    std::string expect;
+    {
+        std::unique_ptr<Db> a = open_db(cfg);
+        ASSERT_TRUE(a);
+        for (size_t i = 0; i < kClasses.size(); ++i) {
+            if (i == 2) {
+                ASSERT_EQ(velh_checkpoint(a->db, img.c_str()), VEL_S_OK) << velh_error_message();
+            }
+            ASSERT_EQ(define(a->db, kClasses[i]), VEL_S_OK) << i;
+        }
+        expect_table(a->db);
+        expect = catalogue(a->db);
+
+        const std::string before = read_file(log);
+        struct Refusal {
+            ClassRow cls;
+            VEL_RET code;
+            const char *says;
+        };
+        const Refusal refusals[] = {
+            {{"quotes", 0, VELH_PM_INMEM, {}}, VEL_E_HOST_BAD_ARG, "quotes"},
+            {{"q", 0, VELH_PM_INMEM, {{"a", VEL_DD_INT4, 0, 0}, {"a", VEL_DD_INT8, 0, 0}}},
+             VEL_E_HOST_BAD_ARG,
+             "named a"},
+            {{"q", 0, VELH_PM_INMEM, {{"a", VEL_DD_INT4, 0, VEL_SEQ_ASC_ORDER}}},
+             VEL_E_HOST_BAD_ARG,
+             nullptr},
+            {{"q", 0, VELH_PM_INMEM, {{"a", VEL_DD_SEQUENCE_INT4, 0, 3}}},
+             VEL_E_HOST_BAD_ARG,
+             nullptr},
+        };
+        for (const Refusal &r : refusals) {
+            EXPECT_EQ(define(a->db, r.cls), r.code) << r.cls.name;
+            if (r.says != nullptr) {
+                EXPECT_TRUE(says(r.says)) << velh_error_message();
+            }
+        }
+        velh_class_info_t ci;
+        for (const char *name : {"quo", "quotesx", "Quote", "", "nope"})
+            EXPECT_EQ(velh_class_by_name(a->db, name, &ci), VEL_E_HOST_NO_CLASS) << name;
+        for (uint16_t code : {0, 5, 1023})
+            EXPECT_EQ(velh_class_info(a->db, code, &ci), VEL_E_HOST_NO_CLASS) << code;
+        EXPECT_EQ(velh_class_info(a->db, 1, nullptr), VEL_E_HOST_BAD_ARG);
+        EXPECT_EQ(velh_class_by_name(a->db, nullptr, &ci), VEL_E_HOST_BAD_ARG);
+        EXPECT_EQ(velh_class_count(nullptr), 0);
+        EXPECT_EQ(catalogue(a->db), expect);
+        EXPECT_EQ(read_file(log), before);
+    }
+    std::unique_ptr<Db> b = open_db(cfg, img.c_str());
+    ASSERT_TRUE(b);
+    expect_table(b->db);
+    EXPECT_EQ(catalogue(b->db), expect);
+}
+
+// An image of format 2 and a log of format 1 that follows it, written by
+// the code before declared orders (class "tick": id, ts of 20 int8 in
+// 128-byte pages; the log defines "quote": px of 3 doubles, sym char(4),
+// compact, ALT, and commits one object of it).  They open with order 0;
+// classes with an order are refused on the old log until a checkpoint.
+TEST(Catalogue, OldFormatsOpenWithOrderZero) {
+    TempDir dir;
+    const std::string log = dir.file("old.log"), img = dir.file("old.img");
+    write_file(img, read_file(VELHOST_TEST_DATA "/old.img"));
+    write_file(log, read_file(VELHOST_TEST_DATA "/old.log"));
+    const velh_config_t cfg = config(128, log.c_str());
+    velh_open_stats_t st{};
+    std::unique_ptr<Db> d = open_db(cfg, img.c_str(), &st);
+    ASSERT_TRUE(d);
+    EXPECT_EQ(st.log_replayed, 2u);
+    EXPECT_EQ(catalogue(d->db), "1 tick 0 0: id/" + std::to_string(VEL_DD_INT4) + "/4/0 ts/" +
+                                    std::to_string(VEL_DD_SEQUENCE_INT8) + "/8/0\n2 quote " +
+                                    std::to_string(VEL_CLASS_COMPACT) + " 1: px/" +
+                                    std::to_string(VEL_DD_SEQUENCE_DOUBLE) + "/8/0 sym/" +
+                                    std::to_string(VEL_DD_CHAR) + "/4/0\n");
+    ASSERT_EQ(velh_begin(d->con, VELH_READ_ONLY), VEL_S_OK);
+    for (auto [cls, fld, n] : {std::tuple{1, 1, 20u}, std::tuple{2, 0, 3u}}) {
+        vel_objhandle_t o;
+        velh_field_shape_t sh;
+        ASSERT_EQ(velh_obj_open(d->con, uint16_t(cls), uint64_t(cls), &o), VEL_S_OK);
+        ASSERT_EQ(velh_field_shape(&o, uint16_t(fld), VEL_SEQ_NO_ORDER, &sh), VEL_S_OK);
+        EXPECT_EQ(sh.elements, n);
+    }
+    ASSERT_EQ(velh_rollback(d->con), VEL_S_OK);
+
+    const ClassRow plain = {"plain", 0, VELH_PM_INMEM, {{"v", VEL_DD_SEQUENCE_INT4, 0, 0}}};
+    const ClassRow ordered = {
+        "ordered", 0, VELH_PM_INMEM, {{"v", VEL_DD_SEQUENCE_INT4, 0, VEL_SEQ_DESC_ORDER}}};
+    EXPECT_EQ(define(d->db, ordered), VEL_E_HOST_BAD_ARG);
+    EXPECT_TRUE(says("format version 1")) << velh_error_message();
+    EXPECT_EQ(define(d->db, plain), VEL_S_OK);
+    ASSERT_EQ(velh_checkpoint(d->db, img.c_str()), VEL_S_OK) << velh_error_message();
+    EXPECT_EQ(define(d->db, ordered), VEL_S_OK);
+    const std::string expect = catalogue(d->db);
+    d.reset();
+    EXPECT_EQ(read_file(img).substr(8, 1), "\3"); // rewritten in the current format
+    d = open_db(cfg, img.c_str());
+    ASSERT_TRUE(d);
+    EXPECT_EQ(catalogue(d->db), expect);
+    EXPECT_NE(expect.find("4 ordered 0 0: v/" + std::to_string(VEL_DD_SEQUENCE_INT4) + "/4/2"),
+              std::string::npos);
+}
+
+// Every code of velseq.h has its own name, spelt as in the header, and a
+// sentence; other numbers have neither.
+TEST(Codes, EveryCodeHasANameAndASentence) {
+#define CODE(c)                                                                                    \
+    { c, #c }
+    const std::pair<int, const char *> codes[] = {
+        CODE(VEL_S_OK),
+        CODE(VEL_S_OVERFLOW),
+        CODE(VEL_S_UNDERFLOW),
+        CODE(VEL_S_NOTFOUND),
+        CODE(VEL_S_CURSOR_END),
+        CODE(VEL_S_CURSOR_EMPTY),
+        CODE(VEL_E_NOMEM),
+        CODE(VEL_E_ILLEGAL_TYPE),
+        CODE(VEL_E_ILLEGAL_PARAM),
+        CODE(VEL_E_SEQ_OUT_OF_ORDER),
+        CODE(VEL_E_SEQ_BOUNDED),
+        CODE(VEL_E_SEQ_LENGTH_MISMATCH),
+        CODE(VEL_E_SEQ_NULL_VALUE),
+        CODE(VEL_E_HOST_BAD_ARG),
+        CODE(VEL_E_HOST_TRANS_CLOSED),
+        CODE(VEL_E_HOST_READ_ONLY),
+        CODE(VEL_E_HOST_NO_CLASS),
+        CODE(VEL_E_HOST_NO_OBJECT),
+        CODE(VEL_E_HOST_NO_FIELD),
+        CODE(VEL_E_HOST_WRONG_FIELD),
+        CODE(VEL_E_HOST_CONFLICT),
+        CODE(VEL_E_HOST_TRANS_ACTIVE),
+        CODE(VEL_E_HOST_BUSY),
+        CODE(VEL_E_HOST_LAYOUT),
+        CODE(VEL_E_HOST_TRANS_FAILED),
+        CODE(VEL_E_HOST_TREE_DEPTH),
+        CODE(VEL_E_HOST_IO),
+        CODE(VEL_E_HOST_BAD_IMAGE),
+        CODE(VEL_E_HOST_BAD_LOG),
+        CODE(VEL_ERR_SEQ),
+    };
+#undef CODE
+    std::set<std::string> texts;
+    for (auto [code, name] : codes) {
+        ASSERT_NE(vel_code_name(code), nullptr) << name;
+        EXPECT_STREQ(vel_code_name(code), name);
+        ASSERT_NE(vel_code_text(code), nullptr) << name;
+        EXPECT_TRUE(texts.insert(vel_code_text(code)).second) << name;
+    }
+    for (int other : {-1, 1, 53, 899, 913, 923, 1060001}) {
+        EXPECT_EQ(vel_code_name(other), nullptr) << other;
+        EXPECT_EQ(vel_code_text(other), nullptr) << other;
+    }
+}
