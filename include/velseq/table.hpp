@@ -112,6 +112,25 @@ array read(const column &c, uint64_t first, uint64_t last);
 // append changes nothing.
 void append(const column &c, const array &values);
 
+// The number of values.
+uint64_t count(const column &c);
+
+// Inserts `values` before position `pos` (pos = count appends), with the
+// checks of append against both neighbours; erases positions [first, last);
+// empties the column.  Inserts and erases keep the field compact through
+// `state`, the transaction's keep-compact state of this field of this
+// object (velh_keep_compact; zeroed before its first use, which first
+// compacts a field that C callers may have left at the depth limit).
+void insert(const column &c, uint64_t pos, const array &values, velh_compact_state_t &state);
+void erase(const column &c, uint64_t first, uint64_t last, velh_compact_state_t &state);
+void truncate(const column &c);
+
+// A scalar field of an object (zero until set): its value as a one-value
+// array of the field's type, and setting it.
+array get_scalar(const vel_objhandle_t &obj, const table_info &t, uint16_t fld_no);
+void set_scalar(const vel_objhandle_t &obj, const table_info &t, uint16_t fld_no,
+                const array &value);
+
 enum class bound {
     open = VEL_SEQ_BOUNDARY_OPEN,
     inclusive = VEL_SEQ_BOUNDARY_INCLUSIVE,

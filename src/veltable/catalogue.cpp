@@ -56,6 +56,15 @@ table_info info_of(velh_db_t *db, const velh_class_info_t &ci) {
     return t;
 }
 
+const column_def &scalar_def(const vel_objhandle_t &obj, const table_info &t, uint16_t fld_no) {
+    if (obj.class_code != t.code)
+        throw error(VEL_E_HOST_WRONG_FIELD, "the object is not of table '" + t.name + "'");
+    if (fld_no >= t.columns.size() || !t.columns[fld_no].scalar)
+        throw error(VEL_E_HOST_WRONG_FIELD,
+                    "table '" + t.name + "': field " + std::to_string(fld_no) + " is no scalar");
+    return t.columns[fld_no];
+}
+
 } // namespace
 
 uint16_t table_info::field(std::string_view name) const {
@@ -127,6 +136,28 @@ column column_of(const vel_objhandle_t &obj, velh_db_t *db, const table_info &t,
     column c{obj, {}, t.columns[fld_no].type};
     velseq::detail::check(velh_field_info(db, t.code, fld_no, &c.field), "reading the catalogue");
     return c;
+}
+
+array get_scalar(const vel_objhandle_t &obj, const table_info &t, uint16_t fld_no) {
+    const column_def &d = scalar_def(obj, t, fld_no);
+    array a;
+    a.type = d.type;
+    a.length = 1;
+    a.values.resize(d.type.width);
+    velseq::detail::check(velh_get(&obj, fld_no, a.values.data(), d.type.width),
+                          ("reading " + d.name).c_str());
+    return a;
+}
+
+void set_scalar(const vel_objhandle_t &obj, const table_info &t, uint16_t fld_no,
+                const array &value) {
+    const column_def &d = scalar_def(obj, t, fld_no);
+    if (!(value.type == d.type) || value.length != 1 || !value.valid(0) ||
+        value.values.size() != d.type.width)
+        throw error(VEL_E_ILLEGAL_TYPE,
+                    "setting " + d.name + ": give one " + type_name(d.type) + " value, present");
+    velseq::detail::check(velh_set(&obj, fld_no, value.values.data(), d.type.width),
+                          ("setting " + d.name).c_str());
 }
 
 } // namespace velseq::table

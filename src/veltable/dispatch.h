@@ -39,6 +39,11 @@ template <class T, uint8_t Code> struct scalar {
                    vel_seq_no_t from, vel_seq_no_t till) const;
     VEL_RET append(vel_objhandle_h o, const velh_field_info_t &f, const unsigned char *v,
                    vel_size_t n, vel_seq_order_t ord, const vel_bitmap_word_t *nb) const;
+    VEL_RET insert(vel_objhandle_h o, const velh_field_info_t &f, vel_seq_no_t pos,
+                   const unsigned char *v, vel_size_t n, vel_seq_order_t ord,
+                   const vel_bitmap_word_t *nb) const;
+    VEL_RET erase(vel_objhandle_h o, const velh_field_info_t &f, vel_seq_no_t from,
+                  vel_seq_no_t till, vel_seq_order_t ord) const;
     VEL_RET last(vel_objhandle_h o, const velh_field_info_t &f, unsigned char *v) const;
     VEL_RET search(vel_objhandle_h o, const velh_field_info_t &f, vel_seq_iterator_h it,
                    const unsigned char *lo, vel_seq_boundary_kind_t lk, const unsigned char *hi,
@@ -74,6 +79,18 @@ struct chars {
                                      reinterpret_cast<const char *>(v), n, ord,
                                      static_cast<uint16_t>(w), nb);
     }
+    VEL_RET insert(vel_objhandle_h o, const velh_field_info_t &f, vel_seq_no_t pos,
+                   const unsigned char *v, vel_size_t n, vel_seq_order_t ord,
+                   const vel_bitmap_word_t *nb) const {
+        return vel_w_seq_insert_char(o, f.u_offset, f.c_offset, f.fld_no, pos,
+                                     reinterpret_cast<const char *>(v), n, ord,
+                                     static_cast<uint16_t>(w), nb);
+    }
+    VEL_RET erase(vel_objhandle_h o, const velh_field_info_t &f, vel_seq_no_t from,
+                  vel_seq_no_t till, vel_seq_order_t ord) const {
+        return vel_w_seq_delete_char(o, f.u_offset, f.c_offset, f.fld_no, from, till, ord,
+                                     static_cast<uint16_t>(w));
+    }
     VEL_RET last(vel_objhandle_h o, const velh_field_info_t &f, unsigned char *v) const {
         return vel_w_seq_last_char(o, f.u_offset, f.c_offset, reinterpret_cast<char *>(v),
                                    static_cast<uint16_t>(w));
@@ -104,6 +121,19 @@ struct chars {
         vel_seq_order_t ord, const vel_bitmap_word_t *nb) const {                                  \
         return vel_w_seq_append_##S(o, f.u_offset, f.c_offset, f.fld_no,                           \
                                     reinterpret_cast<const T *>(v), n, ord, nb);                   \
+    }                                                                                              \
+    template <>                                                                                    \
+    inline VEL_RET scalar<T, VEL_DD_SEQUENCE_##DD>::insert(                                        \
+        vel_objhandle_h o, const velh_field_info_t &f, vel_seq_no_t pos, const unsigned char *v,   \
+        vel_size_t n, vel_seq_order_t ord, const vel_bitmap_word_t *nb) const {                    \
+        return vel_w_seq_insert_##S(o, f.u_offset, f.c_offset, f.fld_no, pos,                      \
+                                    reinterpret_cast<const T *>(v), n, ord, nb);                   \
+    }                                                                                              \
+    template <>                                                                                    \
+    inline VEL_RET scalar<T, VEL_DD_SEQUENCE_##DD>::erase(                                         \
+        vel_objhandle_h o, const velh_field_info_t &f, vel_seq_no_t from, vel_seq_no_t till,       \
+        vel_seq_order_t ord) const {                                                               \
+        return vel_w_seq_delete_##S(o, f.u_offset, f.c_offset, f.fld_no, from, till, ord);         \
     }                                                                                              \
     template <>                                                                                    \
     inline VEL_RET scalar<T, VEL_DD_SEQUENCE_##DD>::last(                                          \

@@ -194,4 +194,72 @@ TEST(Columns, FollowAModel) {
     EXPECT_EQ(velh_commit(con.get()), VEL_S_OK);
 }
 
+// Inserts and erases at random places (single values and runs, the
+// ordered column kept in order with a neighbour's value), on small pages so
+// that the tree splits and is kept compact; refused edits change nothing.
+// Scalars round-trip.
+TEST(Columns, EditsFollowAModel) {
+    config cfg;
+    cfg.seq_page_size = 256;
+    database db(cfg);
+    const table::column_type i4 = *table::type_by_name("int4");
+    const table::table_info t = table::define_table(
+        db.get(), "e", {{"k", i4, VEL_SEQ_DESC_ORDER}, {"n", i4, VEL_SEQ_NO_ORDER, true}});
+    connection con(db);
+    ASSERT_EQ(velh_begin(con.get(), VELH_READ_WRITE), VEL_S_OK);
+    vel_objhandle_t h{};
+    ASSERT_EQ(velh_obj_create(con.get(), t.code, &h), VEL_S_OK);
+    const table::column k = table::column_of(h, db.get(), t, 0);
+    std::vector<std::optional<int32_t>> model;
+    for (int32_t v = 3000; v > 0; v -= 3)
+        model.push_back(v);
+    table::append(k, array_of(model, i4));
+    velh_compact_state_t state{};
+    auto compact = [&] {
+        velh_field_shape_t shape{};
+        ASSERT_EQ(velh_field_shape(&h, 0, VEL_SEQ_DESC_ORDER, &shape), VEL_S_OK);
+        EXPECT_LE(shape.depth, unsigned(VELH_COMPACT_MAX_DEPTH));
+        EXPECT_LE(shape.pages, 2 * shape.dense_pages);
+    };
+    std::mt19937 rng(5);
+    for (int i = 0; i < 3000; i++) {
+        const size_t at = i < 1500 ? 400 : rng() % (model.size() + 1);
+        if (i == 1500)
+            compact(); // after a hot spot of inserts alone
+        if (i > 1500 && i % 7 == 6 && !model.empty()) {
+            const size_t till = std::min(model.size(), at + 1 + rng() % 30);
+            if (at >= till)
+                continue;
+            table::erase(k, at, till, state);
+            model.erase(model.begin() + long(at), model.begin() + long(till));
+            continue;
+        }
+        if (i % 50 == 0 && at > 0) { // above the left neighbour: refused
+            const int32_t up = *model[at - 1] + 1;
+            EXPECT_EQ(code_of([&] { table::insert(k, at, array_of<int32_t>({up}, i4), state); }),
+                      VEL_E_SEQ_OUT_OF_ORDER);
+        }
+        const int32_t v = at < model.size() ? *model[at] : at > 0 ? *model[at - 1] : 7;
+        table::insert(k, at, array_of<int32_t>({v, v}, i4), state);
+        model.insert(model.begin() + long(at), {v, v});
+    }
+    EXPECT_EQ(values_of<int32_t>(table::read(k, 0, table::count(k))), model);
+    compact();
+    EXPECT_EQ(code_of([&] { table::erase(k, 1, model.size() + 1, state); }), VEL_E_ILLEGAL_PARAM);
+
+    EXPECT_EQ(values_of<int32_t>(table::get_scalar(h, t, 1)),
+              std::vector<std::optional<int32_t>>{0});
+    table::set_scalar(h, t, 1, array_of<int32_t>({-9}, i4));
+    EXPECT_EQ(values_of<int32_t>(table::get_scalar(h, t, 1)),
+              std::vector<std::optional<int32_t>>{-9});
+    EXPECT_EQ(code_of([&] {
+                  table::set_scalar(h, t, 1, array_of<int64_t>({1}, {VEL_DD_SEQUENCE_INT8, 8}));
+              }),
+              VEL_E_ILLEGAL_TYPE);
+    EXPECT_EQ(code_of([&] { table::get_scalar(h, t, 0); }), VEL_E_HOST_WRONG_FIELD);
+    table::truncate(k);
+    EXPECT_EQ(table::count(k), 0u);
+    EXPECT_EQ(velh_commit(con.get()), VEL_S_OK);
+}
+
 } // namespace
