@@ -220,6 +220,44 @@ void fill_class_info(const ClassDef &cls, velh_class_info_t *info) {
     info->pm = cls.pm->which;
 }
 
+// Stamps the transaction's private versions with the next commit
+// timestamp and puts them at their chains' heads, retiring the versions
+// they supersede.
+void publish(Db *d, Txn *txn) {
+    std::lock_guard<std::mutex> state(d->state_mutex);
+    const uint64_t ts = d->commit_ts + 1;
+    {
+        std::unique_lock<std::shared_mutex> lock(d->objects_mutex);
+        for (Chain *ch : txn->written) {
+            Version *v = ch->priv;
+            v->ts = ts;
+            v->older = ch->head;
+            v->privatized.clear();
+            if (ch->head != nullptr)
+                d->retired.push_back(Retired{ts, ch, v, ch->head});
+            ch->head = v;
+            ch->priv = nullptr;
+            ch->writer = nullptr;
+            if (v->deleted)
+                d->retired.push_back(Retired{ts, ch, nullptr, nullptr});
+        }
+    }
+    d->commit_ts = ts;
+}
+
+// The commit of a transaction that carries an error: rolled back, with the
+// sentence saying why.
+VEL_RET refuse_failed(vel_db_connection_h con) {
+    Conn *c = conn_of(con);
+    const VEL_RET why = c->txn->doomed != VEL_S_OK ? c->txn->doomed : c->pub.trans.error_code;
+    velh_rollback(con);
+    return fail(VEL_E_HOST_TRANS_FAILED,
+                (why == VEL_E_HOST_TRANS_FAILED
+                     ? std::string("an update stopped at a trap")
+                     : "an update failed (code " + std::to_string(int(why)) + ")") +
+                    " after it may have changed pages; the transaction is rolled back");
+}
+
 void end_txn(Db *db, Conn *c) {
     Txn *txn = c->txn;
     {
@@ -590,15 +628,8 @@ VEL_RET velh_commit(vel_db_connection_h con) {
     if (c->txn == nullptr)
         return VEL_E_HOST_TRANS_CLOSED;
     fail(VEL_S_OK, ""); // a failure below leaves its sentence
-    if (c->pub.trans.error_code != VEL_S_OK || c->txn->doomed != VEL_S_OK) {
-        const VEL_RET why = c->txn->doomed != VEL_S_OK ? c->txn->doomed : c->pub.trans.error_code;
-        velh_rollback(con);
-        return fail(VEL_E_HOST_TRANS_FAILED,
-                    (why == VEL_E_HOST_TRANS_FAILED
-                         ? std::string("an update stopped at a trap")
-                         : "an update failed (code " + std::to_string(int(why)) + ")") +
-                        " after it may have changed pages; the transaction is rolled back");
-    }
+    if (c->pub.trans.error_code != VEL_S_OK || c->txn->doomed != VEL_S_OK)
+        return refuse_failed(con);
     Db *d = c->db;
     Txn *txn = c->txn;
     // With a log, its mutex orders records as commits: held from encoding
@@ -632,25 +663,7 @@ VEL_RET velh_commit(vel_db_connection_h con) {
                 return r;
             }
         }
-        std::lock_guard<std::mutex> state(d->state_mutex);
-        const uint64_t ts = d->commit_ts + 1;
-        {
-            std::unique_lock<std::shared_mutex> lock(d->objects_mutex);
-            for (Chain *ch : txn->written) {
-                Version *v = ch->priv;
-                v->ts = ts;
-                v->older = ch->head;
-                v->privatized.clear();
-                if (ch->head != nullptr)
-                    d->retired.push_back(Retired{ts, ch, v, ch->head});
-                ch->head = v;
-                ch->priv = nullptr;
-                ch->writer = nullptr;
-                if (v->deleted)
-                    d->retired.push_back(Retired{ts, ch, nullptr, nullptr});
-            }
-        }
-        d->commit_ts = ts;
+        publish(d, txn);
     }
     if (log_lock.owns_lock())
         log_lock.unlock();

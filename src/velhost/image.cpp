@@ -267,6 +267,186 @@ bool put_page(Out &o, const std::byte *page, uint32_t ps,
     return true;
 }
 
+namespace {
+
+// The objects the snapshot of `txn` sees, in oid order.
+std::vector<SavedObject> saved_objects(Db *d, Txn *txn, uint32_t n_classes) {
+    std::vector<SavedObject> objs;
+    {
+        std::shared_lock<std::shared_mutex> lock(d->objects_mutex);
+        for (uint32_t code = 1; code < n_classes; ++code) {
+            ClassDef *cls = d->classes[code].get();
+            for (auto &[oid, ch] : cls->objects) {
+                Version *v = visible_version(ch, txn);
+                if (v != nullptr && !v->deleted)
+                    objs.push_back({oid, cls, ch->mo, v});
+            }
+        }
+    }
+    std::sort(objs.begin(), objs.end(),
+              [](const SavedObject &a, const SavedObject &b) { return a.oid < b.oid; });
+    return objs;
+}
+
+// Page ids in depth-first order from the roots, each page once; `pages`
+// lists them by id - 1 with their page manager.
+void number_pages(const Db *d, const std::vector<SavedObject> &objs,
+                  std::unordered_map<const std::byte *, uint64_t> *ids,
+                  std::vector<std::pair<const std::byte *, uint8_t>> *pages) {
+    const uint32_t ps = d->cfg.seq_page_size;
+    const uint32_t afs = d->cfg.additional_object_field_size;
+    std::vector<std::byte *> stack;
+    for (const SavedObject &o : objs)
+        for (uint16_t fno : o.cls->seq_fields) {
+            auto *root =
+                reinterpret_cast<std::byte *>(*root_slot(o.cls, o.v, o.cls->fields[fno], afs));
+            if (root != nullptr)
+                stack.push_back(root);
+            while (!stack.empty()) {
+                std::byte *pg = stack.back();
+                stack.pop_back();
+                if (!ids->emplace(pg, pages->size() + 1).second)
+                    continue;
+                pages->emplace_back(pg, static_cast<uint8_t>(o.cls->pm->which));
+                if (!is_inner(pg))
+                    continue;
+                const uint32_t n = reinterpret_cast<vel_seq_page_t *>(pg)->hdr.user;
+                for (uint32_t i = n; i-- > 0;)
+                    stack.push_back(reinterpret_cast<std::byte *>(entry_at(pg, ps, i)->page));
+            }
+        }
+}
+
+// What an image holds, numbered, ready to be written.
+struct ImageContent {
+    uint32_t n_classes = 0; // codes 1..n_classes - 1
+    std::vector<SavedObject> objs;
+    std::unordered_map<const std::byte *, uint64_t> ids;
+    std::vector<std::pair<const std::byte *, uint8_t>> pages;
+};
+
+// The 128-byte header of image `id`.
+std::string image_header(const Db *d, uint64_t id, const uint64_t *prev_id, const ImageContent &c) {
+    Out h;
+    h.bytes(kImageMagic, 8);
+    h.put<uint32_t>(kImageVersion);
+    h.put<uint32_t>(kHeaderBytes);
+    h.put<uint32_t>(d->cfg.object_page_size);
+    h.put<uint32_t>(d->cfg.seq_page_size);
+    h.put<uint16_t>(d->cfg.additional_object_field_size);
+    h.put<uint16_t>(kLayoutFlags);
+    h.put<uint32_t>(prev_id != nullptr ? 1 : 0);
+    h.put<uint64_t>(id);
+    h.put<uint64_t>(prev_id != nullptr ? *prev_id : 0);
+    h.put<uint64_t>(c.n_classes - 1);
+    h.put<uint64_t>(c.objs.size());
+    h.put<uint64_t>(c.pages.size());
+    h.put<uint64_t>(d->next_oid.load());
+    h.b.resize(120, '\0');
+    h.put<uint64_t>(XXH3_64bits(h.b.data(), 120));
+    return std::move(h.b);
+}
+
+enum class BodyResult { kOk, kWriteFailed, kBadTree };
+
+// Writes the blocks after the header: classes, pages, objects, end.
+BodyResult write_body(BlockWriter &w, const Db *d, const ImageContent &c) {
+    const uint32_t ps = d->cfg.seq_page_size;
+    const uint32_t afs = d->cfg.additional_object_field_size;
+    Out o;
+    for (uint32_t code = 1; code < c.n_classes; ++code)
+        put_class(o, *d->classes[code], true);
+    if (!w.emit(kClasses, c.n_classes - 1, o.b))
+        return BodyResult::kWriteFailed;
+
+    const size_t per_block = std::max<size_t>(1, kBlockTarget / ps);
+    for (size_t i = 0; i < c.pages.size();) {
+        const uint8_t pm = c.pages[i].second;
+        o.b.clear();
+        o.put<uint64_t>(pm);
+        uint32_t k = 0;
+        for (; i < c.pages.size() && k < per_block && c.pages[i].second == pm; ++i, ++k)
+            if (!put_page(o, c.pages[i].first, ps, c.ids))
+                return BodyResult::kBadTree;
+        if (!w.emit(kPages, k, o.b))
+            return BodyResult::kWriteFailed;
+    }
+
+    o.b.clear();
+    uint32_t k = 0;
+    for (size_t i = 0; i < c.objs.size(); ++i) {
+        const SavedObject &s = c.objs[i];
+        o.put<uint64_t>(s.oid);
+        o.put<uint16_t>(s.cls->code);
+        o.put<uint16_t>(0);
+        o.put<uint32_t>(s.mo);
+        const size_t at = o.b.size();
+        o.bytes(s.v->bytes(), s.cls->image_bytes);
+        for (uint16_t fno : s.cls->seq_fields) {
+            auto *root =
+                reinterpret_cast<std::byte *>(*root_slot(s.cls, s.v, s.cls->fields[fno], afs));
+            uint64_t pid = root != nullptr ? c.ids.at(root) : 0;
+            std::memcpy(o.b.data() + at + afs + s.cls->fields[fno].off, &pid, 8);
+        }
+        ++k;
+        if (o.b.size() >= kBlockTarget || i + 1 == c.objs.size()) {
+            if (!w.emit(kObjects, k, o.b))
+                return BodyResult::kWriteFailed;
+            o.b.clear();
+            k = 0;
+        }
+    }
+    o.b.clear();
+    o.put<uint64_t>(w.blocks);
+    o.put<uint64_t>(w.pos);
+    return w.emit(kEnd, 0, o.b) ? BodyResult::kOk : BodyResult::kWriteFailed;
+}
+
+// Writes image `id` to `tmp`, flushed; with `lock` it stays open and
+// locked in *fd, else it is closed.  On failure nothing is left behind.
+VEL_RET write_temp(const Db *d, const std::string &tmp, bool lock, uint64_t id,
+                   const uint64_t *prev_id, const ImageContent &content, int *out_fd) {
+    int fd = ::open(tmp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    if (fd < 0)
+        return fail(VEL_E_HOST_IO, "cannot create " + tmp + ": " + errno_text());
+    if (lock && ::flock(fd, LOCK_EX | LOCK_NB) != 0) {
+        std::string msg = "cannot lock " + tmp + ": " + errno_text();
+        ::close(fd);
+        ::unlink(tmp.c_str());
+        return fail(VEL_E_HOST_IO, msg);
+    }
+    auto io_error = [&](const char *what) {
+        std::string msg = std::string(what) + " " + tmp + ": " + errno_text();
+        ::close(fd);
+        ::unlink(tmp.c_str());
+        return fail(VEL_E_HOST_IO, msg);
+    };
+    const std::string h = image_header(d, id, prev_id, content);
+    if (!write_all(fd, h.data(), h.size()))
+        return io_error("cannot write");
+    BlockWriter w{fd, id, kHeaderBytes};
+    switch (write_body(w, d, content)) {
+    case BodyResult::kOk:
+        break;
+    case BodyResult::kWriteFailed:
+        return io_error("cannot write");
+    case BodyResult::kBadTree:
+        ::close(fd);
+        ::unlink(tmp.c_str());
+        return fail(VEL_E_HOST_BAD_ARG, "a sequence tree references a page it cannot");
+    }
+    if (::fsync(fd) != 0)
+        return io_error("cannot flush");
+    if (!lock && ::close(fd) != 0) {
+        ::unlink(tmp.c_str());
+        return fail(VEL_E_HOST_IO, "cannot close " + tmp + ": " + errno_text());
+    }
+    *out_fd = fd;
+    return VEL_S_OK;
+}
+
+} // namespace
+
 VEL_RET image_save(Db *d, const char *path, ImageSave *how) {
     if (path == nullptr || *path == '\0')
         return fail(VEL_E_HOST_BAD_ARG, "no image path");
@@ -300,145 +480,16 @@ VEL_RET image_save(Db *d, const char *path, ImageSave *how) {
     } done{con};
     if ((r = velh_begin(con, VELH_READ_ONLY)) != VEL_S_OK)
         return r;
-    Txn *txn = conn_of(con)->txn;
-    const uint32_t n_classes = d->n_classes.load(std::memory_order_acquire);
-    std::vector<SavedObject> objs;
-    {
-        std::shared_lock<std::shared_mutex> lock(d->objects_mutex);
-        for (uint32_t code = 1; code < n_classes; ++code) {
-            ClassDef *cls = d->classes[code].get();
-            for (auto &[oid, ch] : cls->objects) {
-                Version *v = visible_version(ch, txn);
-                if (v != nullptr && !v->deleted)
-                    objs.push_back({oid, cls, ch->mo, v});
-            }
-        }
-    }
-    std::sort(objs.begin(), objs.end(),
-              [](const SavedObject &a, const SavedObject &b) { return a.oid < b.oid; });
-
-    // Page ids in depth-first order from the roots, each page once.
-    const uint32_t ps = d->cfg.seq_page_size;
-    const uint32_t afs = d->cfg.additional_object_field_size;
-    std::unordered_map<const std::byte *, uint64_t> ids;
-    std::vector<std::pair<const std::byte *, uint8_t>> pages;
-    std::vector<std::byte *> stack;
-    for (const SavedObject &o : objs)
-        for (uint16_t fno : o.cls->seq_fields) {
-            auto *root =
-                reinterpret_cast<std::byte *>(*root_slot(o.cls, o.v, o.cls->fields[fno], afs));
-            if (root != nullptr)
-                stack.push_back(root);
-            while (!stack.empty()) {
-                std::byte *pg = stack.back();
-                stack.pop_back();
-                if (!ids.emplace(pg, pages.size() + 1).second)
-                    continue;
-                pages.emplace_back(pg, static_cast<uint8_t>(o.cls->pm->which));
-                if (!is_inner(pg))
-                    continue;
-                const uint32_t n = reinterpret_cast<vel_seq_page_t *>(pg)->hdr.user;
-                for (uint32_t i = n; i-- > 0;)
-                    stack.push_back(reinterpret_cast<std::byte *>(entry_at(pg, ps, i)->page));
-            }
-        }
+    ImageContent content;
+    content.n_classes = d->n_classes.load(std::memory_order_acquire);
+    content.objs = saved_objects(d, conn_of(con)->txn, content.n_classes);
+    number_pages(d, content.objs, &content.ids, &content.pages);
 
     const std::string tmp = target + ".tmp." + std::to_string(::getpid());
-    int fd = ::open(tmp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-    if (fd < 0)
-        return fail(VEL_E_HOST_IO, "cannot create " + tmp + ": " + errno_text());
-    if (how->keep_lock && ::flock(fd, LOCK_EX | LOCK_NB) != 0) {
-        std::string msg = "cannot lock " + tmp + ": " + errno_text();
-        ::close(fd);
-        ::unlink(tmp.c_str());
-        return fail(VEL_E_HOST_IO, msg);
-    }
-    auto io_error = [&](const char *what) {
-        std::string msg = std::string(what) + " " + tmp + ": " + errno_text();
-        ::close(fd);
-        ::unlink(tmp.c_str());
-        return fail(VEL_E_HOST_IO, msg);
-    };
     const uint64_t id = new_image_id();
-    {
-        Out h;
-        h.bytes(kImageMagic, 8);
-        h.put<uint32_t>(kImageVersion);
-        h.put<uint32_t>(kHeaderBytes);
-        h.put<uint32_t>(d->cfg.object_page_size);
-        h.put<uint32_t>(ps);
-        h.put<uint16_t>(d->cfg.additional_object_field_size);
-        h.put<uint16_t>(kLayoutFlags);
-        h.put<uint32_t>(prev_id != nullptr ? 1 : 0);
-        h.put<uint64_t>(id);
-        h.put<uint64_t>(prev_id != nullptr ? *prev_id : 0);
-        h.put<uint64_t>(n_classes - 1);
-        h.put<uint64_t>(objs.size());
-        h.put<uint64_t>(pages.size());
-        h.put<uint64_t>(d->next_oid.load());
-        h.b.resize(120, '\0');
-        h.put<uint64_t>(XXH3_64bits(h.b.data(), 120));
-        if (!write_all(fd, h.b.data(), h.b.size()))
-            return io_error("cannot write");
-    }
-    BlockWriter w{fd, id, kHeaderBytes};
-    Out o;
-    for (uint32_t code = 1; code < n_classes; ++code)
-        put_class(o, *d->classes[code], true);
-    if (!w.emit(kClasses, n_classes - 1, o.b))
-        return io_error("cannot write");
-
-    const size_t per_block = std::max<size_t>(1, kBlockTarget / ps);
-    for (size_t i = 0; i < pages.size();) {
-        const uint8_t pm = pages[i].second;
-        o.b.clear();
-        o.put<uint64_t>(pm);
-        uint32_t k = 0;
-        for (; i < pages.size() && k < per_block && pages[i].second == pm; ++i, ++k)
-            if (!put_page(o, pages[i].first, ps, ids)) {
-                ::close(fd);
-                ::unlink(tmp.c_str());
-                return fail(VEL_E_HOST_BAD_ARG, "a sequence tree references a page it cannot");
-            }
-        if (!w.emit(kPages, k, o.b))
-            return io_error("cannot write");
-    }
-
-    o.b.clear();
-    uint32_t k = 0;
-    for (size_t i = 0; i < objs.size(); ++i) {
-        const SavedObject &s = objs[i];
-        o.put<uint64_t>(s.oid);
-        o.put<uint16_t>(s.cls->code);
-        o.put<uint16_t>(0);
-        o.put<uint32_t>(s.mo);
-        const size_t at = o.b.size();
-        o.bytes(s.v->bytes(), s.cls->image_bytes);
-        for (uint16_t fno : s.cls->seq_fields) {
-            auto *root =
-                reinterpret_cast<std::byte *>(*root_slot(s.cls, s.v, s.cls->fields[fno], afs));
-            uint64_t pid = root != nullptr ? ids.at(root) : 0;
-            std::memcpy(o.b.data() + at + afs + s.cls->fields[fno].off, &pid, 8);
-        }
-        ++k;
-        if (o.b.size() >= kBlockTarget || i + 1 == objs.size()) {
-            if (!w.emit(kObjects, k, o.b))
-                return io_error("cannot write");
-            o.b.clear();
-            k = 0;
-        }
-    }
-    o.b.clear();
-    o.put<uint64_t>(w.blocks);
-    o.put<uint64_t>(w.pos);
-    if (!w.emit(kEnd, 0, o.b))
-        return io_error("cannot write");
-    if (::fsync(fd) != 0)
-        return io_error("cannot flush");
-    if (!how->keep_lock && ::close(fd) != 0) {
-        ::unlink(tmp.c_str());
-        return fail(VEL_E_HOST_IO, "cannot close " + tmp + ": " + errno_text());
-    }
+    int fd = -1;
+    if (VEL_RET w = write_temp(d, tmp, how->keep_lock, id, prev_id, content, &fd); w != VEL_S_OK)
+        return w;
     auto refuse = [&](VEL_RET r) {
         if (how->keep_lock)
             ::close(fd);
@@ -446,14 +497,14 @@ VEL_RET image_save(Db *d, const char *path, ImageSave *how) {
         return r;
     };
     if (how->before_rename)
-        if (VEL_RET r = how->before_rename(id, pages.size()); r != VEL_S_OK)
+        if (VEL_RET r = how->before_rename(id, content.pages.size()); r != VEL_S_OK)
             return refuse(r);
     if (::rename(tmp.c_str(), target.c_str()) != 0)
         return refuse(
             fail(VEL_E_HOST_IO, "cannot rename " + tmp + " to " + target + ": " + errno_text()));
     how->renamed = true;
     how->image_id = id;
-    how->numbering = std::move(ids);
+    how->numbering = std::move(content.ids);
     if (how->keep_lock)
         how->lock_fd = fd;
     if (!sync_dir(target))
@@ -599,100 +650,219 @@ void discard_db(Db *db) {
     velh_db_close(reinterpret_cast<velh_db_t *>(db));
 }
 
-VEL_RET image_load(const velh_config_t *cfg, int fd, const char *path, Loader *ld, velh_db_t **out,
-                   velh_open_stats_t *stats) {
-    velh_config_t c = *cfg;
-    c.log_path = nullptr;
-    velh_db_t *handle = nullptr;
-    if (path == nullptr) {
-        VEL_RET r = velh_db_open(&c, &handle);
-        if (r != VEL_S_OK)
-            return fail(r, "the configuration is refused");
-        ld->db = reinterpret_cast<Db *>(handle);
-        *out = handle;
-        return VEL_S_OK;
+namespace {
+
+// Reads the `items` objects of an object block into committed versions of
+// new chains (root slots still holding page ids).
+bool load_objects(Db *d, In &in, uint32_t items, uint64_t next_oid,
+                  std::vector<std::pair<Version *, ClassDef *>> *versions, std::string *why) {
+    for (uint32_t i = 0; i < items; ++i) {
+        const auto oid = in.get<uint64_t>();
+        const auto code = in.get<uint16_t>();
+        in.get<uint16_t>();
+        const auto mo = in.get<uint32_t>();
+        ClassDef *cls = class_of(d, code);
+        if (!in.ok || cls == nullptr || oid == 0 || oid >= next_oid ||
+            uint64_t(mo) + cls->image_bytes > UINT32_MAX || d->chains.count(oid) != 0) {
+            *why = "object " + std::to_string(oid) + " is malformed";
+            return false;
+        }
+        const std::byte *img = in.bytes(cls->image_bytes);
+        if (img == nullptr) {
+            *why = "object " + std::to_string(oid) + " is cut short";
+            return false;
+        }
+        auto *ch = new Chain;
+        auto *v = new Version;
+        ch->oid = oid;
+        ch->class_code = code;
+        ch->mo = mo;
+        ch->head = v;
+        v->ts = d->commit_ts;
+        v->chain = ch;
+        v->data.assign((cls->image_bytes + 7) / 8, 0);
+        std::memcpy(v->data.data(), img, cls->image_bytes);
+        d->chains.emplace(oid, ch);
+        cls->objects.emplace(oid, ch);
+        versions->emplace_back(v, cls);
     }
-    const std::string file(path);
-    t_read_errno = 0;
-    struct stat st;
-    if (::fstat(fd, &st) != 0)
-        return fail(VEL_E_HOST_IO, "cannot stat " + file + ": " + errno_text());
-    const uint64_t size = uint64_t(st.st_size);
-    auto bad = [&](const std::string &why) {
+    return true;
+}
+
+// Replaces the page ids in the versions' root slots by the pages, checking
+// each tree and taking the root's reference.
+bool link_roots(Loader *ld, const std::vector<std::pair<Version *, ClassDef *>> &versions,
+                std::string *why) {
+    const uint32_t a = ld->db->cfg.additional_object_field_size;
+    for (auto &[v, cls] : versions)
+        for (uint16_t fno : cls->seq_fields) {
+            vel_seq_page_t **slot = root_slot(cls, v, cls->fields[fno], a);
+            const uint64_t id = reinterpret_cast<uint64_t>(*slot);
+            if (id == 0)
+                continue;
+            auto it = ld->ptr_of.find(id);
+            if (it == ld->ptr_of.end()) {
+                *why = "object " + std::to_string(v->chain->oid) + " references no page";
+                return false;
+            }
+            if (!ld->check(it->second, cls->fields[fno].elem_size, cls->pm, why))
+                return false;
+            *slot = reinterpret_cast<vel_seq_page_t *>(it->second);
+            ref_add(*slot);
+        }
+    return true;
+}
+
+} // namespace
+
+namespace {
+
+// The load of one image, step by step: the header, then the blocks, then
+// the trees.  Every refusal discards the database made so far.
+struct ImageReader {
+    int fd;
+    std::string file;
+    Loader *ld;
+    velh_config_t c; // page sizes from the header
+    uint64_t size = 0;
+    bool sums = !g_fuzz_skip_checksums.load(std::memory_order_relaxed);
+    // From the header:
+    uint32_t version = 0;
+    uint64_t n_classes = 0, n_objects = 0, n_pages = 0, next_oid = 0;
+    // Read so far:
+    Db *d = nullptr;
+    std::vector<std::byte *> loaded; // by id - 1
+    std::vector<std::pair<Version *, ClassDef *>> versions;
+    uint64_t pos = kHeaderBytes, blocks = 0;
+    uint32_t state = 0; // the last block kind read
+
+    ImageReader(int fd_, std::string file_, Loader *ld_, const velh_config_t &c_)
+        : fd(fd_), file(std::move(file_)), ld(ld_), c(c_) {}
+
+    VEL_RET bad(const std::string &why) {
         if (ld->db != nullptr)
             discard_db(ld->db);
         ld->db = nullptr;
         if (t_read_errno != 0) // not damage: the file could not be read
             return fail(VEL_E_HOST_IO, "cannot read " + file + ": " + std::strerror(t_read_errno));
         return fail(VEL_E_HOST_BAD_IMAGE, file + ": " + why);
-    };
+    }
+    std::string at() const { return std::to_string(pos); }
 
-    std::byte hb[kHeaderBytes];
-    if (read_full(fd, hb, kHeaderBytes) != kHeaderBytes || std::memcmp(hb, kImageMagic, 8) != 0)
-        return bad("not a velhost database image");
-    In h(hb, kHeaderBytes);
-    h.bytes(8);
-    const auto version = h.get<uint32_t>();
-    const auto header_bytes = h.get<uint32_t>();
-    uint64_t sum;
-    std::memcpy(&sum, hb + 120, 8);
-    if (version < 1 || version > kImageVersion)
-        return bad("format version " + std::to_string(version) +
-                   "; this build reads versions 1 to " + std::to_string(kImageVersion));
-    const bool sums = !g_fuzz_skip_checksums.load(std::memory_order_relaxed);
-    if (header_bytes != kHeaderBytes || (sums && sum != XXH3_64bits(hb, 120)))
-        return bad("the header is damaged (checksum)");
-    const auto obj_ps = h.get<uint32_t>();
-    const auto seq_ps = h.get<uint32_t>();
-    const auto afs = h.get<uint16_t>();
-    const auto layout = h.get<uint16_t>();
-    ld->checkpoint = (h.get<uint32_t>() & 1) != 0;
-    ld->image_id = h.get<uint64_t>();
-    ld->prev_image_id = h.get<uint64_t>();
-    const auto n_classes = h.get<uint64_t>();
-    const auto n_objects = h.get<uint64_t>();
-    const auto n_pages = h.get<uint64_t>();
-    const auto next_oid = h.get<uint64_t>();
-    if (layout != kLayoutFlags)
-        return bad("written on a machine of another byte order or pointer width");
-    if (obj_ps > UINT16_MAX || n_classes >= VELH_MAX_CLASSES || ld->image_id == 0 ||
-        n_pages > size / std::max<uint32_t>(seq_ps, 1) || n_objects > size || next_oid == 0)
-        return bad("the header holds impossible sizes");
-    c.object_page_size = static_cast<uint16_t>(obj_ps);
-    c.seq_page_size = seq_ps;
-    c.additional_object_field_size = afs;
-    if (velh_db_open(&c, &handle) != VEL_S_OK)
-        return bad("the page sizes are refused");
-    Db *d = ld->db = reinterpret_cast<Db *>(handle);
+    VEL_RET run(velh_open_stats_t *stats) {
+        t_read_errno = 0;
+        struct stat st;
+        if (::fstat(fd, &st) != 0)
+            return fail(VEL_E_HOST_IO, "cannot stat " + file + ": " + errno_text());
+        size = uint64_t(st.st_size);
+        if (VEL_RET r = header(); r != VEL_S_OK)
+            return r;
+        velh_db_t *handle = nullptr;
+        if (velh_db_open(&c, &handle) != VEL_S_OK)
+            return bad("the page sizes are refused");
+        d = ld->db = reinterpret_cast<Db *>(handle);
+        if (VEL_RET r = read_blocks(); r != VEL_S_OK)
+            return r;
+        if (pos != size)
+            return bad("bytes follow the end block");
+        if (loaded.size() != n_pages || versions.size() != n_objects)
+            return bad("the page or object count disagrees with the header");
+        std::string why;
+        for (std::byte *pg : loaded)
+            if (!ld->link(pg, &why))
+                return bad(why);
+        if (!link_roots(ld, versions, &why))
+            return bad(why);
+        // Only now do the roots hold pointers; a failure above left ids there.
+        free_unreferenced(ld);
+        d->next_oid.store(next_oid);
+        if (stats != nullptr) {
+            stats->classes = n_classes;
+            stats->objects = versions.size();
+            stats->image_pages = n_pages;
+        }
+        return VEL_S_OK;
+    }
 
-    std::vector<std::byte> payload;
-    std::vector<std::byte *> loaded; // by id - 1
-    std::vector<std::pair<Version *, ClassDef *>> versions;
-    uint64_t pos = kHeaderBytes, blocks = 0, objects = 0;
-    uint32_t state = 0; // the last block kind read
-    for (;;) {
-        uint64_t bh[3];
-        if (read_full(fd, bh, sizeof bh) != sizeof bh)
-            return bad("cut short at byte " + std::to_string(pos));
-        const auto kind = static_cast<uint32_t>(bh[0]);
-        const auto items = static_cast<uint32_t>(bh[0] >> 32);
-        const uint64_t len = bh[1];
-        if (std::find(std::begin(kBlockKinds), std::end(kBlockKinds), kind) ==
-                std::end(kBlockKinds) ||
-            len > size - pos - sizeof bh)
-            return bad("the block at byte " + std::to_string(pos) + " is damaged or cut short");
-        payload.resize(len);
-        if (read_full(fd, payload.data(), len) != len)
-            return bad("cut short at byte " + std::to_string(pos));
-        if (sums &&
-            XXH3_64bits_withSeed(payload.data(), len,
-                                 block_seed(version, kind, items, len, pos, ld->image_id)) != bh[2])
-            return bad("the block at byte " + std::to_string(pos) + " is damaged (checksum)");
-        // Blocks come in the order classes, pages..., objects..., end.
-        if ((kind == kClasses) != (state == 0) || kind < state)
-            return bad("the block at byte " + std::to_string(pos) + " is out of order");
-        state = kind;
-        In in(payload.data(), len);
+    // Checks the 128-byte header and takes the sizes and counts from it.
+    VEL_RET header() {
+        std::byte hb[kHeaderBytes];
+        if (read_full(fd, hb, kHeaderBytes) != kHeaderBytes || std::memcmp(hb, kImageMagic, 8) != 0)
+            return bad("not a velhost database image");
+        In h(hb, kHeaderBytes);
+        h.bytes(8);
+        version = h.get<uint32_t>();
+        const auto header_bytes = h.get<uint32_t>();
+        uint64_t sum;
+        std::memcpy(&sum, hb + 120, 8);
+        if (version < 1 || version > kImageVersion)
+            return bad("format version " + std::to_string(version) +
+                       "; this build reads versions 1 to " + std::to_string(kImageVersion));
+        if (header_bytes != kHeaderBytes || (sums && sum != XXH3_64bits(hb, 120)))
+            return bad("the header is damaged (checksum)");
+        const auto obj_ps = h.get<uint32_t>();
+        const auto seq_ps = h.get<uint32_t>();
+        const auto afs = h.get<uint16_t>();
+        const auto layout = h.get<uint16_t>();
+        ld->checkpoint = (h.get<uint32_t>() & 1) != 0;
+        ld->image_id = h.get<uint64_t>();
+        ld->prev_image_id = h.get<uint64_t>();
+        n_classes = h.get<uint64_t>();
+        n_objects = h.get<uint64_t>();
+        n_pages = h.get<uint64_t>();
+        next_oid = h.get<uint64_t>();
+        if (layout != kLayoutFlags)
+            return bad("written on a machine of another byte order or pointer width");
+        if (obj_ps > UINT16_MAX || n_classes >= VELH_MAX_CLASSES || ld->image_id == 0 ||
+            n_pages > size / std::max<uint32_t>(seq_ps, 1) || n_objects > size || next_oid == 0)
+            return bad("the header holds impossible sizes");
+        c.object_page_size = static_cast<uint16_t>(obj_ps);
+        c.seq_page_size = seq_ps;
+        c.additional_object_field_size = afs;
+        return VEL_S_OK;
+    }
+
+    // Reads, checks and applies the blocks up to the end block.
+    VEL_RET read_blocks() {
+        std::vector<std::byte> payload;
+        for (;;) {
+            uint64_t bh[3];
+            if (read_full(fd, bh, sizeof bh) != sizeof bh)
+                return bad("cut short at byte " + at());
+            const auto kind = static_cast<uint32_t>(bh[0]);
+            const auto items = static_cast<uint32_t>(bh[0] >> 32);
+            const uint64_t len = bh[1];
+            if (std::find(std::begin(kBlockKinds), std::end(kBlockKinds), kind) ==
+                    std::end(kBlockKinds) ||
+                len > size - pos - sizeof bh)
+                return bad("the block at byte " + at() + " is damaged or cut short");
+            payload.resize(len);
+            if (read_full(fd, payload.data(), len) != len)
+                return bad("cut short at byte " + at());
+            if (sums && XXH3_64bits_withSeed(
+                            payload.data(), len,
+                            block_seed(version, kind, items, len, pos, ld->image_id)) != bh[2])
+                return bad("the block at byte " + at() + " is damaged (checksum)");
+            // Blocks come in the order classes, pages..., objects..., end.
+            if ((kind == kClasses) != (state == 0) || kind < state)
+                return bad("the block at byte " + at() + " is out of order");
+            state = kind;
+            In in(payload.data(), len);
+            if (kind == kEnd) {
+                if (in.get<uint64_t>() != blocks || in.get<uint64_t>() != pos || !in.done())
+                    return bad("the end block disagrees with the file");
+                pos += sizeof bh + len;
+                return VEL_S_OK;
+            }
+            if (VEL_RET r = block(kind, items, len, in); r != VEL_S_OK)
+                return r;
+            pos += sizeof bh + len;
+            ++blocks;
+        }
+    }
+
+    // Applies one classes, pages or objects block.
+    VEL_RET block(uint32_t kind, uint32_t items, uint64_t len, In &in) {
         std::string why;
         if (kind == kClasses) {
             if (items != n_classes)
@@ -701,95 +871,59 @@ VEL_RET image_load(const velh_config_t *cfg, int fd, const char *path, Loader *l
                 if (get_class(d, in, static_cast<uint16_t>(i + 1), version >= 3, &why) != VEL_S_OK)
                     return bad(why);
         } else if (kind == kPages) {
-            const auto pm = in.get<uint64_t>();
-            if (pm > VELH_PM_ALT || len != 8 + uint64_t(items) * seq_ps ||
-                loaded.size() + items > n_pages)
-                return bad("the page block at byte " + std::to_string(pos) + " is malformed");
-            for (uint32_t i = 0; i < items; ++i) {
-                std::byte *pg;
-                VEL_RET r = ld->add_page(&d->pms[pm], loaded.size() + 1, in.bytes(seq_ps), &pg);
-                if (r != VEL_S_OK) {
-                    discard_db(d);
-                    ld->db = nullptr;
-                    return fail(r, file + ": out of memory for its pages");
-                }
-                loaded.push_back(pg);
-            }
-        } else if (kind == kObjects) {
-            for (uint32_t i = 0; i < items; ++i) {
-                const auto oid = in.get<uint64_t>();
-                const auto code = in.get<uint16_t>();
-                in.get<uint16_t>();
-                const auto mo = in.get<uint32_t>();
-                ClassDef *cls = class_of(d, code);
-                if (!in.ok || cls == nullptr || oid == 0 || oid >= next_oid ||
-                    uint64_t(mo) + cls->image_bytes > UINT32_MAX || d->chains.count(oid) != 0)
-                    return bad("object " + std::to_string(oid) + " is malformed");
-                const std::byte *img = in.bytes(cls->image_bytes);
-                if (img == nullptr)
-                    return bad("object " + std::to_string(oid) + " is cut short");
-                auto *ch = new Chain;
-                auto *v = new Version;
-                ch->oid = oid;
-                ch->class_code = code;
-                ch->mo = mo;
-                ch->head = v;
-                v->ts = d->commit_ts;
-                v->chain = ch;
-                v->data.assign((cls->image_bytes + 7) / 8, 0);
-                std::memcpy(v->data.data(), img, cls->image_bytes);
-                d->chains.emplace(oid, ch);
-                cls->objects.emplace(oid, ch);
-                versions.emplace_back(v, cls);
-                ++objects;
-            }
-            if (!in.done())
-                return bad("the object block at byte " + std::to_string(pos) + " is malformed");
+            if (VEL_RET r = pages(items, len, in); r != VEL_S_OK)
+                return r;
         } else {
-            if (in.get<uint64_t>() != blocks || in.get<uint64_t>() != pos || !in.done())
-                return bad("the end block disagrees with the file");
-            pos += sizeof bh + len;
-            break;
+            if (!load_objects(d, in, items, next_oid, &versions, &why))
+                return bad(why);
+            if (!in.done())
+                return bad("the object block at byte " + at() + " is malformed");
         }
         if (kind != kObjects && !in.done())
-            return bad("the block at byte " + std::to_string(pos) + " has trailing bytes");
-        pos += sizeof bh + len;
-        ++blocks;
+            return bad("the block at byte " + at() + " has trailing bytes");
+        return VEL_S_OK;
     }
-    if (pos != size)
-        return bad("bytes follow the end block");
-    if (loaded.size() != n_pages || objects != n_objects)
-        return bad("the page or object count disagrees with the header");
 
-    std::string why;
-    for (std::byte *pg : loaded)
-        if (!ld->link(pg, &why))
-            return bad(why);
-    const uint32_t a = d->cfg.additional_object_field_size;
-    for (auto &[v, cls] : versions)
-        for (uint16_t fno : cls->seq_fields) {
-            vel_seq_page_t **slot = root_slot(cls, v, cls->fields[fno], a);
-            const uint64_t id = reinterpret_cast<uint64_t>(*slot);
-            if (id == 0)
-                continue;
-            auto it = ld->ptr_of.find(id);
-            if (it == ld->ptr_of.end())
-                return bad("object " + std::to_string(v->chain->oid) + " references no page");
-            if (!ld->check(it->second, cls->fields[fno].elem_size, cls->pm, &why))
-                return bad(why);
-            *slot = reinterpret_cast<vel_seq_page_t *>(it->second);
-            ref_add(*slot);
+    VEL_RET pages(uint32_t items, uint64_t len, In &in) {
+        const uint32_t seq_ps = c.seq_page_size;
+        const auto pm = in.get<uint64_t>();
+        if (pm > VELH_PM_ALT || len != 8 + uint64_t(items) * seq_ps ||
+            loaded.size() + items > n_pages)
+            return bad("the page block at byte " + at() + " is malformed");
+        for (uint32_t i = 0; i < items; ++i) {
+            std::byte *pg;
+            VEL_RET r = ld->add_page(&d->pms[pm], loaded.size() + 1, in.bytes(seq_ps), &pg);
+            if (r != VEL_S_OK) {
+                discard_db(d);
+                ld->db = nullptr;
+                return fail(r, file + ": out of memory for its pages");
+            }
+            loaded.push_back(pg);
         }
-    // Only now do the roots hold pointers; a failure above left ids there.
-    free_unreferenced(ld);
-    d->next_oid.store(next_oid);
-    if (stats != nullptr) {
-        stats->classes = n_classes;
-        stats->objects = objects;
-        stats->image_pages = n_pages;
+        return VEL_S_OK;
     }
-    *out = handle;
-    return VEL_S_OK;
+};
+
+} // namespace
+
+VEL_RET image_load(const velh_config_t *cfg, int fd, const char *path, Loader *ld, velh_db_t **out,
+                   velh_open_stats_t *stats) {
+    velh_config_t c = *cfg;
+    c.log_path = nullptr;
+    if (path == nullptr) {
+        velh_db_t *handle = nullptr;
+        VEL_RET r = velh_db_open(&c, &handle);
+        if (r != VEL_S_OK)
+            return fail(r, "the configuration is refused");
+        ld->db = reinterpret_cast<Db *>(handle);
+        *out = handle;
+        return VEL_S_OK;
+    }
+    ImageReader rd(fd, path, ld, c);
+    VEL_RET r = rd.run(stats);
+    if (r == VEL_S_OK)
+        *out = reinterpret_cast<velh_db_t *>(rd.d);
+    return r;
 }
 
 } // namespace velhost

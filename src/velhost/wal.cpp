@@ -223,12 +223,10 @@ struct Op {
     const std::byte *img;
 };
 
-// Applies one commit record; nothing of it is applied when it is refused.
-bool replay_commit(Db *d, Loader *ld, In &in, uint64_t first_page_id, std::string *why) {
+// A commit record's pages: loaded with their ids and linked.
+bool replay_pages(Db *d, Loader *ld, In &in, uint32_t n_pages, uint64_t first_page_id,
+                  std::string *why) {
     const uint32_t ps = d->cfg.seq_page_size;
-    const uint32_t afs = d->cfg.additional_object_field_size;
-    const auto n_pages = in.get<uint32_t>();
-    const auto n_objects = in.get<uint32_t>();
     std::vector<std::byte *> fresh;
     for (uint32_t i = 0; i < n_pages && in.ok; ++i) {
         const auto id = in.get<uint64_t>();
@@ -245,7 +243,11 @@ bool replay_commit(Db *d, Loader *ld, In &in, uint64_t first_page_id, std::strin
     for (std::byte *pg : fresh)
         if (!ld->link(pg, why))
             return false;
-    std::vector<Op> ops;
+    return true;
+}
+
+// A commit record's objects, checked against the database but not applied.
+bool replay_ops(Db *d, In &in, uint32_t n_objects, std::vector<Op> *ops, std::string *why) {
     std::unordered_set<uint64_t> oids;
     for (uint32_t i = 0; i < n_objects && in.ok; ++i) {
         Op o{};
@@ -266,20 +268,26 @@ bool replay_commit(Db *d, Loader *ld, In &in, uint64_t first_page_id, std::strin
         }
         if (o.op == kOpWrite && (o.img = in.bytes(o.cls->image_bytes)) == nullptr)
             break;
-        ops.push_back(o);
+        ops->push_back(o);
     }
     if (!in.done()) {
         *why = "the record is malformed";
         return false;
     }
-    // Check every new tree and take its references before any old version
-    // lets go of pages the new ones share.
-    std::vector<std::pair<Version *, Op *>> built;
+    return true;
+}
+
+// The new versions of the written objects, in the order of their ops: every
+// tree checked and its references taken before any old version lets go of
+// pages the new ones share.  Nothing is left behind on failure.
+bool build_versions(Db *d, Loader *ld, std::vector<Op> &ops,
+                    std::vector<std::pair<Version *, Op *>> *built, std::string *why) {
+    const uint32_t afs = d->cfg.additional_object_field_size;
     for (Op &o : ops) {
         if (o.op != kOpWrite)
             continue;
         auto *v = new Version;
-        built.emplace_back(v, &o);
+        built->emplace_back(v, &o);
         v->ts = d->commit_ts;
         v->data.assign((o.cls->image_bytes + 7) / 8, 0);
         std::memcpy(v->data.data(), o.img, o.cls->image_bytes);
@@ -294,7 +302,7 @@ bool replay_commit(Db *d, Loader *ld, In &in, uint64_t first_page_id, std::strin
                 !ld->check(it->second, o.cls->fields[fno].elem_size, o.cls->pm, why)) {
                 if (why->empty())
                     *why = "object " + std::to_string(o.oid) + " references no page";
-                for (auto &[bv, bo] : built)
+                for (auto &[bv, bo] : *built)
                     release_version(d, bo->cls, bv, nullptr);
                 return false;
             }
@@ -302,6 +310,12 @@ bool replay_commit(Db *d, Loader *ld, In &in, uint64_t first_page_id, std::strin
             ref_add(*slot);
         }
     }
+    return true;
+}
+
+// Publishes the ops: deletions drop their chains, writes replace the head
+// (or start a chain) with the version built for them.
+void apply_ops(Db *d, std::vector<Op> &ops, const std::vector<std::pair<Version *, Op *>> &built) {
     size_t next = 0;
     for (Op &o : ops) {
         auto it = d->chains.find(o.oid);
@@ -329,6 +343,18 @@ bool replay_commit(Db *d, Loader *ld, In &in, uint64_t first_page_id, std::strin
         if (o.oid >= d->next_oid.load())
             d->next_oid.store(o.oid + 1);
     }
+}
+
+// Applies one commit record; nothing of it is applied when it is refused.
+bool replay_commit(Db *d, Loader *ld, In &in, uint64_t first_page_id, std::string *why) {
+    const auto n_pages = in.get<uint32_t>();
+    const auto n_objects = in.get<uint32_t>();
+    std::vector<Op> ops;
+    std::vector<std::pair<Version *, Op *>> built;
+    if (!replay_pages(d, ld, in, n_pages, first_page_id, why) ||
+        !replay_ops(d, in, n_objects, &ops, why) || !build_versions(d, ld, ops, &built, why))
+        return false;
+    apply_ops(d, ops, built);
     return true;
 }
 
@@ -656,17 +682,14 @@ VEL_RET log_class(Db *d, const ClassDef &cls, uint16_t class_code) {
     return append_locked(L, kRecClass, o.b);
 }
 
-VEL_RET log_encode_commit(Db *d, Txn *txn, std::string *record) {
+namespace {
+
+// New pages: those the transaction created that its trees reach, each given
+// the next page id.
+VEL_RET number_fresh_pages(Db *d, Txn *txn, std::vector<std::pair<std::byte *, uint8_t>> *fresh) {
     Durable *L = d->durable;
-    record->clear();
-    if (!L->failure.empty())
-        return fail(VEL_E_HOST_IO, "the log failed earlier: " + L->failure);
-    if (txn->written.empty())
-        return VEL_S_OK;
     const uint32_t ps = d->cfg.seq_page_size;
     const uint32_t afs = d->cfg.additional_object_field_size;
-    // New pages: those this transaction created that its trees reach.
-    std::vector<std::pair<std::byte *, uint8_t>> fresh;
     std::vector<std::byte *> stack;
     std::unordered_set<std::byte *> seen;
     for (Chain *ch : txn->written) {
@@ -686,7 +709,7 @@ VEL_RET log_encode_commit(Db *d, Txn *txn, std::string *record) {
                 if (page_meta(pg)->creator != txn->serial || !seen.insert(pg).second)
                     continue;
                 L->id_of[pg] = L->next_page_id++;
-                fresh.emplace_back(pg, static_cast<uint8_t>(cls->pm->which));
+                fresh->emplace_back(pg, static_cast<uint8_t>(cls->pm->which));
                 if (!is_inner(pg))
                     continue;
                 auto *p = reinterpret_cast<vel_seq_page_t *>(pg);
@@ -697,6 +720,23 @@ VEL_RET log_encode_commit(Db *d, Txn *txn, std::string *record) {
             }
         }
     }
+    return VEL_S_OK;
+}
+
+} // namespace
+
+VEL_RET log_encode_commit(Db *d, Txn *txn, std::string *record) {
+    Durable *L = d->durable;
+    record->clear();
+    if (!L->failure.empty())
+        return fail(VEL_E_HOST_IO, "the log failed earlier: " + L->failure);
+    if (txn->written.empty())
+        return VEL_S_OK;
+    const uint32_t ps = d->cfg.seq_page_size;
+    const uint32_t afs = d->cfg.additional_object_field_size;
+    std::vector<std::pair<std::byte *, uint8_t>> fresh;
+    if (VEL_RET r = number_fresh_pages(d, txn, &fresh); r != VEL_S_OK)
+        return r;
     Out o;
     o.b.reserve(24 + fresh.size() * (ps + 16) + txn->written.size() * 64);
     o.put<uint64_t>(L->next_seq);
@@ -751,6 +791,51 @@ VEL_RET log_append(Db *d, const std::string &record) {
 
 } // namespace velhost
 
+namespace velhost {
+namespace {
+
+// Opens and locks the image and the log (-1: none) before either is read.
+// A read-only open of a missing log opens none.
+VEL_RET lock_files(const velh_config_t *cfg, const char *image_path, bool ro, int *image_fd,
+                   int *log_fd) {
+    if (image_path != nullptr && (*image_fd = open_locked(image_path, O_RDONLY, !ro)) < 0)
+        return errno == EWOULDBLOCK ? VEL_E_HOST_BUSY : VEL_E_HOST_IO;
+    if (cfg->log_path != nullptr) {
+        *log_fd = open_locked(cfg->log_path, ro ? O_RDONLY : O_RDWR | O_CREAT, !ro);
+        if (*log_fd < 0 && !(ro && errno == ENOENT)) {
+            const VEL_RET r = errno == EWOULDBLOCK ? VEL_E_HOST_BUSY : VEL_E_HOST_IO;
+            if (*image_fd >= 0)
+                ::close(*image_fd);
+            *image_fd = -1;
+            return r;
+        }
+        fail(VEL_S_OK, "");
+    }
+    return VEL_S_OK;
+}
+
+// Without an image, the log's header gives the layout of the empty database
+// (a header that is not one is left to the replay to refuse).
+void layout_from_log(int log_fd, velh_config_t *c) {
+    std::byte hb[kLogHeader];
+    if (pread_exact(log_fd, hb, kLogHeader, 0) != 1 || std::memcmp(hb, kLogMagic, 8) != 0)
+        return;
+    In in(hb, kLogHeader);
+    in.bytes(16);
+    const auto seq_ps = in.get<uint32_t>();
+    const auto obj_ps = in.get<uint32_t>();
+    in.bytes(16);
+    const auto afs = in.get<uint16_t>();
+    if (obj_ps <= UINT16_MAX) {
+        c->seq_page_size = seq_ps;
+        c->object_page_size = static_cast<uint16_t>(obj_ps);
+        c->additional_object_field_size = afs;
+    }
+}
+
+} // namespace
+} // namespace velhost
+
 using namespace velhost;
 
 extern "C" {
@@ -797,35 +882,10 @@ VEL_RET velh_db_open_file(const velh_config_t *cfg, const char *image_path, velh
     // Both files are locked before either is read, and for the life of the
     // database.
     int image_fd = -1, log_fd = -1;
-    if (image_path != nullptr && (image_fd = open_locked(image_path, O_RDONLY, !ro)) < 0)
-        return errno == EWOULDBLOCK ? VEL_E_HOST_BUSY : VEL_E_HOST_IO;
-    if (cfg->log_path != nullptr) {
-        log_fd = open_locked(cfg->log_path, ro ? O_RDONLY : O_RDWR | O_CREAT, !ro);
-        if (log_fd < 0 && !(ro && errno == ENOENT)) {
-            const VEL_RET r = errno == EWOULDBLOCK ? VEL_E_HOST_BUSY : VEL_E_HOST_IO;
-            if (image_fd >= 0)
-                ::close(image_fd);
-            return r;
-        }
-        fail(VEL_S_OK, "");
-    }
-    if (image_path == nullptr && log_fd >= 0) {
-        // No image: the log's header gives the layout of the empty database.
-        std::byte hb[kLogHeader];
-        if (pread_exact(log_fd, hb, kLogHeader, 0) == 1 && std::memcmp(hb, kLogMagic, 8) == 0) {
-            In in(hb, kLogHeader);
-            in.bytes(16);
-            const auto seq_ps = in.get<uint32_t>();
-            const auto obj_ps = in.get<uint32_t>();
-            in.bytes(16);
-            const auto afs = in.get<uint16_t>();
-            if (obj_ps <= UINT16_MAX) {
-                c.seq_page_size = seq_ps;
-                c.object_page_size = static_cast<uint16_t>(obj_ps);
-                c.additional_object_field_size = afs;
-            }
-        }
-    }
+    if (VEL_RET r = lock_files(cfg, image_path, ro, &image_fd, &log_fd); r != VEL_S_OK)
+        return r;
+    if (image_path == nullptr && log_fd >= 0)
+        layout_from_log(log_fd, &c);
     VEL_RET r = image_load(&c, image_fd, image_path, &ld, &h, &st);
     if (r != VEL_S_OK) {
         if (image_fd >= 0)
