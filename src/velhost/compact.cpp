@@ -69,7 +69,7 @@ struct Geometry {
     }
 };
 
-bool is_inner(const vel_seq_page_t *pg) { return (pg->hdr.kind & 15) == 2; }
+bool is_inner(const vel_seq_page_t *pg) { return page_kind(pg) == kInnerPage; }
 
 uint32_t levels_of(const Geometry &g, vel_seq_page_t *pg) {
     uint32_t levels = 0;
