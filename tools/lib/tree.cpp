@@ -240,8 +240,8 @@ extern "C" int velt_dump_tree(vel_objhandle_h obj, const velt_field_t *f, FILE *
                          static_cast<unsigned long long>(n.elements));
             for (uint64_t i = 0; i < user && i <= n.children.size(); i++) {
                 std::string line = indent + "    [" + std::to_string(i) + "] ";
-                line += i < n.children.size() ? "#" + std::to_string(n.children[i])
-                                              : std::string("(not walked)");
+                line +=
+                    i < n.children.size() ? '#' + std::to_string(n.children[i]) : "(not walked)";
                 line += " count " + std::to_string(w.entry(n.page, i).count);
                 if (keyed)
                     line += " key " + preview(w, w.value(n.page, i), *opt);
