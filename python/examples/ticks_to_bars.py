@@ -1,7 +1,9 @@
 """From ticks to bars: a notebook-style walk through the velseq package.
 
 Generates a day of random ticks, stores them as one object, resamples the
-prices to 5-minute OHLC bars and plots them into a PNG (matplotlib, no
+prices to 5-minute bars (the first, max, min and last price of each bucket:
+the aggregate kernels, under the names every velseq front end uses) and
+plots them into a PNG (matplotlib, no
 display needed).  Run: PYTHONPATH=build/debug/python python3 \
 python/examples/ticks_to_bars.py bars.png
 """
@@ -41,7 +43,7 @@ oid = db.from_pandas(ticks, "ticks")
 # %% Bars, a window aggregate and an as-of lookup, in one read transaction.
 with db.read() as tx:
     t = tx.open("ticks", oid)
-    bars = t.resample("ts", "px", "5min")
+    bars = t.resample("ts", "px", "5min", aggs=["first", "max", "min", "last", "count"])
     noon = t["px"].aggregate_window(t["ts"], "2024-03-01T12:00Z", "2024-03-01T13:00Z")
     looks = np.array(["2024-03-01T10:30", "2024-03-01T15:00"], "datetime64[s]")
     quotes = t.asof_join("ts", looks, ["px", "qty"], tolerance="1min")
@@ -50,17 +52,17 @@ print(f"12:00-13:00: {noon['count']} quotes, mean {noon['mean']:.3f}")
 print(quotes)
 
 # The bars agree with pandas' own resample of the same ticks.
-ohlc = ticks["px"].resample("5min", origin="epoch").agg(["first", "max", "min", "last"])
-assert np.allclose(ohlc.dropna().to_numpy(float), bars[["open", "high", "low", "close"]]
-                   .to_numpy(float))
+kernels = ["first", "max", "min", "last"]
+theirs = ticks["px"].resample("5min", origin="epoch").agg(kernels)
+assert np.allclose(theirs.dropna().to_numpy(float), bars[kernels].to_numpy(float))
 
-# %% Plot: a candle per bar (body from open to close, wick from low to high).
+# %% Plot: a candle per bar (body from first to last, wick from min to max).
 fig, ax = plt.subplots(figsize=(10, 4))
 x = np.arange(len(bars))
-up = (bars["close"] >= bars["open"]).to_numpy(bool)
-ax.vlines(x, bars["low"].to_numpy(float), bars["high"].to_numpy(float), color="black", lw=0.6)
+up = (bars["last"] >= bars["first"]).to_numpy(bool)
+ax.vlines(x, bars["min"].to_numpy(float), bars["max"].to_numpy(float), color="black", lw=0.6)
 for sel, color in ((up, "tab:green"), (~up, "tab:red")):
-    o, c = bars["open"].to_numpy(float)[sel], bars["close"].to_numpy(float)[sel]
+    o, c = bars["first"].to_numpy(float)[sel], bars["last"].to_numpy(float)[sel]
     ax.bar(x[sel], c - o, bottom=o, color=color, width=0.7)
 ticks_at = x[:: max(1, len(x) // 8)]
 ax.set_xticks(ticks_at, [bars.index[i].strftime("%H:%M") for i in ticks_at])

@@ -13,12 +13,17 @@ of NumPy and pandas.
     with db.read() as tx:
         t = tx.open("tick", oid)
         px = t["px"].read()                 # ndarray, masked where nulls exist
-        bars = t.resample("ts", "px", "1min")            # pandas.DataFrame
+        bars = t.resample("ts", "px", "1min", aggs=["first", "max", "min", "last"])
     db.save("ticks.img")                    # an image of the last commit
 
 The extension (_velseq) holds the database, transactions, objects and
-sequences; this file adds what returns or takes pandas objects.  Every
-refused call raises velseq.Error (with .code and .name) and changes nothing.
+sequences over the table layer; this file adds what returns or takes pandas
+objects.  Classes, fields, types and orders are the host's catalogue, so a
+database saved by the velseq program opens here and one saved here opens in
+the program.  Aggregates answer under the kernel names every front end uses
+(velseq.kernels: count, sum, mean, min, max, first, last, argmin, argmax).
+Every refused call raises velseq.Error (with .code and .name) and changes
+nothing.
 """
 
 import os as _os
@@ -27,10 +32,10 @@ import warnings as _warnings
 import numpy as _np
 
 from ._velseq import Database as _Database
-from ._velseq import Error, Object, Sequence, Transaction
+from ._velseq import Error, Object, Sequence, Transaction, kernels
 
-__all__ = ["Database", "Error", "LogWarning", "Object", "Sequence", "Transaction", "seq",
-           "value"]
+__all__ = ["Database", "Error", "LogWarning", "Object", "Sequence", "Transaction", "kernels",
+           "seq", "value"]
 
 
 class LogWarning(UserWarning):
@@ -44,8 +49,9 @@ class seq:
     ("none", "ascending" or "descending"; ordered fields hold no nulls).
     Dtype S<N> (N in 1..32) is a char(N) field of fixed-width bytes: shorter
     values are padded with zero bytes, longer ones refused, and an ordered
-    one compares bytewise; it reads back as S<N>, searches and gathers, but
-    has no asof or aggregates."""
+    one compares bytewise; it reads back as S<N>, searches and gathers; its
+    asof has no distance (no nearest, no tolerance) and its aggregates no
+    sum or mean."""
 
     def __init__(self, dtype, order="none"):
         self.dtype, self.order = dtype, order
@@ -80,11 +86,13 @@ class Database(_Database):
         commits of `log` replayed on top; with a log, every later commit is
         appended to it, flushed per `sync`: "commit" (a commit that returned
         survives a machine crash), "group" (flushed every `group_ms`, default
-        10) or "none" (when the OS likes).  Classes come back under the names
-        and orders they were defined with (classes another program defined:
-        "class<code>" with fields "f<i>").  A missing, foreign or damaged
-        file raises Error (VEL_E_HOST_IO, _BAD_IMAGE, _BAD_LOG); a log another
-        database holds, VEL_E_HOST_BUSY naming its process.
+        10) or "none" (when the OS likes).  Classes come back under the names,
+        types and orders the host's catalogue keeps, whichever front end
+        defined them (the velseq program's tables too).  A missing, foreign
+        or damaged file raises Error (VEL_E_HOST_IO, _BAD_IMAGE, _BAD_LOG); a
+        log another database holds, VEL_E_HOST_BUSY naming its process; an
+        image of the Python package before it used the host's catalogue (it
+        holds a class "velseq.catalog") VEL_E_HOST_BAD_IMAGE.
 
         read_only: the files are only read (others may read them too, no one
         may write them): write transactions, define and checkpoint raise
@@ -236,19 +244,19 @@ def _window(self, lo, hi, lo_bound="inclusive", hi_bound="exclusive"):
     return self.read(first, last)
 
 
-def _resample(self, time, field, width, start=None, end=None, origin=None):
-    """OHLC bars of `field` in buckets of `width` (a Timedelta or "1min"),
-    aligned on `origin` (the Unix epoch by default), over start <= time < end
-    (all rows by default): a DataFrame indexed by bucket start with open,
-    high, low, close (nulls skipped), count (non-null values), sum and rows.
-    Only buckets holding a row appear."""
+def _resample(self, time, field, width, start=None, end=None, origin=None, aggs=None):
+    """`field` in buckets of `width` (a Timedelta or "1min") of the ascending
+    datetime field `time`, aligned on `origin` (the Unix epoch by default),
+    over start <= time < end (all rows by default): a DataFrame indexed by
+    bucket start with a column per kernel of `aggs` (default: every one that
+    applies), named as the kernel (bars: aggs=["first", "max", "min",
+    "last"]; nulls skipped).  Only buckets holding a row appear."""
     import pandas as pd
 
-    c = self[field].resample_columns(self[time], _ns(width), start, end, origin)
-    return pd.DataFrame(
-        {"open": _column(c["first"]), "high": _column(c["max"]), "low": _column(c["min"]),
-         "close": _column(c["last"]), "count": c["count"], "sum": c["sum"], "rows": c["rows"]},
-        index=pd.DatetimeIndex(c["start"], name=time))
+    c = self[field].resample_columns(self[time], _ns(width), start, end, origin, aggs)
+    start = c.pop("start")
+    return pd.DataFrame({k: _column(v) for k, v in c.items()},
+                        index=pd.DatetimeIndex(start, name=time))
 
 
 def _asof_join(self, keys, probes, columns, direction="backward", strict=False,

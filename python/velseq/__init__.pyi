@@ -8,6 +8,11 @@ import pandas as pd
 Order = Literal["none", "ascending", "descending"]
 Bound = Literal["inclusive", "exclusive", "open"]
 Direction = Literal["backward", "forward", "nearest"]
+# An aggregate kernel, by the name every velseq front end uses: count, sum,
+# mean, min, max, first, last, argmin, argmax (velseq.kernels lists them all,
+# in the order defaults answer them).
+Kernel = str
+kernels: list[str]
 DTypeLike = npt.DTypeLike
 # An array of the field's dtype (any datetime64 unit for datetime fields), a
 # masked array (masked: null), or a list NumPy converts to the field's dtype.
@@ -39,22 +44,26 @@ class OpenStats(TypedDict):
 
 class seq:
     """A sequence field: dtype (int8..uint64, float32, float64, datetime64, or S1..S32:
-    char(N) bytes, zero-padded, ordered bytewise) and order."""
+    char(N) bytes, zero-padded, ordered bytewise) and order, kept in the host's
+    catalogue (the velseq program and C++ programs see the same table)."""
     def __init__(self, dtype: DTypeLike, order: Order = "none") -> None: ...
 
 class value:
     """A scalar field (one value per object)."""
     def __init__(self, dtype: DTypeLike) -> None: ...
 
-class Summary(TypedDict):
-    rows: int  # elements, nulls included
-    count: int  # non-null elements
-    sum: Optional[float | int]  # None for datetime fields
-    min: Any
+class Aggregates(TypedDict, total=False):
+    """The kernels asked for, under their names; nulls are skipped, and a
+    kernel with no value to answer from is None (count and sum: 0)."""
+    count: int  # values present
+    sum: float | int  # numbers only
+    mean: Optional[float]  # numbers only
+    min: Any  # NaN passed over
     max: Any
-    mean: Optional[float]
-    first: Any  # first non-null value
-    last: Any  # last non-null value
+    first: Any  # first value present
+    last: Any
+    argmin: Optional[int]  # position of the first smallest value
+    argmax: Optional[int]
 
 Sync = Literal["commit", "group", "none"]
 
@@ -80,7 +89,8 @@ class Database:
     def define(self, name: str, **fields: Union[seq, value, DTypeLike]) -> None: ...
     def classes(self) -> list[str]: ...
     def fields(self, cls: str) -> list[Tuple[str, str, str, str]]:
-        """(name, "seq" | "value", dtype, order) of each field of a class."""
+        """(name, "seq" | "value", dtype, order) of each field of a class, from
+        the host's catalogue."""
     def read(self) -> Transaction: ...
     def write(self) -> Transaction: ...
     def close(self) -> None:
@@ -100,6 +110,8 @@ class Transaction:
     def create(self, cls: str) -> Object: ...
     def open(self, cls: str, oid: int) -> Object: ...
     def count(self, cls: str) -> int: ...
+    def objects(self, cls: str) -> list[int]:
+        """The oids of the class's objects (a velseq program table holds one)."""
     def __enter__(self) -> Transaction: ...
     def __exit__(self, *exc: Any) -> bool: ...
 
@@ -112,8 +124,10 @@ class Object:
     def delete(self) -> None: ...
     def resample(self, time: str, field: str, width: TimedeltaLike,
                  start: Optional[TimeLike] = None, end: Optional[TimeLike] = None,
-                 origin: Optional[TimeLike] = None) -> pd.DataFrame:
-        """OHLC bars: open, high, low, close, count, sum, rows by bucket start."""
+                 origin: Optional[TimeLike] = None,
+                 aggs: Optional[Seq[Kernel]] = None) -> pd.DataFrame:
+        """A column per kernel of `aggs` (default: every one that applies), named
+        as the kernel, indexed by bucket start; bars: ["first", "max", "min", "last"]."""
     def asof_join(self, keys: str, probes: Values, columns: Seq[str],
                   direction: Direction = "backward", strict: bool = False,
                   tolerance: Optional[TimedeltaLike | float] = None,
@@ -142,10 +156,15 @@ class Sequence:
              tolerance: Optional[TimedeltaLike | float] = None) -> np.ma.MaskedArray:
         """Positions of the as-of matches in this ascending field; masked: none."""
     def gather(self, positions: Union[np.ndarray, np.ma.MaskedArray]) -> Read: ...
-    # asof, aggregate and aggregate_window refuse char (S<N>) fields:
-    # Error VEL_E_HOST_WRONG_FIELD.
-    def aggregate(self, first: int = 0, last: Optional[int] = None) -> Summary: ...
-    def aggregate_window(self, ts: Sequence, start: TimeLike, end: TimeLike) -> Summary:
-        """The rows with start <= ts < end of this object's datetime field ts."""
-    def resample_columns(self, ts: Sequence, width_ns: int, start: Any, end: Any,
-                         origin: Any) -> dict[str, Any]: ...
+    # Kernels are asked for by name (aggs; None: every one that applies):
+    # an unknown name raises Error VEL_E_ILLEGAL_PARAM, sum or mean of a
+    # datetime or char field VEL_E_ILLEGAL_TYPE.
+    def aggregate(self, first: int = 0, last: Optional[int] = None,
+                  aggs: Optional[Seq[Kernel]] = None) -> Aggregates: ...
+    def aggregate_window(self, ts: Sequence, start: TimeLike, end: TimeLike,
+                         aggs: Optional[Seq[Kernel]] = None) -> Aggregates:
+        """The rows with start <= ts < end of this object's ascending datetime field ts."""
+    def resample_columns(self, ts: Sequence, width_ns: int, start: Any = None, end: Any = None,
+                         origin: Any = None,
+                         aggs: Optional[Seq[Kernel]] = None) -> dict[str, Any]:
+        """start (bucket starts) and a column per kernel, under its name."""

@@ -1,0 +1,134 @@
+// aggregate, aggregate_window and resample: the table layer's kernels, asked
+// for by name (count, sum, mean, min, max, first, last, argmin, argmax), and
+// answered under the same names.
+#include <pybind11/stl.h>
+
+#include "convert.h"
+#include "handles.h"
+#include "velseq/datetime.h"
+
+namespace vpy {
+
+namespace {
+
+// The kernels asked for; None: every kernel that applies to the column, in
+// the layer's order.  Unknown names and kernels that do not apply are
+// refused by the layer before it reads a value.
+std::vector<std::string> kernels_for(const py::object &aggs, table::column_type t) {
+    std::vector<std::string> names;
+    if (!aggs.is_none()) {
+        if (py::isinstance<py::str>(aggs))
+            throw error(VEL_E_ILLEGAL_PARAM, "aggs is a list of kernel names, not one name");
+        for (const py::handle &a : aggs)
+            names.push_back(py::str(a));
+        if (names.empty())
+            throw error(VEL_E_ILLEGAL_PARAM, "aggs names no kernel");
+        return names;
+    }
+    for (const table::kernel_info &k : table::kernels())
+        if (table::applies(k.name, t))
+            names.emplace_back(k.name);
+    return names;
+}
+
+const table::column_type datetime_type{VEL_DD_SEQUENCE_DATETIME, 8};
+
+// The raw datetime of a Python point in time.
+vel_datetime time_of(const py::handle &v, const std::string &what) {
+    const table::array a = value_in(v, datetime_type, what);
+    vel_datetime raw;
+    std::memcpy(&raw, a.values.data(), 8);
+    return raw;
+}
+
+// ts, a datetime column of the same object as s.
+table::column time_column(const Sequence &s, const Sequence &ts, const char *what) {
+    if (ts.tx != s.tx || ts.h.oid != s.h.oid || ts.t->code != s.t->code)
+        throw error(VEL_E_HOST_WRONG_FIELD,
+                    std::string(what) + ": the fields belong to different objects");
+    if (ts.def().type.code != VEL_DD_SEQUENCE_DATETIME)
+        throw error(VEL_E_HOST_WRONG_FIELD,
+                    std::string(what) + ": " + ts.what() + " is not a datetime64 field");
+    return ts.column();
+}
+
+py::dict answers_out(const std::vector<std::string> &names, const std::vector<table::array> &a) {
+    py::dict d;
+    for (size_t j = 0; j < names.size(); j++)
+        d[py::str(names[j])] = value_out(a[j], 0);
+    return d;
+}
+
+py::dict aggregate(const Sequence &s, uint64_t first, std::optional<uint64_t> last,
+                   const py::object &aggs) {
+    const table::column c = s.column();
+    const std::vector<std::string> names = kernels_for(aggs, c.type);
+    std::vector<table::array> a;
+    {
+        py::gil_scoped_release nogil;
+        a = table::aggregate(c, first, last ? *last : table::count(c), names);
+    }
+    return answers_out(names, a);
+}
+
+// The kernels over the rows with from <= ts < to.
+py::dict aggregate_window(const Sequence &s, const Sequence &ts, const py::object &from,
+                          const py::object &to, const py::object &aggs) {
+    const table::column t = time_column(s, ts, "aggregate");
+    const table::column c = s.column();
+    const std::vector<std::string> names = kernels_for(aggs, c.type);
+    table::array bounds;
+    bounds.type = datetime_type;
+    bounds.length = 2;
+    bounds.values.resize(16);
+    const vel_datetime ends[] = {time_of(from, "aggregate"), time_of(to, "aggregate")};
+    std::memcpy(bounds.values.data(), ends, 16);
+    std::vector<table::array> a;
+    {
+        py::gil_scoped_release nogil;
+        const auto [first, last] =
+            table::search(t, bounds, table::bound::inclusive, table::bound::exclusive);
+        a = table::aggregate(c, first, last, names);
+    }
+    return answers_out(names, a);
+}
+
+// Buckets as columns: start, then a column per kernel under its name.
+py::dict resample(const Sequence &vals, const Sequence &ts, int64_t width_ns,
+                  const py::object &from, const py::object &to, const py::object &origin,
+                  const py::object &aggs) {
+    const table::column t = time_column(vals, ts, "resample");
+    const table::column v = vals.column();
+    const std::vector<std::string> names = kernels_for(aggs, v.type);
+    std::optional<std::pair<vel_datetime, vel_datetime>> window;
+    if (!from.is_none() || !to.is_none()) {
+        if (from.is_none() || to.is_none())
+            throw error(VEL_E_ILLEGAL_PARAM, "resample: give both ends of the window, or none");
+        window.emplace(time_of(from, "resample"), time_of(to, "resample"));
+    }
+    const vel_datetime o = origin.is_none() ? vel_dt_from_ns(0) : time_of(origin, "resample");
+    table::buckets b;
+    {
+        py::gil_scoped_release nogil;
+        b = table::resample(t, v, width_ns, o, window, names);
+    }
+    py::dict d;
+    d["start"] = array_out(b.start, py::none(), "resample");
+    for (size_t j = 0; j < names.size(); j++)
+        d[py::str(names[j])] = array_out(b.answers[j], py::none(), "resample");
+    return d;
+}
+
+} // namespace
+
+void bind_aggregates(py::class_<Sequence> &seq) {
+    seq.def("aggregate", &aggregate, py::arg("first") = 0, py::arg("last") = py::none(),
+            py::arg("aggs") = py::none())
+        .def("aggregate_window", &aggregate_window, py::arg("ts"), py::arg("start"), py::arg("end"),
+             py::arg("aggs") = py::none())
+        .def("resample_columns", &resample, py::arg("ts"), py::arg("width_ns"),
+             py::arg("start") = py::none(), py::arg("end") = py::none(),
+             py::arg("origin") = py::none(), py::arg("aggs") = py::none());
+}
+
+} // namespace vpy

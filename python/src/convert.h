@@ -1,0 +1,51 @@
+// Values between NumPy and the table layer's arrays.
+//
+// A column type maps to one NumPy dtype, derived from the layer's own name
+// of the type (table::type_name): intN and uintN are i<N> and u<N>, float and
+// double f4 and f8, datetime M8[ns] (the layer keeps raw datetimes, NumPy
+// nanoseconds since the epoch), char(N) S<N>.  Nulls cross as masks: NumPy's
+// mask is set where a value is null, the layer's validity bit where one is
+// present.
+#pragma once
+
+#include <pybind11/numpy.h>
+#include <pybind11/pybind11.h>
+
+#include <string>
+
+#include "velseq/table.hpp"
+
+namespace vpy {
+
+namespace py = pybind11;
+namespace table = velseq::table;
+
+// NumPy, held for the life of the process (a static py::object would drop
+// its reference at exit, after the interpreter has gone).
+py::module_ &numpy();
+
+py::dtype dtype_of(table::column_type t);
+// "int32", "datetime64[ns]", "S4": how fields() names a column's dtype.
+std::string dtype_name(table::column_type t);
+// The column type of a NumPy dtype (or anything np.dtype takes); a scalar
+// field takes bytes up to 4096 wide, a sequence up to
+// VELH_MAX_SEQ_CHAR_WIDTH.  VEL_E_ILLEGAL_TYPE for a dtype with none.
+table::column_type type_of_dtype(const py::handle &dtype, bool scalar);
+
+// Values of type `t`: an array of its dtype (datetime64 of any unit; bytes
+// of any width whose values fit), a masked array, or a list NumPy converts;
+// `mask` (True: null) when not a masked array.  NaT is a null.
+table::array array_in(const py::handle &values, const py::object &mask, table::column_type t,
+                      const std::string &what);
+// One present value of type `t` from a Python object (datetimes: datetime64,
+// pandas Timestamp, datetime.datetime or ISO-8601 text; integers range-checked).
+table::array value_in(const py::handle &v, table::column_type t, const std::string &what);
+
+// An array as NumPy: a plain array, or a masked one when it holds a null
+// (null datetimes are also NaT).  Into `out` when given: an array of exactly
+// the dtype, writable and as long.
+py::object array_out(const table::array &a, const py::object &out, const std::string &what);
+// Value i as a NumPy scalar, None when null.
+py::object value_out(const table::array &a, uint64_t i);
+
+} // namespace vpy

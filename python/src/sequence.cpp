@@ -1,0 +1,206 @@
+// Object and Sequence: scalar fields and every column operation, each one
+// call of the table layer between NumPy conversions (convert.h); the GIL is
+// released around the layer's passes over the data.
+#include <pybind11/stl.h>
+
+#include "convert.h"
+#include "handles.h"
+
+namespace vpy {
+
+namespace {
+
+// ---- objects -------------------------------------------------------------------------
+
+uint16_t field_no(const Object &o, const std::string &name) {
+    o.tx->require();
+    return o.t->field(name);
+}
+
+py::object get_field(const Object &o, const std::string &name) {
+    const uint16_t f = field_no(o, name);
+    if (!o.t->columns[f].scalar)
+        return py::cast(Sequence{o.tx, o.t, o.h, f});
+    return value_out(table::get_scalar(o.h, *o.t, f), 0);
+}
+
+void set_field(const Object &o, const std::string &name, const py::object &v) {
+    const uint16_t f = field_no(o, name);
+    if (!o.t->columns[f].scalar)
+        throw error(VEL_E_HOST_WRONG_FIELD, name + " is a sequence field: use append or insert");
+    table::set_scalar(o.h, *o.t, f, value_in(v, o.t->columns[f].type, "set " + name));
+}
+
+// ---- writing ---------------------------------------------------------------------------
+
+void append(const Sequence &s, const py::object &values, const py::object &mask) {
+    const table::column c = s.column();
+    const table::array a = array_in(values, mask, c.type, "append to " + s.what());
+    py::gil_scoped_release nogil;
+    table::append(c, a);
+}
+
+void insert(const Sequence &s, uint64_t pos, const py::object &values, const py::object &mask) {
+    const table::column c = s.column();
+    const table::array a = array_in(values, mask, c.type, "insert into " + s.what());
+    py::gil_scoped_release nogil;
+    table::insert(c, pos, a, s.compact_state());
+}
+
+void erase(const Sequence &s, uint64_t first, std::optional<uint64_t> last) {
+    const table::column c = s.column();
+    table::erase(c, first, last ? *last : first + 1, s.compact_state());
+}
+
+// ---- reading ---------------------------------------------------------------------------
+
+py::object read(const Sequence &s, uint64_t first, std::optional<uint64_t> last,
+                const py::object &out) {
+    const table::column c = s.column();
+    table::array a;
+    {
+        py::gil_scoped_release nogil;
+        a = table::read(c, first, last ? *last : table::count(c));
+    }
+    return array_out(a, out, "read " + s.what());
+}
+
+table::bound bound_of(const std::string &b) {
+    if (b == "inclusive")
+        return table::bound::inclusive;
+    if (b == "exclusive")
+        return table::bound::exclusive;
+    if (b == "open")
+        return table::bound::open;
+    throw error(VEL_E_ILLEGAL_PARAM,
+                "a bound is 'inclusive', 'exclusive' or 'open', not '" + b + "'");
+}
+
+// Positions [first, last) of the values between lo and hi (None: open).
+std::pair<uint64_t, uint64_t> search(const Sequence &s, const py::object &lo, const py::object &hi,
+                                     const std::string &lo_b, const std::string &hi_b) {
+    const table::column c = s.column();
+    const std::string what = "search " + s.what();
+    table::array bounds;
+    bounds.type = c.type;
+    bounds.length = 2;
+    bounds.values.assign(2 * c.type.width, 0); // an open bound's value is not read
+    const py::object ends[] = {lo, hi};
+    for (size_t i = 0; i < 2; i++)
+        if (!ends[i].is_none()) {
+            const table::array v = value_in(ends[i], c.type, what);
+            std::copy(v.values.begin(), v.values.end(), bounds.values.begin() + i * c.type.width);
+        }
+    const table::bound lk = lo.is_none() ? table::bound::open : bound_of(lo_b);
+    const table::bound hk = hi.is_none() ? table::bound::open : bound_of(hi_b);
+    py::gil_scoped_release nogil;
+    return table::search(c, bounds, lk, hk);
+}
+
+table::direction direction_of(const std::string &d) {
+    if (d == "backward")
+        return table::direction::backward;
+    if (d == "forward")
+        return table::direction::forward;
+    if (d == "nearest")
+        return table::direction::nearest;
+    throw error(VEL_E_ILLEGAL_PARAM,
+                "a direction is 'backward', 'forward' or 'nearest', not '" + d + "'");
+}
+
+// A tolerance in the layer's unit: nanoseconds for datetime keys (an int of
+// them, or anything np.timedelta64 takes), a difference of values otherwise.
+long double tolerance_of(const py::object &t, const table::column &keys) {
+    if (dtype_of(keys.type).kind() != 'M')
+        return t.cast<double>();
+    if (py::isinstance<py::int_>(t))
+        return static_cast<long double>(t.cast<int64_t>());
+    return static_cast<long double>(
+        numpy().attr("timedelta64")(t, "ns").attr("astype")("int64").cast<int64_t>());
+}
+
+// Positions of the as-of matches of the probes in this ascending field, as
+// int64; masked where none matches.
+py::object asof(const Sequence &s, const py::object &probes, const std::string &dir, bool strict,
+                const py::object &tolerance) {
+    const table::column keys = s.column();
+    table::asof_options opt;
+    opt.dir = direction_of(dir);
+    opt.strict = strict;
+    if (!tolerance.is_none())
+        opt.tolerance = tolerance_of(tolerance, keys);
+    const table::array p = array_in(probes, py::none(), keys.type, "asof on " + s.what());
+    table::array found;
+    {
+        py::gil_scoped_release nogil;
+        found = table::asof(keys, p, opt);
+    }
+    py::array_t<bool> mask(static_cast<py::ssize_t>(found.length));
+    for (uint64_t i = 0; i < found.length; i++)
+        mask.mutable_data()[i] = !found.valid(i);
+    found.validity.clear(); // positions < 2^63: the same bytes as int64
+    py::object pos = array_out(found, py::none(), "asof").attr("view")("int64");
+    return numpy().attr("ma").attr("MaskedArray")(pos, py::arg("mask") = mask);
+}
+
+// The values at the given int64 positions (masked positions give nulls).
+py::object gather(const Sequence &s, const py::object &positions) {
+    const table::column c = s.column();
+    const std::string what = "gather from " + s.what();
+    const table::column_type u8{VEL_DD_SEQUENCE_UINT8, 8}, i8{VEL_DD_SEQUENCE_INT8, 8};
+    table::array pos = array_in(positions, py::none(), i8, what);
+    for (uint64_t i = 0; i < pos.length; i++) {
+        int64_t p;
+        std::memcpy(&p, pos.values.data() + i * 8, 8);
+        if (pos.valid(i) && p < 0)
+            throw error(VEL_E_ILLEGAL_PARAM, what + ": negative position");
+    }
+    pos.type = u8;
+    table::array out;
+    {
+        py::gil_scoped_release nogil;
+        out = table::gather(c, pos);
+    }
+    return array_out(out, py::none(), what);
+}
+
+} // namespace
+
+void bind_object(py::module_ &m) {
+    py::class_<Object>(m, "Object")
+        .def_property_readonly("oid", [](const Object &o) { return o.h.oid; })
+        .def_property_readonly("cls", [](const Object &o) { return o.t->name; })
+        .def("__getitem__", &get_field)
+        .def("__setitem__", &set_field)
+        .def("delete", [](Object &o) {
+            o.tx->require();
+            velseq::detail::check(velh_obj_delete(&o.h), "deleting an object");
+        });
+}
+
+py::class_<Sequence> bind_sequence(py::module_ &m) {
+    py::class_<Sequence> seq(m, "Sequence");
+    seq.def_property_readonly("name", [](const Sequence &s) { return s.def().name; })
+        .def_property_readonly("dtype", [](const Sequence &s) { return dtype_of(s.def().type); })
+        .def_property_readonly("order",
+                               [](const Sequence &s) {
+                                   return s.def().order == VEL_SEQ_ASC_ORDER    ? "ascending"
+                                          : s.def().order == VEL_SEQ_DESC_ORDER ? "descending"
+                                                                                : "none";
+                               })
+        .def("__len__", [](const Sequence &s) { return table::count(s.column()); })
+        .def("append", &append, py::arg("values"), py::arg("mask") = py::none())
+        .def("insert", &insert, py::arg("pos"), py::arg("values"), py::arg("mask") = py::none())
+        .def("delete", &erase, py::arg("first"), py::arg("last") = py::none())
+        .def("truncate", [](const Sequence &s) { table::truncate(s.column()); })
+        .def("read", &read, py::arg("first") = 0, py::arg("last") = py::none(),
+             py::arg("out") = py::none())
+        .def("search", &search, py::arg("lo"), py::arg("hi"), py::arg("lo_bound") = "inclusive",
+             py::arg("hi_bound") = "exclusive")
+        .def("asof", &asof, py::arg("probes"), py::arg("direction") = "backward",
+             py::arg("strict") = false, py::arg("tolerance") = py::none())
+        .def("gather", &gather);
+    return seq;
+}
+
+} // namespace vpy
