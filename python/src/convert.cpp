@@ -248,8 +248,10 @@ table::column_type type_of_dtype(const py::handle &dtype, bool scalar) {
     for (const table::column_type &t : layer_types())
         if (dt.equal(dtype_of(t)))
             return t;
-    throw error(VEL_E_ILLEGAL_TYPE, "no field type for dtype " + str(dt) +
-                                        " (int8..uint64, float32, float64, datetime64, S1..S" +
+    std::string known;
+    for (const table::column_type &t : layer_types())
+        known += dtype_name(t) + ", ";
+    throw error(VEL_E_ILLEGAL_TYPE, "no field type for dtype " + str(dt) + " (" + known + "S1..S" +
                                         std::to_string(VELH_MAX_SEQ_CHAR_WIDTH) + ")");
 }
 
