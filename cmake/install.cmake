@@ -1,11 +1,11 @@
 # Install rules: the headers (the whole include/ tree, C and C++), the module
 # and the host as shared libraries with a versioned SONAME and as static
-# archives, a relocatable CMake package (find_package(velseq)) and velseq.pc.
+# archives, the table layer as a static archive, a relocatable CMake package (find_package(velseq)) and velseq.pc.
 include(CMakePackageConfigHelpers)
 
 set(VELSEQ_CMAKE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/velseq)
 
-install(TARGETS velseq velseq_static velhost velhost_static velseqpp
+install(TARGETS velseq velseq_static velhost velhost_static velseqpp veltable
   EXPORT velseqTargets
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
     COMPONENT Runtime NAMELINK_COMPONENT Development

@@ -25,7 +25,7 @@ fail() { echo "consumer-test: $*" >&2; exit 1; }
 only_libs=()
 [ -n "${VELSEQ_CONSUMER_BUILD:-}" ] || only_libs=(-DVELSEQ_TESTS=OFF)
 cmake -S "$ROOT" -B "$BUILD" -DCMAKE_BUILD_TYPE=Release -DVELSEQ_WERROR=ON "${only_libs[@]}" >/dev/null
-cmake --build "$BUILD" -j"$JOBS" --target velseq velseq_static velhost velhost_static >/dev/null
+cmake --build "$BUILD" -j"$JOBS" --target velseq velseq_static velhost velhost_static veltable >/dev/null
 cmake --install "$BUILD" --prefix "$WORK/stage" >/dev/null
 mv "$WORK/stage" "$WORK/prefix"
 PREFIX=$WORK/prefix

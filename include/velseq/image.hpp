@@ -121,6 +121,12 @@ inline void attach(database &db, schema &s, uint16_t code) {
     detail::class_state &st = detail::image_access::state(s);
     if (st.code != 0)
         throw error(VEL_E_HOST_BAD_ARG, "class " + st.name + " is already defined");
+    velh_class_info_t ci{};
+    detail::check(velh_class_info(db.get(), code, &ci), "reading the catalogue");
+    if (ci.n_fields != st.defs.size())
+        throw error(VEL_E_HOST_WRONG_FIELD,
+                    "class " + std::to_string(code) + " has " + std::to_string(ci.n_fields) +
+                        " fields, the schema " + std::to_string(st.defs.size()));
     std::vector<velh_field_info_t> info(st.defs.size());
     for (size_t i = 0; i < info.size(); i++) {
         detail::check(velh_field_info(db.get(), code, static_cast<uint16_t>(i), &info[i]),
@@ -131,13 +137,34 @@ inline void attach(database &db, schema &s, uint16_t code) {
                                                     std::to_string(code) + " is not " +
                                                     st.names[i] + " as the schema declares it");
     }
-    velh_field_info_t more;
-    if (velh_field_info(db.get(), code, static_cast<uint16_t>(info.size()), &more) == VEL_S_OK)
-        throw error(VEL_E_HOST_WRONG_FIELD,
-                    "class " + std::to_string(code) + " has more fields than the schema");
     st.info = std::move(info);
     st.db = db.get();
     st.code = code;
+}
+
+// Binds `s` to the class of its name, which must have the fields the schema
+// lists, with their names, types, widths and declared orders: a database
+// written by any front end (the velseq program, Python, C++) opens so.
+inline void attach(database &db, schema &s) {
+    detail::class_state &st = detail::image_access::state(s);
+    velh_class_info_t ci{};
+    const VEL_RET rc = velh_class_by_name(db.get(), st.name.c_str(), &ci);
+    if (rc == VEL_E_HOST_NO_CLASS)
+        throw error(rc, "the database has no class " + detail::shortened(st.name));
+    detail::check(rc, "reading the catalogue");
+    for (size_t i = 0; i < st.defs.size() && i < ci.n_fields; i++) {
+        velh_field_info_t fi{};
+        detail::check(velh_field_info(db.get(), ci.code, static_cast<uint16_t>(i), &fi),
+                      "reading a field definition");
+        const std::string where = "field " + std::to_string(i) + " of class " + st.name;
+        if (st.names[i] != fi.name)
+            throw error(VEL_E_HOST_WRONG_FIELD,
+                        where + " is " + fi.name + ", not " + st.names[i] + " as the schema says");
+        if (fi.order != st.defs[i].order)
+            throw error(VEL_E_HOST_WRONG_FIELD,
+                        where + " (" + fi.name + ") keeps another order than the schema's");
+    }
+    attach(db, s, ci.code);
 }
 
 } // namespace velseq

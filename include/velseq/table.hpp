@@ -9,7 +9,7 @@
 // velseq.h, and char(N)).
 //
 // Aggregates come from one registry of kernels (count, sum, mean, min, max,
-// first, last, argmin, argmax); aggregate() and resample() take kernel
+// first, last, argmin, argmax, rows); aggregate() and resample() take kernel
 // names, and every front end uses these names for the same answers.
 //
 // Failures throw velseq::error.

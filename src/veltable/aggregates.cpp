@@ -88,15 +88,21 @@ template <class P> struct summing {
     }
 };
 
-struct count_k {
-    static constexpr const char *name = "count";
-    static constexpr const char *answer = "the number of values present";
+// The number of values present, or (Rows) of rows, nulls included.
+template <bool Rows> struct count_k {
+    static constexpr const char *name = Rows ? "rows" : "count";
+    static constexpr const char *answer =
+        Rows ? "the number of rows, nulls included" : "the number of values present";
     static constexpr bool numeric_only = false;
     static column_type result(column_type) { return kUint8; }
     template <class P> struct state : kernel_state<P> {
         uint64_t n = 0;
         void add(const P &, const unsigned char *, const vel_bitmap_word_t *nulls, size_t off,
                  size_t k, uint64_t) override {
+            if (Rows) {
+                n += k;
+                return;
+            }
             for (size_t i = 0; i < k; i++)
                 n += !null_at(nulls, off + i);
         }
@@ -216,9 +222,9 @@ template <bool Last> struct end_k {
     };
 };
 
-using registry =
-    std::tuple<count_k, sum_k, mean_k, extreme_k<false, false>, extreme_k<true, false>,
-               end_k<false>, end_k<true>, extreme_k<false, true>, extreme_k<true, true>>;
+using registry = std::tuple<count_k<false>, sum_k, mean_k, extreme_k<false, false>,
+                            extreme_k<true, false>, end_k<false>, end_k<true>,
+                            extreme_k<false, true>, extreme_k<true, true>, count_k<true>>;
 
 // f(K{}) for the kernel of that name; false when there is none.
 template <class F, size_t I = 0> bool find_kernel(std::string_view name, F &&f) {

@@ -1,7 +1,8 @@
 // consumer.cpp -- a C++ program built against the installed package only,
 // through the C++ API header: appends in uneven batches (small pages, so the
 // tree grows several levels), commits, and reads the field back from a new
-// read-only transaction against a vector.
+// read-only transaction against a vector, and its sum through the aggregates
+// (the table layer's archive).
 #include <cstdio>
 #include <numeric>
 #include <vector>
@@ -35,7 +36,8 @@ int main() try {
     std::vector<int64_t> got;
     for (std::optional<int64_t> x : tx.open(cls, oid)[v].elements())
         got.push_back(x.value_or(-1));
-    if (got != model) {
+    const int64_t sum = aggregate(tx.open(cls, oid)[v], {0, got.size()}).sum;
+    if (got != model || sum != std::accumulate(model.begin(), model.end(), int64_t(0))) {
         std::fprintf(stderr, "consumer.cpp: %zu values read back, %zu expected\n", got.size(),
                      model.size());
         return 1;

@@ -190,10 +190,11 @@ TEST(Files, RefusedWritesSayWhichFileAndWhy) {
     std::filesystem::create_directories(dir);
     config cfg;
     cfg.log_path = log.c_str();
-    // Class c (field `name`), defined in `db` or bound to its class 1, and
+    // Class `cls` (field `name`), defined in `db` or bound to its class 1, and
     // an object of n values committed (none with n == 0).
-    auto add = [](database &db, size_t n, bool define = false, const std::string &name = "v") {
-        schema s("c");
+    auto add = [](database &db, size_t n, bool define = false, const std::string &name = "v",
+                  const char *cls = "c") {
+        schema s(cls);
         field<int64_t> v = s.seq<int64_t>(name);
         define ? db.define(s) : attach(db, s, 1);
         connection con(db);
@@ -217,7 +218,7 @@ TEST(Files, RefusedWritesSayWhichFileAndWhy) {
     expect_error(
         VEL_E_HOST_IO, [&] { add(*db, 1); }, log + ": " + std::strerror(EFBIG));
     expect_error(
-        VEL_E_HOST_IO, [&] { add(*db, 0, true); }, "defining class c: ");
+        VEL_E_HOST_IO, [&] { add(*db, 0, true, "v", "d"); }, "defining class d: ");
     setrlimit(RLIMIT_FSIZE, &lim);
     add(*db, 1); // the refused records were cut: the log goes on
 }

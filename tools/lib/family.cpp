@@ -35,20 +35,16 @@ void format_char(const void *value, size_t width, std::string &out) {
     out.append(p, width);
 }
 
-const Family kFamilies[] = {
-    {"int1", VEL_DD_INT1, VEL_DD_SEQUENCE_INT1, 1, format_scalar<vel_int1>},
-    {"int2", VEL_DD_INT2, VEL_DD_SEQUENCE_INT2, 2, format_scalar<vel_int2>},
-    {"int4", VEL_DD_INT4, VEL_DD_SEQUENCE_INT4, 4, format_scalar<vel_int4>},
-    {"int8", VEL_DD_INT8, VEL_DD_SEQUENCE_INT8, 8, format_scalar<vel_int8>},
-    {"uint1", VEL_DD_UINT1, VEL_DD_SEQUENCE_UINT1, 1, format_scalar<vel_uint1>},
-    {"uint2", VEL_DD_UINT2, VEL_DD_SEQUENCE_UINT2, 2, format_scalar<vel_uint2>},
-    {"uint4", VEL_DD_UINT4, VEL_DD_SEQUENCE_UINT4, 4, format_scalar<vel_uint4>},
-    {"uint8", VEL_DD_UINT8, VEL_DD_SEQUENCE_UINT8, 8, format_scalar<vel_uint8>},
-    {"float", VEL_DD_FLOAT, VEL_DD_SEQUENCE_FLOAT, 4, format_scalar<vel_float>},
-    {"double", VEL_DD_DOUBLE, VEL_DD_SEQUENCE_DOUBLE, 8, format_scalar<vel_double>},
-    {"datetime", VEL_DD_DATETIME, VEL_DD_SEQUENCE_DATETIME, 8, format_datetime},
-    {"char", VEL_DD_CHAR, VEL_DD_SEQUENCE_CHAR, 0, format_char},
-};
+// Datetimes print as calendar time, the other scalars as numbers.
+template <class T, uint8_t DD> constexpr auto formatter() {
+    return DD == VEL_DD_DATETIME ? format_datetime : format_scalar<T>;
+}
+
+#define VELT_FAMILY_(S, T, DD)                                                                     \
+    {#S, VEL_DD_##DD, VEL_DD_SEQUENCE_##DD, sizeof(T), formatter<T, VEL_DD_##DD>()},
+const Family kFamilies[] = {{"char", VEL_DD_CHAR, VEL_DD_SEQUENCE_CHAR, 0, format_char},
+                            VEL_SEQ_SCALAR_TYPES(VELT_FAMILY_)};
+#undef VELT_FAMILY_
 
 } // namespace
 

@@ -48,18 +48,6 @@ template <class T, uint8_t Code> struct ScalarElem {
     }
 };
 
-using ElemInt1 = ScalarElem<vel_int1, VEL_DD_INT1>;
-using ElemInt2 = ScalarElem<vel_int2, VEL_DD_INT2>;
-using ElemInt4 = ScalarElem<vel_int4, VEL_DD_INT4>;
-using ElemInt8 = ScalarElem<vel_int8, VEL_DD_INT8>;
-using ElemUint1 = ScalarElem<vel_uint1, VEL_DD_UINT1>;
-using ElemUint2 = ScalarElem<vel_uint2, VEL_DD_UINT2>;
-using ElemUint4 = ScalarElem<vel_uint4, VEL_DD_UINT4>;
-using ElemUint8 = ScalarElem<vel_uint8, VEL_DD_UINT8>;
-using ElemFloat = ScalarElem<vel_float, VEL_DD_FLOAT>;
-using ElemDouble = ScalarElem<vel_double, VEL_DD_DOUBLE>;
-using ElemDatetime = ScalarElem<vel_datetime, VEL_DD_DATETIME>;
-
 struct CharElem {
     using value_type = char;
     static constexpr bool is_char = true;
