@@ -6,8 +6,10 @@
 #include <sys/wait.h>
 
 #include <algorithm>
+#include <bit>
 #include <charconv>
 #include <cmath>
+#include <cstring>
 #include <fstream>
 #include <optional>
 #include <random>
@@ -16,6 +18,7 @@
 #include <vector>
 
 #include "velseq/image.hpp"
+#include "velseq/table.hpp"
 
 namespace {
 
@@ -175,7 +178,7 @@ TEST_F(Cli, AnswersMatchModel) {
         want.insert(want.begin(), {"x", "double"});
         expect_line(got[1], want);
         want = model_stats(n.begin() + p, n.begin() + q);
-        want.insert(want.begin(), {"n", "int"});
+        want.insert(want.begin(), {"n", "int8"});
         expect_line(got[2], want);
     }
 
@@ -243,7 +246,12 @@ TEST_F(Cli, BadInputAndOptions) {
                              "2024-01-01T00:00:00Z,1.5,3\n"
                              "2024-01-01T00:00:01Z,,4\n"
                              "2024-01-01T00:00:01Z,2.25,\n"; // a duplicate time: kept
-    const std::string unsorted = "time,x\n2024-01-02,1\n2024-01-03,2\n2024-01-01,3\n";
+    const std::string unsorted = "time,x\n2024-01-02,1\n2024-01-03,2\n\n2024-01-01,3\n";
+    // A time before the last of the first batch of 65536 rows, as the next
+    // batch's first row (line 65538), which the stored rows refuse.
+    std::string late = "time,x\n";
+    for (int64_t i = 0; i < 65538; i++)
+        late += iso((i == 65536 ? -1 : i) * VEL_DT_NS_PER_SEC) + "," + std::to_string(i) + "\n";
     const std::string ragged = "time,x\n2024-01-01,1\n2024-01-02,2,9\n2024-01-03,3\n";
     std::string big_line = "time,x\n2024-01-01,";
     big_line.append(size_t(1) << 20, '7');
@@ -266,7 +274,7 @@ TEST_F(Cli, BadInputAndOptions) {
         {"", "", 2, "*", ""},
         {good, "load @in.csv --format csv", 0,
          "column,type,rows,nulls,role\ntime,datetime,3,0,time (ascending)\nx,double,3,1,\n"
-         "n,int,3,1,\n",
+         "n,int8,3,1,\n",
          ""},
         {good, "head @in.csv -n 2 --format json", 0,
          "[\n {\"time\": \"2024-01-01T00:00:00Z\", \"x\": 1.5, \"n\": 3},\n"
@@ -289,12 +297,26 @@ TEST_F(Cli, BadInputAndOptions) {
         {good, "resample @in.csv 1fortnight", 2, "", "not a positive duration"},
         {good, "head @in.csv --db @in.csv", 2, "", ""},
         {good, "load @in.csv --db @no/such/folder/t.vdb", 1, "", "cannot save"},
-        {unsorted, "load @in.csv", 3, "", "line 4: column time: time before that of line 3"},
+        {unsorted, "load @in.csv", 3, "", "line 5: column time: time before that of line 3"},
+        {late, "load @in.csv", 3, "", "line 65538: column time: time before that of line 65537"},
+        {late, "stats @in.csv --skip-bad --cols x --agg count,last --format csv", 0,
+         "column,type,count,last\nx,int8,65537,65537\n", "skipped 1 bad line"},
+        {good, "stats @in.csv --cols x --agg sum,argmax --format csv", 0,
+         "column,type,sum,argmax\nx,double,3.75,2\n", ""},
+        {good, "resample @in.csv 1h --agg last,count --format csv", 0,
+         "start,x.last,x.count,n.last,n.count\n2024-01-01T00:00:00Z,2.25,2,4,2\n", ""},
+        {good, "stats @in.csv --agg mean,nope", 2, "", "no aggregate named 'nope' (count, sum"},
+        {good, "stats @in.csv --cols x,time --agg sum", 2, "", "sum does not apply to column time"},
+        // ISO-8601 and YYYYMMDD through one calendar: the same first and last days.
+        {"date,v\n16771001,1\n1677-10-02,2\n", "window @in.csv 1677-10-01 16771002 --format csv", 0,
+         "date,v\n1677-10-01T00:00:00Z,1\n", ""},
+        {"date,v\n2262-04-11,1\n", "window @in.csv 16770921 2262-04-12", 2, "",
+         "'16770921' is not a date"},
         {unsorted, "head @in.csv --sort --format csv", 0,
          "time,x\n2024-01-01T00:00:00Z,3\n2024-01-02T00:00:00Z,1\n2024-01-03T00:00:00Z,2\n", ""},
         {ragged, "load @in.csv", 3, "", "line 3: 3 cells where the header has 2"},
         {ragged, "stats @in.csv --skip-bad --cols x --format csv", 0,
-         stats_head + "x,int,2,0,1,3,2,1,3\n", "skipped"},
+         stats_head + "x,int8,2,0,1,3,2,1,3\n", "skipped"},
         {"time,x\n2024-01-01,1\n2024-01-02,nan\n", "load @in.csv", 3, "",
          "line 3: column x: 'nan' is NaN or infinite"},
         {"time,x\n2024-01-01,1\n2024-01-02,abc\n", "load @in.csv --type x=double", 3, "",
@@ -317,8 +339,9 @@ TEST_F(Cli, BadInputAndOptions) {
         {"a,b\n1,2\n", "resample @in.csv 1h", 2, "", "has none (name one with --time)"},
         {"time," + std::string(70000, 'y') + "\n2024-01-01,1\n", "load @in.csv --db @in.vdb", 3, "",
          "in.csv: column 2 ('yyyyyyyyyyyyyyyyyyyyyyyy...') has a name of 70000 bytes"},
-        {"time,\"x\ny\"\n2024-01-01,1\n", "load @in.csv --db @in.vdb", 3, "",
-         "column 2 has a line break in its name"},
+        {"time,\"x\ny\"\n2024-01-01,1\n", "load @in.csv --db @nl.vdb --format csv", 0,
+         "column,type,rows,nulls,role\ntime,datetime,1,0,time (ascending)\n\"x\ny\",int8,1,0,\n",
+         ""},
         {good, "head @in.csv --log @in.log", 2, "", "go with --db IMAGE"},
     };
     for (const Case &c : cases) {
@@ -336,6 +359,154 @@ TEST_F(Cli, BadInputAndOptions) {
     }
 }
 
+// ---- images cross between the program and the table layer ---------------------
+
+namespace tbl = velseq::table;
+
+// An array of type t (char(N): T = std::string); nullopt is a null.
+template <class T> tbl::array array_of(tbl::column_type t, const std::vector<std::optional<T>> &v) {
+    tbl::array a;
+    a.type = t;
+    a.length = v.size();
+    a.values.resize(v.size() * t.width);
+    a.validity.assign((v.size() + 7) / 8, 0);
+    for (size_t i = 0; i < v.size(); i++) {
+        if (!v[i])
+            continue;
+        a.validity[i / 8] = uint8_t(a.validity[i / 8] | 1u << (i % 8));
+        if constexpr (std::is_same_v<T, std::string>)
+            std::memcpy(a.values.data() + i * t.width, v[i]->data(), v[i]->size());
+        else
+            std::memcpy(a.values.data() + i * t.width, &*v[i], sizeof(T));
+    }
+    return a;
+}
+
+// Value i of an array of a type the program writes, as it prints it.
+std::string text_of(const tbl::array &a, uint64_t i) {
+    const unsigned char *p = a.values.data() + i * a.type.width;
+    uint64_t v = 0;
+    std::memcpy(&v, p, std::min<size_t>(8, a.type.width));
+    if (!a.valid(i))
+        return "";
+    if (a.type.code == VEL_DD_SEQUENCE_DATETIME)
+        return iso(vel_dt_to_ns(v));
+    if (a.type.code == VEL_DD_SEQUENCE_DOUBLE)
+        return cell(std::optional<double>(std::bit_cast<double>(v)));
+    if (a.type.code == VEL_DD_SEQUENCE_INT8)
+        return std::to_string(int64_t(v));
+    return std::string(reinterpret_cast<const char *>(p), strnlen((const char *)p, a.type.width));
+}
+
+// (a) A table the program saves opens through the table layer with its
+// name, columns, types, orders and values; (b) tables written through the
+// table layer, of other types and several to an image, are read by the
+// program, which chooses one with --table.
+TEST_F(Cli, ImagesCross) {
+    file("ticks.csv", "time,px,n,side\n2024-01-01T00:00:00Z,1.5,3,B\n2024-01-01T00:00:01Z,,-4,S\n");
+    ASSERT_EQ(run("load @ticks.csv --db @ticks.vdb --table ticks").code, 0);
+    {
+        struct Want {
+            std::string name, type;
+            vel_seq_order_t order;
+            std::vector<std::string> values;
+        };
+        const Want want[] = {
+            {"time",
+             "datetime",
+             VEL_SEQ_ASC_ORDER,
+             {"2024-01-01T00:00:00Z", "2024-01-01T00:00:01Z"}},
+            {"px", "double", VEL_SEQ_NO_ORDER, {"1.5", ""}},
+            {"n", "int8", VEL_SEQ_NO_ORDER, {"3", "-4"}},
+            {"side", "char(32)", VEL_SEQ_NO_ORDER, {"B", "S"}},
+        };
+        auto db = velseq::open_image(dir + "ticks.vdb");
+        const std::vector<tbl::table_info> all = tbl::tables(db->get());
+        ASSERT_EQ(all.size(), 1u);
+        const tbl::table_info &t = all[0];
+        EXPECT_EQ(t.name, "ticks");
+        ASSERT_EQ(t.columns.size(), std::size(want));
+        velseq::connection con(*db);
+        velseq::transaction tx(con, velseq::transaction::read);
+        vel_objhandle_t h{};
+        ASSERT_EQ(velh_obj_open(con.get(), t.code, 1, &h), VEL_S_OK);
+        for (uint16_t c = 0; c < t.columns.size(); c++) {
+            SCOPED_TRACE(want[c].name);
+            EXPECT_EQ(t.columns[c].name, want[c].name);
+            EXPECT_EQ(tbl::type_name(t.columns[c].type), want[c].type);
+            EXPECT_EQ(t.columns[c].order, want[c].order);
+            const tbl::array a = tbl::read(tbl::column_of(h, db->get(), t, c), 0, 2);
+            EXPECT_EQ(std::vector<std::string>({text_of(a, 0), text_of(a, 1)}), want[c].values);
+        }
+    }
+    { // quotes: its time column the one ascending (not the first); other: the
+      // ascending datetime rather than the first ascending column
+        velseq::database db;
+        const auto type = [](const char *n) { return *tbl::type_by_name(n); };
+        const tbl::table_info q = tbl::define_table(db.get(), "quotes",
+                                                    {{"px", type("float")},
+                                                     {"tag", type("char(8)")},
+                                                     {"k", type("int4"), VEL_SEQ_ASC_ORDER}});
+        const tbl::table_info o = tbl::define_table(db.get(), "other",
+                                                    {{"seq", type("int8"), VEL_SEQ_ASC_ORDER},
+                                                     {"t", type("datetime"), VEL_SEQ_ASC_ORDER},
+                                                     {"v", type("double")}});
+        tbl::define_table(
+            db.get(), "old",
+            {{"time", type("datetime"), VEL_SEQ_ASC_ORDER}, {"velseq.table", type("char(32)")}});
+        const int64_t hour = 3600 * VEL_DT_NS_PER_SEC, day = 1704067200 * VEL_DT_NS_PER_SEC;
+        const std::vector<tbl::array> rows[] = {
+            {array_of<float>(type("float"), {0.1f, std::nullopt, 2.5f, -0.25f, 7.0f}),
+             array_of<std::string>(type("char(8)"), {"a", "bb", std::nullopt, "abcdefgh", "x"}),
+             array_of<int32_t>(type("int4"), {1, 2, 2, 5, 9})},
+            {array_of<int64_t>(type("int8"), {1, 2, 3}),
+             array_of<vel_datetime>(type("datetime"),
+                                    {vel_dt_from_ns(day), vel_dt_from_ns(day + hour / 2),
+                                     vel_dt_from_ns(day + hour + 1)}),
+             array_of<double>(type("double"), {1.5, 2.5, std::nullopt})},
+        };
+        velseq::connection con(db);
+        velseq::transaction tx(con, velseq::transaction::write);
+        for (const tbl::table_info *t : {&q, &o}) {
+            vel_objhandle_t h{};
+            ASSERT_EQ(velh_obj_create(con.get(), t->code, &h), VEL_S_OK);
+            for (uint16_t c = 0; c < 3; c++)
+                tbl::append(tbl::column_of(h, db.get(), *t, c), rows[t == &o][c]);
+        }
+        tx.commit();
+        velseq::save_image(db, dir + "q.vdb");
+    }
+    const std::string mean = cell(std::optional<double>((double(0.1f) + 2.5 - 0.25 + 7) / 4));
+    const struct {
+        std::string args;
+        int code;
+        std::string out, err;
+    } cases[] = {
+        {"head --db @q.vdb --table quotes", 0,
+         "px,tag,k\n0.1,a,1\n,bb,2\n2.5,,2\n-0.25,abcdefgh,5\n7,x,9\n", ""},
+        {"stats --db @q.vdb --table quotes", 0,
+         "column,type,count,nulls,min,max,mean,first,last\npx,float,4,1,-0.25,7," + mean +
+             ",0.1,7\ntag,char(8),4,1,a,x,,a,x\nk,int4,5,0,1,9,3.8,1,9\n",
+         ""},
+        {"window --db @q.vdb --table quotes 2 5 --cols k,tag", 0, "k,tag\n2,bb\n2,\n", ""},
+        {"resample --db @q.vdb --table other 1h --agg sum,argmax", 0,
+         "start,seq.sum,seq.argmax,v.sum,v.argmax\n2024-01-01T00:00:00Z,3,1,4,1\n"
+         "2024-01-01T01:00:00Z,3,2,0,\n",
+         ""},
+        {"head --db @q.vdb", 2, "",
+         "holds 3 tables: name one with --table (tables: quotes, other, old)"},
+        {"head --db @q.vdb --table nope", 2, "", "no table 'nope'"},
+        {"head --db @q.vdb --table old", 1, "", "written by an older velseq; load the CSV again"},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.args);
+        const Result r = run(c.args + " --format csv");
+        EXPECT_EQ(r.code, c.code) << r.err;
+        EXPECT_EQ(r.out, c.out);
+        EXPECT_NE(r.err.find(c.err), std::string::npos) << r.err;
+    }
+}
+
 // ---- an image with the commit log that follows it ---------------------------------
 
 // Answers read the files without changing them (a torn tail is left where it
@@ -350,10 +521,9 @@ TEST_F(Cli, ImageWithLog) {
         const std::string log = dir + "t.log";
         cfg.log_path = log.c_str();
         auto db = velseq::open_image(dir + "t.vdb", cfg);
-        velseq::schema s("table");
+        velseq::schema s("t");
         auto time = s.seq<velseq::datetime>("time", velseq::order::ascending);
         auto x = s.seq<int64_t>("x");
-        s.seq<velseq::chars<32>>("velseq.table");
         velseq::attach(*db, s, 1);
         velseq::connection con(*db);
         for (int64_t i = 1; i <= 4; i++) {

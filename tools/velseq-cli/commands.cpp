@@ -1,10 +1,11 @@
-// The questions the program answers over a loaded table.
+// The questions the program answers over a table, through the table layer.
 #include "commands.h"
 
-#include <chrono>
+#include <algorithm>
 #include <cstdio>
+#include <cstring>
 
-#include "store.h"
+#include "velseq/image.hpp"
 #include "veltools.h"
 
 namespace vcli {
@@ -17,6 +18,7 @@ void Source::prepare(bool stdout_is_terminal) {
                        "--type takes NAME=KIND, e.g. --type price=double (got '" + t + "')");
         load.types.emplace_back(t.substr(0, eq), t.substr(eq + 1));
     }
+    load.name = table;
     load.epoch = epoch == "s"    ? Epoch::Sec
                  : epoch == "ms" ? Epoch::Milli
                  : epoch == "us" ? Epoch::Micro
@@ -30,32 +32,44 @@ void Source::prepare(bool stdout_is_terminal) {
 
 namespace {
 
-template <class T> OutCell cell_of(const std::optional<T> &v) {
-    OutCell c;
-    if (!v) {
-        c.null = true;
-    } else if constexpr (std::is_same_v<T, double>) {
-        c.text = format_double(*v);
-    } else if constexpr (std::is_same_v<T, int64_t>) {
-        c.text = std::to_string(*v);
-    } else if constexpr (std::is_same_v<T, velseq::datetime>) {
-        c.text = v->iso();
-        c.quoted = true;
-    } else {
-        c.text = std::string(v->view());
-        c.quoted = true;
+// Values of type `t` parsed from command-line words; Fail (usage) when one
+// is no such value.
+tbl::array values_of(tbl::column_type t, const std::vector<std::string> &texts, const char *what) {
+    tbl::array a;
+    a.type = t;
+    a.length = texts.size();
+    a.values.resize(texts.size() * t.width);
+    for (size_t i = 0; i < texts.size(); i++)
+        if (const Parsed p = parse_value(t, texts[i], a.values.data() + i * t.width);
+            p != Parsed::Ok)
+            throw Fail(kExitUsage, std::string(what) + " '" + texts[i] + "' " + refusal(t, p));
+    return a;
+}
+
+// The rows of columns of equal length.
+void write_rows(Output &out, const std::vector<tbl::array> &cols) {
+    std::vector<OutCell> row(cols.size());
+    for (uint64_t i = 0; !cols.empty() && i < cols[0].length; i++) {
+        for (size_t k = 0; k < cols.size(); k++)
+            row[k] = cell_of(cols[k], i);
+        out.row(row);
     }
-    return c;
 }
 
 // The table's object in one read transaction.
 struct Reader {
     const Table &t;
+    velh_db_t *db;
     velseq::connection con;
     velseq::transaction tx;
-    velseq::object obj;
-    Reader(velseq::database &db, const Table &tab)
-        : t(tab), con(db), tx(con, velseq::transaction::read), obj(tx.open(tab.schema, tab.oid)) {}
+    vel_objhandle_t obj{};
+    Reader(velseq::database &d, const Table &tab)
+        : t(tab), db(d.get()), con(d), tx(con, velseq::transaction::read) {
+        velseq::detail::check(velh_obj_open(con.get(), t.info.code, t.oid, &obj),
+                              "opening the table");
+    }
+    tbl::column column(int c) const { return t.column(obj, db, c); }
+    const Column &col(int c) const { return t.cols[static_cast<size_t>(c)]; }
 
     // Column indices of --cols, or every column.
     std::vector<int> columns(const std::vector<std::string> &names) const {
@@ -70,30 +84,18 @@ struct Reader {
     std::vector<std::string> header(const std::vector<int> &cols) const {
         std::vector<std::string> h;
         for (int c : cols)
-            h.push_back(t.cols[c].name);
+            h.push_back(col(c).name);
         return h;
     }
     // Rows [first, last) of the given columns, a block at a time.
     void print_rows(Output &out, const std::vector<int> &cols, uint64_t first, uint64_t last) {
         constexpr uint64_t kBlock = 4096;
-        std::vector<std::vector<OutCell>> by_col(cols.size());
-        std::vector<OutCell> row(cols.size());
+        std::vector<tbl::array> block(cols.size());
         for (uint64_t a = first; a < last; a += kBlock) {
             const uint64_t b = std::min(last, a + kBlock);
-            for (size_t k = 0; k < cols.size(); k++) {
-                by_col[k].clear();
-                std::visit(
-                    [&](auto &fld) {
-                        for (auto v : obj[fld].elements(a, b))
-                            by_col[k].push_back(cell_of(v));
-                    },
-                    t.fields[cols[k]]);
-            }
-            for (uint64_t i = 0; i < b - a; i++) {
-                for (size_t k = 0; k < cols.size(); k++)
-                    row[k] = std::move(by_col[k][i]);
-                out.row(row);
-            }
+            for (size_t k = 0; k < cols.size(); k++)
+                block[k] = tbl::read(column(cols[k]), a, b);
+            write_rows(out, block);
         }
     }
     int need_time(const char *what) const {
@@ -104,183 +106,194 @@ struct Reader {
     }
     // Positions of the rows with from <= time < to; says so on standard
     // error when the window lies wholly before or after the rows.
-    velseq::position_range window(const std::string &from, const std::string &to) {
+    std::pair<uint64_t, uint64_t> window(const std::string &from, const std::string &to) {
         const int tc = need_time("a time window");
-        const Kind k = t.cols[tc].kind;
-        const int64_t lo = parse_bound(k, from, "window start"),
-                      hi = parse_bound(k, to, "window end");
-        const bool reversed = k == Kind::Int ? hi < lo : uint64_t(hi) < uint64_t(lo);
-        if (reversed)
+        const tbl::column c = column(tc);
+        const tbl::array b = values_of(c.type, {from, to}, "window bound");
+        std::pair<uint64_t, uint64_t> p;
+        try {
+            p = tbl::search(c, b, tbl::bound::inclusive, tbl::bound::exclusive);
+        } catch (const velseq::error &e) {
+            if (e.code() != VEL_E_ILLEGAL_PARAM) // bounds given reversed
+                throw;
             throw Fail(kExitUsage, "the window " + from + " .. " + to +
                                        " is reversed: its end comes before its start");
-        return std::visit(
-            [&](auto &fld) -> velseq::position_range {
-                using T = typename field_elem<std::decay_t<decltype(fld)>>::type;
-                if constexpr (std::is_same_v<T, int64_t> || std::is_same_v<T, velseq::datetime>) {
-                    T a, b;
-                    if constexpr (std::is_same_v<T, int64_t>)
-                        a = lo, b = hi;
-                    else
-                        a = velseq::datetime::from_raw(uint64_t(lo)),
-                        b = velseq::datetime::from_raw(uint64_t(hi));
-                    auto s = obj[fld];
-                    const std::optional<T> first = s.front(), last = s.back();
-                    if (last && *last < a)
-                        std::fprintf(stderr, "velseq: the window starts after the last row (%s)\n",
-                                     cell_of(last).text.c_str());
-                    else if (first && b <= *first)
-                        std::fprintf(stderr, "velseq: the window ends before the first row (%s)\n",
-                                     cell_of(first).text.c_str());
-                    return s.search(a, b, velseq::bound::inclusive, velseq::bound::exclusive);
-                } else {
-                    throw Fail(kExitUsage, "the time column holds no times");
-                }
-            },
-            t.fields[tc]);
+        }
+        if (p.first == p.second && t.rows > 0) {
+            if (tbl::search(c, b, tbl::bound::inclusive, tbl::bound::open).second == 0)
+                std::fprintf(stderr, "velseq: the window starts after the last row (%s)\n",
+                             cell_of(tbl::read(c, t.rows - 1, t.rows), 0).text.c_str());
+            else if (tbl::search(c, b, tbl::bound::open, tbl::bound::exclusive).second == 0)
+                std::fprintf(stderr, "velseq: the window ends before the first row (%s)\n",
+                             cell_of(tbl::read(c, 0, 1), 0).text.c_str());
+        }
+        return p;
+    }
+    // The kernels that apply to column c; a column named with --cols
+    // (`named`) to which one does not apply is refused.
+    std::vector<std::string> applying(int c, const std::vector<std::string> &ks, bool named) const {
+        std::vector<std::string> out;
+        for (const std::string &k : ks) {
+            bool yes = false;
+            try {
+                yes = tbl::applies(k, col(c).type);
+            } catch (const velseq::error &e) { // an unknown name
+                std::string names;
+                for (const tbl::kernel_info &i : tbl::kernels())
+                    names += (names.empty() ? "" : ", ") + std::string(i.name);
+                throw Fail(kExitUsage, "--agg: " + std::string(e.what()) + " (" + names + ")");
+            }
+            if (yes)
+                out.push_back(k);
+            else if (named)
+                throw Fail(kExitUsage, k + " does not apply to column " + col(c).name + " (" +
+                                           tbl::type_name(col(c).type) + ")");
+        }
+        return out;
     }
 };
 
 int cmd_load(velseq::database &db, const Table &t, const Source &src) {
-    if (!src.db.empty())
-        save_table(db, t, src.db);
+    try { // the image replaced whole
+        if (!src.db.empty())
+            velseq::save_image(db, src.db);
+    } catch (const velseq::error &e) {
+        throw Fail(kExitInput, "cannot save the table to " + src.db + ": " + e.what());
+    }
     Reader r(db, t);
     Output out(stdout, src.out, {"column", "type", "rows", "nulls", "role"});
     for (size_t c = 0; c < t.cols.size(); c++) {
-        uint64_t nulls = 0;
-        std::visit(
-            [&](auto &fld) {
-                for (const auto &tile : r.obj[fld].tiles())
-                    for (size_t i = 0; i < tile.size(); i++)
-                        nulls += tile.nulls[i];
-            },
-            t.fields[c]);
+        const tbl::array n = tbl::aggregate(r.column(static_cast<int>(c)), 0, t.rows, {"count"})[0];
+        uint64_t count;
+        std::memcpy(&count, n.values.data(), 8);
+        const vel_seq_order_t ord = t.cols[c].order;
+        const std::string role = static_cast<int>(c) == t.time ? "time (ascending)"
+                                 : ord == VEL_SEQ_ASC_ORDER    ? "ascending"
+                                 : ord == VEL_SEQ_DESC_ORDER   ? "descending"
+                                                               : "";
         out.row({{t.cols[c].name, false, true},
-                 {kind_name(t.cols[c].kind), false, true},
+                 {tbl::type_name(t.cols[c].type), false, true},
                  {std::to_string(t.rows)},
-                 {std::to_string(nulls)},
-                 {static_cast<int>(c) == t.time ? "time (ascending)" : "",
-                  static_cast<int>(c) != t.time, true}});
+                 {std::to_string(t.rows - count)},
+                 {role, role.empty(), true}});
     }
     out.end();
     std::fflush(stdout);
     if (!src.db.empty())
-        std::fprintf(stderr, "velseq: %llu rows saved to %s\n",
-                     static_cast<unsigned long long>(t.rows), src.db.c_str());
+        std::fprintf(stderr, "velseq: %llu rows saved to %s as table '%s'\n",
+                     static_cast<unsigned long long>(t.rows), src.db.c_str(), t.info.name.c_str());
     return 0;
 }
 
-int cmd_head_tail(Reader &r, const Source &src, const Query &q, bool head) {
+// head, tail and window: rows [first, last) of the --cols.
+int cmd_rows(Reader &r, const Source &src, const Query &q, uint64_t first, uint64_t last) {
     const std::vector<int> cols = r.columns(q.cols);
-    const uint64_t want = q.n > 0 ? q.n : 10, n = r.t.rows;
-    if (want > n)
-        std::fprintf(stderr, "velseq: the table has only %llu rows\n",
-                     static_cast<unsigned long long>(n));
-    const uint64_t k = std::min(want, n);
     Output out(stdout, src.out, r.header(cols));
-    r.print_rows(out, cols, head ? 0 : n - k, head ? k : n);
+    r.print_rows(out, cols, first, last);
     out.end();
     return 0;
 }
 
-int cmd_window(Reader &r, const Source &src, const Query &q) {
-    const std::vector<int> cols = r.columns(q.cols);
-    const velseq::position_range p = r.window(q.from, q.to);
-    Output out(stdout, src.out, r.header(cols));
-    r.print_rows(out, cols, p.first, p.last);
-    out.end();
-    return 0;
-}
-
+// Per column, the kernels' answers over the rows (of the window); the
+// default adds nulls after count, and a kernel that does not apply to a
+// column leaves its cell empty.
 int cmd_stats(Reader &r, const Source &src, const Query &q) {
     const std::vector<int> cols = r.columns(q.cols);
-    velseq::position_range p{0, r.t.rows};
+    std::pair<uint64_t, uint64_t> p{0, r.t.rows};
     if (!q.window.empty())
         p = r.window(q.window[0], q.window[1]);
-    Output out(stdout, src.out,
-               {"column", "type", "count", "nulls", "min", "max", "mean", "first", "last"});
+    const std::vector<std::string> ks =
+        !q.agg.empty() ? q.agg
+                       : std::vector<std::string>{"count", "min", "max", "mean", "first", "last"};
+    std::vector<std::string> header{"column", "type"};
+    header.insert(header.end(), ks.begin(), ks.end());
+    if (q.agg.empty())
+        header.insert(header.begin() + 3, "nulls");
+    std::vector<std::vector<std::string>> some; // per column, the kernels that apply
     for (int c : cols)
-        std::visit(
-            [&](auto &fld) {
-                const auto s = velseq::aggregate(r.obj[fld], p);
-                out.row({{r.t.cols[c].name, false, true},
-                         {kind_name(r.t.cols[c].kind), false, true},
-                         {std::to_string(s.count)},
-                         {std::to_string(s.rows - s.count)},
-                         cell_of(s.min),
-                         cell_of(s.max),
-                         cell_of(s.mean()),
-                         cell_of(s.first),
-                         cell_of(s.last)});
-            },
-            r.t.fields[c]);
-    out.end();
-    return 0;
-}
-
-int cmd_resample(Reader &r, const Source &src, const Query &q) {
-    const int tc = r.need_time("resample");
-    if (r.t.cols[tc].kind != Kind::Time)
-        throw Fail(kExitUsage, "resample needs a datetime time column");
-    const int64_t every = parse_duration(q.every, "bucket width");
-    std::optional<std::pair<velseq::datetime, velseq::datetime>> win;
-    if (!q.window.empty()) {
-        const velseq::position_range p = r.window(q.window[0], q.window[1]); // checks, says so
-        (void)p;
-        win = {velseq::datetime::from_raw(uint64_t(parse_bound(Kind::Time, q.window[0], ""))),
-               velseq::datetime::from_raw(uint64_t(parse_bound(Kind::Time, q.window[1], "")))};
-    }
-    std::vector<int> cols;
-    for (int c : r.columns(q.cols)) {
-        const Kind k = r.t.cols[c].kind;
-        if (k == Kind::Int || k == Kind::Double) {
-            if (c != tc)
-                cols.push_back(c);
-        } else if (!q.cols.empty()) {
-            throw Fail(kExitUsage, "resample takes numeric columns; " + r.t.cols[c].name +
-                                       " holds " + kind_name(k));
-        }
-    }
-    if (cols.empty())
-        throw Fail(kExitUsage, "resample: " + r.t.source + " has no numeric column");
-    const auto &ts = std::get<velseq::field<velseq::datetime>>(r.t.fields[tc]);
-    // One column of bars per value column; every column has the same buckets
-    // (those holding a row).
-    std::vector<std::string> header{"start"};
-    std::vector<std::vector<std::vector<OutCell>>> bars(cols.size());
-    std::vector<velseq::datetime> starts;
-    for (size_t k = 0; k < cols.size(); k++) {
-        const std::string &nm = r.t.cols[cols[k]].name;
-        for (const char *s : {"first", "max", "min", "last", "count", "mean"})
-            header.push_back(nm + "." + s);
-        std::visit(
-            [&](auto &fld) {
-                using T = typename field_elem<std::decay_t<decltype(fld)>>::type;
-                if constexpr (std::is_arithmetic_v<T>) {
-                    const auto b = velseq::resample(r.obj[ts], r.obj[fld],
-                                                    std::chrono::nanoseconds(every), win);
-                    for (const auto &x : b) {
-                        if (k == 0)
-                            starts.push_back(x.start);
-                        const std::optional<double> mean =
-                            x.count ? std::optional<double>(double(x.sum) / double(x.count))
-                                    : std::nullopt;
-                        bars[k].push_back({cell_of(x.first), cell_of(x.max), cell_of(x.min),
-                                           cell_of(x.last), OutCell{std::to_string(x.count)},
-                                           cell_of(mean)});
-                    }
-                }
-            },
-            r.t.fields[cols[k]]);
-    }
+        some.push_back(r.applying(c, ks, !q.cols.empty()));
     Output out(stdout, src.out, header);
-    for (size_t i = 0; i < starts.size(); i++) {
-        std::vector<OutCell> row{cell_of(std::optional<velseq::datetime>(starts[i]))};
-        for (auto &b : bars)
-            row.insert(row.end(), b[i].begin(), b[i].end());
+    for (size_t i = 0; i < cols.size(); i++) {
+        const int c = cols[i];
+        const std::vector<tbl::array> a = tbl::aggregate(r.column(c), p.first, p.second, some[i]);
+        std::vector<OutCell> row{{r.col(c).name, false, true},
+                                 {tbl::type_name(r.col(c).type), false, true}};
+        for (const std::string &k : ks) {
+            const size_t j = std::find(some[i].begin(), some[i].end(), k) - some[i].begin();
+            row.push_back(j < some[i].size() ? cell_of(a[j], 0) : OutCell{"", true, false});
+        }
+        if (q.agg.empty()) {
+            uint64_t count;
+            std::memcpy(&count, a[0].values.data(), 8);
+            row.insert(row.begin() + 3, OutCell{std::to_string(p.second - p.first - count)});
+        }
         out.row(row);
     }
     out.end();
     return 0;
+}
+
+// Per bucket of the time column, each kernel's answer per column: those
+// named with --cols, else every other column to which all the kernels apply.
+int cmd_resample(Reader &r, const Source &src, const Query &q) {
+    const int tc = r.need_time("resample");
+    if (!(r.col(tc).type == kDatetime))
+        throw Fail(kExitUsage, "resample needs a datetime time column");
+    const int64_t every = parse_duration(q.every, "bucket width");
+    std::optional<std::pair<vel_datetime, vel_datetime>> win;
+    if (!q.window.empty()) {
+        r.window(q.window[0], q.window[1]); // checks the bounds, says when it misses
+        const tbl::array b = values_of(kDatetime, q.window, "window bound");
+        win.emplace();
+        std::memcpy(&win->first, b.values.data(), 8);
+        std::memcpy(&win->second, b.values.data() + 8, 8);
+    }
+    const std::vector<std::string> ks =
+        !q.agg.empty() ? q.agg
+                       : std::vector<std::string>{"first", "max", "min", "last", "count", "mean"};
+    std::vector<int> cols;
+    for (int c : r.columns(q.cols))
+        if (c != tc && r.applying(c, ks, !q.cols.empty()).size() == ks.size())
+            cols.push_back(c);
+    if (cols.empty())
+        throw Fail(kExitUsage, "resample: " + r.t.source + " has no column to which every " +
+                                   "aggregate applies (a numeric column, for the default ones)");
+    std::vector<std::string> header{"start"};
+    std::vector<tbl::buckets> bars;
+    for (int c : cols) {
+        for (const std::string &k : ks)
+            header.push_back(r.col(c).name + "." + k);
+        bars.push_back(tbl::resample(r.column(tc), r.column(c), every, vel_dt_from_ns(0), win, ks));
+    }
+    // Every column has the same buckets: those holding a row.
+    Output out(stdout, src.out, header);
+    for (uint64_t i = 0; i < bars[0].start.length; i++) {
+        std::vector<OutCell> row{cell_of(bars[0].start, i)};
+        for (const tbl::buckets &b : bars)
+            for (const tbl::array &a : b.answers)
+                row.push_back(cell_of(a, i));
+        out.row(row);
+    }
+    out.end();
+    return 0;
+}
+
+// The probes of an as-of join: OTHER's time column for a datetime key, else
+// its column of the key's name, as values of the key's type.
+tbl::array probes_of(Reader &o, const Column &key, const std::string &file) {
+    int pc = key.type == kDatetime ? o.t.time : o.t.find(key.name);
+    if (pc < 0)
+        throw Fail(kExitUsage,
+                   file + " has no " +
+                       (key.type == kDatetime ? "datetime column" : "column named " + key.name) +
+                       " to match the time column " + key.name);
+    const tbl::array got = tbl::read(o.column(pc), 0, o.t.rows);
+    if (got.type == key.type)
+        return got;
+    std::vector<std::string> texts; // converted through their text
+    for (uint64_t i = 0; i < got.length; i++)
+        texts.push_back(cell_of(got, i).text);
+    return values_of(key.type, texts, (file + ": probe").c_str());
 }
 
 int cmd_asof(Reader &r, const Source &src, const Query &q) {
@@ -291,103 +304,65 @@ int cmd_asof(Reader &r, const Source &src, const Query &q) {
     // The probes live in a database of their own: the table's may be open
     // read-only.
     velseq::database other_db;
-    Table other = load_csv(other_db, lo);
-    if (other.time < 0 || other.cols[other.time].kind != r.t.cols[tc].kind)
-        throw Fail(kExitUsage, q.other + " has no " + kind_name(r.t.cols[tc].kind) +
-                                   " column to match the time column " + r.t.cols[tc].name);
-    const std::vector<int> cols = r.columns(q.cols);
+    const Table other = load_csv(other_db, lo);
     Reader o(other_db, other);
-    std::vector<std::string> header = o.header(o.columns({}));
-    for (int c : cols) {
-        std::string nm = r.t.cols[c].name;
+    tbl::asof_options opt;
+    opt.dir = q.direction == "forward"   ? tbl::direction::forward
+              : q.direction == "nearest" ? tbl::direction::nearest
+                                         : tbl::direction::backward;
+    if (!q.tolerance.empty() && r.col(tc).type == kDatetime) {
+        opt.tolerance = parse_duration(q.tolerance, "tolerance");
+    } else if (!q.tolerance.empty()) { // a difference of key values
+        double d;
+        std::memcpy(&d, values_of(kDouble, {q.tolerance}, "tolerance").values.data(), 8);
+        opt.tolerance = d;
+    }
+    const tbl::array pos = tbl::asof(r.column(tc), probes_of(o, r.col(tc), q.other), opt);
+    // The other table's columns, then the prevailing row of this one.
+    std::vector<int> ocols = o.columns({});
+    std::vector<std::string> header = o.header(ocols);
+    std::vector<tbl::array> by_col;
+    for (int c : ocols)
+        by_col.push_back(tbl::read(o.column(c), 0, other.rows));
+    for (int c : r.columns(q.cols)) {
+        std::string nm = r.col(c).name;
         while (std::find(header.begin(), header.end(), nm) != header.end())
             nm += ".asof";
         header.push_back(nm);
+        by_col.push_back(tbl::gather(r.column(c), pos));
     }
-    // The other table's columns, then the prevailing row of this one.
-    std::vector<std::vector<OutCell>> by_col;
-    for (size_t c = 0; c < other.cols.size(); c++) {
-        by_col.emplace_back();
-        std::visit(
-            [&](auto &fld) {
-                for (auto v : o.obj[fld].elements())
-                    by_col.back().push_back(cell_of(v));
-            },
-            other.fields[c]);
-    }
-    std::visit(
-        [&](auto &key_fld) {
-            using K = typename field_elem<std::decay_t<decltype(key_fld)>>::type;
-            if constexpr (std::is_same_v<K, int64_t> || std::is_same_v<K, velseq::datetime>) {
-                velseq::asof_options<K> opt;
-                opt.dir = q.direction == "forward"   ? velseq::direction::forward
-                          : q.direction == "nearest" ? velseq::direction::nearest
-                                                     : velseq::direction::backward;
-                if (!q.tolerance.empty()) {
-                    if constexpr (std::is_same_v<K, velseq::datetime>) {
-                        opt.tolerance =
-                            std::chrono::nanoseconds(parse_duration(q.tolerance, "tolerance"));
-                    } else {
-                        opt.tolerance =
-                            static_cast<uint64_t>(parse_bound(Kind::Int, q.tolerance, "tolerance"));
-                    }
-                }
-                std::vector<K> probes;
-                for (auto v :
-                     o.obj[std::get<velseq::field<K>>(other.fields[other.time])].elements())
-                    probes.push_back(*v);
-                const auto pos = velseq::asof(r.obj[key_fld], velseq::span<const K>(probes), opt);
-                for (int c : cols) {
-                    by_col.emplace_back();
-                    std::visit(
-                        [&](auto &fld) {
-                            for (const auto &v : velseq::gather(
-                                     r.obj[fld], velseq::span<const std::optional<uint64_t>>(pos)))
-                                by_col.back().push_back(cell_of(v));
-                        },
-                        r.t.fields[c]);
-                }
-            }
-        },
-        r.t.fields[tc]);
     Output out(stdout, src.out, header);
-    std::vector<OutCell> row(by_col.size());
-    for (uint64_t i = 0; i < other.rows; i++) {
-        for (size_t k = 0; k < by_col.size(); k++)
-            row[k] = std::move(by_col[k][i]);
-        out.row(row);
-    }
+    write_rows(out, by_col);
     out.end();
     return 0;
 }
 
+// The scalar code (VEL_DD_*) of a column type, which the tree walks take.
+uint8_t element_code(tbl::column_type t) {
+#define VCLI_SCALAR_(S, T, DD)                                                                     \
+    if (t.code == VEL_DD_SEQUENCE_##DD)                                                            \
+        return VEL_DD_##DD;
+    VEL_SEQ_SCALAR_TYPES(VCLI_SCALAR_)
+#undef VCLI_SCALAR_
+    return VEL_DD_CHAR;
+}
+
 int cmd_tree(Reader &r, const Query &q) {
     for (int c : r.columns(q.cols)) {
-        std::visit(
-            [&](auto &fld) {
-                auto s = r.obj[fld];
-                const velh_field_info_t &fi = s.info();
-                const Kind k = r.t.cols[c].kind;
-                const velt_type_t type{k == Kind::Int      ? uint8_t(VEL_DD_INT8)
-                                       : k == Kind::Double ? uint8_t(VEL_DD_DOUBLE)
-                                       : k == Kind::Time   ? uint8_t(VEL_DD_DATETIME)
-                                                           : uint8_t(VEL_DD_CHAR),
-                                       fi.elem_size};
-                const velt_field_t f{fi.u_offset, fi.c_offset, fi.fld_no, type,
-                                     c == r.t.time ? VEL_SEQ_ASC_ORDER : VEL_SEQ_NO_ORDER};
-                velt_error_t err{};
-                velt_tree_stats_t st;
-                std::printf("column %s (%s):\n", r.t.cols[c].name.c_str(), kind_name(k));
-                if (velt_tree_stats(s.obj(), &f, &st, &err) != VELT_OK)
-                    throw Fail(kExitInput, std::string("tree: ") + err.message);
-                velt_print_stats(stdout, &st);
-                if (q.dump) {
-                    const velt_dump_options_t opt{q.preview, 16};
-                    if (velt_dump_tree(s.obj(), &f, stdout, &opt, &err) != VELT_OK)
-                        throw Fail(kExitInput, std::string("tree: ") + err.message);
-                }
-            },
-            r.t.fields[c]);
+        tbl::column s = r.column(c);
+        const velt_field_t f{s.field.u_offset, s.field.c_offset, s.field.fld_no,
+                             velt_type_t{element_code(s.type), s.type.width}, r.col(c).order};
+        velt_error_t err{};
+        velt_tree_stats_t st;
+        std::printf("column %s (%s):\n", r.col(c).name.c_str(), tbl::type_name(s.type).c_str());
+        if (velt_tree_stats(&s.obj, &f, &st, &err) != VELT_OK)
+            throw Fail(kExitInput, std::string("tree: ") + err.message);
+        velt_print_stats(stdout, &st);
+        if (q.dump) {
+            const velt_dump_options_t opt{q.preview, 16};
+            if (velt_dump_tree(&s.obj, &f, stdout, &opt, &err) != VELT_OK)
+                throw Fail(kExitInput, std::string("tree: ") + err.message);
+        }
     }
     return 0;
 }
@@ -413,7 +388,7 @@ std::unique_ptr<velseq::database> open_source(const std::string &name, const Sou
     } else if (!src.db.empty()) {
         if (src.recover && src.log.empty())
             throw Fail(kExitUsage, "--recover repairs a commit log: name it with --log");
-        db = open_table(src.db, t, src.log, src.recover);
+        db = open_table(src.db, t, src.table, src.log, src.recover);
     } else {
         throw Fail(kExitUsage, name + " needs a CSV file or --db IMAGE");
     }
@@ -425,10 +400,16 @@ int answer(const std::string &name, velseq::database &db, const Table &t, const 
     if (name == "load")
         return cmd_load(db, t, src);
     Reader r(db, t);
+    const uint64_t n = t.rows, k = std::min(n, q.n > 0 ? q.n : 10);
+    if ((name == "head" || name == "tail") && k < (q.n > 0 ? q.n : 10))
+        std::fprintf(stderr, "velseq: the table has only %llu rows\n",
+                     static_cast<unsigned long long>(n));
     if (name == "head" || name == "tail")
-        return cmd_head_tail(r, src, q, name == "head");
-    if (name == "window")
-        return cmd_window(r, src, q);
+        return cmd_rows(r, src, q, name == "head" ? 0 : n - k, name == "head" ? k : n);
+    if (name == "window") {
+        const auto p = r.window(q.from, q.to);
+        return cmd_rows(r, src, q, p.first, p.second);
+    }
     if (name == "stats")
         return cmd_stats(r, src, q);
     if (name == "resample")

@@ -16,6 +16,7 @@ struct Source {
     LoadOptions load;
     std::string db;                 // --db: a database image
     std::string log;                // --log: the commit log that follows it
+    std::string table;              // --table: the table of the image (load: its name)
     bool recover = false;           // --recover: set a damaged log's rest aside
     std::vector<std::string> types; // --type NAME=KIND as given
     std::string epoch;              // --epoch s|ms|us|ns
@@ -29,7 +30,7 @@ struct Query {
     uint64_t n = 0;
     std::vector<std::string> cols;
     std::string from, to, every, other, direction = "backward", tolerance;
-    std::vector<std::string> window;
+    std::vector<std::string> window, agg; // --window FROM TO, --agg kernel names
     bool dump = false;
     uint32_t preview = 8;
 };
@@ -41,7 +42,7 @@ std::unique_ptr<velseq::database> open_source(const std::string &name, const Sou
 int answer(const std::string &name, velseq::database &db, const Table &t, const Source &src,
            const Query &q);
 int run_command(const std::string &name, Source &src, const Query &q);
-int run_demo(const char *self, uint64_t rows, const std::string &dir);
+int run_demo(uint64_t rows, const std::string &dir);
 
 } // namespace vcli
 

@@ -11,7 +11,6 @@
 #include <vector>
 
 #include "commands.h"
-#include "store.h"
 
 namespace vcli {
 
@@ -76,11 +75,8 @@ void show(const std::string &cmd) {
     std::fflush(stdout);
 }
 
-} // namespace
-
-int run_demo(const char *self, uint64_t rows, const std::string &dir_opt) {
-    (void)self;
-    std::string dir = dir_opt;
+// The folder of the generated files: `dir`, or a new one in /tmp.
+std::string make_dir(std::string dir) {
     if (dir.empty()) {
         char tmpl[] = "/tmp/velseq-demo-XXXXXX";
         if (mkdtemp(tmpl) == nullptr)
@@ -90,6 +86,13 @@ int run_demo(const char *self, uint64_t rows, const std::string &dir_opt) {
     } else if (mkdir(dir.c_str(), 0777) != 0 && errno != EEXIST) {
         throw Fail(kExitInput, "cannot make " + dir + ": " + std::strerror(errno));
     }
+    return dir;
+}
+
+} // namespace
+
+int run_demo(uint64_t rows, const std::string &dir_opt) {
+    const std::string dir = make_dir(dir_opt);
     const std::string trades = dir + "/trades.csv", orders = dir + "/orders.csv";
     std::printf("velseq demo: a day of %llu trades (a random walk, a halt from 12:00 to 12:20, "
                 "1 size in 200 missing)\nwritten to %s\n",

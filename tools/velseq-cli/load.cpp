@@ -1,11 +1,11 @@
-// CSV in: records, cells, type inference, parsing, and appends in chunks.
+// CSV in: records, cells, type inference, parsing, and appends in chunks
+// through the table layer, whose append checks the time column's order.
 #include <algorithm>
 #include <cerrno>
-#include <charconv>
 #include <chrono>
-#include <cmath>
 #include <cstdio>
 #include <cstring>
+#include <functional>
 #include <numeric>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -13,27 +13,6 @@
 #include "table.h"
 
 namespace vcli {
-
-const char *kind_name(Kind k) {
-    switch (k) {
-    case Kind::Int:
-        return "int";
-    case Kind::Double:
-        return "double";
-    case Kind::Time:
-        return "datetime";
-    case Kind::Text:
-        return "text";
-    }
-    return "?";
-}
-
-std::optional<Kind> kind_parse(const std::string &name) {
-    for (Kind k : {Kind::Int, Kind::Double, Kind::Time, Kind::Text})
-        if (name == kind_name(k))
-            return k;
-    return std::nullopt;
-}
 
 int Table::find(const std::string &name) const {
     for (size_t i = 0; i < cols.size(); i++)
@@ -46,7 +25,7 @@ int Table::need(const std::string &name) const {
     const int i = find(name);
     if (i < 0) {
         std::string names;
-        for (const ColumnDef &c : cols)
+        for (const Column &c : cols)
             names += (names.empty() ? "" : ", ") + c.name;
         throw Fail(kExitUsage,
                    "no column '" + name + "' in " + source + " (columns: " + names + ")");
@@ -54,17 +33,11 @@ int Table::need(const std::string &name) const {
     return i;
 }
 
-std::string format_double(double v) {
-    char buf[32];
-    auto r = std::to_chars(buf, buf + sizeof buf, v);
-    return std::string(buf, r.ptr);
-}
-
 namespace {
 
 constexpr size_t kMaxLine = size_t(1) << 20; // a record longer than this is refused
 constexpr size_t kBlock = size_t(1) << 20;
-constexpr size_t kSample = 1000; // records that decide the inferred kinds
+constexpr size_t kSample = 1000; // records that decide the inferred types
 constexpr size_t kChunk = 65536; // rows per append
 
 // Records of a CSV stream: a newline ends a record unless it lies inside a
@@ -143,6 +116,28 @@ class RecordReader {
     uint64_t line_ = 0, bytes_ = 0;
 };
 
+// A quoted cell from rec[i] (its opening quote) into `scratch`, doubled
+// quotes undoubled; false when unterminated or followed by more than blanks.
+bool quoted_cell(std::string_view rec, size_t &i, std::string &scratch) {
+    for (i++;;) {
+        if (i >= rec.size())
+            return false;
+        if (rec[i] == '"') {
+            if (i + 1 < rec.size() && rec[i + 1] == '"') {
+                scratch.push_back('"');
+                i += 2;
+                continue;
+            }
+            i++;
+            break;
+        }
+        scratch.push_back(rec[i++]);
+    }
+    while (i < rec.size() && rec[i] == ' ')
+        i++;
+    return i >= rec.size() || rec[i] == ',';
+}
+
 // Splits a record into cells; `quoted[i]` says whether cell i was quoted (an
 // unquoted empty cell is a null, a quoted one an empty text).  Cells point
 // into the record or, when unquoting changed them, into `scratch`.
@@ -164,133 +159,22 @@ bool split(std::string_view rec, std::vector<std::string_view> &cells, std::vect
     scratch.clear();
     scratch.reserve(rec.size());
     std::vector<std::pair<size_t, size_t>> spans;
-    size_t i = 0;
-    for (;;) {
+    for (size_t i = 0;; i++) { // i++: past the comma
         const size_t start = scratch.size();
-        bool q = false;
         while (i < rec.size() && rec[i] == ' ')
             i++;
-        if (i < rec.size() && rec[i] == '"') {
-            q = true;
-            i++;
-            for (;;) {
-                if (i >= rec.size())
-                    return false; // unterminated quote
-                if (rec[i] == '"') {
-                    if (i + 1 < rec.size() && rec[i + 1] == '"') {
-                        scratch.push_back('"');
-                        i += 2;
-                        continue;
-                    }
-                    i++;
-                    break;
-                }
-                scratch.push_back(rec[i++]);
-            }
-            while (i < rec.size() && rec[i] == ' ')
-                i++;
-            if (i < rec.size() && rec[i] != ',')
-                return false; // text after a closing quote
-        } else {
-            while (i < rec.size() && rec[i] != ',')
-                scratch.push_back(rec[i++]);
-        }
+        const bool q = i < rec.size() && rec[i] == '"';
+        if (q && !quoted_cell(rec, i, scratch))
+            return false;
+        while (!q && i < rec.size() && rec[i] != ',')
+            scratch.push_back(rec[i++]);
         spans.push_back({start, scratch.size() - start});
         quoted.push_back(q);
         if (i >= rec.size())
             break;
-        i++; // the comma
     }
     for (auto [s, n] : spans)
         cells.push_back(std::string_view(scratch).substr(s, n));
-    return true;
-}
-
-std::string_view trim(std::string_view s) {
-    while (!s.empty() && (s.front() == ' ' || s.front() == '\t'))
-        s.remove_prefix(1);
-    while (!s.empty() && (s.back() == ' ' || s.back() == '\t'))
-        s.remove_suffix(1);
-    return s;
-}
-
-bool parse_int(std::string_view s, int64_t &v) {
-    s = trim(s);
-    if (!s.empty() && s.front() == '+')
-        s.remove_prefix(1);
-    auto r = std::from_chars(s.data(), s.data() + s.size(), v);
-    return !s.empty() && r.ec == std::errc() && r.ptr == s.data() + s.size();
-}
-
-// 0: ok, 1: not a number, 2: NaN or infinite
-int parse_double(std::string_view s, double &v) {
-    s = trim(s);
-    if (!s.empty() && s.front() == '+')
-        s.remove_prefix(1);
-    auto r = std::from_chars(s.data(), s.data() + s.size(), v);
-    if (s.empty() || r.ec == std::errc::invalid_argument || r.ptr != s.data() + s.size())
-        return 1;
-    if (r.ec == std::errc::result_out_of_range || !std::isfinite(v))
-        return 2;
-    return 0;
-}
-
-// YYYYMMDD, optionally followed by [T]hhmmss (compact ISO-8601), as UTC.
-bool parse_compact_date(std::string_view s, int64_t &ns) {
-    auto digits = [&](size_t at, size_t n, unsigned &out) {
-        out = 0;
-        for (size_t i = at; i < at + n; i++) {
-            if (s[i] < '0' || s[i] > '9')
-                return false;
-            out = out * 10 + unsigned(s[i] - '0');
-        }
-        return true;
-    };
-    unsigned y, m, d, hh = 0, mm = 0, ss = 0;
-    if (s.size() < 8 || !digits(0, 4, y) || !digits(4, 2, m) || !digits(6, 2, d))
-        return false;
-    size_t at = 8;
-    if (s.size() > 8) {
-        if (s[8] == 'T' || s[8] == ' ')
-            at = 9;
-        if (s.size() != at + 6 || !digits(at, 2, hh) || !digits(at + 2, 2, mm) ||
-            !digits(at + 4, 2, ss))
-            return false;
-    }
-    static const unsigned mdays[] = {31, 29, 31, 30, 31, 30, 31, 31, 30, 31, 30, 31};
-    if (y < 1678 || y > 2261 || m < 1 || m > 12 || d < 1 || d > mdays[m - 1] || hh > 23 ||
-        mm > 59 || ss > 59)
-        return false;
-    if (m == 2 && d == 29 && !(y % 4 == 0 && (y % 100 != 0 || y % 400 == 0)))
-        return false;
-    ns = (vel_dt_days_from_civil(y, m, d) * 86400 + hh * 3600 + mm * 60 + ss) * VEL_DT_NS_PER_SEC;
-    return true;
-}
-
-bool parse_time(std::string_view s, Epoch epoch, velseq::datetime &t) {
-    s = trim(s);
-    if (epoch != Epoch::None) {
-        int64_t v;
-        if (!parse_int(s, v))
-            return false;
-        const int64_t mul = epoch == Epoch::Sec     ? VEL_DT_NS_PER_SEC
-                            : epoch == Epoch::Milli ? 1000000
-                            : epoch == Epoch::Micro ? 1000
-                                                    : 1;
-        if (v > INT64_MAX / mul || v < INT64_MIN / mul)
-            return false;
-        t = velseq::datetime::from_ns(v * mul);
-        return true;
-    }
-    int64_t ns;
-    if (s.size() >= 8 && s.size() <= 15 && s[4] != '-' && parse_compact_date(s, ns)) {
-        t = velseq::datetime::from_ns(ns);
-        return true;
-    }
-    vel_datetime raw;
-    if (vel_dt_parse(s.data(), s.size(), &raw) != VEL_DT_OK)
-        return false;
-    t = velseq::datetime::from_raw(raw);
     return true;
 }
 
@@ -302,59 +186,15 @@ bool looks_like_time_name(const std::string &name) {
            l == "ts" || l == "day";
 }
 
-// One parsed cell of a row, before the row is known to be whole.
-struct Cell {
-    bool null;
-    union {
-        int64_t i;
-        double d;
-        vel_datetime t;
-    };
-    Text s;
-};
-
-// Values of one column waiting for an append.
-struct Chunk {
-    std::vector<int64_t> i;
-    std::vector<double> d;
-    std::vector<velseq::datetime> t;
-    std::vector<Text> s;
-    std::vector<vel_bitmap_word_t> nulls;
-    bool any_null = false;
-    size_t n = 0;
-    void add(Kind k, const Cell &c) {
-        if (n % 64 == 0)
-            nulls.push_back(0);
-        if (c.null) {
-            nulls[n / 64] |= vel_bitmap_word_t(1) << (n % 64);
-            any_null = true;
-        }
-        switch (k) {
-        case Kind::Int:
-            i.push_back(c.null ? 0 : c.i);
-            break;
-        case Kind::Double:
-            d.push_back(c.null ? 0 : c.d);
-            break;
-        case Kind::Time:
-            t.push_back(velseq::datetime::from_raw(c.null ? 0 : c.t));
-            break;
-        case Kind::Text:
-            s.push_back(c.null ? Text{} : c.s);
-            break;
-        }
-        n++;
-    }
-    void clear() {
-        i.clear();
-        d.clear();
-        t.clear();
-        s.clear();
-        nulls.clear();
-        any_null = false;
-        n = 0;
-    }
-};
+// The element type of a CSV kind (--type NAME=KIND).
+std::optional<tbl::column_type> csv_type(const std::string &kind) {
+    static const std::pair<const char *, tbl::column_type> kinds[] = {
+        {"int", kInt8}, {"double", kDouble}, {"datetime", kDatetime}, {"text", kText}};
+    for (const auto &[k, t] : kinds)
+        if (kind == k)
+            return t;
+    return std::nullopt;
+}
 
 class Progress {
   public:
@@ -400,16 +240,109 @@ class Progress {
     double wait_ = 1.0, last_ = -1.0;
 };
 
-template <class T> const std::vector<T> &values_of(const Chunk &c) {
-    if constexpr (std::is_same_v<T, int64_t>)
-        return c.i;
-    else if constexpr (std::is_same_v<T, double>)
-        return c.d;
-    else if constexpr (std::is_same_v<T, velseq::datetime>)
-        return c.t;
-    else
-        return c.s;
-}
+// Rows waiting for an append: an array per column in the table layer's
+// (Arrow) layout, its validity bitmap built here as the rows come and
+// handed to table::append as it is, and the CSV line of each row.
+struct Chunk {
+    std::vector<tbl::array> cols;
+    std::vector<uint64_t> lines;
+
+    // Empty, of the types of `types` (columns or arrays).
+    template <class V> explicit Chunk(const V &types) : cols(types.size()) {
+        for (size_t c = 0; c < cols.size(); c++)
+            cols[c].type = types[c].type;
+    }
+    size_t rows() const { return lines.size(); }
+    // Appends value c of a row (`v`: its bytes; nullptr for a null).
+    void add(size_t c, const unsigned char *v) {
+        tbl::array &a = cols[c];
+        const uint64_t i = a.length++;
+        if (i % 8 == 0)
+            a.validity.push_back(0);
+        a.validity[i / 8] = static_cast<uint8_t>(a.validity[i / 8] | (v != nullptr) << (i % 8));
+        const size_t w = a.type.width;
+        a.values.resize(a.values.size() + w); // a null's bytes stay zero
+        if (v != nullptr)
+            std::memcpy(a.values.data() + i * w, v, w);
+    }
+    // Rows at(0) .. at(n - 1) of this chunk, as another.
+    template <class At> void pick(Chunk &out, size_t n, At at) const {
+        for (size_t i = 0; i < n; i++) {
+            const size_t r = at(i);
+            for (size_t c = 0; c < cols.size(); c++)
+                out.add(c, cols[c].valid(r) ? cols[c].values.data() + r * cols[c].type.width
+                                            : nullptr);
+            out.lines.push_back(lines[r]);
+        }
+    }
+};
+
+// Appends chunks to the table's object, the time column first: its append
+// checks the order (against the rows stored too) before it writes, so a
+// refused append changes nothing.  A refused row goes to `refused` (its line
+// and the line before it), which throws or lets the rows around it go in: the
+// rows before it, then the rest in a batch that starts small and doubles.
+class Appender {
+  public:
+    using Refused = std::function<void(uint64_t line, uint64_t before)>;
+    Appender(std::vector<tbl::column> cols, int time, Refused refused)
+        : cols_(std::move(cols)), time_(time), refused_(std::move(refused)) {}
+    uint64_t rows = 0; // appended
+
+    void flush(const Chunk &ch) {
+        const size_t n = ch.rows();
+        for (size_t from = 0, step = n; from < n;) {
+            const size_t to = std::min(n, from + step);
+            const std::optional<size_t> bad = append(ch, from, to);
+            step = bad ? 16 : std::max<size_t>(step * 2, 16);
+            if (bad)
+                refused_(ch.lines[*bad], *bad == from ? last_line_ : ch.lines[*bad - 1]);
+            from = bad ? *bad + 1 : to;
+        }
+    }
+
+  private:
+    // Appends rows [from, to) of `ch`; refused, the rows before the one
+    // refused, and that one's position.
+    std::optional<size_t> append(const Chunk &ch, size_t from, size_t to) {
+        if (from == to)
+            return std::nullopt;
+        std::optional<Chunk> part; // when not every row goes in
+        if (from > 0 || to < ch.rows())
+            ch.pick(part.emplace(ch.cols), to - from, [&](size_t i) { return from + i; });
+        const Chunk &in = part ? *part : ch;
+        if (time_ >= 0) {
+            try {
+                tbl::append(cols_[size_t(time_)], in.cols[size_t(time_)]);
+            } catch (const velseq::error &e) {
+                const std::optional<uint64_t> r = refused_row(e);
+                if (!r || *r >= to - from)
+                    throw;
+                append(ch, from, from + *r);
+                return from + *r;
+            }
+        }
+        for (size_t c = 0; c < cols_.size(); c++)
+            if (static_cast<int>(c) != time_)
+                tbl::append(cols_[c], in.cols[c]);
+        rows += to - from;
+        last_line_ = ch.lines[to - 1];
+        return std::nullopt;
+    }
+    // The row a table::append refusal names ("... row N ...").
+    static std::optional<uint64_t> refused_row(const velseq::error &e) {
+        const std::string msg = e.what();
+        const size_t at = msg.find("row ");
+        if (e.code() != VEL_E_SEQ_OUT_OF_ORDER || at == std::string::npos)
+            return std::nullopt;
+        return std::strtoull(msg.c_str() + at + 4, nullptr, 10);
+    }
+
+    std::vector<tbl::column> cols_;
+    int time_;
+    Refused refused_;
+    uint64_t last_line_ = 0; // of the last row appended
+};
 
 class Loader {
   public:
@@ -427,11 +360,24 @@ class Loader {
         if (fstat(fileno(f), &st) == 0 && S_ISREG(st.st_mode))
             total = static_cast<uint64_t>(st.st_size);
         RecordReader rd(f, t_.source);
+        const std::vector<std::string> names = header(rd);
+        const Sample sample = read_sample(rd);
+        infer_types(names, sample);
+        decide_types();
+        define();
+        Progress bar(o_.progress, t_.source, total);
+        load_rows(rd, sample, bar);
+        bar.done(t_.rows);
+        return std::move(t_);
+    }
+
+  private:
+    // The column names: the header's (or --columns), checked before
+    // anything is stored.
+    std::vector<std::string> header(RecordReader &rd) {
+        std::vector<std::string> names = o_.columns;
         std::string_view rec;
         uint64_t line = 0;
-
-        // Header (or --columns), then a sample that decides the kinds.
-        std::vector<std::string> names = o_.columns;
         if (names.empty()) {
             if (!rd.next(rec, line) || trim(rec).empty())
                 throw Fail(kExitInput, t_.source + " is empty: no header, no rows");
@@ -445,7 +391,7 @@ class Loader {
         for (size_t i = 0; i < names.size(); i++) {
             if (names[i].empty())
                 names[i] = "column" + std::to_string(i + 1);
-            if (names[i].size() > VELH_MAX_NAME) // refused here, before anything is stored
+            if (names[i].size() > VELH_MAX_NAME)
                 throw Fail(kExitRefused,
                            t_.source + ": column " + std::to_string(i + 1) + " ('" +
                                velseq::detail::shortened(names[i]) + "') has a name of " +
@@ -456,27 +402,134 @@ class Loader {
                     throw Fail(kExitRefused, t_.source + ": two columns are named '" + names[i] +
                                                  "' (give other names with --columns)");
         }
-        std::vector<std::pair<uint64_t, std::string>> sample;
+        return names;
+    }
+
+    using Sample = std::vector<std::pair<uint64_t, std::string>>;
+    Sample read_sample(RecordReader &rd) {
+        Sample sample;
+        std::string_view rec;
+        uint64_t line = 0;
         while (sample.size() < kSample && rd.next(rec, line))
             sample.emplace_back(line, std::string(rec));
         if (sample.empty())
             throw Fail(kExitInput, t_.source + (o_.columns.empty() ? " has a header but no rows"
                                                                    : " is empty: no rows"));
-        decide_kinds(names, sample);
-        define();
+        return sample;
+    }
 
-        Progress bar(o_.progress, t_.source, total);
+    // Per column, the first type that every non-empty sampled cell parses
+    // as: a YYYYMMDD column named like a time, int, double, datetime, else
+    // text; all empty: double.
+    void infer_types(const std::vector<std::string> &names, const Sample &sample) {
+        const size_t n = names.size();
+        std::vector<char> can_int(n, 1), can_double(n, 1), can_time(n, 1), compact(n, 1), any(n, 0);
+        for (auto &[ln, text] : sample) {
+            if (!split(text, cells_, quoted_, scratch_) || cells_.size() != n)
+                continue; // reported when the row is loaded
+            for (size_t c = 0; c < n; c++) {
+                const std::string_view s = trim(cells_[c]);
+                if (s.empty() && !quoted_[c])
+                    continue;
+                any[c] = 1;
+                unsigned char v[8];
+                vel_datetime t;
+                can_int[c] &= parse_value(kInt8, s, v) == Parsed::Ok;
+                can_double[c] &= parse_value(kDouble, s, v) != Parsed::Bad;
+                can_time[c] &= parse_datetime(s, t);
+                compact[c] &= s.size() == 8 && parse_datetime(s, t);
+            }
+        }
+        t_.cols.resize(n);
+        for (size_t c = 0; c < n; c++) {
+            const char *kind = !any[c]                                        ? "double"
+                               : compact[c] && looks_like_time_name(names[c]) ? "datetime"
+                               : can_int[c]                                   ? "int"
+                               : can_double[c]                                ? "double"
+                               : can_time[c]                                  ? "datetime"
+                                                                              : "text";
+            t_.cols[c].name = names[c];
+            t_.cols[c].type = *csv_type(kind);
+        }
+    }
+
+    // The inferred types with --type applied, and the time column (--time,
+    // the first column with --epoch, else the first datetime column)
+    // declared ascending.
+    void decide_types() {
+        for (auto &[name, kind] : o_.types) {
+            const std::optional<tbl::column_type> t = csv_type(kind);
+            if (!t)
+                throw Fail(kExitUsage, "--type " + name + "=" + kind +
+                                           ": the types are int, double, datetime and text");
+            t_.cols[size_t(t_.need(name))].type = *t;
+        }
+        if (!o_.time.empty())
+            t_.time = t_.need(o_.time);
+        else if (o_.epoch != Epoch::None)
+            t_.time = 0; // epoch counts in the first column
+        for (size_t c = 0; c < t_.cols.size() && t_.time < 0; c++)
+            t_.time = t_.cols[c].type == kDatetime ? static_cast<int>(c) : -1;
+        if (t_.time < 0)
+            return;
+        Column &time = t_.cols[size_t(t_.time)];
+        if (o_.epoch != Epoch::None)
+            time.type = kDatetime;
+        if (!(time.type == kDatetime) && !(time.type == kInt8))
+            throw Fail(kExitUsage, "the time column '" + time.name + "' holds " +
+                                       tbl::type_name(time.type) +
+                                       " values; it must hold datetimes or integers");
+        time.order = VEL_SEQ_ASC_ORDER;
+    }
+
+    // The table's class, named after the file (or --table).
+    void define() {
+        std::string name = o_.name;
+        if (name.empty() && o_.file != "-") {
+            name = o_.file.substr(o_.file.find_last_of('/') + 1);
+            const size_t dot = name.find_last_of('.');
+            name = name.substr(0, dot == 0 || dot == std::string::npos ? name.size() : dot);
+        }
+        if (name.empty())
+            name = "table";
+        try {
+            take_columns(t_, tbl::define_table(db_.get(), name, {t_.cols.begin(), t_.cols.end()}));
+        } catch (const velseq::error &e) {
+            throw Fail(kExitUsage, "cannot name the table '" + velseq::detail::shortened(name) +
+                                       "': " + e.what() + " (give a name with --table)");
+        }
+        offsets_.assign(1, 0);
+        for (const Column &c : t_.cols)
+            offsets_.push_back(offsets_.back() + c.type.width);
+        row_.assign(offsets_.back(), 0);
+        row_null_.assign(t_.cols.size(), 0);
+    }
+
+    // Every row in one write transaction on a new object of the table.
+    void load_rows(RecordReader &rd, const Sample &sample, Progress &bar) {
         velseq::connection con(db_);
         velseq::transaction tx(con, velseq::transaction::write);
-        obj_.emplace(tx.create(t_.schema));
-        t_.oid = obj_->oid();
-        chunks_.assign(t_.cols.size(), Chunk());
-        row_.resize(t_.cols.size());
+        vel_objhandle_t obj{};
+        velseq::detail::check(velh_obj_create(con.get(), t_.info.code, &obj), "creating the table");
+        t_.oid = obj.oid;
+        std::vector<tbl::column> cols;
+        for (size_t c = 0; c < t_.cols.size(); c++)
+            cols.push_back(t_.column(obj, db_.get(), static_cast<int>(c)));
+        appender_.emplace(std::move(cols), t_.time, [this](uint64_t line, uint64_t before) {
+            bad_line(line,
+                     "column " + t_.cols[size_t(t_.time)].name + ": time before that of line " +
+                         std::to_string(before) +
+                         " (the time column must ascend; --sort sorts the rows)",
+                     false);
+        });
+        chunk_.emplace(t_.cols);
         for (auto &[ln, text] : sample)
             take(text, ln);
+        std::string_view rec;
+        uint64_t line = 0;
         while (rd.next(rec, line)) {
             take(rec, line);
-            if (!o_.sort && chunks_[0].n >= kChunk) {
+            if (!o_.sort && chunk_->rows() >= kChunk) {
                 flush();
                 bar.update(t_.rows, rd.consumed());
             }
@@ -487,262 +540,114 @@ class Loader {
         if (t_.rows == 0)
             throw Fail(kExitRefused,
                        t_.source + ": every row was bad (first: " + t_.first_skip + ")");
-        const std::string d = describe(t_);
-        std::vector<Text> pieces((d.size() + sizeof(Text) - 1) / sizeof(Text));
-        std::memcpy(static_cast<void *>(pieces.data()), d.data(), d.size());
-        (*obj_)[t_.meta].append(velseq::span<const Text>(pieces));
         tx.commit();
-        bar.done(t_.rows);
-        obj_.reset();
-        return std::move(t_);
     }
 
-  private:
-    [[noreturn]] void refuse(uint64_t line, const std::string &why) {
-        throw Fail(kExitRefused, t_.source + ": line " + std::to_string(line) + ": " + why);
+    // Parses cell c of the split record into row_; on a bad cell, the reason.
+    std::optional<std::string> parse_cell(size_t c) {
+        const std::string_view s = cells_[c];
+        const Column &col = t_.cols[c];
+        unsigned char *v = row_.data() + offsets_[c];
+        const bool epoch = static_cast<int>(c) == t_.time && o_.epoch != Epoch::None;
+        row_null_[c] = !quoted_[c] && trim(s).empty();
+        if (row_null_[c])
+            return static_cast<int>(c) == t_.time
+                       ? std::optional<std::string>("column " + col.name +
+                                                    ": the time column has an empty cell")
+                       : std::nullopt;
+        const Parsed p = epoch ? parse_epoch(s, v) : parse_value(col.type, s, v);
+        if (p == Parsed::Ok)
+            return std::nullopt;
+        std::string why = epoch ? "is not an integer count since 1970" : refusal(col.type, p);
+        if (p == Parsed::Bad && col.type == kInt8)
+            why += " (give --type " + col.name + "=double?)";
+        return "column " + col.name + ": '" + std::string(s.substr(0, 40)) + "' " + why;
     }
 
-    void decide_kinds(const std::vector<std::string> &names,
-                      const std::vector<std::pair<uint64_t, std::string>> &sample) {
-        const size_t n = names.size();
-        // Per column: whether every non-empty sampled cell parses as each kind.
-        std::vector<char> can_int(n, 1), can_double(n, 1), can_time(n, 1), compact(n, 1), any(n, 0);
-        for (auto &[ln, text] : sample) {
-            if (!split(text, cells_, quoted_, scratch_) || cells_.size() != n)
-                continue; // reported when the row is loaded
-            for (size_t c = 0; c < n; c++) {
-                const std::string_view s = trim(cells_[c]);
-                if (s.empty() && !quoted_[c])
-                    continue;
-                any[c] = 1;
-                int64_t i;
-                double d;
-                velseq::datetime t;
-                can_int[c] &= parse_int(s, i);
-                can_double[c] &= parse_double(s, d) != 1;
-                int64_t ns;
-                compact[c] &= s.size() == 8 && parse_compact_date(s, ns);
-                can_time[c] &= parse_time(s, Epoch::None, t);
-            }
-        }
-        for (size_t c = 0; c < n; c++) {
-            Kind k = Kind::Text;
-            if (!any[c])
-                k = Kind::Double; // all empty: a column of missing numbers
-            else if (compact[c] && looks_like_time_name(names[c]))
-                k = Kind::Time;
-            else if (can_int[c])
-                k = Kind::Int;
-            else if (can_double[c])
-                k = Kind::Double;
-            else if (can_time[c])
-                k = Kind::Time;
-            t_.cols.push_back({names[c], k});
-        }
-        for (auto &[name, kind] : o_.types) {
-            const std::optional<Kind> k = kind_parse(kind);
-            if (!k)
-                throw Fail(kExitUsage, "--type " + name + "=" + kind +
-                                           ": the types are int, double, datetime and text");
-            t_.cols[t_.need(name)].kind = *k;
-        }
-        if (!o_.time.empty()) {
-            t_.time = t_.need(o_.time);
-            if (o_.epoch != Epoch::None || t_.cols[t_.time].kind == Kind::Int)
-                t_.cols[t_.time].kind = o_.epoch != Epoch::None ? Kind::Time : Kind::Int;
-        } else if (o_.epoch != Epoch::None) {
-            t_.time = 0; // epoch counts in the first column
-            t_.cols[0].kind = Kind::Time;
-        } else {
-            for (size_t c = 0; c < n && t_.time < 0; c++)
-                if (t_.cols[c].kind == Kind::Time)
-                    t_.time = static_cast<int>(c);
-        }
-        if (t_.time >= 0 && t_.cols[t_.time].kind != Kind::Time &&
-            t_.cols[t_.time].kind != Kind::Int)
-            throw Fail(kExitUsage, "the time column '" + t_.cols[t_.time].name + "' holds " +
-                                       kind_name(t_.cols[t_.time].kind) +
-                                       " values; it must hold datetimes or integers");
-    }
-
-    void define() {
-        for (size_t c = 0; c < t_.cols.size(); c++) {
-            const velseq::order ord =
-                static_cast<int>(c) == t_.time ? velseq::order::ascending : velseq::order::none;
-            const std::string &nm = t_.cols[c].name;
-            switch (t_.cols[c].kind) {
-            case Kind::Int:
-                t_.fields.emplace_back(t_.schema.seq<int64_t>(nm, ord));
-                break;
-            case Kind::Double:
-                t_.fields.emplace_back(t_.schema.seq<double>(nm, ord));
-                break;
-            case Kind::Time:
-                t_.fields.emplace_back(t_.schema.seq<velseq::datetime>(nm, ord));
-                break;
-            case Kind::Text:
-                t_.fields.emplace_back(t_.schema.seq<Text>(nm, ord));
-                break;
-            }
-        }
-        t_.meta = t_.schema.seq<Text>("velseq.table");
-        db_.define(t_.schema);
-    }
-
-    // Parses one record into row_; on a bad cell returns the reason.
-    std::optional<std::string> parse_row(std::string_view rec) {
-        if (!split(rec, cells_, quoted_, scratch_))
-            return std::string("unterminated quote, or text after a closing quote");
-        if (cells_.size() != t_.cols.size())
-            return std::to_string(cells_.size()) + " cells where the header has " +
-                   std::to_string(t_.cols.size());
-        for (size_t c = 0; c < cells_.size(); c++) {
-            Cell &v = row_[c];
-            const std::string_view s = cells_[c];
-            const ColumnDef &col = t_.cols[c];
-            v.null = !quoted_[c] && trim(s).empty();
-            if (v.null) {
-                if (static_cast<int>(c) == t_.time)
-                    return "column " + col.name + ": the time column has an empty cell";
-                continue;
-            }
-            auto bad = [&](const std::string &what) {
-                return "column " + col.name + ": '" + std::string(s.substr(0, 40)) + "' " + what;
-            };
-            switch (col.kind) {
-            case Kind::Int:
-                if (!parse_int(s, v.i))
-                    return bad("is not an integer (give --type " + col.name + "=double?)");
-                break;
-            case Kind::Double:
-                if (const int r = parse_double(s, v.d); r != 0)
-                    return bad(r == 1 ? "is not a number"
-                                      : "is NaN or infinite (leave the cell empty for a "
-                                        "missing value)");
-                break;
-            case Kind::Time: {
-                velseq::datetime t;
-                if (!parse_time(s, static_cast<int>(c) == t_.time ? o_.epoch : Epoch::None, t))
-                    return bad(o_.epoch != Epoch::None && static_cast<int>(c) == t_.time
-                                   ? "is not an integer count since 1970"
-                                   : "is not a date or time (ISO-8601 or YYYYMMDD)");
-                v.t = t.raw();
-                break;
-            }
-            case Kind::Text:
-                if (s.size() > sizeof(Text::bytes))
-                    return bad("is longer than the 32 bytes of a text cell");
-                v.s = Text{};
-                std::memcpy(v.s.bytes, s.data(), s.size());
-                break;
-            }
-        }
-        return std::nullopt;
+    Parsed parse_epoch(std::string_view s, unsigned char *v) const {
+        static const int64_t mul[] = {1, VEL_DT_NS_PER_SEC, 1000000, 1000, 1}; // by Epoch
+        const int64_t m = mul[static_cast<int>(o_.epoch)];
+        int64_t n;
+        if (parse_value(kInt8, s, reinterpret_cast<unsigned char *>(&n)) != Parsed::Ok ||
+            n > INT64_MAX / m || n < INT64_MIN / m)
+            return Parsed::Bad;
+        const vel_datetime t = vel_dt_from_ns(n * m);
+        std::memcpy(v, &t, sizeof t);
+        return Parsed::Ok;
     }
 
     void take(std::string_view rec, uint64_t line) {
         if (rec.empty() ||
             (rec.find_first_not_of(" \t") == std::string_view::npos && t_.cols.size() > 1))
             return; // blank lines separate nothing; skipped silently
-        std::optional<std::string> why = parse_row(rec);
-        if (!why && t_.time >= 0 && !o_.sort && have_last_) {
-            const Cell &c = row_[t_.time];
-            const bool before = t_.cols[t_.time].kind == Kind::Int ? c.i < last_.i : c.t < last_.t;
-            if (before)
-                why = "column " + t_.cols[t_.time].name + ": time before that of line " +
-                      std::to_string(last_line_) +
-                      " (the time column must ascend; --sort sorts the rows)";
+        std::optional<std::string> why;
+        if (!split(rec, cells_, quoted_, scratch_))
+            why = "unterminated quote, or text after a closing quote";
+        else if (cells_.size() != t_.cols.size())
+            why = std::to_string(cells_.size()) + " cells where the header has " +
+                  std::to_string(t_.cols.size());
+        for (size_t c = 0; !why && c < t_.cols.size(); c++)
+            why = parse_cell(c);
+        if (why)
+            return bad_line(line, *why);
+        for (size_t c = 0; c < t_.cols.size(); c++)
+            chunk_->add(c, row_null_[c] ? nullptr : row_.data() + offsets_[c]);
+        chunk_->lines.push_back(line);
+    }
+
+    // A bad line stops the load, unless --skip-bad, which counts it.  The
+    // rows `pending` before it go in first (unless --sort): one of them may
+    // be out of order, and the first bad line is the one reported.
+    void bad_line(uint64_t line, const std::string &why, bool pending = true) {
+        if (!o_.skip_bad) {
+            if (pending && !o_.sort)
+                flush();
+            throw Fail(kExitRefused, t_.source + ": line " + std::to_string(line) + ": " + why +
+                                         "; --skip-bad skips bad lines");
         }
-        if (why) {
-            if (!o_.skip_bad)
-                refuse(line, *why + (o_.skip_bad ? "" : "; --skip-bad skips bad lines"));
-            if (t_.skipped++ == 0)
-                t_.first_skip = "line " + std::to_string(line) + ": " + *why;
-            return;
+        if (t_.skipped++ == 0 || line < first_skip_line_) {
+            t_.first_skip = "line " + std::to_string(line) + ": " + why;
+            first_skip_line_ = line;
         }
-        if (t_.time >= 0) {
-            last_ = row_[t_.time];
-            last_line_ = line;
-            have_last_ = true;
-        }
-        for (size_t c = 0; c < row_.size(); c++)
-            chunks_[c].add(t_.cols[c].kind, row_[c]);
-        t_.rows++;
     }
 
     // Stable sort of the buffered rows by time: equal times keep file order.
     void sort_rows() {
         if (t_.time < 0)
             throw Fail(kExitUsage, "--sort needs a time column (--time NAME)");
-        const Chunk &tc = chunks_[t_.time];
-        std::vector<uint32_t> perm(tc.n);
+        const tbl::array &tc = chunk_->cols[size_t(t_.time)];
+        std::vector<uint32_t> perm(tc.length);
         std::iota(perm.begin(), perm.end(), 0u);
-        if (t_.cols[t_.time].kind == Kind::Int)
-            std::stable_sort(perm.begin(), perm.end(),
-                             [&](uint32_t a, uint32_t b) { return tc.i[a] < tc.i[b]; });
-        else
-            std::stable_sort(perm.begin(), perm.end(),
-                             [&](uint32_t a, uint32_t b) { return tc.t[a] < tc.t[b]; });
-        for (size_t c = 0; c < chunks_.size(); c++) {
-            Chunk &old = chunks_[c];
-            Chunk out;
-            for (uint32_t p : perm) {
-                Cell v{};
-                v.null = ((old.nulls[p / 64] >> (p % 64)) & 1u) != 0;
-                switch (t_.cols[c].kind) {
-                case Kind::Int:
-                    v.i = old.i[p];
-                    break;
-                case Kind::Double:
-                    v.d = old.d[p];
-                    break;
-                case Kind::Time:
-                    v.t = old.t[p].raw();
-                    break;
-                case Kind::Text:
-                    v.s = old.s[p];
-                    break;
-                }
-                out.add(t_.cols[c].kind, v);
-            }
-            old = std::move(out);
-        }
+        // Both time types are 8 bytes: int8 compares signed, datetime unsigned.
+        const uint64_t flip = tc.type.code == VEL_DD_SEQUENCE_INT8 ? VEL_DT_SIGN : 0;
+        auto key = [&](uint32_t i) {
+            uint64_t v;
+            std::memcpy(&v, tc.values.data() + size_t(i) * 8, 8);
+            return v ^ flip;
+        };
+        std::stable_sort(perm.begin(), perm.end(),
+                         [&](uint32_t a, uint32_t b) { return key(a) < key(b); });
+        Chunk sorted(t_.cols);
+        chunk_->pick(sorted, perm.size(), [&](size_t i) { return perm[i]; });
+        chunk_ = std::move(sorted);
     }
 
     void flush() {
-        if (o_.parse_only) {
-            for (Chunk &c : chunks_)
-                c.clear();
-            return;
-        }
-        for (size_t c = 0; c < chunks_.size(); c++) {
-            Chunk &ch = chunks_[c];
-            if (ch.n == 0)
-                continue;
-            std::visit(
-                [&](auto &fld) {
-                    using T = typename field_elem<std::decay_t<decltype(fld)>>::type;
-                    const std::vector<T> &v = values_of<T>(ch);
-                    if (ch.any_null)
-                        (*obj_)[fld].append(velseq::span<const T>(v),
-                                            velseq::null_view(ch.nulls.data(), ch.n));
-                    else
-                        (*obj_)[fld].append(velseq::span<const T>(v));
-                },
-                t_.fields[c]);
-            ch.clear();
-        }
+        if (!o_.parse_only)
+            appender_->flush(*chunk_);
+        t_.rows = o_.parse_only ? t_.rows + chunk_->rows() : appender_->rows;
+        chunk_.emplace(t_.cols);
     }
 
     velseq::database &db_;
     const LoadOptions &o_;
     Table t_;
-    std::optional<velseq::object> obj_;
-    std::vector<Chunk> chunks_;
-    std::vector<Cell> row_;
-    Cell last_{};
-    uint64_t last_line_ = 0;
-    bool have_last_ = false;
+    std::optional<Appender> appender_;
+    std::optional<Chunk> chunk_;
+    std::vector<size_t> offsets_;    // of each column's bytes in row_
+    std::vector<unsigned char> row_; // the row being parsed
+    std::vector<char> row_null_;     // per column
+    uint64_t first_skip_line_ = 0;
     std::vector<std::string_view> cells_;
     std::vector<char> quoted_;
     std::string scratch_;
@@ -751,69 +656,5 @@ class Loader {
 } // namespace
 
 Table load_csv(velseq::database &db, const LoadOptions &o) { return Loader(db, o).run(); }
-
-std::string describe(const Table &t) {
-    std::string d;
-    for (size_t c = 0; c < t.cols.size(); c++)
-        d += std::string(kind_name(t.cols[c].kind)) + (int(c) == t.time ? " T " : " - ") +
-             t.cols[c].name + "\n";
-    return d;
-}
-
-void parse_description(const std::string &text, Table &t) {
-    size_t at = 0;
-    while (at < text.size()) {
-        const size_t nl = text.find('\n', at);
-        const std::string line = text.substr(at, nl == std::string::npos ? nl : nl - at);
-        at = nl == std::string::npos ? text.size() : nl + 1;
-        const size_t a = line.find(' ');
-        const std::optional<Kind> k =
-            a == std::string::npos ? std::nullopt : kind_parse(line.substr(0, a));
-        if (!k || line.size() < a + 3 || (line[a + 1] != 'T' && line[a + 1] != '-'))
-            throw Fail(kExitInput, t.source + " does not describe a velseq table");
-        if (line[a + 1] == 'T')
-            t.time = static_cast<int>(t.cols.size());
-        t.cols.push_back({line.substr(a + 3), *k});
-    }
-}
-
-int64_t parse_bound(Kind k, const std::string &text, const char *what) {
-    if (k == Kind::Int) {
-        int64_t v;
-        if (!parse_int(text, v))
-            throw Fail(kExitUsage, std::string(what) + " '" + text + "' is not an integer");
-        return v;
-    }
-    velseq::datetime t;
-    if (!parse_time(text, Epoch::None, t))
-        throw Fail(kExitUsage, std::string(what) + " '" + text +
-                                   "' is not a date or time (ISO-8601 or YYYYMMDD)");
-    return static_cast<int64_t>(t.raw());
-}
-
-int64_t parse_duration(const std::string &text, const char *what) {
-    static const std::pair<const char *, int64_t> units[] = {
-        {"ns", 1},
-        {"us", 1000},
-        {"ms", 1000000},
-        {"s", VEL_DT_NS_PER_SEC},
-        {"m", 60 * VEL_DT_NS_PER_SEC},
-        {"h", 3600 * VEL_DT_NS_PER_SEC},
-        {"d", 86400 * VEL_DT_NS_PER_SEC},
-        {"w", 7 * 86400 * VEL_DT_NS_PER_SEC},
-    };
-    int64_t n = 0;
-    auto r = std::from_chars(text.data(), text.data() + text.size(), n);
-    const std::string unit(r.ptr, text.data() + text.size());
-    if (r.ec == std::errc() && n > 0)
-        for (auto [u, mul] : units)
-            if (unit == u) {
-                if (n > INT64_MAX / mul)
-                    break;
-                return n * mul;
-            }
-    throw Fail(kExitUsage, std::string(what) + " '" + text +
-                               "' is not a positive duration such as 500ms, 30s, 15m, 1h, 1d, 1w");
-}
 
 } // namespace vcli

@@ -17,7 +17,7 @@ const char kFooter[] = R"(examples:
   velseq head ticks.csv -n 5               the first rows (of a CSV loaded for this run)
   velseq window --db ticks.vdb 2024-03-04T10:00 2024-03-04T10:01 --cols time,price
   velseq stats --db ticks.vdb --window 2024-03-04T12:00 2024-03-04T13:00
-  velseq resample --db ticks.vdb 1h --cols price,size
+  velseq resample --db ticks.vdb 1h --cols price,size --agg first,last,sum
   velseq asof --db ticks.vdb orders.csv --direction backward --tolerance 5s
   velseq tree --db ticks.vdb --cols price --dump
   velseq demo                              a day of trades, every subcommand once
@@ -31,7 +31,13 @@ order, with its line).)";
 // with --db) before the subcommand's own arguments, split after parsing.
 void add_source(CLI::App *sub, Source &s, std::vector<std::string> &pos, const char *usage) {
     sub->add_option("args", pos, usage);
-    sub->add_option("--db", s.db, "database image to read (written by velseq load --db)");
+    sub->add_option("--db", s.db,
+                    "database image to read (written by velseq load --db, the C++ "
+                    "API or the Python package)");
+    sub->add_option("--table", s.table,
+                    sub->get_name() == "load"
+                        ? "the table's name (default: the file's name without its extension)"
+                        : "with --db: the table to read, when the image holds several");
     if (sub->get_name() != "load") {
         sub->add_option("--log", s.log, "with --db: the commit log to replay on the image");
         sub->add_flag("--recover", s.recover,
@@ -40,7 +46,9 @@ void add_source(CLI::App *sub, Source &s, std::vector<std::string> &pos, const c
     }
     sub->add_option("--columns", s.load.columns, "column names of a file without header")
         ->delimiter(',');
-    sub->add_option("--type", s.types, "a column's type: NAME=int|double|datetime|text");
+    sub->add_option("--type", s.types,
+                    "a column's type: NAME=int|double|datetime|text (int8, double, datetime, "
+                    "char(32))");
     sub->add_option("--time", s.load.time, "the time column (default: the first datetime column)");
     sub->add_option("--epoch", s.epoch, "the time column counts s|ms|us|ns since 1970")
         ->check(CLI::IsMember({"s", "ms", "us", "ns"}));
@@ -50,73 +58,63 @@ void add_source(CLI::App *sub, Source &s, std::vector<std::string> &pos, const c
         ->check(CLI::IsMember({"table", "csv", "json"}));
 }
 
-int run(int argc, char **argv) {
-    CLI::App app{
-        "velseq: tables of time series in, answers out.\n"
-        "Each subcommand reads a table from a CSV file (FILE) or a database image (--db)."};
-    app.footer(kFooter);
-    app.require_subcommand(1);
-    Source src;
-    Query q;
-    std::vector<std::string> pos;
-
-    auto *load = app.add_subcommand("load", "load a CSV and describe its columns; --db FILE "
-                                            "saves the table there");
-    add_source(load, src, pos, "FILE: CSV file with a header (- : standard input)");
-    auto *head = app.add_subcommand("head", "the first rows");
-    add_source(head, src, pos, "[FILE]: CSV file (- : standard input), or --db");
-    head->add_option("-n,--rows", q.n, "rows (default 10)");
-    head->add_option("--cols", q.cols, "columns to show")->delimiter(',');
-    auto *tail = app.add_subcommand("tail", "the last rows");
-    add_source(tail, src, pos, "[FILE]: CSV file (- : standard input), or --db");
-    tail->add_option("-n,--rows", q.n, "rows (default 10)");
-    tail->add_option("--cols", q.cols, "columns to show")->delimiter(',');
-    auto *window = app.add_subcommand("window", "the rows with FROM <= time < TO");
-    add_source(window, src, pos,
-               "[FILE] FROM TO: CSV file (or --db); first time (ISO-8601 or YYYYMMDD); end "
-               "time, not included");
-    window->add_option("--cols", q.cols, "columns to show")->delimiter(',');
-    auto *stats =
-        app.add_subcommand("stats", "count, nulls, min, max, mean, first, last per column");
-    add_source(stats, src, pos, "[FILE]: CSV file (- : standard input), or --db");
+// Every subcommand with its options; returns demo's, which reads no table.
+CLI::App *add_subcommands(CLI::App &app, Source &src, Query &q, std::vector<std::string> &pos) {
+    const char *file = "[FILE]: CSV file (- : standard input), or --db";
+    auto sub = [&](const char *name, const char *help, const char *usage) {
+        CLI::App *s = app.add_subcommand(name, help);
+        add_source(s, src, pos, usage);
+        return s;
+    };
+    auto cols = [&](CLI::App *s, const char *help) {
+        s->add_option("--cols", q.cols, help)->delimiter(',');
+    };
+    sub("load", "load a CSV and describe its columns; --db FILE saves the table there",
+        "FILE: CSV file with a header (- : standard input)");
+    for (const char *name : {"head", "tail"}) {
+        CLI::App *s = sub(name, name[0] == 'h' ? "the first rows" : "the last rows", file);
+        s->add_option("-n,--rows", q.n, "rows (default 10)");
+        cols(s, "columns to show");
+    }
+    cols(sub("window", "the rows with FROM <= time < TO",
+             "[FILE] FROM TO: CSV file (or --db); first time (ISO-8601 or YYYYMMDD); end time, "
+             "not included"),
+         "columns to show");
+    CLI::App *stats = sub("stats", "count, nulls, min, max, mean, first, last per column", file);
     stats->add_option("--window", q.window, "only the rows with FROM <= time < TO")->expected(2);
-    stats->add_option("--cols", q.cols, "columns to describe")->delimiter(',');
-    auto *resample = app.add_subcommand(
-        "resample", "first, max, min, last, count and mean per time bucket (e.g. 1h, 1d, 1w)");
-    add_source(resample, src, pos,
-               "[FILE] EVERY: CSV file (or --db); bucket width: 500ms, 30s, 15m, 1h, 1d, 1w");
-    resample->add_option("--window", q.window, "only the rows with FROM <= time < TO")->expected(2);
-    resample->add_option("--cols", q.cols, "numeric columns to resample (default: all)")
+    cols(stats, "columns to describe");
+    stats->add_option("--agg", q.agg, "aggregates (default count,min,max,mean,first,last)")
         ->delimiter(',');
-    auto *asof = app.add_subcommand(
-        "asof", "each row of OTHER.csv with the row of this table prevailing at its time");
-    add_source(asof, src, pos,
-               "[FILE] OTHER.csv: CSV file (or --db); CSV whose rows are matched (by its first "
-               "datetime column)");
+    CLI::App *resample =
+        sub("resample", "first, max, min, last, count and mean per time bucket (e.g. 1h, 1d, 1w)",
+            "[FILE] EVERY: CSV file (or --db); bucket width: 500ms, 30s, 15m, 1h, 1d, 1w");
+    resample->add_option("--window", q.window, "only the rows with FROM <= time < TO")->expected(2);
+    cols(resample, "numeric columns to resample (default: all)");
+    resample->add_option("--agg", q.agg, "aggregates (default first,max,min,last,count,mean)")
+        ->delimiter(',');
+    CLI::App *asof =
+        sub("asof", "each row of OTHER.csv with the row of this table prevailing at its time",
+            "[FILE] OTHER.csv: CSV file (or --db); CSV whose rows are matched (by "
+            "its first datetime column)");
     asof->add_option("--direction", q.direction, "backward (default), forward or nearest")
         ->check(CLI::IsMember({"backward", "forward", "nearest"}));
     asof->add_option("--tolerance", q.tolerance, "farther matches count as none (e.g. 5s)");
-    asof->add_option("--cols", q.cols, "columns of this table to join")->delimiter(',');
-    auto *tree = app.add_subcommand("tree", "page-tree statistics of each column's sequence");
-    add_source(tree, src, pos, "[FILE]: CSV file (- : standard input), or --db");
-    tree->add_option("--cols", q.cols, "columns (default: all)")->delimiter(',');
+    cols(asof, "columns of this table to join");
+    CLI::App *tree = sub("tree", "page-tree statistics of each column's sequence", file);
+    cols(tree, "columns (default: all)");
     tree->add_flag("--dump", q.dump, "print the tree page by page");
     tree->add_option("--preview", q.preview, "values shown per leaf by --dump (default 8)");
-    auto *demo = app.add_subcommand("demo", "generate a day of trades and run every subcommand");
+    CLI::App *demo =
+        app.add_subcommand("demo", "generate a day of trades and run every subcommand");
     demo->add_option("--rows", q.n, "trades to generate (default 2000000)");
     demo->add_option("--dir", q.other,
                      "folder for the generated files (default: a new one in /tmp)");
+    return demo;
+}
 
-    try {
-        app.parse(argc, argv);
-    } catch (const CLI::ParseError &e) {
-        const int rc = app.exit(e);
-        return rc == 0 ? 0 : kExitUsage;
-    }
-    CLI::App *sub = app.get_subcommands().front();
-    if (sub == demo)
-        return run_demo(argv[0], q.n > 0 ? q.n : 2000000, q.other);
-    const std::string name = sub->get_name();
+// "[FILE] ARGS...": the CSV file, then the subcommand's own arguments.
+void take_positionals(const std::string &name, const std::vector<std::string> &pos, Source &src,
+                      Query &q) {
     const size_t want = name == "window" ? 2 : name == "resample" || name == "asof" ? 1 : 0;
     if (name == "load" ? pos.size() != 1 : pos.size() != want && pos.size() != want + 1)
         throw Fail(kExitUsage, name + " takes " +
@@ -135,8 +133,30 @@ int run(int argc, char **argv) {
         q.every = pos[at];
     else if (name == "asof")
         q.other = pos[at];
+}
+
+int run(int argc, char **argv) {
+    CLI::App app{
+        "velseq: tables of time series in, answers out.\n"
+        "Each subcommand reads a table from a CSV file (FILE) or a database image (--db)."};
+    app.footer(kFooter);
+    app.require_subcommand(1);
+    Source src;
+    Query q;
+    std::vector<std::string> pos;
+    CLI::App *demo = add_subcommands(app, src, q, pos);
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError &e) {
+        const int rc = app.exit(e);
+        return rc == 0 ? 0 : kExitUsage;
+    }
+    CLI::App *sub = app.get_subcommands().front();
+    if (sub == demo)
+        return run_demo(q.n > 0 ? q.n : 2000000, q.other);
+    take_positionals(sub->get_name(), pos, src, q);
     src.prepare(isatty(STDOUT_FILENO) != 0);
-    return run_command(name, src, q);
+    return run_command(sub->get_name(), src, q);
 }
 
 } // namespace

@@ -1,20 +1,24 @@
-// The velseq program's table: one object of a class with one sequence field
-// per CSV column, and the loader that fills it from CSV text.
+// The velseq program's table: a named class of the database, as the
+// catalogue describes it (velseq/table.hpp), with one object whose sequence
+// fields are the columns; loaded from CSV text or kept in database images.
 #ifndef VELSEQ_CLI_TABLE_H
 #define VELSEQ_CLI_TABLE_H
 
 #include <cstdint>
 #include <memory>
-#include <optional>
 #include <stdexcept>
 #include <string>
-#include <type_traits>
-#include <variant>
+#include <string_view>
 #include <vector>
 
+#include "output.h"
 #include "velseq.hpp"
+#include "velseq/datetime.h"
+#include "velseq/table.hpp"
 
 namespace vcli {
+
+namespace tbl = velseq::table;
 
 // Exit codes of the program.
 constexpr int kExitInput = 1;   // a file cannot be read, is empty, binary, or has no rows
@@ -27,24 +31,16 @@ struct Fail : std::runtime_error {
     int exit_code;
 };
 
-using Text = velseq::chars<32>;
-
-// Column kinds and their element types: int -> int64_t, double -> double,
-// datetime -> velseq::datetime, text -> char(32).
-enum class Kind { Int, Double, Time, Text };
-const char *kind_name(Kind k);
-std::optional<Kind> kind_parse(const std::string &name);
-
-using AnyField = std::variant<velseq::field<int64_t>, velseq::field<double>,
-                              velseq::field<velseq::datetime>, velseq::field<Text>>;
-template <class F> struct field_elem;
-template <class T> struct field_elem<velseq::field<T>> { using type = T; };
+// The element types of the CSV kinds int, double, datetime and text.
+constexpr tbl::column_type kInt8{VEL_DD_SEQUENCE_INT8, 8}, kDouble{VEL_DD_SEQUENCE_DOUBLE, 8},
+    kDatetime{VEL_DD_SEQUENCE_DATETIME, 8}, kText{VEL_DD_SEQUENCE_CHAR, 32};
 
 // How integer cells of the time column count time since 1970 (--epoch).
 enum class Epoch { None, Sec, Milli, Micro, Nano };
 
 struct LoadOptions {
     std::string file;                                       // "-": standard input
+    std::string name;                                       // the table's ("": the file's stem)
     std::vector<std::string> columns;                       // names when the file has no header
     std::vector<std::pair<std::string, std::string>> types; // --type col=kind
     std::string time;                                       // --time column ("" : inferred)
@@ -56,21 +52,16 @@ struct LoadOptions {
     bool parse_only = false; // benchmark: parse every cell, store nothing
 };
 
-struct ColumnDef {
-    std::string name;
-    Kind kind;
+// A column: a sequence field of the table's class, with the catalogue's
+// name, type and declared order.
+struct Column : tbl::column_def {
+    uint16_t field = 0; // its field number in the class
 };
 
-// A loaded table in a database (in memory or opened from an image).
 struct Table {
-    velseq::schema schema{"table"};
-    std::vector<ColumnDef> cols;
-    std::vector<AnyField> fields;
-    // The table's description ("<kind> <T or -> <name>" a line per column, T
-    // for the time column) in 32-byte pieces, so that an image describes
-    // its own table.
-    velseq::field<Text> meta;
-    int time = -1; // the ordered time column; -1: none
+    tbl::table_info info;     // the class
+    std::vector<Column> cols; // its sequence fields, in field order
+    int time = -1;            // the ascending time column; -1: none
     uint64_t oid = 0;
     uint64_t rows = 0;
     uint64_t skipped = 0; // bad lines skipped (--skip-bad)
@@ -79,25 +70,54 @@ struct Table {
 
     int find(const std::string &name) const; // -1 when absent
     int need(const std::string &name) const; // Fail (usage) when absent
+    // Column c of the table's object `obj`.
+    tbl::column column(const vel_objhandle_t &obj, velh_db_t *db, int c) const {
+        return tbl::column_of(obj, db, info, cols[static_cast<size_t>(c)].field);
+    }
 };
 
-// The description stored in Table::meta, and the columns it describes
-// (Fail (input) when it is none).
-std::string describe(const Table &t);
-void parse_description(const std::string &text, Table &t);
+// The sequence columns of class `info`, and its time column: the first
+// ascending datetime column, else the first ascending column.
+void take_columns(Table &t, const tbl::table_info &info);
 
 // Loads a CSV into a new object of a new class of `db`.
 Table load_csv(velseq::database &db, const LoadOptions &o);
 
-// Parses a time bound given on the command line for a column of kind `k`
-// (Time: ISO-8601 or YYYYMMDD; Int: an integer).  Fail (usage) when bad.
-int64_t parse_bound(Kind k, const std::string &text, const char *what);
+// Opens the image at `path` (with the commit log `log` replayed on it) and
+// describes in `t` its table `name` ("": its only table).  The files are
+// opened read-only, unless `recover`, which may move a damaged log's rest
+// aside; what the open cut or set aside is said on standard error.
+std::unique_ptr<velseq::database> open_table(const std::string &path, Table &t,
+                                             const std::string &name = "",
+                                             const std::string &log = "", bool recover = false);
+
+// ---- values as text: one parser and one formatter per element type, and the
+// one calendar parser of the program (CSV cells and command-line bounds alike)
+
+std::string_view trim(std::string_view s);
+
+// ISO-8601 (vel_dt_parse), or YYYYMMDD[[T| ]hhmmss] as UTC, which is
+// rewritten as ISO-8601 and parsed by the same call: one grammar of fields
+// and one range (1677-09-21T00:12:43.145224192Z .. 2262-04-11T23:47:16.854775807Z).
+bool parse_datetime(std::string_view s, vel_datetime &out);
+
 // Nanoseconds of "1h", "15m", "30s", "500ms", "1d", "1w", ... ; Fail (usage) when bad.
 int64_t parse_duration(const std::string &text, const char *what);
 
-// Shortest text that reads back to the same value; integral doubles print
-// without a fraction ("315").
-std::string format_double(double v);
+enum class Parsed { Ok, Bad, NotFinite, OutOfRange, TooLong };
+// Parses `s` (blanks around a number or time ignored) as a value of type `t` into
+// out[0, t.width).  Floats refuse NaN and infinities (NotFinite); char(N)
+// takes up to N bytes, padded with NULs.
+Parsed parse_value(velseq::table::column_type t, std::string_view s, unsigned char *out);
+// "is not an integer", "is NaN or infinite", ...: what a cell refused with
+// `p` is, for messages.
+std::string refusal(velseq::table::column_type t, Parsed p);
+
+// Value i of `a` through the formatter of its type (a null: an empty
+// cell): numbers in the shortest form that reads back to the same value,
+// datetimes as ISO-8601 UTC, characters up to their last non-NUL byte (the
+// last two quoted).
+OutCell cell_of(const velseq::table::array &a, uint64_t i);
 
 } // namespace vcli
 
