@@ -10,6 +10,12 @@
 // A walker derives from TreeWalk<Walker, Page> (Page: vel_seq_page_t, or
 // const for a reading walk) and hides the hooks it needs:
 //   enter(pg, level, k)   every page, before the page's own checks
+//   known(pg, level, k, &count, &height)
+//                         after enter: true for a page whose subtree the
+//                         walker has seen before (a page shared with a tree
+//                         walked earlier), giving its element count and
+//                         levels; the subtree is skipped, its leaves taken
+//                         to lie at level + height - 1
 //   leaf(pg, level, k)    a leaf, after its checks
 //   child(pg, level, k, i, count, first)
 //                         entry i of inner page pg, after its subtree: its
@@ -50,6 +56,7 @@ template <class Derived, class Page = const vel_seq_page_t> class TreeWalk {
     }
 
     bool enter(Page *, int, uint64_t) { return true; }
+    bool known(Page *, int, uint64_t, uint64_t *, int *) { return false; }
     bool leaf(Page *, int, uint64_t) { return true; }
     bool child(Page *, int, uint64_t, uint64_t, uint64_t, Page *) { return true; }
 
@@ -77,6 +84,16 @@ template <class Derived, class Page = const vel_seq_page_t> class TreeWalk {
         auto &self = static_cast<Derived &>(*this);
         if (!self.enter(pg, level, k))
             return false;
+        if (int height = 0; self.known(pg, level, k, count, &height)) {
+            if (leaf_level < 0)
+                leaf_level = level + height - 1;
+            else if (checked && leaf_level != level + height - 1)
+                return fail(k, level, "leaves at level %d, the first leaf's at %d",
+                            level + height - 1, leaf_level);
+            for (*first = pg; page_kind(*first) == kInnerPage;)
+                *first = entry_at(*first, page_size, 0)->page;
+            return true;
+        }
         const auto u = [](uint64_t v) { return static_cast<unsigned long long>(v); };
         const uint64_t n = pg->hdr.user;
         const int kind = page_kind(pg);

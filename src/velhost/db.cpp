@@ -128,9 +128,9 @@ bool make_field(const velh_field_def_t &def, uint32_t ps, Field *f) {
         if (elem == VEL_DD_CHAR) {
             // A tile holds 128 elements of at most 32 bytes, and the
             // module's set-ups do not check the width against it; at least
-            // one element must also fit a leaf (8 * width + 1 bits).
+            // one element must also fit a leaf.
             if (def.width == 0 || def.width > VELH_MAX_SEQ_CHAR_WIDTH ||
-                8u * def.width + 1 > 8u * ps - 127)
+                layout::leaf_capacity(static_cast<int32_t>(ps), def.width) == 0)
                 return false;
             f->is_char = true;
             f->elem_size = def.width;

@@ -21,6 +21,7 @@
 #include <vector>
 
 #include "host_internal.h"
+#include "seq_layout.h"
 
 namespace velhost {
 
@@ -214,12 +215,15 @@ struct In {
     bool done() const { return ok && at == n; }
 };
 
-// Inner-page entry i of a page of `ps` bytes.
-inline vel_seq_node_t *entry_at(std::byte *page, uint32_t ps, uint32_t i) {
-    return reinterpret_cast<vel_seq_node_t *>(page + ps - 16 * (size_t(i) + 1));
-}
+// Pages as both files carry them are read through the one layout.
+namespace layout = velseq::layout;
+using layout::entry_at;
 inline bool is_inner(const std::byte *page) {
-    return (reinterpret_cast<const vel_seq_page_t *>(page)->hdr.kind & 15) == 2;
+    return layout::page_kind(reinterpret_cast<const vel_seq_page_t *>(page)) == layout::kInnerPage;
+}
+// The most entries an inner page holds, whatever its field: no keys.
+inline uint32_t max_entries(uint32_t ps) {
+    return static_cast<uint32_t>(layout::inner_capacity(static_cast<int32_t>(ps), 0, false, false));
 }
 
 // Class definitions as both files carry them.  `orders`: the format keeps

@@ -71,6 +71,7 @@
 #include <xxhash.h>
 
 #include "durable.h"
+#include "seq_walk.h"
 
 namespace velhost {
 
@@ -254,15 +255,15 @@ bool put_page(Out &o, const std::byte *page, uint32_t ps,
     if (!is_inner(page))
         return true;
     auto *pg = reinterpret_cast<const vel_seq_page_t *>(page);
-    if (pg->hdr.user > (ps - 8) / 16)
+    if (pg->hdr.user > max_entries(ps))
         return false;
     for (uint32_t i = 0; i < pg->hdr.user; ++i) {
-        vel_seq_node_t e;
-        std::memcpy(&e, page + ps - 16 * (size_t(i) + 1), sizeof e);
-        auto it = ids.find(reinterpret_cast<const std::byte *>(e.page));
+        const vel_seq_node_t *e = entry_at(pg, ps, i);
+        auto it = ids.find(reinterpret_cast<const std::byte *>(e->page));
         if (it == ids.end())
-            return false;
-        std::memcpy(o.b.data() + at + ps - 16 * (size_t(i) + 1), &it->second, 8);
+            return false; // the copy's entry at the same offset gets the id
+        std::memcpy(o.b.data() + at + (reinterpret_cast<const std::byte *>(e) - page), &it->second,
+                    8);
     }
     return true;
 }
@@ -288,41 +289,46 @@ std::vector<SavedObject> saved_objects(Db *d, Txn *txn, uint32_t n_classes) {
     return objs;
 }
 
-// Page ids in depth-first order from the roots, each page once; `pages`
-// lists them by id - 1 with their page manager.
-void number_pages(const Db *d, const std::vector<SavedObject> &objs,
-                  std::unordered_map<const std::byte *, uint64_t> *ids,
-                  std::vector<std::pair<const std::byte *, uint8_t>> *pages) {
-    const uint32_t ps = d->cfg.seq_page_size;
+using ImageIds = std::unordered_map<const std::byte *, uint64_t>;
+using ImagePages = std::vector<std::pair<const std::byte *, uint8_t>>; // page, its manager
+
+// Page ids in the walk's order (depth-first, pre-order) from the roots, each
+// page once; `pages` lists them by id - 1 with their page manager.
+struct Numbering : layout::TreeWalk<Numbering> {
+    Numbering(uint32_t ps, ImageIds *ids, ImagePages *pages)
+        : TreeWalk(static_cast<int32_t>(ps), 0, 0, false), ids(ids), pages(pages) {}
+    ImageIds *ids;
+    ImagePages *pages;
+    uint8_t which = 0; // the page manager of the field walked
+    bool fresh = false;
+
+    bool enter(const vel_seq_page_t *pg, int, uint64_t) {
+        auto *b = reinterpret_cast<const std::byte *>(pg);
+        if ((fresh = ids->emplace(b, pages->size() + 1).second))
+            pages->emplace_back(b, which);
+        return true;
+    }
+    bool known(const vel_seq_page_t *, int, uint64_t, uint64_t *, int *) { return !fresh; }
+};
+
+void number_pages(const Db *d, const std::vector<SavedObject> &objs, ImageIds *ids,
+                  ImagePages *pages) {
     const uint32_t afs = d->cfg.additional_object_field_size;
-    std::vector<std::byte *> stack;
+    Numbering walk(d->cfg.seq_page_size, ids, pages);
     for (const SavedObject &o : objs)
-        for (uint16_t fno : o.cls->seq_fields) {
-            auto *root =
-                reinterpret_cast<std::byte *>(*root_slot(o.cls, o.v, o.cls->fields[fno], afs));
-            if (root != nullptr)
-                stack.push_back(root);
-            while (!stack.empty()) {
-                std::byte *pg = stack.back();
-                stack.pop_back();
-                if (!ids->emplace(pg, pages->size() + 1).second)
-                    continue;
-                pages->emplace_back(pg, static_cast<uint8_t>(o.cls->pm->which));
-                if (!is_inner(pg))
-                    continue;
-                const uint32_t n = reinterpret_cast<vel_seq_page_t *>(pg)->hdr.user;
-                for (uint32_t i = n; i-- > 0;)
-                    stack.push_back(reinterpret_cast<std::byte *>(entry_at(pg, ps, i)->page));
+        for (uint16_t fno : o.cls->seq_fields)
+            if (const vel_seq_page_t *root = *root_slot(o.cls, o.v, o.cls->fields[fno], afs)) {
+                walk.which = static_cast<uint8_t>(o.cls->pm->which);
+                walk.walk(root);
             }
-        }
 }
 
 // What an image holds, numbered, ready to be written.
 struct ImageContent {
     uint32_t n_classes = 0; // codes 1..n_classes - 1
     std::vector<SavedObject> objs;
-    std::unordered_map<const std::byte *, uint64_t> ids;
-    std::vector<std::pair<const std::byte *, uint8_t>> pages;
+    ImageIds ids;
+    ImagePages pages;
 };
 
 // The 128-byte header of image `id`.
@@ -541,10 +547,10 @@ VEL_RET Loader::add_page(PageManager *pm, uint64_t id, const std::byte *bytes, s
 bool Loader::link(std::byte *page, std::string *why) {
     auto *pg = reinterpret_cast<vel_seq_page_t *>(page);
     const uint32_t ps = db->cfg.seq_page_size;
-    const uint8_t kind = pg->hdr.kind & 15;
-    if (kind == 3)
+    const int kind = layout::page_kind(pg);
+    if (kind == layout::kLeafPage)
         return true;
-    if (kind != 2 || pg->hdr.user == 0 || pg->hdr.user > (ps - 8) / 16) {
+    if (kind != layout::kInnerPage || pg->hdr.user == 0 || pg->hdr.user > max_entries(ps)) {
         *why = "page " + std::to_string(info[page].id) + " has a bad kind or item count";
         return false;
     }
@@ -560,69 +566,76 @@ bool Loader::link(std::byte *page, std::string *why) {
     return true;
 }
 
-bool Loader::check(std::byte *root, uint16_t w, PageManager *pm, std::string *why) {
-    const uint32_t ps = db->cfg.seq_page_size;
-    const uint64_t leaf_cap = (uint64_t(ps) * 8 - 127) / (uint64_t(w) * 8 + 1);
-    // Returns the page's info once checked; null with *why set otherwise.
-    auto walk = [&](auto &self, std::byte *page, int depth) -> PageInfo * {
-        auto it = info.find(page);
-        if (it == info.end() || !page_live(page)) {
-            *why = "a tree references a page that is not there";
-            return nullptr;
-        }
-        PageInfo &pi = it->second;
-        const std::string name = "page " + std::to_string(pi.id);
-        if (pi.checked) {
-            if (pi.width != w) {
-                *why = name + " is shared by fields of different element widths";
-                return nullptr;
-            }
-            return &pi;
-        }
-        if (pi.pm != pm->which) {
-            *why = name + " belongs to another page manager";
-            return nullptr;
-        }
-        if (depth > VEL_SEQ_MAX_DEPTH) {
-            *why = name + " lies deeper than a tree may (or on a cycle)";
-            return nullptr;
-        }
-        auto *pg = reinterpret_cast<vel_seq_page_t *>(page);
+namespace {
+
+// The walk of Loader::check.  A page checked before, from this tree or an
+// earlier one, is not walked again: its count and height stand.
+struct LoadWalk : layout::TreeWalk<LoadWalk, vel_seq_page_t> {
+    // link() bounds the entries of every inner page alike, keys or not.
+    LoadWalk(Loader *ld, int32_t ps, uint16_t w, uint8_t pm)
+        : TreeWalk(ps, layout::leaf_capacity(ps, w), max_entries(ps)), ld(ld), w(w), pm(pm) {}
+    Loader *ld;
+    const uint16_t w;
+    const uint8_t pm;
+
+    Loader::PageInfo &info(vel_seq_page_t *pg) { return ld->info.at(as_bytes(pg)); }
+    static std::byte *as_bytes(vel_seq_page_t *pg) { return reinterpret_cast<std::byte *>(pg); }
+
+    bool enter(vel_seq_page_t *pg, int level, uint64_t k) {
+        auto it = ld->info.find(as_bytes(pg));
+        if (it == ld->info.end() || !page_live(pg))
+            return fail(k, level, "a tree references a page that is not there");
+        const Loader::PageInfo &pi = it->second;
+        const auto id = static_cast<unsigned long long>(pi.id);
+        if (pi.checked && pi.width != w)
+            return fail(k, level, "page id %llu is shared by fields of different element widths",
+                        id);
+        if (!pi.checked && pi.pm != pm)
+            return fail(k, level, "page id %llu belongs to another page manager", id);
+        return true;
+    }
+    bool known(vel_seq_page_t *pg, int, uint64_t, uint64_t *count, int *height) {
+        const Loader::PageInfo &pi = info(pg);
+        *count = pi.count;
+        *height = pi.height;
+        return pi.checked;
+    }
+    bool leaf(vel_seq_page_t *pg, int, uint64_t) { return done(pg, pg->hdr.user, 1); }
+    // After the last entry every child is checked: the page's references
+    // are taken and its count summed (the walk's own sum may wrap).
+    bool child(vel_seq_page_t *pg, int level, uint64_t k, uint64_t i, uint64_t, vel_seq_page_t *) {
+        const uint32_t n = pg->hdr.user;
+        if (i + 1 < n)
+            return true;
         uint64_t count = 0;
-        uint8_t height = 1;
-        if (!is_inner(page)) {
-            // The module frees a leaf it empties: an empty leaf is damage.
-            if ((pg->hdr.kind & 15) != 3 || pg->hdr.user == 0 || pg->hdr.user > leaf_cap) {
-                *why = name + " has a bad kind, no values or more than a leaf holds";
-                return nullptr;
-            }
-            count = pg->hdr.user;
-        } else {
-            for (uint32_t i = 0; i < pg->hdr.user; ++i) {
-                vel_seq_node_t *e = entry_at(page, ps, i);
-                PageInfo *c = self(self, reinterpret_cast<std::byte *>(e->page), depth + 1);
-                if (c == nullptr)
-                    return nullptr;
-                if (i == 0)
-                    height = static_cast<uint8_t>(c->height + 1);
-                if (c->height + 1 != height || e->count != c->count ||
-                    __builtin_add_overflow(count, c->count, &count)) {
-                    *why = name + " has an entry whose count or depth disagrees with its child";
-                    return nullptr;
-                }
-            }
-            for (uint32_t i = 0; i < pg->hdr.user; ++i)
-                ref_add(entry_at(page, ps, i)->page);
-        }
-        // The same node, found again: the walk above may have rehashed.
-        PageInfo &done = info.at(page);
-        done.checked = true;
-        done.count = count;
-        done.height = height;
-        done.width = w;
-        return &done;
-    };
-    return walk(walk, root, 1) != nullptr;
+        for (uint32_t j = 0; j < n; ++j)
+            if (__builtin_add_overflow(count, entry_at(pg, page_size, j)->count, &count))
+                return fail(k, level, "holds more elements than a count can");
+        for (uint32_t j = 0; j < n; ++j)
+            ref_add(entry_at(pg, page_size, j)->page);
+        return done(pg, count, leaf_level - level + 1);
+    }
+    bool done(vel_seq_page_t *pg, uint64_t count, int height) {
+        Loader::PageInfo &pi = info(pg);
+        pi.checked = true;
+        pi.count = count;
+        pi.height = static_cast<uint8_t>(height);
+        pi.width = w;
+        return true;
+    }
+};
+
+} // namespace
+
+bool Loader::check(std::byte *root, uint16_t w, PageManager *pm, std::string *why) {
+    LoadWalk walk(this, static_cast<int32_t>(db->cfg.seq_page_size), w,
+                  static_cast<uint8_t>(pm->which));
+    if (walk.walk(reinterpret_cast<vel_seq_page_t *>(root)))
+        return true;
+    *why =
+        std::string(walk.too_deep ? "a tree is too deep (or a cycle): " : "a tree is damaged: ") +
+        walk.message;
+    return false;
 }
 
 void free_unreferenced(Loader *ld) {

@@ -15,6 +15,7 @@
 #include <sys/mman.h>
 
 #include "host_internal.h"
+#include "seq_layout.h"
 
 #if defined(__SANITIZE_ADDRESS__)
 #define VELH_ASAN 1
@@ -34,6 +35,8 @@
 #endif
 
 namespace velhost {
+
+using namespace velseq::layout;
 
 namespace {
 
@@ -265,14 +268,9 @@ void prune_tree(PageManager *pm, vel_seq_page_t *root, Txn *txn) {
     int64_t n = ref_sub(root);
     if (n != 0)
         return; // still referenced elsewhere (or a release too many: keep it)
-    if ((root->hdr.kind & 15) == 2) {
-        const uint32_t ps = pm->page_size;
-        for (uint32_t i = 0; i < root->hdr.user; ++i) {
-            auto *e = reinterpret_cast<vel_seq_node_t *>(reinterpret_cast<std::byte *>(root) + ps -
-                                                         16 * (size_t(i) + 1));
-            prune_tree(pm, e->page, txn);
-        }
-    }
+    if (page_kind(root) == kInnerPage)
+        for (uint32_t i = 0; i < root->hdr.user; ++i)
+            prune_tree(pm, entry_at(root, pm->page_size, i)->page, txn);
     page_free(pm, reinterpret_cast<std::byte *>(root), txn);
 }
 
@@ -284,7 +282,7 @@ VEL_RET make_tree_private(Txn *txn, PageManager *pm, vel_seq_page_t **slot) {
     if (pg == nullptr)
         return VEL_S_OK;
     const uint32_t ps = pm->page_size;
-    const bool inner = (pg->hdr.kind & 15) == 2;
+    const bool inner = page_kind(pg) == kInnerPage;
     if (ref_load(pg) > 1) {
         std::byte *q;
         VEL_RET r = page_alloc(pm, txn, &q);
@@ -297,20 +295,15 @@ VEL_RET make_tree_private(Txn *txn, PageManager *pm, vel_seq_page_t **slot) {
         std::atomic_ref<uint32_t>(copy->ref_count).store(1, std::memory_order_release);
         if (inner)
             for (uint32_t i = 0; i < copy->hdr.user; ++i)
-                ref_add(reinterpret_cast<vel_seq_node_t *>(q + ps - 16 * (size_t(i) + 1))->page);
+                ref_add(entry_at(copy, ps, i)->page);
         ref_sub(pg);
         *slot = copy;
         pg = copy;
     }
-    if (inner) {
-        auto *b = reinterpret_cast<std::byte *>(pg);
-        for (uint32_t i = 0; i < pg->hdr.user; ++i) {
-            auto *e = reinterpret_cast<vel_seq_node_t *>(b + ps - 16 * (size_t(i) + 1));
-            VEL_RET r = make_tree_private(txn, pm, &e->page);
-            if (r != VEL_S_OK)
+    if (inner)
+        for (uint32_t i = 0; i < pg->hdr.user; ++i)
+            if (VEL_RET r = make_tree_private(txn, pm, &entry_at(pg, ps, i)->page); r != VEL_S_OK)
                 return r;
-        }
-    }
     return VEL_S_OK;
 }
 
@@ -341,10 +334,9 @@ bool mark_reached(PageManager *pm, vel_seq_page_t *root, uint64_t serial) {
         if (m->creator != serial || m->reached)
             continue;
         m->reached = 1;
-        if ((pg->hdr.kind & 15) == 2)
+        if (page_kind(pg) == kInnerPage)
             for (uint32_t i = 0; i < pg->hdr.user; ++i)
-                todo.push_back(
-                    reinterpret_cast<vel_seq_node_t *>(b + ps - 16 * (size_t(i) + 1))->page);
+                todo.push_back(entry_at(pg, ps, i)->page);
     }
     return true;
 }
@@ -355,11 +347,9 @@ uint32_t left_edge_levels(PageManager *pm, vel_seq_page_t *pg) {
     uint32_t levels = 0;
     while (pg != nullptr && levels <= VEL_SEQ_MAX_DEPTH) {
         levels++;
-        if ((pg->hdr.kind & 15) != 2 || pg->hdr.user == 0)
+        if (page_kind(pg) != kInnerPage || pg->hdr.user == 0)
             break;
-        pg = reinterpret_cast<vel_seq_node_t *>(reinterpret_cast<std::byte *>(pg) + pm->page_size -
-                                                16)
-                 ->page;
+        pg = entry_at(pg, pm->page_size, 0)->page;
     }
     return levels;
 }
@@ -410,12 +400,11 @@ VEL_RET sweep_created(Db *db, Txn *txn, bool committing) {
             continue;
         orphans.emplace_back(pg, pm);
         auto *p = reinterpret_cast<vel_seq_page_t *>(pg);
-        if ((p->hdr.kind & 15) != 2)
+        if (page_kind(p) != kInnerPage)
             continue;
-        const uint32_t ps = pm->page_size;
-        for (uint32_t i = 0; i < p->hdr.user && i < (ps - 8) / 16; ++i) {
-            vel_seq_page_t *child =
-                reinterpret_cast<vel_seq_node_t *>(pg + ps - 16 * (size_t(i) + 1))->page;
+        const int32_t ps = pm->page_size;
+        for (int32_t i = 0; i < p->hdr.user && i < inner_capacity(ps, 0, false, false); ++i) {
+            vel_seq_page_t *child = entry_at(p, ps, i)->page;
             if (child != nullptr && chunk_of(child)->magic == kChunkMagic && !orphan(child))
                 released.emplace_back(child, pm);
         }

@@ -4,16 +4,14 @@
 
 #include <string>
 
+#include "seq_layout.h"
 #include "velembed.h"
 
 namespace {
 
-constexpr int32_t kPage = 256; // 61 int4 values a leaf
+constexpr int32_t kPage = 256; // 58 int4 values a leaf
 
-// Inner entries are stored from the page end downwards.
-vel_seq_node_t *entry(vel_seq_page_t *pg, int i) {
-    return reinterpret_cast<vel_seq_node_t *>(reinterpret_cast<char *>(pg) + kPage - 16 * (i + 1));
-}
+vel_seq_node_t *entry(vel_seq_page_t *pg, int i) { return velseq::layout::entry_at(pg, kPage, i); }
 
 class PagesTest : public ::testing::Test {
   protected:
@@ -132,7 +130,7 @@ TEST_F(PagesTest, CheckerFindsDamage) {
     entry(root, 1)->count = 5;
     check("entry 1");
     entry(root, 1)->count = 4;
-    const uint16_t cap = (8 * kPage - 127) / 33; // value bytes and a null bit each
+    const auto cap = static_cast<uint16_t>(velseq::layout::leaf_capacity(kPage, 4));
     for (uint16_t n : {cap + 1, +cap}) {
         entry(root, 0)->page->hdr.user = n;
         entry(root, 0)->count = n;
