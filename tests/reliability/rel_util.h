@@ -12,7 +12,7 @@
 #include "harness/env.h"
 #include "harness/model.h"
 #include "harness/tree_check.h"
-#include "storage/field_root.h"
+#include "seq_root.h"
 
 namespace velrel {
 

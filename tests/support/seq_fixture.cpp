@@ -4,7 +4,7 @@
 #include <stdexcept>
 #include <vector>
 
-#include "storage/field_root.h"
+#include "seq_root.h"
 
 namespace vstest {
 
