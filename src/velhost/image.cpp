@@ -289,47 +289,100 @@ std::vector<SavedObject> saved_objects(Db *d, Txn *txn, uint32_t n_classes) {
     return objs;
 }
 
-using ImageIds = std::unordered_map<const std::byte *, uint64_t>;
-using ImagePages = std::vector<std::pair<const std::byte *, uint8_t>>; // page, its manager
+// The walk of Loader::check.  A page checked before, from this tree or an
+// earlier one, is not walked again: its count and height stand.
+struct LoadWalk : layout::TreeWalk<LoadWalk, vel_seq_page_t> {
+    // link() bounds the entries of every inner page alike, keys or not.
+    LoadWalk(Loader *ld, int32_t ps, uint16_t w, uint8_t pm)
+        : TreeWalk(ps, layout::leaf_capacity(ps, w), max_entries(ps)), ld(ld), w(w), pm(pm) {}
+    Loader *ld;
+    const uint16_t w;
+    const uint8_t pm;
+
+    Loader::PageInfo &info(vel_seq_page_t *pg) {
+        return ld->info.at(reinterpret_cast<std::byte *>(pg));
+    }
+
+    bool enter(vel_seq_page_t *pg, int level, uint64_t k) {
+        auto it = ld->info.find(reinterpret_cast<std::byte *>(pg));
+        if (it == ld->info.end() || !page_live(pg))
+            return fail(k, level, "a tree references a page that is not there");
+        const Loader::PageInfo &pi = it->second;
+        const auto id = static_cast<unsigned long long>(pi.id);
+        if (pi.checked && pi.width != w)
+            return fail(k, level, "page id %llu is shared by fields of different element widths",
+                        id);
+        if (!pi.checked && pi.pm != pm)
+            return fail(k, level, "page id %llu belongs to another page manager", id);
+        return true;
+    }
+    bool known(vel_seq_page_t *pg, int, uint64_t, uint64_t *count, int *height) {
+        const Loader::PageInfo &pi = info(pg);
+        *count = pi.count;
+        *height = pi.height;
+        return pi.checked;
+    }
+    bool leaf(vel_seq_page_t *pg, int, uint64_t) { return done(pg, pg->hdr.user, 1); }
+    // After the last entry every child is checked: the page's references
+    // are taken (a failure dooms the load) and its count summed (the walk's
+    // own sum may wrap).
+    bool child(vel_seq_page_t *pg, int level, uint64_t k, uint64_t i, uint64_t, vel_seq_page_t *) {
+        if (i + 1 < pg->hdr.user)
+            return true;
+        uint64_t count = 0;
+        for (uint32_t j = 0; j <= i; ++j) {
+            ref_add(entry_at(pg, page_size, j)->page);
+            if (__builtin_add_overflow(count, entry_at(pg, page_size, j)->count, &count))
+                return fail(k, level, "holds more elements than a count can");
+        }
+        return done(pg, count, leaf_level - level + 1);
+    }
+    bool done(vel_seq_page_t *pg, uint64_t count, int height) {
+        Loader::PageInfo &pi = info(pg);
+        pi.checked = true;
+        pi.count = count;
+        pi.height = static_cast<uint8_t>(height);
+        pi.width = w;
+        return true;
+    }
+};
+
+// What an image holds, numbered, ready to be written.
+struct ImageContent {
+    uint32_t n_classes = 0; // codes 1..n_classes - 1
+    std::vector<SavedObject> objs;
+    std::unordered_map<const std::byte *, uint64_t> ids;
+    std::vector<std::pair<const std::byte *, uint8_t>> pages; // by id - 1, with their manager
+};
 
 // Page ids in the walk's order (depth-first, pre-order) from the roots, each
-// page once; `pages` lists them by id - 1 with their page manager.
+// page once.
 struct Numbering : layout::TreeWalk<Numbering> {
-    Numbering(uint32_t ps, ImageIds *ids, ImagePages *pages)
-        : TreeWalk(static_cast<int32_t>(ps), 0, 0, false), ids(ids), pages(pages) {}
-    ImageIds *ids;
-    ImagePages *pages;
+    using TreeWalk::TreeWalk;
+    ImageContent *c = nullptr;
     uint8_t which = 0; // the page manager of the field walked
     bool fresh = false;
 
     bool enter(const vel_seq_page_t *pg, int, uint64_t) {
         auto *b = reinterpret_cast<const std::byte *>(pg);
-        if ((fresh = ids->emplace(b, pages->size() + 1).second))
-            pages->emplace_back(b, which);
+        if ((fresh = c->ids.emplace(b, c->pages.size() + 1).second))
+            c->pages.emplace_back(b, which);
         return true;
     }
     bool known(const vel_seq_page_t *, int, uint64_t, uint64_t *, int *) { return !fresh; }
 };
 
-void number_pages(const Db *d, const std::vector<SavedObject> &objs, ImageIds *ids,
-                  ImagePages *pages) {
+void number_pages(const Db *d, ImageContent *c) {
     const uint32_t afs = d->cfg.additional_object_field_size;
-    Numbering walk(d->cfg.seq_page_size, ids, pages);
-    for (const SavedObject &o : objs)
+    Numbering walk(static_cast<int32_t>(d->cfg.seq_page_size), 0, 0, false);
+    walk.c = c;
+    for (const SavedObject &o : c->objs)
         for (uint16_t fno : o.cls->seq_fields)
             if (const vel_seq_page_t *root = *root_slot(o.cls, o.v, o.cls->fields[fno], afs)) {
                 walk.which = static_cast<uint8_t>(o.cls->pm->which);
                 walk.walk(root);
             }
 }
-
-// What an image holds, numbered, ready to be written.
-struct ImageContent {
-    uint32_t n_classes = 0; // codes 1..n_classes - 1
-    std::vector<SavedObject> objs;
-    ImageIds ids;
-    ImagePages pages;
-};
 
 // The 128-byte header of image `id`.
 std::string image_header(const Db *d, uint64_t id, const uint64_t *prev_id, const ImageContent &c) {
@@ -489,7 +542,7 @@ VEL_RET image_save(Db *d, const char *path, ImageSave *how) {
     ImageContent content;
     content.n_classes = d->n_classes.load(std::memory_order_acquire);
     content.objs = saved_objects(d, conn_of(con)->txn, content.n_classes);
-    number_pages(d, content.objs, &content.ids, &content.pages);
+    number_pages(d, &content);
 
     const std::string tmp = target + ".tmp." + std::to_string(::getpid());
     const uint64_t id = new_image_id();
@@ -566,75 +619,12 @@ bool Loader::link(std::byte *page, std::string *why) {
     return true;
 }
 
-namespace {
-
-// The walk of Loader::check.  A page checked before, from this tree or an
-// earlier one, is not walked again: its count and height stand.
-struct LoadWalk : layout::TreeWalk<LoadWalk, vel_seq_page_t> {
-    // link() bounds the entries of every inner page alike, keys or not.
-    LoadWalk(Loader *ld, int32_t ps, uint16_t w, uint8_t pm)
-        : TreeWalk(ps, layout::leaf_capacity(ps, w), max_entries(ps)), ld(ld), w(w), pm(pm) {}
-    Loader *ld;
-    const uint16_t w;
-    const uint8_t pm;
-
-    Loader::PageInfo &info(vel_seq_page_t *pg) { return ld->info.at(as_bytes(pg)); }
-    static std::byte *as_bytes(vel_seq_page_t *pg) { return reinterpret_cast<std::byte *>(pg); }
-
-    bool enter(vel_seq_page_t *pg, int level, uint64_t k) {
-        auto it = ld->info.find(as_bytes(pg));
-        if (it == ld->info.end() || !page_live(pg))
-            return fail(k, level, "a tree references a page that is not there");
-        const Loader::PageInfo &pi = it->second;
-        const auto id = static_cast<unsigned long long>(pi.id);
-        if (pi.checked && pi.width != w)
-            return fail(k, level, "page id %llu is shared by fields of different element widths",
-                        id);
-        if (!pi.checked && pi.pm != pm)
-            return fail(k, level, "page id %llu belongs to another page manager", id);
-        return true;
-    }
-    bool known(vel_seq_page_t *pg, int, uint64_t, uint64_t *count, int *height) {
-        const Loader::PageInfo &pi = info(pg);
-        *count = pi.count;
-        *height = pi.height;
-        return pi.checked;
-    }
-    bool leaf(vel_seq_page_t *pg, int, uint64_t) { return done(pg, pg->hdr.user, 1); }
-    // After the last entry every child is checked: the page's references
-    // are taken and its count summed (the walk's own sum may wrap).
-    bool child(vel_seq_page_t *pg, int level, uint64_t k, uint64_t i, uint64_t, vel_seq_page_t *) {
-        const uint32_t n = pg->hdr.user;
-        if (i + 1 < n)
-            return true;
-        uint64_t count = 0;
-        for (uint32_t j = 0; j < n; ++j)
-            if (__builtin_add_overflow(count, entry_at(pg, page_size, j)->count, &count))
-                return fail(k, level, "holds more elements than a count can");
-        for (uint32_t j = 0; j < n; ++j)
-            ref_add(entry_at(pg, page_size, j)->page);
-        return done(pg, count, leaf_level - level + 1);
-    }
-    bool done(vel_seq_page_t *pg, uint64_t count, int height) {
-        Loader::PageInfo &pi = info(pg);
-        pi.checked = true;
-        pi.count = count;
-        pi.height = static_cast<uint8_t>(height);
-        pi.width = w;
-        return true;
-    }
-};
-
-} // namespace
-
 bool Loader::check(std::byte *root, uint16_t w, PageManager *pm, std::string *why) {
     LoadWalk walk(this, static_cast<int32_t>(db->cfg.seq_page_size), w,
                   static_cast<uint8_t>(pm->which));
     if (walk.walk(reinterpret_cast<vel_seq_page_t *>(root)))
         return true;
-    *why =
-        std::string(walk.too_deep ? "a tree is too deep (or a cycle): " : "a tree is damaged: ") +
-        walk.message;
+    *why = "a damaged tree (or a cycle), " + std::string(walk.message);
     return false;
 }
 
