@@ -1,10 +1,13 @@
 // Sequence pages and versions: reference counts and prune, the commit's depth
-// limit and sweep of unlinked pages, the tree checker, and write conflicts.
+// limit and sweep of unlinked pages, the tree checker, a walk that skips
+// subtrees seen before, and write conflicts.
 #include <gtest/gtest.h>
 
+#include <map>
 #include <string>
+#include <utility>
 
-#include "seq_layout.h"
+#include "seq_walk.h"
 #include "velembed.h"
 
 namespace {
@@ -137,6 +140,59 @@ TEST_F(PagesTest, CheckerFindsDamage) {
         check(n > cap ? "capacity" : nullptr);
     }
     ASSERT_EQ(velh_rollback(con), VEL_S_OK);
+}
+
+// A walk that remembers the subtrees it walked, as an image's load does,
+// skips them when met again and still counts their elements, and still
+// refuses leaves at two levels when one of them is a skipped subtree's.
+TEST(PagesWalk, SkippedSubtreesCountAndKeepTheLeafLevel) {
+    using Seen = std::map<vel_seq_page_t *, std::pair<uint64_t, int>>; // count, height
+    struct Remembering : velseq::layout::TreeWalk<Remembering, vel_seq_page_t> {
+        explicit Remembering(Seen *seen)
+            : TreeWalk(kPage, velseq::layout::leaf_capacity(kPage, 4),
+                       velseq::layout::inner_capacity(kPage, 4, false, false)),
+              seen(seen) {}
+        Seen *seen;
+        bool known(vel_seq_page_t *pg, int, uint64_t, uint64_t *count, int *height) {
+            auto it = seen->find(pg);
+            if (it != seen->end())
+                std::tie(*count, *height) = it->second;
+            return it != seen->end();
+        }
+        bool leaf(vel_seq_page_t *pg, int, uint64_t) {
+            (*seen)[pg] = {pg->hdr.user, 1};
+            return true;
+        }
+        bool child(vel_seq_page_t *pg, int level, uint64_t, uint64_t i, uint64_t,
+                   vel_seq_page_t *) {
+            if (i + 1 == pg->hdr.user)
+                (*seen)[pg] = {3 * pg->hdr.user, leaf_level - level + 1};
+            return true;
+        }
+    };
+    struct alignas(8) Page {
+        std::byte b[kPage];
+    } leaf{}, q{}, s{}, r{};
+    // Every subtree below holds 3 elements.
+    auto make = [](Page &p, std::initializer_list<Page *> kids) {
+        auto *pg = reinterpret_cast<vel_seq_page_t *>(p.b);
+        pg->hdr.kind = kids.size() == 0 ? 3 : 2;
+        pg->hdr.user = static_cast<uint16_t>(kids.size() == 0 ? 3 : kids.size());
+        int i = 0;
+        for (Page *k : kids)
+            *entry(pg, i++) = {reinterpret_cast<vel_seq_page_t *>(k->b), 3};
+        return pg;
+    };
+    make(leaf, {});
+    Seen seen;
+    Remembering first(&seen), again(&seen), twice(&seen);
+    ASSERT_TRUE(first.walk(make(q, {&leaf}))) << first.message; // q: 2 levels
+    ASSERT_TRUE(again.walk(make(s, {&q, &q}))) << again.message;
+    EXPECT_EQ(again.elements, 6u);
+    EXPECT_EQ(again.pages, 3u) << "q's leaf is not entered again";
+    EXPECT_EQ(again.depth(), 3);
+    EXPECT_FALSE(twice.walk(make(r, {&leaf, &q}))) << "leaves at levels 1 and 2";
+    EXPECT_NE(std::string(twice.message).find("first leaf"), std::string::npos) << twice.message;
 }
 
 // First updater wins: an object being written, or written since a
