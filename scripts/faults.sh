@@ -4,7 +4,8 @@
 #   scripts/faults.sh [--full] [PATTERN...]
 #
 # Copies the worktree (tracked and untracked files, not build/ or .git) into a
-# scratch tree, builds the test programs there once, checks that they pass,
+# scratch tree, builds the test programs there once (the Python package and
+# its tests included), checks that they pass,
 # then for each faults/*.patch whose name contains one of the PATTERNs (all
 # when none is given): applies it, rebuilds incrementally (one build
 # directory, reused), runs the test programs and reverts the patch.  A fault
@@ -70,6 +71,13 @@ build() {
 # "<program> timed out") on stdout.
 run_program() {
     local bin="$1" log="$2" rc
+    if [[ "$bin" == ctest:* ]]; then # a test of an interpreter: run as ctest runs it
+        timeout -k 5 "$TIMEOUT" ctest --test-dir "$BUILD" -R "^${bin#ctest:}\$" \
+            --output-on-failure >"$log" 2>&1
+        rc=$?
+        [ "$rc" -ne 0 ] && echo "${bin#ctest:}(exit $rc)"
+        return 0
+    fi
     local args=()
     [ -n "${ARGS[$bin]:-}" ] && IFS=$'\t' read -r -a args <<<"${ARGS[$bin]}"
     [ -n "${GTEST[$bin]:-}" ] && args=(--gtest_brief=1)
@@ -97,25 +105,30 @@ if [ -f "$WORK/applied" ]; then
     rm -f "$WORK/applied"
 fi
 # Debug without debug information: the same checks, faster links.
-cmake -S "$SRC" -B "$BUILD" -DCMAKE_BUILD_TYPE= -DVELSEQ_TESTS=ON >"$LOGS/configure.log" 2>&1 || {
+cmake -S "$SRC" -B "$BUILD" -DCMAKE_BUILD_TYPE= -DVELSEQ_TESTS=ON -DVELSEQ_PYTHON=ON \
+    >"$LOGS/configure.log" 2>&1 || {
     cat "$LOGS/configure.log"
     exit 1
 }
 # The test programs ctest knows (their targets have the same names), each
 # marked "gtest" when ctest runs it with a filter, or "plain" followed by
-# the arguments ctest gives it (tab-separated).
+# the arguments ctest gives it (tab-separated); a test whose command lies
+# outside the build tree (python3 running pytest or an example) is marked
+# "ctest" and run through ctest, with the environment ctest gives it.
 list_programs() {
     (cd "$BUILD" && ctest -N --show-only=json-v1 2>/dev/null) | python3 -c '
 import json, sys
 progs = {}
 for t in json.load(sys.stdin).get("tests", []):
     cmd = t.get("command") or []
-    if cmd:
+    if cmd and not cmd[0].startswith(sys.argv[1] + "/"):
+        print("ctest\tctest:" + t["name"])  # an interpreter running a script
+    elif cmd:
         g = any(a.startswith("--gtest_filter") for a in cmd[1:])
         kind, args = progs.get(cmd[0], (False, []))
         progs[cmd[0]] = (kind or g, [] if (kind or g) else cmd[1:])
 for p, (g, args) in sorted(progs.items()):
-    print("\t".join(["gtest" if g else "plain", p] + args))'
+    print("\t".join(["gtest" if g else "plain", p] + args))' "$BUILD"
 }
 mapfile -t PROGRAMS < <(list_programs)
 if [ ${#PROGRAMS[@]} -eq 0 ] || ! grep -q '^gtest' <(printf '%s\n' "${PROGRAMS[@]}"); then
@@ -135,7 +148,12 @@ for i in "${!PROGRAMS[@]}"; do
     PROGRAMS[$i]=$p
 done
 TARGETS=()
-for p in "${PROGRAMS[@]}"; do TARGETS+=("$(basename "$p")"); done
+for p in "${PROGRAMS[@]}"; do
+    case "$p" in
+    ctest:*) TARGETS=(all) && break ;; # the scripts' modules: build everything
+    *) TARGETS+=("$(basename "$p")") ;;
+    esac
+done
 echo "faults.sh: test programs: ${TARGETS[*]}"
 build "$LOGS/build-base.log" || {
     tail -30 "$LOGS/build-base.log"
