@@ -96,6 +96,27 @@ TEST_F(PagesTest, ReferenceCountsRegardSharing) {
     EXPECT_EQ(live_pages(), 0u) << "no version references the tree any more";
 }
 
+// An inner page that a transaction made and no tree links (a split's
+// sibling detached by a failed update) is freed at commit and releases the
+// references it holds: the committed leaf it shared goes with its tree.
+TEST_F(PagesTest, OrphanInnerPageReleasesItsChildren) {
+    ASSERT_EQ(velh_begin(con, VELH_READ_WRITE), VEL_S_OK);
+    vel_seq_page_t *root = new_tree();
+    ASSERT_EQ(velh_commit(con), VEL_S_OK);
+    ASSERT_EQ(velh_begin(con, VELH_READ_WRITE), VEL_S_OK);
+    vel_seq_page_t *leaf = entry(root, 0)->page;
+    *entry(new_page(2, 1), 0) = {leaf, 3};
+    ASSERT_EQ(vel_seq_increment_ref_count(con, obj.pm, leaf), VEL_S_OK);
+    ASSERT_EQ(velh_commit(con), VEL_S_OK);
+    EXPECT_EQ(leaf->ref_count, 1u);
+    ASSERT_EQ(velh_begin(con, VELH_READ_WRITE), VEL_S_OK);
+    vel_seq_page_t **slot = root_slot();
+    ASSERT_EQ(vel_seq_prune(con, obj.pm, *slot), VEL_S_OK);
+    *slot = nullptr;
+    ASSERT_EQ(velh_commit(con), VEL_S_OK);
+    EXPECT_EQ(live_pages(), 0u);
+}
+
 // Commit refuses a tree one level deeper than an iterator's stack, rolling
 // back whole; at the limit it keeps every linked page however deep, and frees
 // the page no tree links.
