@@ -1,8 +1,5 @@
-// Reading, writing, searching and matching columns: one generic definition
-// per operation over the value policies of dispatch.h.
-#include <algorithm>
-#include <numeric>
-
+// Reading, writing and searching columns: one generic definition per
+// operation over the value policies of dispatch.h (as-of and gather: asof.cpp).
 #include "dispatch.h"
 #include "seq_layout.h"
 
@@ -11,28 +8,9 @@ namespace velseq::table {
 namespace detail {
 namespace {
 
-constexpr column_type kPositions{VEL_DD_SEQUENCE_UINT8, 8};
-
 std::string field_name(const column &c) {
     return c.field.name != nullptr && *c.field.name ? "'" + std::string(c.field.name) + "'"
                                                     : "field " + std::to_string(c.field.fld_no);
-}
-
-// An array must be of the type asked for and as long as it says.
-void require(const array &a, column_type t, const std::string &what) {
-    if (!(a.type == t))
-        throw error(VEL_E_ILLEGAL_TYPE,
-                    what + ": " + type_name(a.type) + " values where " + type_name(t) + " are due");
-    if (a.values.size() != a.length * t.width ||
-        (!a.validity.empty() && a.validity.size() < (a.length + 7) / 8))
-        throw error(VEL_E_ILLEGAL_PARAM,
-                    what + ": the buffers do not hold " + std::to_string(a.length) + " values");
-}
-
-void set_null(array &a, uint64_t i) {
-    if (a.validity.empty())
-        a.validity.assign((a.length + 7) / 8, 0xFF);
-    a.validity[i / 8] = static_cast<uint8_t>(a.validity[i / 8] & ~(1u << (i % 8)));
 }
 
 // The module's null bitmap (bit set: null) of an array; empty when no value
@@ -104,46 +82,6 @@ template <class P> void check_ordered(const P &p, const column &c, const array &
     if (a.length > 0 && pos < count_of(c) && after(p.at(v, a.length - 1), value_at(p, c, pos)))
         throw error(VEL_E_SEQ_OUT_OF_ORDER, "row " + std::to_string(a.length - 1) +
                                                 " goes after the value stored after it" + where);
-}
-
-// Keys in ascending order, read once, for probes taken in ascending order:
-// `pos` is the first key for which `past` (a predicate that turns from
-// false to true along the keys) holds, `cur` that key and `prev` the one
-// before it.
-template <class P> struct bound_cursor {
-    const P &p;
-    tile_reader<P> r;
-    uint64_t pos = 0, n;
-    typename P::value cur{}, prev{};
-    bool end = false;
-
-    bound_cursor(const P &pol, const column &keys, uint64_t count)
-        : p(pol), r(pol, keys, 0, count), n(count) {
-        load();
-    }
-    void load() {
-        end = !r.ready();
-        if (!end)
-            cur = p.at(r.values(), r.off);
-    }
-    template <class Past> void advance(Past past) {
-        while (!end && !past(cur)) {
-            prev = cur;
-            pos++;
-            r.off++;
-            load();
-        }
-    }
-};
-
-// |b - a| for keys of a number or datetime type, a <= b by the key order.
-template <class P> long double distance(const typename P::value &a, const typename P::value &b) {
-    if constexpr (P::code == VEL_DD_SEQUENCE_DATETIME)
-        return static_cast<long double>(static_cast<uint64_t>(b - a));
-    else if constexpr (P::numeric)
-        return static_cast<long double>(b) - static_cast<long double>(a);
-    else
-        return (void)a, (void)b, 0;
 }
 
 } // namespace
@@ -272,109 +210,6 @@ std::pair<uint64_t, uint64_t> search(const column &c, const array &bounds, bound
         out.first = it->first_seq_no;
         out.second =
             it->last_seq_no == ~vel_seq_no_t(0) ? detail::count_of(c) : it->last_seq_no + 1;
-    });
-    return out;
-}
-
-array gather(const column &c, const array &positions) {
-    detail::require(positions, detail::kPositions, "gather");
-    const uint64_t n = detail::count_of(c);
-    std::vector<uint64_t> wanted;
-    for (uint64_t i = 0; i < positions.length; i++) {
-        if (!positions.valid(i))
-            continue;
-        uint64_t at;
-        std::memcpy(&at, positions.values.data() + i * 8, 8);
-        if (at >= n)
-            throw error(VEL_E_ILLEGAL_PARAM, "gather: position " + std::to_string(at) +
-                                                 " past the end (" + std::to_string(n) + ")");
-        wanted.push_back(at);
-    }
-    array out;
-    out.type = c.type;
-    out.length = positions.length;
-    out.values.resize(out.length * c.type.width);
-    for (uint64_t i = 0; i < positions.length; i++)
-        if (!positions.valid(i))
-            detail::set_null(out, i);
-    if (wanted.empty())
-        return out;
-    detail::visit(c.type, [&](const auto &p) {
-        velseq::detail::array_source src{reinterpret_cast<const unsigned char *>(wanted.data()),
-                                         wanted.size(), 0, 8};
-        vel_seq_iterator_t pos{};
-        velseq::detail::make_array_source(pos, src, VEL_DD_UINT8);
-        detail::iter_ptr it(new vel_seq_iterator_t());
-        vel_objhandle_t obj = c.obj;
-        velseq::detail::check(p.map(&obj, c.field, it.get(), &pos), "gather");
-        uint64_t i = 0; // the next output row that has a position
-        for (;;) {
-            const VEL_RET rc = it->next(it.get());
-            if (rc == VEL_S_CURSOR_END)
-                break;
-            velseq::detail::check(rc, "gather: reading a tile");
-            const auto *v = reinterpret_cast<const unsigned char *>(it->tile.u.arr_char);
-            for (size_t k = 0; k < it->tile_size; k++, i++) {
-                while (!positions.valid(i))
-                    i++;
-                std::memcpy(out.values.data() + i * p.width(), v + k * p.width(), p.width());
-                if (detail::null_at(it->tile.null_bitmap, k))
-                    detail::set_null(out, i);
-            }
-        }
-    });
-    return out;
-}
-
-array asof(const column &keys, const array &probes, const asof_options &opt) {
-    detail::require(probes, keys.type, "asof");
-    if (keys.field.order != VEL_SEQ_ASC_ORDER)
-        throw error(VEL_E_ILLEGAL_PARAM, "asof needs an ascending key column");
-    const bool by_distance = opt.dir == direction::nearest || opt.tolerance;
-    if (by_distance && keys.type.code == VEL_DD_SEQUENCE_CHAR)
-        throw error(VEL_E_ILLEGAL_TYPE, "asof: char keys have no distance (nearest, tolerance)");
-    if (opt.tolerance && !(*opt.tolerance >= 0))
-        throw error(VEL_E_ILLEGAL_PARAM, "asof: the tolerance must be a number >= 0");
-    array out;
-    out.type = detail::kPositions;
-    out.length = probes.length;
-    out.values.resize(out.length * 8);
-    out.validity.assign((out.length + 7) / 8, 0);
-    const uint64_t n = detail::count_of(keys);
-    if (n == 0 || probes.length == 0)
-        return out;
-    detail::visit(keys.type, [&](const auto &p) {
-        using P = std::decay_t<decltype(p)>;
-        const unsigned char *pv = probes.values.data();
-        // The probes that can match, by value (ties in row order).
-        std::vector<uint64_t> rows;
-        for (uint64_t i = 0; i < probes.length; i++)
-            if (probes.valid(i) && !p.is_nan(p.at(pv, i)))
-                rows.push_back(i);
-        auto before = [&](uint64_t a, uint64_t b) { return p.less(p.at(pv, a), p.at(pv, b)); };
-        if (!std::is_sorted(rows.begin(), rows.end(), before))
-            std::stable_sort(rows.begin(), rows.end(), before);
-        detail::bound_cursor<P> lower(p, keys, n), upper(p, keys, n);
-        for (uint64_t row : rows) {
-            const auto v = p.at(pv, row);
-            lower.advance([&](const auto &k) { return !p.less(k, v); }); // first key >= v
-            upper.advance([&](const auto &k) { return p.less(v, k); });  // first key > v
-            const auto &b = opt.strict ? lower : upper;
-            const auto &f = opt.strict ? upper : lower;
-            const bool has_back = opt.dir != direction::forward && b.pos > 0;
-            const bool has_fwd = opt.dir != direction::backward && f.pos < n;
-            if (!has_back && !has_fwd)
-                continue;
-            bool fwd = !has_back;
-            if (has_back && has_fwd)
-                fwd = detail::distance<P>(v, f.cur) < detail::distance<P>(b.prev, v);
-            if (opt.tolerance && (fwd ? detail::distance<P>(v, f.cur)
-                                      : detail::distance<P>(b.prev, v)) > *opt.tolerance)
-                continue;
-            const uint64_t at = fwd ? f.pos : b.pos - 1;
-            std::memcpy(out.values.data() + row * 8, &at, 8);
-            out.validity[row / 8] = static_cast<uint8_t>(out.validity[row / 8] | 1u << (row % 8));
-        }
     });
     return out;
 }

@@ -26,6 +26,10 @@ template <class T, uint8_t Code> struct scalar {
         return v;
     }
     bool less(const T &a, const T &b) const { return a < b; }
+    // less() of two values read in place.
+    bool before(const unsigned char *a, const unsigned char *b) const {
+        return at(a, 0) < at(b, 0);
+    }
     bool is_nan(const T &v) const {
         if constexpr (std::is_floating_point_v<T>)
             return std::isnan(v);
@@ -65,6 +69,9 @@ struct chars {
     }
     bool less(const value &a, const value &b) const {
         return std::memcmp(a.data(), b.data(), w) < 0;
+    }
+    bool before(const unsigned char *a, const unsigned char *b) const {
+        return std::memcmp(a, b, w) < 0;
     }
     bool is_nan(const value &) const { return false; }
     void put(unsigned char *dst, const value &v) const { std::memcpy(dst, v.data(), w); }
@@ -193,6 +200,25 @@ void for_each_tile(const P &p, const column &c, uint64_t first, uint64_t last, F
         f(reinterpret_cast<const unsigned char *>(it->tile.u.arr_char), it->tile.null_bitmap, n,
           it->next_seq_no - n);
     }
+}
+
+// An array must be of the type asked for and as long as it says.
+inline void require(const array &a, column_type t, const std::string &what) {
+    if (!(a.type == t))
+        throw error(VEL_E_ILLEGAL_TYPE,
+                    what + ": " + type_name(a.type) + " values where " + type_name(t) + " are due");
+    if (a.values.size() != a.length * t.width ||
+        (!a.validity.empty() && a.validity.size() < (a.length + 7) / 8))
+        throw error(VEL_E_ILLEGAL_PARAM,
+                    what + ": the buffers do not hold " + std::to_string(a.length) + " values");
+}
+
+// Marks value i of `a` null, making the validity bitmap (every value
+// present) on the first null.
+inline void set_null(array &a, uint64_t i) {
+    if (a.validity.empty())
+        a.validity.assign((a.length + 7) / 8, 0xFF);
+    a.validity[i / 8] = static_cast<uint8_t>(a.validity[i / 8] & ~(1u << (i % 8)));
 }
 
 inline bool null_at(const vel_bitmap_word_t *nulls, size_t i) {

@@ -52,6 +52,26 @@ int code_of(const std::function<void()> &f) {
     return 0;
 }
 
+// The as-of match of probe p by binary searches over the ascending keys.
+std::optional<uint64_t> model_asof(const std::vector<int64_t> &keys, int64_t p,
+                                   const table::asof_options &opt) {
+    const auto b = opt.strict ? std::lower_bound(keys.begin(), keys.end(), p)
+                              : std::upper_bound(keys.begin(), keys.end(), p);
+    const auto f = opt.strict ? std::upper_bound(keys.begin(), keys.end(), p)
+                              : std::lower_bound(keys.begin(), keys.end(), p);
+    std::optional<uint64_t> back, fwd;
+    if (opt.dir != table::direction::forward && b != keys.begin())
+        back = uint64_t(b - keys.begin() - 1);
+    if (opt.dir != table::direction::backward && f != keys.end())
+        fwd = uint64_t(f - keys.begin());
+    std::optional<uint64_t> pick = back ? back : fwd;
+    if (back && fwd && keys[*fwd] - p < p - keys[*back])
+        pick = fwd;
+    if (pick && opt.tolerance && std::llabs(keys[*pick] - p) > *opt.tolerance)
+        pick = std::nullopt;
+    return pick;
+}
+
 TEST(Columns, FollowAModel) {
     database db;
     const table::column_type i8 = *table::type_by_name("int8"), f8 = *table::type_by_name("double");
@@ -162,26 +182,9 @@ TEST(Columns, FollowAModel) {
         if (rng() % 2)
             opt.tolerance = (long double)(rng() % 4);
         std::vector<std::optional<uint64_t>> model(probes.size());
-        for (size_t i = 0; i < probes.size(); i++) {
-            if (!probes[i])
-                continue;
-            const int64_t p = *probes[i];
-            const auto b = opt.strict ? std::lower_bound(keys.begin(), keys.end(), p)
-                                      : std::upper_bound(keys.begin(), keys.end(), p);
-            const auto f = opt.strict ? std::upper_bound(keys.begin(), keys.end(), p)
-                                      : std::lower_bound(keys.begin(), keys.end(), p);
-            std::optional<uint64_t> back, fwd;
-            if (opt.dir != table::direction::forward && b != keys.begin())
-                back = uint64_t(b - keys.begin() - 1);
-            if (opt.dir != table::direction::backward && f != keys.end())
-                fwd = uint64_t(f - keys.begin());
-            std::optional<uint64_t> pick = back ? back : fwd;
-            if (back && fwd && keys[*fwd] - p < p - keys[*back])
-                pick = fwd;
-            if (pick && opt.tolerance && std::llabs(keys[*pick] - p) > *opt.tolerance)
-                pick = std::nullopt;
-            model[i] = pick;
-        }
+        for (size_t i = 0; i < probes.size(); i++)
+            if (probes[i])
+                model[i] = model_asof(keys, *probes[i], opt);
         EXPECT_EQ(values_of<uint64_t>(table::asof(tc, array_of(probes, i8), opt)), model)
             << "direction " << int(opt.dir) << " strict " << opt.strict;
     }
@@ -192,6 +195,140 @@ TEST(Columns, FollowAModel) {
               }),
               VEL_E_ILLEGAL_PARAM);
     EXPECT_EQ(velh_commit(con.get()), VEL_S_OK);
+}
+
+// The first index where two answers differ (the length when none does).
+template <class T> size_t first_difference(const std::vector<T> &a, const std::vector<T> &b) {
+    return size_t(std::mismatch(a.begin(), a.end(), b.begin(), b.end()).first - a.begin());
+}
+
+// The paths of the as-of merge and of gather against the model, on keys
+// with runs of equal values, some longer than a tile (runs straddle tile
+// starts): probes at every value and between, each twice (nearest's second
+// bound starts from the first's tile), a few keys apart (galloping), far
+// apart (a search from the root each) and shuffled; the same keys as
+// char(8); positions gathered in clusters (whole tiles, with hops and
+// jumps), scattered (map) and shuffled; and the C++ API's views, which cut
+// long inputs into batches.
+TEST(Columns, AsofAndGatherPaths) {
+    database db;
+    schema cls{"runs"};
+    field<int64_t> k = cls.seq<int64_t>("k", order::ascending);
+    field<chars<8>> ck = cls.seq<chars<8>>("ck", order::ascending);
+    field<int32_t> v = cls.seq<int32_t>("v");
+    db.define(cls);
+    connection con(db);
+    transaction tx(con, transaction::write);
+    object o = tx.create(cls);
+
+    std::mt19937_64 rng(3);
+    std::vector<int64_t> keys;
+    std::vector<std::optional<int32_t>> vals;
+    for (int64_t key = -300; keys.size() < 20000; key += 1 + int64_t(rng() % 3))
+        for (size_t run = rng() % 4 ? 1 + rng() % 3 : 100 + rng() % 200; run > 0; run--) {
+            keys.push_back(key);
+            vals.push_back(rng() % 5 ? std::optional<int32_t>(int32_t(rng())) : std::nullopt);
+        }
+    // Big-endian with the sign bit flipped: byte order is number order.
+    auto as_chars = [](int64_t x) {
+        chars<8> c;
+        for (int b = 0; b < 8; b++)
+            c.bytes[b] = char((uint64_t(x) ^ (uint64_t(1) << 63)) >> (56 - 8 * b));
+        return c;
+    };
+    std::vector<chars<8>> ckeys;
+    for (int64_t x : keys)
+        ckeys.push_back(as_chars(x));
+    o[k].append(span<const int64_t>(keys));
+    for (size_t i = 0; i < ckeys.size(); i += 1000) // the room check counts a batch's worst case
+        o[ck].append(
+            span<const chars<8>>(ckeys.data() + i, std::min<size_t>(1000, ckeys.size() - i)));
+    o[v].append(span<const std::optional<int32_t>>(vals));
+    const table::table_info t = *table::find_table(db.get(), "runs");
+    const table::column kc = table::column_of(*o.handle(), db.get(), t, t.field("k"));
+    const table::column cc = table::column_of(*o.handle(), db.get(), t, t.field("ck"));
+    const table::column vc = table::column_of(*o.handle(), db.get(), t, t.field("v"));
+
+    std::vector<std::vector<int64_t>> sets(4);
+    for (int64_t x = keys.front() - 2; x <= keys.back() + 2; x++)
+        sets[0].insert(sets[0].end(), {x, x});
+    for (size_t i = 0; i < keys.size(); i += 1 + rng() % 40)
+        sets[1].push_back(keys[i] + int64_t(rng() % 3) - 1);
+    std::sort(sets[1].begin(), sets[1].end());
+    for (size_t i = 0; i < keys.size(); i += 700 + rng() % 2000)
+        sets[2].insert(sets[2].end(), {keys[i], keys[i]});
+    sets[3] = sets[1];
+    std::shuffle(sets[3].begin(), sets[3].end(), rng);
+    auto matches = [](const table::column &c, const array &probes, const table::asof_options &opt,
+                      const std::vector<std::optional<uint64_t>> &model) {
+        return first_difference(values_of<uint64_t>(table::asof(c, probes, opt)), model) ==
+               model.size();
+    };
+    for (size_t s = 0; s < sets.size(); s++) {
+        std::vector<std::optional<int64_t>> probes(sets[s].begin(), sets[s].end());
+        std::vector<std::optional<chars<8>>> cprobes;
+        for (int64_t x : sets[s])
+            cprobes.push_back(as_chars(x));
+        for (int d = 0; d < 3; d++)
+            for (bool strict : {false, true})
+                for (int tol : {-1, 1}) {
+                    SCOPED_TRACE(testing::Message() << "set " << s << " direction " << d
+                                                    << " strict " << strict << " tol " << tol);
+                    table::asof_options opt;
+                    opt.dir = table::direction(d);
+                    opt.strict = strict;
+                    if (tol >= 0)
+                        opt.tolerance = tol;
+                    std::vector<std::optional<uint64_t>> model(probes.size());
+                    for (size_t i = 0; i < probes.size(); i++)
+                        model[i] = model_asof(keys, *probes[i], opt);
+                    EXPECT_TRUE(matches(kc, array_of(probes, kc.type), opt, model));
+                    if (opt.dir != table::direction::nearest && !opt.tolerance) {
+                        EXPECT_TRUE(matches(cc, array_of(cprobes, cc.type), opt, model));
+                    }
+                }
+    }
+
+    std::vector<std::vector<std::optional<uint64_t>>> gathers(3);
+    for (uint64_t at = 0; at < keys.size(); at += rng() % 32 ? 1 : rng() % 1000)
+        gathers[0].push_back(rng() % 10 ? std::optional<uint64_t>(at) : std::nullopt);
+    for (int i = 0; i < 200; i++)
+        gathers[1].push_back(rng() % 10 ? std::optional<uint64_t>(rng() % keys.size())
+                                        : std::nullopt);
+    gathers[2] = gathers[0];
+    std::shuffle(gathers[2].begin(), gathers[2].end(), rng);
+    for (const auto &pos : gathers) {
+        std::vector<std::optional<int32_t>> want(pos.size());
+        std::vector<std::optional<chars<8>>> cwant(pos.size());
+        for (size_t i = 0; i < pos.size(); i++)
+            if (pos[i]) {
+                want[i] = vals[*pos[i]];
+                cwant[i] = ckeys[*pos[i]];
+            }
+        const array pa = array_of(pos, {VEL_DD_SEQUENCE_UINT8, 8});
+        EXPECT_EQ(first_difference(values_of<int32_t>(table::gather(vc, pa)), want), want.size());
+        EXPECT_EQ(first_difference(values_of<chars<8>>(table::gather(cc, pa)), cwant),
+                  cwant.size());
+    }
+
+    std::vector<int64_t> many(2 * detail::asof_batch + 77);
+    for (int64_t &x : many)
+        x = keys.front() - 2 + int64_t(rng() % uint64_t(keys.back() - keys.front() + 4));
+    asof_options<int64_t> opt;
+    opt.dir = direction::nearest;
+    table::asof_options topt;
+    topt.dir = table::direction::nearest;
+    std::vector<std::optional<uint64_t>> want(many.size());
+    std::vector<std::optional<int32_t>> wantv(many.size());
+    for (size_t i = 0; i < many.size(); i++) {
+        want[i] = model_asof(keys, many[i], topt);
+        wantv[i] = want[i] ? vals[*want[i]] : std::nullopt;
+    }
+    EXPECT_EQ(first_difference(asof(o[k], span<const int64_t>(many), opt), want), want.size());
+    const auto [got] = asof_join(o[k], span<const int64_t>(many), opt, o[v]);
+    EXPECT_EQ(first_difference(got, wantv), want.size());
+    EXPECT_EQ(first_difference(gather(o[v], span<const std::optional<uint64_t>>(want)), wantv),
+              want.size());
 }
 
 // Inserts and erases at random places (single values and runs, the

@@ -1,0 +1,463 @@
+// As-of matching and gathering by position: one generic definition each over
+// the value policies of dispatch.h, which every front end (the C++ API, the
+// velseq program, Python) calls.  Keys are compared in place, never copied
+// out of their tiles, and the fields are read tile by tile: ascending probes
+// or positions cost a merge over the tiles they touch, a far jump one
+// descent (a value search or a positional set-up of the iterator).
+#include <algorithm>
+#include <array>
+
+#include "dispatch.h"
+
+namespace velseq::table {
+
+namespace detail {
+namespace {
+
+constexpr column_type kPositions{VEL_DD_SEQUENCE_UINT8, 8};
+constexpr uint64_t kNone = ~uint64_t(0);
+
+// Room for one key of any type, held across tiles.
+using held_key = std::array<unsigned char, VELH_MAX_SEQ_CHAR_WIDTH>;
+static_assert(VELH_MAX_SEQ_CHAR_WIDTH >= sizeof(uint64_t), "a held key fits every scalar");
+
+// Reads a column by positions that mostly ascend.  It keeps the tile in
+// hand; a position in it costs nothing, one in the next two tiles costs their
+// fetch, any other one descent from the root (a positional set-up of the
+// iterator it owns, which is reused: nothing is allocated per jump).
+template <class P> class tile_cursor {
+  public:
+    tile_cursor(const P &p, const column &c, uint64_t n)
+        : p_(p), obj_(c.obj), field_(c.field), n_(n) {}
+    tile_cursor(const tile_cursor &) = delete;
+    tile_cursor &operator=(const tile_cursor &) = delete;
+
+    uint64_t size() const { return n_; }
+    uint64_t base() const { return base_; }
+    size_t len() const { return len_; }
+    const unsigned char *value(size_t i) const { return vals_ + i * p_.width(); }
+    bool null(size_t i) const { return null_at(it_->tile.null_bitmap, i); }
+    bool holds(uint64_t pos) const { return len_ > 0 && pos >= base_ && pos < base_ + len_; }
+
+    // Makes `pos` (< size()) part of the tile in hand.
+    void reach(uint64_t pos) {
+        if (holds(pos))
+            return;
+        if (len_ > 0 && pos >= base_ + len_ && pos < base_ + len_ + 2 * VEL_SEQ_TILE_SIZE) {
+            while (next() && pos >= base_ + len_) {
+            }
+            if (holds(pos))
+                return;
+        }
+        check(p_.subseq(&obj_, field_, it_.get(), pos, n_ - 1), "positioning a scan");
+        adopt();
+    }
+    // The tile after the one in hand; false (and no tile in hand) at the end.
+    bool next() {
+        if (len_ == 0)
+            return false;
+        const VEL_RET rc = it_->next(it_.get());
+        if (rc == VEL_S_CURSOR_END) {
+            len_ = 0;
+            return false;
+        }
+        check(rc, "reading a tile");
+        load();
+        return true;
+    }
+    // A value search from the root for (lo, lk): the position of the first
+    // match, with the tile in hand starting there; size() when none.
+    uint64_t search(const unsigned char *lo, vel_seq_boundary_kind_t lk) {
+        len_ = 0;
+        const VEL_RET rc = p_.search(&obj_, field_, it_.get(), lo, lk, lo, VEL_SEQ_BOUNDARY_OPEN,
+                                     VEL_SEQ_ASC_ORDER);
+        if (rc == VEL_S_NOTFOUND)
+            return n_;
+        check(rc, "searching the keys");
+        adopt();
+        return it_->first_seq_no;
+    }
+    vel_objhandle_t *obj() { return &obj_; }
+
+  private:
+    void adopt() {
+        len_ = 0;
+        const VEL_RET rc = it_->next(it_.get());
+        if (rc == VEL_S_CURSOR_END)
+            return;
+        check(rc, "reading a tile");
+        load();
+    }
+    void load() {
+        len_ = it_->tile_size;
+        base_ = it_->next_seq_no - len_;
+        vals_ = reinterpret_cast<const unsigned char *>(it_->tile.u.arr_char);
+    }
+    static void check(VEL_RET rc, const char *what) { velseq::detail::check(rc, what); }
+
+    P p_;
+    vel_objhandle_t obj_; // the iterator's calls take it by address
+    velh_field_info_t field_;
+    uint64_t n_;
+    iter_ptr it_{new vel_seq_iterator_t()};
+    uint64_t base_ = 0;
+    size_t len_ = 0;
+    const unsigned char *vals_ = nullptr;
+};
+
+// Answers "first position whose key is >= p (upper: > p)" over an ascending
+// column, for a stream of probes: galloping from the previous answer in the
+// tile in hand, on over the next two tiles, otherwise one value search from
+// the root.
+template <class P> class key_cursor {
+  public:
+    key_cursor(const P &p, const column &keys, uint64_t n) : p_(p), keys_(keys), cur_(p, keys, n) {
+        if (n > 0)
+            velseq::detail::check(p.last(cur_.obj(), keys.field, last_.data()),
+                                  "asof: reading the last key");
+    }
+
+    uint64_t size() const { return cur_.size(); }
+
+    uint64_t bound(const unsigned char *p, bool upper) {
+        // Ascending probes mostly land a few keys past the previous answer,
+        // in the tile in hand: the key before the hint fails and the tile's
+        // last qualifies.
+        const size_t h = hint_, len = cur_.len();
+        if (h > 0 && h < len && !qualifies(cur_.value(h - 1), p, upper) &&
+            qualifies(cur_.value(len - 1), p, upper)) {
+            hint_ = search_tile(p, upper);
+            far_ = false;
+            return cur_.base() + hint_;
+        }
+        return bound_beyond(p, upper);
+    }
+
+    // The key at `pos`: from the tile in hand, the key before it, or a read.
+    // Valid until the next call.
+    const unsigned char *key(uint64_t pos) {
+        if (cur_.holds(pos))
+            return cur_.value(pos - cur_.base());
+        if (prev_known_ && pos + 1 == cur_.base())
+            return prev_.data();
+        read_key(pos, scratch_.data());
+        return scratch_.data();
+    }
+
+  private:
+    // bound() for an answer elsewhere than past the hint in the tile in hand.
+    uint64_t bound_beyond(const unsigned char *p, bool upper) {
+        const uint64_t n = cur_.size();
+        if (n == 0 || !qualifies(last_.data(), p, upper))
+            return n;
+        // After a probe that needed a search the next one likely does too:
+        // hopping over tiles first would only add their fetches.
+        for (int hops = far_ ? 2 : 0; cur_.len() > 0; hops++) {
+            const size_t len = cur_.len();
+            if (!qualifies(cur_.value(len - 1), p, upper)) {
+                // The answer lies beyond this tile (and so before the end).
+                if (hops >= 2)
+                    break;
+                std::memcpy(prev_.data(), cur_.value(len - 1), p_.width());
+                prev_known_ = true;
+                seek_valid_ = false; // the search said nothing about the next tile's start
+                if (!cur_.next())
+                    break;
+                hint_ = 0;
+                continue;
+            }
+            const size_t i = search_tile(p, upper);
+            if (i == 0 && cur_.base() > 0 && !prev_fails(p, upper)) {
+                if (!prev_known_) {
+                    read_key(cur_.base() - 1, prev_.data());
+                    prev_known_ = true;
+                }
+                if (qualifies(prev_.data(), p, upper))
+                    break; // the answer lies before this tile
+            }
+            hint_ = i;
+            far_ = false;
+            return cur_.base() + i;
+        }
+        far_ = true;
+        return seek(p, upper);
+    }
+
+    bool qualifies(const unsigned char *v, const unsigned char *p, bool upper) const {
+        return upper ? p_.before(p, v) : !p_.before(v, p);
+    }
+
+    // Whether the key before the tile is known not to qualify for (p, upper),
+    // from the search that placed the tile: it did not qualify for (p0,
+    // upper0), so it is below p0 (or at most p0 when upper0).
+    bool prev_fails(const unsigned char *p, bool upper) const {
+        return seek_valid_ &&
+               (p_.before(p0_.data(), p) || (!p_.before(p, p0_.data()) && (upper || !upper0_)));
+    }
+
+    // The first key of the tile in hand that qualifies (one is known to):
+    // a look at the few keys from the previous answer, galloping on from
+    // there, then halving.
+    size_t search_tile(const unsigned char *p, bool upper) const {
+        const size_t len = cur_.len();
+        size_t lo = 0, hi = len;
+        const size_t h = std::min(hint_, len);
+        if (h > 0 && qualifies(cur_.value(h - 1), p, upper)) {
+            hi = h - 1;
+        } else {
+            // Dense probes move a step or two.
+            for (size_t k = h; k < len && k < h + 4; k++)
+                if (qualifies(cur_.value(k), p, upper))
+                    return k;
+            lo = std::min(len, h + 4);
+            size_t step = 1;
+            while (lo + step < len && !qualifies(cur_.value(lo + step), p, upper)) {
+                lo += step + 1;
+                step *= 2;
+            }
+            hi = std::min(len, lo + step);
+        }
+        while (lo < hi) {
+            const size_t m = lo + (hi - lo) / 2;
+            if (qualifies(cur_.value(m), p, upper))
+                hi = m;
+            else
+                lo = m + 1;
+        }
+        return lo;
+    }
+
+    // One descent: the search leaves the tile in hand starting at the answer.
+    uint64_t seek(const unsigned char *p, bool upper) {
+        hint_ = 0;
+        prev_known_ = false;
+        const uint64_t at =
+            cur_.search(p, upper ? VEL_SEQ_BOUNDARY_EXCLUSIVE : VEL_SEQ_BOUNDARY_INCLUSIVE);
+        seek_valid_ = cur_.len() > 0;
+        std::memcpy(p0_.data(), p, p_.width());
+        upper0_ = upper;
+        return at;
+    }
+
+    // One key by a descent of an iterator of its own, kept for the next.
+    void read_key(uint64_t pos, unsigned char *dst) {
+        if (!one_)
+            one_.reset(new vel_seq_iterator_t());
+        velseq::detail::check(p_.subseq(cur_.obj(), keys_.field, one_.get(), pos, pos),
+                              "asof: reading a key");
+        velseq::detail::check(one_->next(one_.get()), "asof: reading a key");
+        std::memcpy(dst, one_->tile.u.arr_char, p_.width());
+    }
+
+    P p_;
+    const column &keys_;
+    tile_cursor<P> cur_;
+    held_key last_{}; // the last key: probes beyond it need no search
+    held_key prev_{}; // the key before the tile in hand, when prev_known_
+    held_key p0_{};   // the probe of the last search, for prev_fails
+    held_key scratch_{};
+    iter_ptr one_;
+    size_t hint_ = 0;
+    bool prev_known_ = false;
+    bool upper0_ = false;
+    bool seek_valid_ = false;
+    bool far_ = false; // the last probe was answered by a search
+};
+
+// b - a for keys of a number or datetime type, a <= b by the key order:
+// exact as an unsigned difference for integers and datetimes (wrapping
+// around), as a long double for floats.
+template <class P> auto distance(const P &p, const unsigned char *a, const unsigned char *b) {
+    using T = typename P::value;
+    if constexpr (std::is_floating_point_v<T>)
+        return static_cast<long double>(p.at(b, 0)) - static_cast<long double>(p.at(a, 0));
+    else if constexpr (std::is_integral_v<T>)
+        return static_cast<uint64_t>(p.at(b, 0)) - static_cast<uint64_t>(p.at(a, 0));
+    else
+        return (void)p, (void)a, (void)b, uint64_t(0); // char(N): no distance
+}
+
+template <class P>
+void match(const P &p, const column &keys, uint64_t n, const array &probes, const asof_options &opt,
+           array &out) {
+    const size_t w = p.width();
+    const unsigned char *pv = probes.values.data();
+    key_cursor<P> cur(p, keys, n);
+    // The answer to the probe of `row`, for the direction D.
+    auto answer = [&](uint64_t row, auto dir) {
+        constexpr direction D = decltype(dir)::value;
+        const unsigned char *v = pv + row * w;
+        // back: the last candidate before (or at) v; fwd: the first after (or at) it.
+        uint64_t b = 0, f = n;
+        if constexpr (D == direction::nearest) {
+            // lb: the first key >= v, ub: the first > v; they differ only
+            // when v is a key, and only then is the second bound sought.
+            const uint64_t lb = cur.bound(v, false);
+            const uint64_t ub = lb < n && !p.before(v, cur.key(lb)) ? cur.bound(v, true) : lb;
+            b = opt.strict ? lb : ub;
+            f = opt.strict ? ub : lb;
+        } else if constexpr (D == direction::backward) {
+            b = cur.bound(v, !opt.strict);
+        } else {
+            f = cur.bound(v, opt.strict);
+        }
+        const uint64_t back = b > 0 ? b - 1 : kNone, fwd = f < n ? f : kNone;
+        uint64_t pick = back != kNone ? back : fwd;
+        if (back != kNone && fwd != kNone) {
+            const auto ahead = distance(p, v, cur.key(fwd));
+            if (ahead < distance(p, cur.key(back), v))
+                pick = fwd;
+        }
+        if (pick != kNone && opt.tolerance) {
+            const unsigned char *k = cur.key(pick);
+            const auto d = p.before(k, v) ? distance(p, k, v) : distance(p, v, k);
+            if (static_cast<long double>(d) > *opt.tolerance)
+                pick = kNone;
+        }
+        if (pick == kNone)
+            return;
+        std::memcpy(out.values.data() + row * 8, &pick, 8);
+        out.validity[row / 8] = static_cast<uint8_t>(out.validity[row / 8] | 1u << (row % 8));
+    };
+    // The probes that can match (neither null nor NaN): answered in row order
+    // when they ascend, otherwise in value order.
+    auto live = [&](uint64_t i) { return probes.valid(i) && !p.is_nan(p.at(pv, i)); };
+    bool ascending = true;
+    for (uint64_t i = 0, last = kNone; i < probes.length && ascending; i++)
+        if (live(i)) {
+            ascending = last == kNone || !p.before(pv + i * w, pv + last * w);
+            last = i;
+        }
+    std::vector<uint64_t> rows;
+    if (!ascending) {
+        for (uint64_t i = 0; i < probes.length; i++)
+            if (live(i))
+                rows.push_back(i);
+        std::sort(rows.begin(), rows.end(),
+                  [&](uint64_t a, uint64_t b) { return p.before(pv + a * w, pv + b * w); });
+    }
+    auto all = [&](auto dir) {
+        if (!ascending)
+            for (uint64_t row : rows)
+                answer(row, dir);
+        else
+            for (uint64_t i = 0; i < probes.length; i++)
+                if (live(i))
+                    answer(i, dir);
+    };
+    using dir = direction;
+    switch (opt.dir) {
+    case dir::backward:
+        return all(std::integral_constant<dir, dir::backward>{});
+    case dir::forward:
+        return all(std::integral_constant<dir, dir::forward>{});
+    case dir::nearest:
+        return all(std::integral_constant<dir, dir::nearest>{});
+    }
+}
+
+} // namespace
+} // namespace detail
+
+array asof(const column &keys, const array &probes, const asof_options &opt) {
+    detail::require(probes, keys.type, "asof");
+    if (keys.field.order != VEL_SEQ_ASC_ORDER)
+        throw error(VEL_E_ILLEGAL_PARAM, "asof needs an ascending key column");
+    const bool by_distance = opt.dir == direction::nearest || opt.tolerance;
+    if (by_distance && keys.type.code == VEL_DD_SEQUENCE_CHAR)
+        throw error(VEL_E_ILLEGAL_TYPE, "asof: char keys have no distance (nearest, tolerance)");
+    if (opt.tolerance && !(*opt.tolerance >= 0))
+        throw error(VEL_E_ILLEGAL_PARAM, "asof: the tolerance must be a number >= 0");
+    array out;
+    out.type = detail::kPositions;
+    out.length = probes.length;
+    out.values.resize(out.length * 8);
+    out.validity.assign((out.length + 7) / 8, 0);
+    const uint64_t n = detail::count_of(keys);
+    if (n == 0 || probes.length == 0)
+        return out;
+    detail::visit(keys.type, [&](const auto &p) { detail::match(p, keys, n, probes, opt, out); });
+    return out;
+}
+
+array gather(const column &c, const array &positions) {
+    detail::require(positions, detail::kPositions, "gather");
+    const uint64_t n = detail::count_of(c);
+    const unsigned char *pv = positions.values.data();
+    auto at = [pv](uint64_t i) {
+        uint64_t v;
+        std::memcpy(&v, pv + i * 8, 8);
+        return v;
+    };
+    array out;
+    out.type = c.type;
+    out.length = positions.length;
+    out.values.resize(out.length * c.type.width);
+    uint64_t lo = detail::kNone, hi = 0, found = 0;
+    for (uint64_t i = 0; i < positions.length; i++) {
+        if (!positions.valid(i)) {
+            detail::set_null(out, i);
+            continue;
+        }
+        const uint64_t p = at(i);
+        if (p >= n)
+            throw error(VEL_E_ILLEGAL_PARAM, "gather: position " + std::to_string(p) +
+                                                 " past the end (" + std::to_string(n) + ")");
+        lo = std::min(lo, p);
+        hi = std::max(hi, p);
+        found++;
+    }
+    if (found == 0)
+        return out;
+    detail::visit(c.type, [&](const auto &p) {
+        const size_t w = p.width();
+        if ((hi - lo) / found < VEL_SEQ_TILE_SIZE / 2) {
+            // Dense: closer than half a tile apart on average, read through
+            // whole tiles.
+            detail::tile_cursor<std::decay_t<decltype(p)>> cur(p, c, n);
+            for (uint64_t i = 0; i < positions.length; i++) {
+                if (!positions.valid(i))
+                    continue;
+                const uint64_t pos = at(i);
+                cur.reach(pos);
+                const size_t k = static_cast<size_t>(pos - cur.base());
+                std::memcpy(out.values.data() + i * w, cur.value(k), w);
+                if (cur.null(k))
+                    detail::set_null(out, i);
+            }
+            return;
+        }
+        // Sparse: the module's map copies single values out of the leaf in
+        // hand and descends once per leaf.
+        std::vector<uint64_t> wanted;
+        wanted.reserve(found);
+        for (uint64_t i = 0; i < positions.length; i++)
+            if (positions.valid(i))
+                wanted.push_back(at(i));
+        velseq::detail::array_source src{reinterpret_cast<const unsigned char *>(wanted.data()),
+                                         wanted.size(), 0, 8};
+        vel_seq_iterator_t pos{};
+        velseq::detail::make_array_source(pos, src, VEL_DD_UINT8);
+        detail::iter_ptr it(new vel_seq_iterator_t());
+        vel_objhandle_t obj = c.obj;
+        velseq::detail::check(p.map(&obj, c.field, it.get(), &pos), "gather");
+        uint64_t i = 0; // the next output row that has a position
+        for (;;) {
+            const VEL_RET rc = it->next(it.get());
+            if (rc == VEL_S_CURSOR_END)
+                break;
+            velseq::detail::check(rc, "gather: reading a tile");
+            const auto *v = reinterpret_cast<const unsigned char *>(it->tile.u.arr_char);
+            for (size_t k = 0; k < it->tile_size; k++, i++) {
+                while (!positions.valid(i))
+                    i++;
+                std::memcpy(out.values.data() + i * w, v + k * w, w);
+                if (detail::null_at(it->tile.null_bitmap, k))
+                    detail::set_null(out, i);
+            }
+        }
+    });
+    return out;
+}
+
+} // namespace velseq::table
