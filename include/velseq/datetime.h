@@ -139,92 +139,126 @@ static inline int64_t vel_dt_digits_(const char *s, size_t len, size_t *i, int c
     return x;
 }
 
-/* Parses s[0..len) (no blanks) into *out; VEL_DT_OK, VEL_DT_SYNTAX or
-   VEL_DT_RANGE.  *out is written only on success. */
-static inline int vel_dt_parse(const char *s, size_t len, vel_datetime *out) {
-    if (s == NULL || out == NULL)
-        return VEL_DT_SYNTAX;
-    size_t i = 0;
-    const int64_t y = vel_dt_digits_(s, len, &i, 4);
-    if (y < 0 || i >= len || s[i++] != '-')
-        return VEL_DT_SYNTAX;
-    const int64_t mo = vel_dt_digits_(s, len, &i, 2);
-    if (mo < 1 || mo > 12 || i >= len || s[i++] != '-')
-        return VEL_DT_SYNTAX;
-    const int64_t d = vel_dt_digits_(s, len, &i, 2);
+/* YYYY-MM-DD at s[*i], a real calendar day; 0 or VEL_DT_SYNTAX. */
+static inline int vel_dt_date_(const char *s, size_t len, size_t *i, int64_t *y, int64_t *mo,
+                               int64_t *d) {
     static const unsigned char mdays[12] = {31, 29, 31, 30, 31, 30, 31, 31, 30, 31, 30, 31};
-    const int leap = (y % 4 == 0 && y % 100 != 0) || y % 400 == 0;
-    if (d < 1 || d > mdays[mo - 1] || (mo == 2 && d == 29 && !leap))
+    *y = vel_dt_digits_(s, len, i, 4);
+    if (*y < 0 || *i >= len || s[(*i)++] != '-')
         return VEL_DT_SYNTAX;
-    int64_t hh = 0, mm = 0, ss = 0, frac = 0, offset = 0;
-    if (i < len) {
-        if (s[i] != 'T' && s[i] != 't' && s[i] != ' ')
+    *mo = vel_dt_digits_(s, len, i, 2);
+    if (*mo < 1 || *mo > 12 || *i >= len || s[(*i)++] != '-')
+        return VEL_DT_SYNTAX;
+    *d = vel_dt_digits_(s, len, i, 2);
+    const int leap = (*y % 4 == 0 && *y % 100 != 0) || *y % 400 == 0;
+    if (*d < 1 || *d > mdays[*mo - 1] || (*mo == 2 && *d == 29 && !leap))
+        return VEL_DT_SYNTAX;
+    return VEL_DT_OK;
+}
+
+/* HH:MM[:SS[.fraction]] at s[*i] (the fraction up to 9 digits, as
+   nanoseconds); 0 or VEL_DT_SYNTAX. */
+static inline int vel_dt_clock_(const char *s, size_t len, size_t *i, int64_t *sec, int64_t *frac) {
+    const int64_t hh = vel_dt_digits_(s, len, i, 2);
+    if (hh < 0 || hh > 23 || *i >= len || s[(*i)++] != ':')
+        return VEL_DT_SYNTAX;
+    const int64_t mm = vel_dt_digits_(s, len, i, 2);
+    if (mm < 0 || mm > 59)
+        return VEL_DT_SYNTAX;
+    int64_t ss = 0;
+    *frac = 0;
+    if (*i < len && s[*i] == ':') {
+        (*i)++;
+        ss = vel_dt_digits_(s, len, i, 2);
+        if (ss < 0 || ss > 59)
             return VEL_DT_SYNTAX;
-        i++;
-        hh = vel_dt_digits_(s, len, &i, 2);
-        if (hh < 0 || hh > 23 || i >= len || s[i++] != ':')
-            return VEL_DT_SYNTAX;
-        mm = vel_dt_digits_(s, len, &i, 2);
-        if (mm < 0 || mm > 59)
-            return VEL_DT_SYNTAX;
-        if (i < len && s[i] == ':') {
-            i++;
-            ss = vel_dt_digits_(s, len, &i, 2);
-            if (ss < 0 || ss > 59)
-                return VEL_DT_SYNTAX;
-            if (i < len && (s[i] == '.' || s[i] == ',')) {
-                i++;
-                int digits = 0;
-                while (i < len && s[i] >= '0' && s[i] <= '9') {
-                    if (++digits > 9)
-                        return VEL_DT_SYNTAX;
-                    frac = frac * 10 + (s[i++] - '0');
-                }
-                if (digits == 0)
+        if (*i < len && (s[*i] == '.' || s[*i] == ',')) {
+            (*i)++;
+            int digits = 0;
+            while (*i < len && s[*i] >= '0' && s[*i] <= '9') {
+                if (++digits > 9)
                     return VEL_DT_SYNTAX;
-                for (; digits < 9; digits++)
-                    frac *= 10;
+                *frac = *frac * 10 + (s[(*i)++] - '0');
             }
-        }
-        if (i < len && (s[i] == 'Z' || s[i] == 'z')) {
-            i++;
-        } else if (i < len && (s[i] == '+' || s[i] == '-')) {
-            const int64_t sign = s[i++] == '-' ? -1 : 1;
-            const int64_t oh = vel_dt_digits_(s, len, &i, 2);
-            int64_t om = 0;
-            if (oh < 0 || oh > 23)
+            if (digits == 0)
                 return VEL_DT_SYNTAX;
-            if (i < len && s[i] == ':')
-                i++, om = vel_dt_digits_(s, len, &i, 2);
-            else if (i < len)
-                om = vel_dt_digits_(s, len, &i, 2);
-            if (om < 0 || om > 59)
-                return VEL_DT_SYNTAX;
-            offset = sign * (oh * 3600 + om * 60);
+            for (; digits < 9; digits++)
+                *frac *= 10;
         }
     }
-    if (i != len)
-        return VEL_DT_SYNTAX;
-    /* local time minus its offset is UTC; years 0000..9999 keep this in range */
-    const int64_t sec = vel_dt_days_from_civil(y, (unsigned)mo, (unsigned)d) * 86400 + hh * 3600 +
-                        mm * 60 + ss - offset;
+    *sec = hh * 3600 + mm * 60 + ss;
+    return VEL_DT_OK;
+}
+
+/* An optional Z, +HH[:MM] or -HH[MM] at s[*i], as seconds east of UTC;
+   0 or VEL_DT_SYNTAX. */
+static inline int vel_dt_offset_(const char *s, size_t len, size_t *i, int64_t *offset) {
+    *offset = 0;
+    if (*i < len && (s[*i] == 'Z' || s[*i] == 'z')) {
+        (*i)++;
+    } else if (*i < len && (s[*i] == '+' || s[*i] == '-')) {
+        const int64_t sign = s[(*i)++] == '-' ? -1 : 1;
+        const int64_t oh = vel_dt_digits_(s, len, i, 2);
+        int64_t om = 0;
+        if (oh < 0 || oh > 23)
+            return VEL_DT_SYNTAX;
+        if (*i < len && s[*i] == ':')
+            (*i)++, om = vel_dt_digits_(s, len, i, 2);
+        else if (*i < len)
+            om = vel_dt_digits_(s, len, i, 2);
+        if (om < 0 || om > 59)
+            return VEL_DT_SYNTAX;
+        *offset = sign * (oh * 3600 + om * 60);
+    }
+    return VEL_DT_OK;
+}
+
+/* sec seconds plus frac nanoseconds since 1970 as INT64 nanoseconds;
+   0 or VEL_DT_RANGE. */
+static inline int vel_dt_ns_(int64_t sec, int64_t frac, int64_t *ns) {
     /* INT64 nanoseconds span seconds -9223372037 (partly) .. 9223372036 (partly) */
     if (sec < -9223372037ll || sec > 9223372036ll)
         return VEL_DT_RANGE;
-    int64_t ns;
     if (sec < 0) {
         /* (sec + 1) * 1e9 fits; adding frac - 1e9 may step below INT64_MIN */
         const int64_t base = (sec + 1) * VEL_DT_NS_PER_SEC;
         const int64_t rest = frac - VEL_DT_NS_PER_SEC;
         if (base < INT64_MIN - rest)
             return VEL_DT_RANGE;
-        ns = base + rest;
+        *ns = base + rest;
     } else {
         const int64_t base = sec * VEL_DT_NS_PER_SEC;
         if (base > INT64_MAX - frac)
             return VEL_DT_RANGE;
-        ns = base + frac;
+        *ns = base + frac;
     }
+    return VEL_DT_OK;
+}
+
+/* Parses s[0..len) (no blanks) into *out; VEL_DT_OK, VEL_DT_SYNTAX or
+   VEL_DT_RANGE.  *out is written only on success. */
+static inline int vel_dt_parse(const char *s, size_t len, vel_datetime *out) {
+    if (s == NULL || out == NULL)
+        return VEL_DT_SYNTAX;
+    size_t i = 0;
+    int64_t y, mo, d, clock = 0, frac = 0, offset = 0, ns;
+    if (vel_dt_date_(s, len, &i, &y, &mo, &d) != VEL_DT_OK)
+        return VEL_DT_SYNTAX;
+    if (i < len) {
+        if (s[i] != 'T' && s[i] != 't' && s[i] != ' ')
+            return VEL_DT_SYNTAX;
+        i++;
+        if (vel_dt_clock_(s, len, &i, &clock, &frac) != VEL_DT_OK ||
+            vel_dt_offset_(s, len, &i, &offset) != VEL_DT_OK)
+            return VEL_DT_SYNTAX;
+    }
+    if (i != len)
+        return VEL_DT_SYNTAX;
+    /* local time minus its offset is UTC; years 0000..9999 keep this in range */
+    const int64_t sec =
+        vel_dt_days_from_civil(y, (unsigned)mo, (unsigned)d) * 86400 + clock - offset;
+    if (vel_dt_ns_(sec, frac, &ns) != VEL_DT_OK)
+        return VEL_DT_RANGE;
     *out = vel_dt_from_ns(ns);
     return VEL_DT_OK;
 }

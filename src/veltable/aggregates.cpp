@@ -323,6 +323,30 @@ std::vector<array> aggregate(const column &c, uint64_t first, uint64_t last,
     return answers;
 }
 
+namespace {
+
+// The positions [first, last) of ts whose times lie in [window.first,
+// window.second); the whole column without a window.
+std::pair<uint64_t, uint64_t>
+window_positions(const column &ts, uint64_t n,
+                 std::optional<std::pair<vel_datetime, vel_datetime>> window) {
+    if (!window)
+        return {0, n};
+    if (window->second < window->first)
+        throw error(VEL_E_ILLEGAL_PARAM, "resample: window given reversed");
+    vel_objhandle_t obj = ts.obj;
+    detail::iter_ptr it(new vel_seq_iterator_t());
+    const VEL_RET rc = vel_w_seq_search_datetime(
+        &obj, ts.field.u_offset, ts.field.c_offset, it.get(), window->first,
+        VEL_SEQ_BOUNDARY_INCLUSIVE, window->second, VEL_SEQ_BOUNDARY_EXCLUSIVE, VEL_SEQ_ASC_ORDER);
+    if (rc == VEL_S_NOTFOUND)
+        return {0, 0};
+    velseq::detail::check(rc, "resample: searching the window");
+    return {it->first_seq_no, it->last_seq_no == ~vel_seq_no_t(0) ? n : it->last_seq_no + 1};
+}
+
+} // namespace
+
 buckets resample(const column &ts, const column &values, int64_t width_ns, vel_datetime origin,
                  std::optional<std::pair<vel_datetime, vel_datetime>> window,
                  const std::vector<std::string> &names) {
@@ -333,24 +357,7 @@ buckets resample(const column &ts, const column &values, int64_t width_ns, vel_d
     const uint64_t n = detail::count_of(ts);
     if (detail::count_of(values) != n)
         throw error(VEL_E_SEQ_LENGTH_MISMATCH, "resample: time and value columns differ in length");
-    uint64_t first = 0, last = n;
-    if (window) {
-        if (window->second < window->first)
-            throw error(VEL_E_ILLEGAL_PARAM, "resample: window given reversed");
-        vel_objhandle_t obj = ts.obj;
-        detail::iter_ptr it(new vel_seq_iterator_t());
-        const VEL_RET rc =
-            vel_w_seq_search_datetime(&obj, ts.field.u_offset, ts.field.c_offset, it.get(),
-                                      window->first, VEL_SEQ_BOUNDARY_INCLUSIVE, window->second,
-                                      VEL_SEQ_BOUNDARY_EXCLUSIVE, VEL_SEQ_ASC_ORDER);
-        if (rc == VEL_S_NOTFOUND) {
-            first = last = 0;
-        } else {
-            velseq::detail::check(rc, "resample: searching the window");
-            first = it->first_seq_no;
-            last = it->last_seq_no == ~vel_seq_no_t(0) ? n : it->last_seq_no + 1;
-        }
-    }
+    const auto [first, last] = window_positions(ts, n, window);
     buckets out;
     out.start.type = {VEL_DD_SEQUENCE_DATETIME, 8};
     detail::visit(values.type, [&](const auto &p) {
