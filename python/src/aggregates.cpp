@@ -94,7 +94,7 @@ py::dict aggregate_window(const Sequence &s, const Sequence &ts, const py::objec
 }
 
 // Buckets as columns: start, then a column per kernel under its name.
-py::dict resample(const Sequence &vals, const Sequence &ts, int64_t width_ns,
+py::dict resample(const Sequence &vals, const Sequence &ts, const py::object &width,
                   const py::object &from, const py::object &to, const py::object &origin,
                   const py::object &aggs) {
     const table::column t = time_column(vals, ts, "resample");
@@ -107,6 +107,7 @@ py::dict resample(const Sequence &vals, const Sequence &ts, int64_t width_ns,
         window.emplace(time_of(from, "resample"), time_of(to, "resample"));
     }
     const vel_datetime o = origin.is_none() ? vel_dt_from_ns(0) : time_of(origin, "resample");
+    const int64_t width_ns = duration_ns(width, "resample width");
     table::buckets b;
     {
         py::gil_scoped_release nogil;
@@ -126,7 +127,7 @@ void bind_aggregates(py::class_<Sequence> &seq) {
             py::arg("aggs") = py::none())
         .def("aggregate_window", &aggregate_window, py::arg("ts"), py::arg("start"), py::arg("end"),
              py::arg("aggs") = py::none())
-        .def("resample_columns", &resample, py::arg("ts"), py::arg("width_ns"),
+        .def("resample_columns", &resample, py::arg("ts"), py::arg("width"),
              py::arg("start") = py::none(), py::arg("end") = py::none(),
              py::arg("origin") = py::none(), py::arg("aggs") = py::none());
 }

@@ -5,13 +5,19 @@
 // double f4 and f8, datetime M8[ns] (the layer keeps raw datetimes, NumPy
 // nanoseconds since the epoch), char(N) S<N>.  Nulls cross as masks: NumPy's
 // mask is set where a value is null, the layer's validity bit where one is
-// present.
+// present.  As in pandas, NaN in float input and NaT are nulls.
+//
+// Points in time and durations are never plain numbers: an integer would
+// have to be taken as nanoseconds since 1970, which is what no caller who
+// writes 20240101 means, so it is refused with a sentence on what to pass.
+// Text (str) crosses into char(N) fields as UTF-8.
 #pragma once
 
 #include <pybind11/numpy.h>
 #include <pybind11/pybind11.h>
 
 #include <string>
+#include <vector>
 
 #include "velseq/table.hpp"
 
@@ -27,19 +33,32 @@ py::module_ &numpy();
 py::dtype dtype_of(table::column_type t);
 // "int32", "datetime64[ns]", "S4": how fields() names a column's dtype.
 std::string dtype_name(table::column_type t);
-// The column type of a NumPy dtype (or anything np.dtype takes); a scalar
-// field takes bytes up to 4096 wide, a sequence up to
-// VELH_MAX_SEQ_CHAR_WIDTH.  VEL_E_ILLEGAL_TYPE for a dtype with none.
-table::column_type type_of_dtype(const py::handle &dtype, bool scalar);
+// The column type of a NumPy dtype (or anything np.dtype takes; either byte
+// order); a scalar field takes bytes up to 4096 wide, a sequence up to
+// VELH_MAX_SEQ_CHAR_WIDTH.  VEL_E_ILLEGAL_TYPE for a dtype with none, its
+// sentence starting with `what` when given.
+table::column_type type_of_dtype(const py::handle &dtype, bool scalar,
+                                 const std::string &what = "");
 
-// Values of type `t`: an array of its dtype (datetime64 of any unit; bytes
-// of any width whose values fit), a masked array, or a list NumPy converts;
-// `mask` (True: null) when not a masked array.  NaT is a null.
+// Text or bytes as an S<longest> array (str encoded as UTF-8; from an object
+// array, None and NaN are nulls, set in `nulls` when given, refused
+// otherwise).  VEL_E_ILLEGAL_TYPE for anything else.
+py::array bytes_in(const py::handle &values, std::vector<bool> *nulls, const std::string &what);
+
+// Values of type `t`: an array of its dtype (either byte order; datetime64
+// of any unit, or of points in time as value_in takes them; bytes or text of
+// any width whose values fit), a masked array, or a list whose values
+// convert exactly; `mask` (True: null) when not a masked array.  NaT, and
+// NaN when nan_as_null, are nulls.
 table::array array_in(const py::handle &values, const py::object &mask, table::column_type t,
-                      const std::string &what);
-// One present value of type `t` from a Python object (datetimes: datetime64,
-// pandas Timestamp, datetime.datetime or ISO-8601 text; integers range-checked).
+                      const std::string &what, bool nan_as_null = true);
+// One present value of type `t` from a Python object (datetimes:
+// datetime64, pandas Timestamp, datetime.datetime or date, ISO-8601 text;
+// integers range-checked; text as UTF-8).  NaN and NaT are refused.
 table::array value_in(const py::handle &v, table::column_type t, const std::string &what);
+// Nanoseconds of a duration: pandas Timedelta, np.timedelta64 of a fixed
+// unit, datetime.timedelta, or text pandas reads ("5min", "1h30m").
+int64_t duration_ns(const py::handle &d, const std::string &what);
 
 // An array as NumPy: a plain array, or a masked one when it holds a null
 // (null datetimes are also NaT).  Into `out` when given: an array of exactly

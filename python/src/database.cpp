@@ -3,6 +3,9 @@
 // through the table layer.
 #include <pybind11/stl.h>
 
+#include <algorithm>
+#include <cstring>
+
 #include "convert.h"
 #include "handles.h"
 #include "velhost.h"
@@ -115,6 +118,8 @@ constexpr const char *old_catalogue = "velseq.catalog";
 // ---- the database -----------------------------------------------------------------
 
 using field_spec = std::tuple<std::string, std::string, py::object, std::string>;
+// A column of from_pandas: name, values, mask (None: nulls as the values say).
+using column_in = std::tuple<std::string, py::object, py::object>;
 
 struct Database {
     std::shared_ptr<db_state> st = std::make_shared<db_state>();
@@ -144,6 +149,9 @@ struct Database {
         table::define_table(st->get(), name, cols);
     }
 
+    uint64_t store_table(const std::string &cls, const std::vector<column_in> &cols,
+                         const std::optional<std::string> &time, bool nan_as_null);
+
     std::string open_file(const std::optional<std::string> &path,
                           const std::optional<std::string> &log, const std::string &sync,
                           uint32_t group_ms, bool read_only, bool recover);
@@ -168,6 +176,97 @@ struct Database {
         st->db.reset();
     }
 };
+
+// from_pandas: the columns as one new object of class `cls`, defined here
+// when new (`time` its ascending datetime field), in one write transaction.
+// The host defines classes outside transactions and never drops one, so
+// every column is converted, and a new class's time column checked for
+// nulls and order, before the class is defined: a refused table defines
+// nothing.
+uint64_t Database::store_table(const std::string &cls, const std::vector<column_in> &cols,
+                               const std::optional<std::string> &time, bool nan_as_null) {
+    st->require_open();
+    const std::string what = "from_pandas into '" + velseq::detail::shortened(cls) + "'";
+    auto column = [&](const std::string &n) { return what + ", column '" + n + "'"; };
+    std::vector<std::string> names;
+    for (const auto &c : cols) {
+        const std::string &n = std::get<0>(c);
+        if (std::find(names.begin(), names.end(), n) != names.end())
+            throw error(VEL_E_HOST_WRONG_FIELD, what + ": two columns are named '" + n + "'");
+        names.push_back(n);
+    }
+    if (time && std::find(names.begin(), names.end(), *time) == names.end())
+        throw error(VEL_E_HOST_WRONG_FIELD, what + ": no column '" + *time + "' to keep as time");
+    const std::optional<table::table_info> known = table::find_table(st->get(), cls);
+    std::vector<table::column_def> defs;
+    if (known) {
+        std::vector<std::string> have, want = names;
+        for (const table::column_def &c : known->columns)
+            have.push_back(c.name);
+        std::sort(have.begin(), have.end());
+        std::sort(want.begin(), want.end());
+        if (have != want)
+            throw error(VEL_E_HOST_WRONG_FIELD, what + ": the class has fields " +
+                                                    py::str(py::cast(have)).cast<std::string>() +
+                                                    ", the table " +
+                                                    py::str(py::cast(want)).cast<std::string>());
+        for (const std::string &n : names)
+            defs.push_back(known->columns[known->field(n)]);
+    } else {
+        for (const auto &[n, values, mask] : cols) {
+            table::column_def d;
+            d.name = n;
+            const char k = py::array(values).dtype().kind();
+            std::vector<bool> nulls; // of text: array_in takes them
+            d.type =
+                type_of_dtype(k == 'O' || k == 'U' ? bytes_in(values, &nulls, column(n)).dtype()
+                                                   : py::array(values).dtype(),
+                              false, column(n));
+            if (time && n == *time) {
+                if (d.type.code != VEL_DD_SEQUENCE_DATETIME)
+                    throw error(VEL_E_HOST_WRONG_FIELD, column(n) + ": the time column holds " +
+                                                            dtype_name(d.type) +
+                                                            ", not datetime64");
+                d.order = VEL_SEQ_ASC_ORDER;
+            }
+            defs.push_back(std::move(d));
+        }
+    }
+    std::vector<table::array> arrays;
+    for (size_t i = 0; i < cols.size(); i++) {
+        const auto &[n, values, mask] = cols[i];
+        arrays.push_back(array_in(values, mask, defs[i].type, column(n), nan_as_null));
+        if (known || defs[i].order != VEL_SEQ_ASC_ORDER)
+            continue;
+        const table::array &a = arrays.back(); // the new class's time column
+        for (uint64_t r = 0; r < a.length; r++) {
+            vel_datetime x, prev = 0;
+            std::memcpy(&x, a.values.data() + r * 8, 8);
+            if (r > 0)
+                std::memcpy(&prev, a.values.data() + (r - 1) * 8, 8);
+            if (!a.valid(r))
+                throw error(VEL_E_SEQ_NULL_VALUE, column(n) + ": row " + std::to_string(r) +
+                                                      " is NaT; the time column holds no nulls");
+            if (r > 0 && x < prev) // raw datetimes compare as unsigned in time order
+                throw error(VEL_E_SEQ_OUT_OF_ORDER,
+                            column(n) + ": row " + std::to_string(r) +
+                                " is earlier than the row before; the time column ascends");
+        }
+    }
+    // The write transaction first: one this thread cannot begin defines nothing.
+    auto tx = std::make_shared<tx_state>(st, true);
+    const table::table_info t = known ? *known : table::define_table(st->get(), cls, defs);
+    vel_objhandle_t h{};
+    velseq::detail::check(velh_obj_create(tx->tx->connection_handle(), t.code, &h),
+                          "creating an object");
+    for (size_t i = 0; i < cols.size(); i++) {
+        const table::column c = table::column_of(h, st->get(), t, t.field(std::get<0>(cols[i])));
+        py::gil_scoped_release nogil;
+        table::append(c, arrays[i]);
+    }
+    tx->end(true);
+    return h.oid;
+}
 
 velseq::config open_config(const std::optional<std::string> &path,
                            const std::optional<std::string> &log, const std::string &sync,
@@ -230,6 +329,7 @@ py::object open_stats(const Database &d) {
     out["log_cut_bytes"] = s.log_cut_bytes;
     out["log_set_aside_records"] = s.log_set_aside_records;
     out["log_set_aside_bytes"] = s.log_set_aside_bytes;
+    out["log_damage_offset"] = s.log_damage_offset;
     out["log_set_aside_path"] = aside.empty() ? py::object(py::none()) : py::str(aside);
     return out;
 }
@@ -311,6 +411,8 @@ void bind_database(py::module_ &m) {
         .def("define", &Database::define, py::arg("name"), py::arg("fields"))
         .def("_open_file", &Database::open_file, py::arg("path"), py::arg("log"), py::arg("sync"),
              py::arg("group_ms"), py::arg("read_only"), py::arg("recover"))
+        .def("_store_table", &Database::store_table, py::arg("cls"), py::arg("columns"),
+             py::arg("time"), py::arg("nan_as_null"))
         .def_property_readonly("open_stats", &open_stats)
         .def("save",
              [](Database &d, const std::string &path) {

@@ -20,15 +20,37 @@ void bind_errors(py::module_ &m) {
     error_type.attr("__doc__") =
         "A refused call: .code is the module's or host's code, .name its name; the data is as "
         "it was before the call.";
+    // Refusals of the caller's values (bad type, value, order, null, length
+    // or field) are also ValueErrors, as Python code expects of them.
+    static py::object &bad_input = *new py::object(
+        py::module_::import("builtins")
+            .attr("type")("BadInput", py::make_tuple(error_type, py::handle(PyExc_ValueError)),
+                          py::dict(py::arg("__module__") = m.attr("__name__"),
+                                   py::arg("__doc__") =
+                                       "A velseq.Error that refuses the values of a call; also a "
+                                       "ValueError.")));
+    m.attr("BadInput") = bad_input;
+    // The package's own refusals, by the name of their code.
+    m.def("_refuse", [](const std::string &name, const std::string &message) {
+        for (int code = 0; code < 1000; code++)
+            if (name == velseq::code_name(code))
+                throw error(code, message);
+        throw error(VEL_E_ILLEGAL_PARAM, "no code " + name + ": " + message);
+    });
     py::register_exception_translator([](std::exception_ptr p) {
         try {
             if (p)
                 std::rethrow_exception(p);
         } catch (const error &e) {
-            py::object exc = error_type(e.what());
-            exc.attr("code") = e.code();
+            const int c = e.code();
+            const bool input = c == VEL_E_ILLEGAL_TYPE || c == VEL_E_ILLEGAL_PARAM ||
+                               c == VEL_E_SEQ_OUT_OF_ORDER || c == VEL_E_SEQ_NULL_VALUE ||
+                               c == VEL_E_SEQ_LENGTH_MISMATCH || c == VEL_E_HOST_WRONG_FIELD;
+            const py::object &type = input ? bad_input : error_type;
+            py::object exc = type(e.what());
+            exc.attr("code") = c;
             exc.attr("name") = e.name();
-            PyErr_SetObject(error_type.ptr(), exc.ptr());
+            PyErr_SetObject(type.ptr(), exc.ptr());
         }
     });
 }

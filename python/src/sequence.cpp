@@ -3,6 +3,8 @@
 // released around the layer's passes over the data.
 #include <pybind11/stl.h>
 
+#include <cmath>
+
 #include "convert.h"
 #include "handles.h"
 
@@ -33,16 +35,17 @@ void set_field(const Object &o, const std::string &name, const py::object &v) {
 
 // ---- writing ---------------------------------------------------------------------------
 
-void append(const Sequence &s, const py::object &values, const py::object &mask) {
+void append(const Sequence &s, const py::object &values, const py::object &mask, bool nan_as_null) {
     const table::column c = s.column();
-    const table::array a = array_in(values, mask, c.type, "append to " + s.what());
+    const table::array a = array_in(values, mask, c.type, "append to " + s.what(), nan_as_null);
     py::gil_scoped_release nogil;
     table::append(c, a);
 }
 
-void insert(const Sequence &s, uint64_t pos, const py::object &values, const py::object &mask) {
+void insert(const Sequence &s, uint64_t pos, const py::object &values, const py::object &mask,
+            bool nan_as_null) {
     const table::column c = s.column();
-    const table::array a = array_in(values, mask, c.type, "insert into " + s.what());
+    const table::array a = array_in(values, mask, c.type, "insert into " + s.what(), nan_as_null);
     py::gil_scoped_release nogil;
     table::insert(c, pos, a, s.compact_state());
 }
@@ -108,15 +111,21 @@ table::direction direction_of(const std::string &d) {
                 "a direction is 'backward', 'forward' or 'nearest', not '" + d + "'");
 }
 
-// A tolerance in the layer's unit: nanoseconds for datetime keys (an int of
-// them, or anything np.timedelta64 takes), a difference of values otherwise.
+// A tolerance in the layer's unit: nanoseconds for datetime keys (of a
+// duration, never a bare number), a difference of values otherwise.
 long double tolerance_of(const py::object &t, const table::column &keys) {
-    if (dtype_of(keys.type).kind() != 'M')
-        return t.cast<double>();
-    if (py::isinstance<py::int_>(t))
-        return static_cast<long double>(t.cast<int64_t>());
-    return static_cast<long double>(
-        numpy().attr("timedelta64")(t, "ns").attr("astype")("int64").cast<int64_t>());
+    if (dtype_of(keys.type).kind() == 'M')
+        return static_cast<long double>(duration_ns(t, "asof tolerance"));
+    double d = 0;
+    try {
+        d = t.cast<double>();
+    } catch (py::cast_error &) {
+        throw error(VEL_E_ILLEGAL_TYPE,
+                    "asof tolerance: " + std::string(py::str(py::repr(t))) + " is not a number");
+    }
+    if (std::isnan(d))
+        throw error(VEL_E_ILLEGAL_PARAM, "asof tolerance: NaN is no distance");
+    return d;
 }
 
 // Positions of the as-of matches of the probes in this ascending field, as
@@ -130,6 +139,11 @@ py::object asof(const Sequence &s, const py::object &probes, const std::string &
     if (!tolerance.is_none())
         opt.tolerance = tolerance_of(tolerance, keys);
     const table::array p = array_in(probes, py::none(), keys.type, "asof on " + s.what());
+    for (uint64_t i = 0; i < p.length; i++)
+        if (!p.valid(i)) // the layer would answer "no match": the question has no answer
+            throw error(VEL_E_SEQ_NULL_VALUE, "asof on " + s.what() + ": probe " +
+                                                  std::to_string(i) +
+                                                  " is null (NaN, NaT or masked)");
     table::array found;
     {
         py::gil_scoped_release nogil;
@@ -189,8 +203,10 @@ py::class_<Sequence> bind_sequence(py::module_ &m) {
                                                                                 : "none";
                                })
         .def("__len__", [](const Sequence &s) { return table::count(s.column()); })
-        .def("append", &append, py::arg("values"), py::arg("mask") = py::none())
-        .def("insert", &insert, py::arg("pos"), py::arg("values"), py::arg("mask") = py::none())
+        .def("append", &append, py::arg("values"), py::arg("mask") = py::none(), py::kw_only(),
+             py::arg("nan_as_null") = true)
+        .def("insert", &insert, py::arg("pos"), py::arg("values"), py::arg("mask") = py::none(),
+             py::kw_only(), py::arg("nan_as_null") = true)
         .def("delete", &erase, py::arg("first"), py::arg("last") = py::none())
         .def("truncate", [](const Sequence &s) { table::truncate(s.column()); })
         .def("read", &read, py::arg("first") = 0, py::arg("last") = py::none(),

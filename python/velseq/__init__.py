@@ -22,8 +22,13 @@ objects.  Classes, fields, types and orders are the host's catalogue, so a
 database saved by the velseq program opens here and one saved here opens in
 the program.  Aggregates answer under the kernel names every front end uses
 (velseq.kernels: count, sum, mean, min, max, first, last, argmin, argmax).
-Every refused call raises velseq.Error (with .code and .name) and changes
-nothing.
+As in pandas, NaN in float input is a null (nan_as_null=False keeps it a
+value), and so is NaT.  Times and durations are never bare numbers: pass
+datetime64, Timestamp, datetime or ISO-8601 text, and Timedelta,
+timedelta64, timedelta or "5min".  Char fields take text (str, as UTF-8)
+and bytes.  Every refused call raises velseq.Error (with .code and .name;
+velseq.BadInput, also a ValueError, when the values were refused) and
+changes nothing.
 """
 
 import os as _os
@@ -32,10 +37,10 @@ import warnings as _warnings
 import numpy as _np
 
 from ._velseq import Database as _Database
-from ._velseq import Error, Object, Sequence, Transaction, kernels
+from ._velseq import BadInput, Error, Object, Sequence, Transaction, _refuse, kernels
 
-__all__ = ["Database", "Error", "LogWarning", "Object", "Sequence", "Transaction", "kernels",
-           "seq", "value"]
+__all__ = ["BadInput", "Database", "Error", "LogWarning", "Object", "Sequence", "Transaction",
+           "kernels", "seq", "value"]
 
 
 class LogWarning(UserWarning):
@@ -71,10 +76,13 @@ class Database(_Database):
     record cannot be written raises Error with the host's sentence (the
     file and the cause).  Usable as a context manager that closes it.
 
-    open_stats: None for a database made in memory; after open() a dict of
-    classes, objects, image_pages, log_replayed, log_cut_records,
-    log_cut_bytes, log_set_aside_records, log_set_aside_bytes and
-    log_set_aside_path (the LOG.damaged-OFFSET file, or None)."""
+    open_stats: None for a database made in memory; after open() what the
+    open read and what replay left out: a dict of classes, objects,
+    image_pages, log_replayed (records applied), log_cut_records and
+    log_cut_bytes (a torn tail cut), log_set_aside_records,
+    log_set_aside_bytes and log_set_aside_path (recover=True: the damaged
+    rest, moved to LOG.damaged-OFFSET, or None) and log_damage_offset (where
+    the cut or the damage began)."""
 
     def __init__(self, page_size=0):
         super().__init__(page_size)
@@ -141,87 +149,84 @@ class Database(_Database):
         self.close()
         return False
 
-    def from_pandas(self, df, cls, time=None):
+    def from_pandas(self, df, cls, time=None, *, nan_as_null=True):
         """Stores a table as one object of class `cls` with a sequence field
         per column (defined here if the class is new), in one write
         transaction; returns the object's oid.  `time` names the column kept
         as an ascending datetime64 field; with time=None a DatetimeIndex is
-        stored as such a field named after the index (or "time").  Nullable
-        pandas columns (Int64, Float64, NaT) become nulls; columns of bytes
-        (object or S dtype; None is null) become char fields as wide as
-        their longest value (at most 32)."""
+        stored as such a field named after the index (or "time").  Nulls are
+        pandas' missing values: NA of nullable columns, NaT, None, and NaN in
+        float columns (nan_as_null=False keeps NaN a value).  Text (str) and
+        bytes columns become char fields as wide as their longest value in
+        UTF-8 (at most 32 bytes).  A refused table changes nothing: no class
+        is defined, no object made."""
         import pandas as pd
 
-        cols = {}
+        cols = []
         if time is None and isinstance(df.index, pd.DatetimeIndex):
-            time = df.index.name or "time"
-            cols[time] = _values_of(df.index.to_series(index=None))
+            time = str(df.index.name or "time")
+            cols.append((time, *_values_of(df.index.to_series(index=None))))
         for c in df.columns:
-            cols[str(c)] = _values_of(df[c])
-        if self._has_class(cls):
-            known = [f[0] for f in self.fields(cls)]
-            if sorted(known) != sorted(cols):
-                raise Error(f"VEL_E_HOST_WRONG_FIELD: class {cls} has fields {known}, "
-                            f"the table {list(cols)}")
-        else:
-            self.define(cls, **{c: seq(v.dtype, "ascending" if c == time else "none")
-                                for c, (v, _) in cols.items()})
-        with self.write() as tx:
-            o = tx.create(cls)
-            for c, (v, mask) in cols.items():
-                o[c].append(v, mask)
-            return o.oid
+            cols.append((str(c), *_values_of(df[c])))
+        return self._store_table(cls, cols, time, nan_as_null)
 
-    def to_pandas(self, cls, oid, index=None):
+    def to_pandas(self, cls, oid, index=None, text=True):
         """The sequence fields of object `oid` as a DataFrame, a column per
         field; `index` names the field to index by (default: the class's
-        ascending datetime64 field, if it has exactly one)."""
+        ascending datetime64 field, if it has exactly one).  Nulls come back
+        as pandas' missing values (nullable Int64 and Float64 columns, NaT,
+        None).  Char fields do not record whether they held text or bytes:
+        with text=True a field comes back as str (decoded from UTF-8) unless
+        it holds bytes that are not UTF-8, which stay bytes; text=False gives
+        bytes."""
         import pandas as pd
 
         fields = [f for f in self.fields(cls) if f[1] == "seq"]
         if index is None:
             times = [f[0] for f in fields if f[2].startswith("datetime64") and f[3] == "ascending"]
             index = times[0] if len(times) == 1 else None
+        if index is not None and index not in [f[0] for f in fields]:
+            _refuse("VEL_E_HOST_NO_FIELD", f"to_pandas: {cls} has no sequence field {index!r}")
         with self.read() as tx:
             o = tx.open(cls, oid)
-            data = {f[0]: _column(o[f[0]].read()) for f in fields}
+            data = {f[0]: _column(o[f[0]].read(), text) for f in fields}
         df = pd.DataFrame(data)
         return df.set_index(index) if index is not None else df
 
-    def _has_class(self, cls):
-        return cls in self.classes()
-
 
 def _values_of(s):
-    """(values, mask or None) of a pandas Series, in a dtype velseq stores."""
+    """(values, mask or None) of a pandas Series, in a dtype velseq stores;
+    text and bytes as objects, None where null."""
     import pandas as pd
 
     if isinstance(s.dtype, pd.DatetimeTZDtype):
         s = s.dt.tz_convert("UTC").dt.tz_localize(None)
-    if s.dtype == object or s.dtype.kind == "S":  # bytes (None, NaN: null) as S<longest>
-        mask = s.isna().to_numpy()
-        v = _np.array([b"" if m else x for x, m in zip(s.to_numpy(), mask)], dtype="S")
-        if v.dtype.itemsize == 0:
-            v = v.astype("S1")
-        return v, (mask if mask.any() else None)
     if pd.api.types.is_extension_array_dtype(s.dtype) and hasattr(s.dtype, "numpy_dtype"):
         mask = s.isna().to_numpy()
         v = s.to_numpy(dtype=s.dtype.numpy_dtype, na_value=0)
         return v, (mask if mask.any() else None)
-    return _np.ascontiguousarray(s.to_numpy()), None
+    if s.dtype.kind in "biufMS":
+        return _np.ascontiguousarray(s.to_numpy()), None
+    return s.to_numpy(dtype=object, na_value=None), None
 
 
-def _column(a):
-    """A read result as a pandas column: masked integers and floats become
-    nullable arrays, masked datetimes NaT, masked bytes None."""
+def _column(a, text=False):
+    """A read result as a pandas column: nulls as pandas' missing values
+    (nullable integers and floats, NaT, None); char values as str when
+    `text` and every one is UTF-8."""
     import pandas as pd
 
-    if not isinstance(a, _np.ma.MaskedArray):
-        return a
-    d, m = a.data, _np.ma.getmaskarray(a)
+    m, d = _np.ma.getmaskarray(a), _np.ma.getdata(a)
     if d.dtype.kind == "S":
         d = d.astype(object)
+        if text:
+            try:
+                d = _np.array([x.decode("utf-8") for x in d] + [None])[:-1]
+            except UnicodeDecodeError:  # bytes, not text: left as they are
+                pass
         d[m] = None
+        return d
+    if not m.any():
         return d
     if d.dtype.kind in "iu":
         return pd.arrays.IntegerArray(d, m)
@@ -232,12 +237,6 @@ def _column(a):
     return d
 
 
-def _ns(delta):
-    import pandas as pd
-
-    return int(pd.Timedelta(delta).value)
-
-
 def _window(self, lo, hi, lo_bound="inclusive", hi_bound="exclusive"):
     """The values between lo and hi of an ordered field (search, then read)."""
     first, last = self.search(lo, hi, lo_bound, hi_bound)
@@ -245,7 +244,7 @@ def _window(self, lo, hi, lo_bound="inclusive", hi_bound="exclusive"):
 
 
 def _resample(self, time, field, width, start=None, end=None, origin=None, aggs=None):
-    """`field` in buckets of `width` (a Timedelta or "1min") of the ascending
+    """`field` in buckets of `width` (a Timedelta, timedelta64 or "1min") of the ascending
     datetime field `time`, aligned on `origin` (the Unix epoch by default),
     over start <= time < end (all rows by default): a DataFrame indexed by
     bucket start with a column per kernel of `aggs` (default: every one that
@@ -253,7 +252,7 @@ def _resample(self, time, field, width, start=None, end=None, origin=None, aggs=
     "last"]; nulls skipped).  Only buckets holding a row appear."""
     import pandas as pd
 
-    c = self[field].resample_columns(self[time], _ns(width), start, end, origin, aggs)
+    c = self[field].resample_columns(self[time], width, start, end, origin, aggs)
     start = c.pop("start")
     return pd.DataFrame({k: _column(v) for k, v in c.items()},
                         index=pd.DatetimeIndex(start, name=time))
@@ -267,10 +266,7 @@ def _asof_join(self, keys, probes, columns, direction="backward", strict=False,
     observation forward over nulls."""
     import pandas as pd
 
-    k = self[keys]
-    if tolerance is not None and k.dtype.kind == "M":
-        tolerance = _ns(tolerance)
-    pos = k.asof(probes, direction, strict, tolerance)
+    pos = self[keys].asof(probes, direction, strict, tolerance)
     data = {c: _column(self[c].gather(pos)) for c in columns}
     df = pd.DataFrame(data, index=pd.Index(_np.asarray(probes), name=keys))
     return df.ffill() if fill_forward else df

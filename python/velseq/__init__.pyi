@@ -1,4 +1,5 @@
 # Typed stubs of the velseq package (the _velseq extension and __init__.py).
+import datetime
 from typing import Any, Literal, Optional, Sequence as Seq, Tuple, TypedDict, Union
 
 import numpy as np
@@ -14,19 +15,27 @@ Direction = Literal["backward", "forward", "nearest"]
 Kernel = str
 kernels: list[str]
 DTypeLike = npt.DTypeLike
-# An array of the field's dtype (any datetime64 unit for datetime fields), a
-# masked array (masked: null), or a list NumPy converts to the field's dtype.
+# An array of the field's dtype (either byte order; any datetime64 unit, or
+# points in time, for datetime fields; text or bytes for char fields), a
+# masked array (masked: null), or a list whose values convert exactly.
 Values = Union[np.ndarray, np.ma.MaskedArray, Seq[Any]]
 # What reads return: a plain array, or a masked one where nulls exist.
 Read = Union[np.ndarray, np.ma.MaskedArray]
-# A point in time: datetime64, pandas Timestamp, datetime or ISO-8601 text.
+# A point in time: datetime64, pandas Timestamp, datetime, date or ISO-8601
+# text (aware ones count in UTC); never a bare number.
 TimeLike = Any
-TimedeltaLike = Union[str, pd.Timedelta, np.timedelta64, int]
+# A duration: Timedelta, timedelta64 of a fixed unit, timedelta or text such
+# as "5min"; never a bare number.
+TimedeltaLike = Union[str, pd.Timedelta, np.timedelta64, datetime.timedelta]
 
 class Error(Exception):
     """A refused call; the data and the transaction are as they were."""
     code: int  # the module's or the host's code (velseq.h)
     name: str  # its name, e.g. "VEL_E_SEQ_OUT_OF_ORDER"
+
+class BadInput(Error, ValueError):
+    """A refusal of the call's values: wrong type, value, order, null, length
+    or set of fields."""
 
 class LogWarning(UserWarning):
     """Database.open cut a torn tail of the log or set its damaged rest aside."""
@@ -41,6 +50,7 @@ class OpenStats(TypedDict):
     log_set_aside_records: int  # recover=True: after the damage
     log_set_aside_bytes: int
     log_set_aside_path: Optional[str]  # LOG.damaged-OFFSET (None: nothing moved)
+    log_damage_offset: int  # where the cut tail or the damage began
 
 class seq:
     """A sequence field: dtype (int8..uint64, float32, float64, datetime64, or S1..S32:
@@ -95,8 +105,14 @@ class Database:
     def write(self) -> Transaction: ...
     def close(self) -> None:
         """Closes the database (Error VEL_E_HOST_BUSY while a transaction is open)."""
-    def from_pandas(self, df: pd.DataFrame, cls: str, time: Optional[str] = None) -> int: ...
-    def to_pandas(self, cls: str, oid: int, index: Optional[str] = None) -> pd.DataFrame: ...
+    def from_pandas(self, df: pd.DataFrame, cls: str, time: Optional[str] = None, *,
+                    nan_as_null: bool = True) -> int:
+        """One object of class `cls` (defined here if new), a field per column, in
+        one transaction; NaN, NaT, None and NA are nulls; text as UTF-8.  A refused
+        table defines nothing."""
+    def to_pandas(self, cls: str, oid: int, index: Optional[str] = None,
+                  text: bool = True) -> pd.DataFrame:
+        """Nulls as NA, NaT or None; char fields as str (text=False: bytes)."""
     def __enter__(self) -> Database: ...
     def __exit__(self, *exc: Any) -> bool: ...
 
@@ -138,9 +154,12 @@ class Sequence:
     dtype: np.dtype
     order: Order
     def __len__(self) -> int: ...
-    def append(self, values: Values, mask: Optional[npt.NDArray[np.bool_]] = None) -> None: ...
+    # NaN in float values is a null unless nan_as_null=False.
+    def append(self, values: Values, mask: Optional[npt.NDArray[np.bool_]] = None, *,
+               nan_as_null: bool = True) -> None: ...
     def insert(self, pos: int, values: Values,
-               mask: Optional[npt.NDArray[np.bool_]] = None) -> None: ...
+               mask: Optional[npt.NDArray[np.bool_]] = None, *,
+               nan_as_null: bool = True) -> None: ...
     def delete(self, first: int, last: Optional[int] = None) -> None:
         """Removes positions [first, last) (last=None: the one at first)."""
     def truncate(self) -> None: ...
@@ -154,7 +173,8 @@ class Sequence:
                hi_bound: Bound = "exclusive") -> Read: ...
     def asof(self, probes: Values, direction: Direction = "backward", strict: bool = False,
              tolerance: Optional[TimedeltaLike | float] = None) -> np.ma.MaskedArray:
-        """Positions of the as-of matches in this ascending field; masked: none."""
+        """Positions of the as-of matches in this ascending field; masked: none.
+        A NaN or NaT probe is refused."""
     def gather(self, positions: Union[np.ndarray, np.ma.MaskedArray]) -> Read: ...
     # Kernels are asked for by name (aggs; None: every one that applies):
     # an unknown name raises Error VEL_E_ILLEGAL_PARAM, sum or mean of a
@@ -164,7 +184,8 @@ class Sequence:
     def aggregate_window(self, ts: Sequence, start: TimeLike, end: TimeLike,
                          aggs: Optional[Seq[Kernel]] = None) -> Aggregates:
         """The rows with start <= ts < end of this object's ascending datetime field ts."""
-    def resample_columns(self, ts: Sequence, width_ns: int, start: Any = None, end: Any = None,
+    def resample_columns(self, ts: Sequence, width: TimedeltaLike, start: Any = None,
+                         end: Any = None,
                          origin: Any = None,
                          aggs: Optional[Seq[Kernel]] = None) -> dict[str, Any]:
         """start (bucket starts) and a column per kernel, under its name."""
