@@ -7,6 +7,7 @@
 #define VELSEQ_ASOF_HPP
 
 #include <tuple>
+#include <vector>
 
 #include "velseq/sequence.hpp"
 #include "velseq/table.hpp"
@@ -38,6 +39,51 @@ template <> struct key_distance<datetime> {
     }
 };
 
+// ---- columnar results ---------------------------------------------------------
+
+// Values with a validity bitmap, laid out as the table layer's arrays (and
+// Arrow's: bit i of byte i / 8, least significant first, set when value i is
+// present): what as-of and gather answer, written in place by the table
+// layer.  A null's value is unspecified.  Element i reads as an optional.
+template <class T> class nullable_vector {
+  public:
+    nullable_vector() = default;
+    explicit nullable_vector(size_t n) : values_(n), validity_((n + 7) / 8) {}
+
+    size_t size() const noexcept { return values_.size(); }
+    bool empty() const noexcept { return values_.empty(); }
+    bool valid(size_t i) const noexcept { return (validity_[i / 8] >> (i % 8)) & 1; }
+    std::optional<T> operator[](size_t i) const {
+        return valid(i) ? std::optional<T>(values_[i]) : std::nullopt;
+    }
+    void set(size_t i, std::optional<T> v) {
+        const auto bit = static_cast<uint8_t>(1u << (i % 8));
+        validity_[i / 8] = static_cast<uint8_t>(v ? validity_[i / 8] | bit : validity_[i / 8] & ~bit);
+        if (v)
+            values_[i] = *v;
+    }
+    size_t null_count() const noexcept {
+        size_t k = 0;
+        for (size_t i = 0; i < size(); i++)
+            k += !valid(i);
+        return k;
+    }
+    const T *data() const noexcept { return values_.data(); }
+    T *data() noexcept { return values_.data(); }
+    const uint8_t *validity() const noexcept { return validity_.data(); }
+    uint8_t *validity() noexcept { return validity_.data(); }
+    std::vector<std::optional<T>> to_optionals() const {
+        std::vector<std::optional<T>> v(size());
+        for (size_t i = 0; i < size(); i++)
+            v[i] = (*this)[i];
+        return v;
+    }
+
+  private:
+    std::vector<T> values_;
+    std::vector<uint8_t> validity_;
+};
+
 // ---- as-of lookups ---------------------------------------------------------------
 
 enum class direction {
@@ -67,56 +113,16 @@ template <class T> table::column table_column(const sequence<T> &s) {
     return c;
 }
 
-// The views below hand the table layer batches of this many probes or
-// positions: its arrays stay small enough for the allocator to reuse, where
-// whole-input arrays would be fresh pages on every call.  A batch costs one
-// descent more.
-constexpr size_t asof_batch = size_t(1) << 15;
+constexpr table::column_type kPositions{VEL_DD_SEQUENCE_UINT8, 8};
 
-// Values as a table layer's array (the element types of this API are their
-// values' bytes), reusing the array's buffer: one copy.
-template <class T> void to_array(span<const T> v, table::column_type t, table::array &a) {
+// The element types of this API are their values' bytes.
+template <class T> table::const_buffer view(span<const T> v, table::column_type t) {
     static_assert(std::is_trivially_copyable_v<T>);
-    a.type = t;
-    a.length = v.size();
-    const auto *b = reinterpret_cast<const unsigned char *>(v.data());
-    a.values.assign(b, b + v.size() * sizeof(T));
+    return {t, v.size(), v.data(), nullptr};
 }
-
-// Positions (nullopt: none) as a uint8 array with validity.
-inline void to_array(span<const std::optional<uint64_t>> v, table::array &a) {
-    a.type = {VEL_DD_SEQUENCE_UINT8, 8};
-    a.length = v.size();
-    a.values.resize(v.size() * 8);
-    a.validity.clear();
-    for (size_t i = 0; i < v.size(); i++)
-        if (v[i])
-            std::memcpy(a.values.data() + i * 8, &*v[i], 8);
-        else {
-            a.validity.resize((v.size() + 7) / 8, 0xFF);
-            a.validity[i / 8] = static_cast<uint8_t>(a.validity[i / 8] & ~(1u << (i % 8)));
-        }
-}
-
-// The values of `a` into out[at ..].
-template <class T> void put(const table::array &a, std::vector<std::optional<T>> &out, size_t at) {
-    for (size_t i = 0; i < a.length; i++)
-        if (a.valid(i)) {
-            T v;
-            std::memcpy(static_cast<void *>(&v), a.values.data() + i * sizeof(T), sizeof(T));
-            out[at + i] = v;
-        }
-}
-
-// Calls f(first, count) for consecutive batches covering [0, n); once (with
-// count 0) when n is 0, so that refusals do not depend on the input's size.
-template <class F> void batches(size_t n, F &&f) {
-    size_t i = 0;
-    do {
-        const size_t m = std::min(asof_batch, n - i);
-        f(i, m);
-        i += m;
-    } while (i < n);
+template <class T> table::buffer out_buffer(nullable_vector<T> &v, table::column_type t) {
+    static_assert(std::is_trivially_copyable_v<T>);
+    return {t, v.size(), v.data(), v.validity()};
 }
 
 template <class K> table::asof_options table_options(const asof_options<K> &opt) {
@@ -128,78 +134,76 @@ template <class K> table::asof_options table_options(const asof_options<K> &opt)
     return o;
 }
 
+template <class K>
+nullable_vector<uint64_t> asof(const table::column &keys, const table::const_buffer &probes,
+                               const asof_options<K> &opt) {
+    nullable_vector<uint64_t> out(probes.length);
+    table::asof(keys, probes, table_options(opt), out.data(), out.validity());
+    return out;
+}
+
 } // namespace detail
 
-// For each probe, the position of its match in the ascending field `keys`, or
-// nullopt when there is none (also for a NaN probe).  Ascending probes are
+// For each probe, the position of its match in the ascending field `keys`
+// (null when there is none, also for a NaN probe).  Ascending probes are
 // answered by a merge over the field's tiles, others in value order.  A
 // negative or NaN tolerance is refused.
 template <class K>
-std::vector<std::optional<uint64_t>> asof(const sequence<K> &keys, span<const K> probes,
-                                          const asof_options<K> &opt = {}) {
+nullable_vector<uint64_t> asof(const sequence<K> &keys, span<const K> probes,
+                               const asof_options<K> &opt = {}) {
     const table::column c = detail::table_column(keys);
-    const table::asof_options o = detail::table_options(opt);
-    std::vector<std::optional<uint64_t>> out(probes.size());
-    table::array a;
-    detail::batches(probes.size(), [&](size_t i, size_t m) {
-        detail::to_array(probes.subspan(i, m), c.type, a);
-        detail::put(table::asof(c, a, o), out, i);
-    });
-    return out;
+    return detail::asof(c, detail::view(probes, c.type), opt);
 }
 
 // Probes stored in another field (null probes get null answers).
 template <class K>
-std::vector<std::optional<uint64_t>> asof(const sequence<K> &keys, const sequence<K> &probes,
-                                          const asof_options<K> &opt = {}) {
-    const table::column c = detail::table_column(keys), pc = detail::table_column(probes);
-    const table::asof_options o = detail::table_options(opt);
-    std::vector<std::optional<uint64_t>> out(table::count(pc));
-    detail::batches(out.size(), [&](size_t i, size_t m) {
-        detail::put(table::asof(c, table::read(pc, i, i + m), o), out, i);
-    });
-    return out;
+nullable_vector<uint64_t> asof(const sequence<K> &keys, const sequence<K> &probes,
+                               const asof_options<K> &opt = {}) {
+    const table::column c = detail::table_column(keys);
+    const table::column pc = detail::table_column(probes);
+    const table::array p = table::read(pc, 0, table::count(pc));
+    return detail::asof(c, table::view(p), opt);
 }
 
 // The values of `col` at the given positions (null position or null element:
-// nullopt).  Positions closer than half a tile apart on average are read
+// null).  Positions closer than half a tile apart on average are read
 // through whole tiles (a far jump costs one descent), sparser ones through
 // the module's map.
 template <class V>
-std::vector<std::optional<V>> gather(const sequence<V> &col,
-                                     span<const std::optional<uint64_t>> positions) {
+nullable_vector<V> gather(const sequence<V> &col, const nullable_vector<uint64_t> &positions) {
     const table::column c = detail::table_column(col);
-    std::vector<std::optional<V>> out(positions.size());
-    table::array a;
-    detail::batches(positions.size(), [&](size_t i, size_t m) {
-        detail::to_array(positions.subspan(i, m), a);
-        detail::put(table::gather(c, a), out, i);
-    });
+    nullable_vector<V> out(positions.size());
+    const table::buffer b = detail::out_buffer(out, c.type);
+    table::gather(&c, &b, 1,
+                  {detail::kPositions, positions.size(), positions.data(), positions.validity()});
     return out;
+}
+template <class V>
+nullable_vector<V> gather(const sequence<V> &col, span<const std::optional<uint64_t>> positions) {
+    nullable_vector<uint64_t> p(positions.size());
+    for (size_t i = 0; i < positions.size(); i++)
+        p.set(i, positions[i]);
+    return gather(col, p);
 }
 
 // As-of join: for each probe, the prevailing values of several columns of the
-// key field's object (column i of the result holds the values of cols[i]).
+// key field's object (column i of the result holds the values of cols[i]),
+// gathered straight into the results.
 template <class K, class... V>
-std::tuple<std::vector<std::optional<V>>...>
-asof_join(const sequence<K> &keys, span<const K> probes, const asof_options<K> &opt,
-          const sequence<V> &...cols) {
+std::tuple<nullable_vector<V>...> asof_join(const sequence<K> &keys, span<const K> probes,
+                                            const asof_options<K> &opt,
+                                            const sequence<V> &...cols) {
     const table::column c = detail::table_column(keys);
-    const table::asof_options o = detail::table_options(opt);
-    const table::column vc[] = {c, detail::table_column(cols)...};
-    std::tuple<std::vector<std::optional<V>>...> out(
-        std::vector<std::optional<V>>(probes.size())...);
-    table::array a;
-    detail::batches(probes.size(), [&](size_t i, size_t m) {
-        detail::to_array(probes.subspan(i, m), c.type, a);
-        const table::array pos = table::asof(c, a, o);
-        std::apply(
-            [&](auto &...v) {
-                size_t k = 1;
-                (detail::put(table::gather(vc[k++], pos), v, i), ...);
-            },
-            out);
-    });
+    const nullable_vector<uint64_t> pos = detail::asof(c, detail::view(probes, c.type), opt);
+    std::tuple<nullable_vector<V>...> out(nullable_vector<V>(probes.size())...);
+    std::apply(
+        [&](auto &...v) {
+            const table::column vc[] = {detail::table_column(cols)...};
+            const table::buffer b[] = {detail::out_buffer(v, *table::type_of(cols.info()))...};
+            table::gather(vc, b, sizeof...(V),
+                          {detail::kPositions, pos.size(), pos.data(), pos.validity()});
+        },
+        out);
     return out;
 }
 
@@ -212,6 +216,16 @@ template <class T> void fill_forward(std::vector<std::optional<T>> &v) {
             last = x;
         else
             x = last;
+    }
+}
+
+template <class T> void fill_forward(nullable_vector<T> &v) {
+    std::optional<T> last;
+    for (size_t i = 0; i < v.size(); i++) {
+        if (v.valid(i))
+            last = v[i];
+        else if (last)
+            v.set(i, last);
     }
 }
 

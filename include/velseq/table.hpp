@@ -62,6 +62,26 @@ struct array {
     uint64_t null_count() const;
 };
 
+// Borrowed buffers laid out as array's, for callers that own their memory
+// (NumPy arrays, the C++ API's results): read-only input, and output that
+// the layer fills whole (validity holds (length + 7) / 8 bytes and is always
+// written).
+struct const_buffer {
+    column_type type;
+    uint64_t length = 0;
+    const void *values = nullptr;
+    const uint8_t *validity = nullptr; // nullptr: every value present
+};
+struct buffer {
+    column_type type;
+    uint64_t length = 0;
+    void *values = nullptr;
+    uint8_t *validity = nullptr;
+};
+inline const_buffer view(const array &a) {
+    return {a.type, a.length, a.values.data(), a.validity.empty() ? nullptr : a.validity.data()};
+}
+
 // A sequence field of an open object, as its transaction sees it.
 struct column {
     vel_objhandle_t obj;
@@ -144,8 +164,12 @@ std::pair<uint64_t, uint64_t> search(const column &c, const array &bounds, bound
                                      bound hi_kind);
 
 // Values at the given positions (a uint8 array; a null position gives a
-// null).  Positions past the end are refused.
+// null).  Positions past the end are refused, before anything is written.
 array gather(const column &c, const array &positions);
+// The same for several columns of one length at once, into out[i] (of
+// cols[i]'s type and the positions' length): the positions checked once,
+// each column's leaves visited once, in order, when the positions ascend.
+void gather(const column *cols, const buffer *out, size_t ncols, const const_buffer &positions);
 
 enum class direction {
     backward, // the last key at or before the probe
@@ -163,6 +187,10 @@ struct asof_options {
 // match in the ascending column `keys`, as a uint8 array; null where there
 // is none, for a null probe and for a NaN probe.
 array asof(const column &keys, const array &probes, const asof_options &opt = {});
+// The same into caller-owned buffers: positions[i] is the match of probe i,
+// ~0 where there is none, and validity bit i is set where there is one.
+void asof(const column &keys, const const_buffer &probes, const asof_options &opt,
+          uint64_t *positions, uint8_t *validity);
 
 // ---- aggregates ------------------------------------------------------------
 

@@ -277,11 +277,15 @@ template <class P> auto distance(const P &p, const unsigned char *a, const unsig
         return (void)p, (void)a, (void)b, uint64_t(0); // char(N): no distance
 }
 
+inline bool valid_at(const uint8_t *validity, uint64_t i) {
+    return validity == nullptr || ((validity[i / 8] >> (i % 8)) & 1);
+}
+
 template <class P>
-void match(const P &p, const column &keys, uint64_t n, const array &probes, const asof_options &opt,
-           array &out) {
+void match(const P &p, const column &keys, uint64_t n, const const_buffer &probes,
+           const asof_options &opt, uint64_t *positions, uint8_t *validity) {
     const size_t w = p.width();
-    const unsigned char *pv = probes.values.data();
+    const auto *pv = static_cast<const unsigned char *>(probes.values);
     key_cursor<P> cur(p, keys, n);
     // The answer to the probe of `row`, for the direction D.
     auto answer = [&](uint64_t row, auto dir) {
@@ -316,12 +320,12 @@ void match(const P &p, const column &keys, uint64_t n, const array &probes, cons
         }
         if (pick == kNone)
             return;
-        std::memcpy(out.values.data() + row * 8, &pick, 8);
-        out.validity[row / 8] = static_cast<uint8_t>(out.validity[row / 8] | 1u << (row % 8));
+        positions[row] = pick;
+        validity[row / 8] = static_cast<uint8_t>(validity[row / 8] | 1u << (row % 8));
     };
     // The probes that can match (neither null nor NaN): answered in row order
     // when they ascend, otherwise in value order.
-    auto live = [&](uint64_t i) { return probes.valid(i) && !p.is_nan(p.at(pv, i)); };
+    auto live = [&](uint64_t i) { return valid_at(probes.validity, i) && !p.is_nan(p.at(pv, i)); };
     bool ascending = true;
     for (uint64_t i = 0, last = kNone; i < probes.length && ascending; i++)
         if (live(i)) {
@@ -330,11 +334,26 @@ void match(const P &p, const column &keys, uint64_t n, const array &probes, cons
         }
     std::vector<uint64_t> rows;
     if (!ascending) {
-        for (uint64_t i = 0; i < probes.length; i++)
-            if (live(i))
-                rows.push_back(i);
-        std::sort(rows.begin(), rows.end(),
-                  [&](uint64_t a, uint64_t b) { return p.before(pv + a * w, pv + b * w); });
+        using T = typename P::value;
+        if constexpr (std::is_arithmetic_v<T>) {
+            // Sorted as (value, row) pairs: no indirection per comparison.
+            std::vector<std::pair<T, uint64_t>> by_value;
+            by_value.reserve(probes.length);
+            for (uint64_t i = 0; i < probes.length; i++)
+                if (live(i))
+                    by_value.emplace_back(p.at(pv, i), i);
+            std::sort(by_value.begin(), by_value.end(),
+                      [](const auto &a, const auto &b) { return a.first < b.first; });
+            rows.reserve(by_value.size());
+            for (const auto &[v, row] : by_value)
+                rows.push_back(row);
+        } else {
+            for (uint64_t i = 0; i < probes.length; i++)
+                if (live(i))
+                    rows.push_back(i);
+            std::sort(rows.begin(), rows.end(),
+                      [&](uint64_t a, uint64_t b) { return p.before(pv + a * w, pv + b * w); });
+        }
     }
     auto all = [&](auto dir) {
         if (!ascending)
@@ -359,8 +378,11 @@ void match(const P &p, const column &keys, uint64_t n, const array &probes, cons
 } // namespace
 } // namespace detail
 
-array asof(const column &keys, const array &probes, const asof_options &opt) {
-    detail::require(probes, keys.type, "asof");
+void asof(const column &keys, const const_buffer &probes, const asof_options &opt,
+          uint64_t *positions, uint8_t *validity) {
+    if (!(probes.type == keys.type))
+        throw error(VEL_E_ILLEGAL_TYPE, "asof: " + type_name(probes.type) + " probes where " +
+                                            type_name(keys.type) + " are due");
     if (keys.field.order != VEL_SEQ_ASC_ORDER)
         throw error(VEL_E_ILLEGAL_PARAM, "asof needs an ascending key column");
     const bool by_distance = opt.dir == direction::nearest || opt.tolerance;
@@ -368,95 +390,178 @@ array asof(const column &keys, const array &probes, const asof_options &opt) {
         throw error(VEL_E_ILLEGAL_TYPE, "asof: char keys have no distance (nearest, tolerance)");
     if (opt.tolerance && !(*opt.tolerance >= 0))
         throw error(VEL_E_ILLEGAL_PARAM, "asof: the tolerance must be a number >= 0");
+    std::fill(positions, positions + probes.length, detail::kNone);
+    std::fill(validity, validity + (probes.length + 7) / 8, uint8_t(0));
+    const uint64_t n = detail::count_of(keys);
+    if (n == 0 || probes.length == 0)
+        return;
+    detail::visit(keys.type, [&](const auto &p) {
+        detail::match(p, keys, n, probes, opt, positions, validity);
+    });
+}
+
+array asof(const column &keys, const array &probes, const asof_options &opt) {
+    detail::require(probes, keys.type, "asof");
     array out;
     out.type = detail::kPositions;
     out.length = probes.length;
     out.values.resize(out.length * 8);
-    out.validity.assign((out.length + 7) / 8, 0);
-    const uint64_t n = detail::count_of(keys);
-    if (n == 0 || probes.length == 0)
-        return out;
-    detail::visit(keys.type, [&](const auto &p) { detail::match(p, keys, n, probes, opt, out); });
+    out.validity.resize((out.length + 7) / 8);
+    asof(keys, view(probes), opt, reinterpret_cast<uint64_t *>(out.values.data()),
+         out.validity.data());
     return out;
+}
+
+namespace detail {
+namespace {
+
+// out's validity bit i.
+inline void set_valid(const buffer &out, uint64_t i, bool v) {
+    uint8_t &b = out.validity[i / 8];
+    b = static_cast<uint8_t>(v ? b | 1u << (i % 8) : b & ~(1u << (i % 8)));
+}
+
+// Calls f(row) for the rows with a position, in ascending order of their
+// positions: `order` when the positions do not ascend, else row order.
+template <class F>
+void in_position_order(const const_buffer &positions, const std::vector<uint64_t> &order, F &&f) {
+    if (!order.empty())
+        for (uint64_t row : order)
+            f(row);
+    else
+        for (uint64_t i = 0; i < positions.length; i++)
+            if (valid_at(positions.validity, i))
+                f(i);
+}
+
+// Dense positions (closer than half a tile apart on average): a column read
+// through whole tiles, in position order.
+template <class P>
+void gather_dense(const P &p, const column &c, uint64_t n, const buffer &out,
+                  const const_buffer &positions, const std::vector<uint64_t> &order) {
+    const size_t w = p.width();
+    const auto *pos = static_cast<const uint64_t *>(positions.values);
+    auto *dst = static_cast<unsigned char *>(out.values);
+    tile_cursor<P> cur(p, c, n);
+    in_position_order(positions, order, [&](uint64_t row) {
+        cur.reach(pos[row]);
+        const size_t k = static_cast<size_t>(pos[row] - cur.base());
+        std::memcpy(dst + row * w, cur.value(k), w);
+        set_valid(out, row, !cur.null(k));
+    });
+}
+
+// Sparse positions: the module's map copies single values out of the leaf
+// in hand and descends once per leaf.  rows[j] is the row of the j-th
+// position asked.
+template <class P>
+void gather_sparse(const P &p, const column &c, const buffer &out,
+                   const std::vector<uint64_t> &wanted, const std::vector<uint64_t> &rows) {
+    const size_t w = p.width();
+    auto *dst = static_cast<unsigned char *>(out.values);
+    velseq::detail::array_source src{reinterpret_cast<const unsigned char *>(wanted.data()),
+                                     wanted.size(), 0, 8};
+    vel_seq_iterator_t pos{};
+    velseq::detail::make_array_source(pos, src, VEL_DD_UINT8);
+    iter_ptr it(new vel_seq_iterator_t());
+    vel_objhandle_t obj = c.obj;
+    velseq::detail::check(p.map(&obj, c.field, it.get(), &pos), "gather");
+    size_t j = 0;
+    for (;;) {
+        const VEL_RET rc = it->next(it.get());
+        if (rc == VEL_S_CURSOR_END)
+            break;
+        velseq::detail::check(rc, "gather: reading a tile");
+        const auto *v = reinterpret_cast<const unsigned char *>(it->tile.u.arr_char);
+        for (size_t k = 0; k < it->tile_size; k++, j++) {
+            std::memcpy(dst + rows[j] * w, v + k * w, w);
+            set_valid(out, rows[j], !null_at(it->tile.null_bitmap, k));
+        }
+    }
+}
+
+} // namespace
+} // namespace detail
+
+void gather(const column *cols, const buffer *out, size_t ncols, const const_buffer &positions) {
+    if (!(positions.type == detail::kPositions))
+        throw error(VEL_E_ILLEGAL_TYPE,
+                    "gather: " + type_name(positions.type) + " values where positions are due");
+    std::vector<uint64_t> n(ncols);
+    for (size_t c = 0; c < ncols; c++) {
+        if (!(out[c].type == cols[c].type) || out[c].length != positions.length)
+            throw error(VEL_E_ILLEGAL_PARAM, "gather: an output buffer does not hold " +
+                                                 std::to_string(positions.length) + " " +
+                                                 type_name(cols[c].type) + " values");
+        n[c] = detail::count_of(cols[c]);
+    }
+    const auto *pos = static_cast<const uint64_t *>(positions.values);
+    const uint64_t shortest = ncols ? *std::min_element(n.begin(), n.end()) : 0;
+    uint64_t lo = detail::kNone, hi = 0, found = 0, prev = 0;
+    bool ascending = true;
+    for (uint64_t i = 0; i < positions.length; i++) {
+        if (!detail::valid_at(positions.validity, i))
+            continue;
+        if (pos[i] >= shortest)
+            throw error(VEL_E_ILLEGAL_PARAM, "gather: position " + std::to_string(pos[i]) +
+                                                 " past the end (" + std::to_string(shortest) +
+                                                 ")");
+        ascending = ascending && pos[i] >= prev;
+        prev = pos[i];
+        lo = std::min(lo, pos[i]);
+        hi = std::max(hi, pos[i]);
+        found++;
+    }
+    for (size_t c = 0; c < ncols; c++) {
+        std::memset(out[c].values, 0, positions.length * cols[c].type.width);
+        std::memset(out[c].validity, 0, (positions.length + 7) / 8);
+    }
+    if (found == 0 || ncols == 0)
+        return;
+    // Positions that do not ascend are read in ascending order (sorted once
+    // for every column) and written to their rows.
+    std::vector<uint64_t> order;
+    if (!ascending) {
+        std::vector<std::pair<uint64_t, uint64_t>> by_pos;
+        by_pos.reserve(found);
+        for (uint64_t i = 0; i < positions.length; i++)
+            if (detail::valid_at(positions.validity, i))
+                by_pos.emplace_back(pos[i], i);
+        std::sort(by_pos.begin(), by_pos.end());
+        order.reserve(found);
+        for (const auto &[at, row] : by_pos)
+            order.push_back(row);
+    }
+    const bool dense = (hi - lo) / found < VEL_SEQ_TILE_SIZE / 2;
+    std::vector<uint64_t> wanted, rows;
+    if (!dense) {
+        wanted.reserve(found);
+        rows.reserve(found);
+        detail::in_position_order(positions, order, [&](uint64_t row) {
+            wanted.push_back(pos[row]);
+            rows.push_back(row);
+        });
+    }
+    for (size_t c = 0; c < ncols; c++)
+        detail::visit(cols[c].type, [&](const auto &p) {
+            if (dense)
+                detail::gather_dense(p, cols[c], n[c], out[c], positions, order);
+            else
+                detail::gather_sparse(p, cols[c], out[c], wanted, rows);
+        });
 }
 
 array gather(const column &c, const array &positions) {
     detail::require(positions, detail::kPositions, "gather");
-    const uint64_t n = detail::count_of(c);
-    const unsigned char *pv = positions.values.data();
-    auto at = [pv](uint64_t i) {
-        uint64_t v;
-        std::memcpy(&v, pv + i * 8, 8);
-        return v;
-    };
     array out;
     out.type = c.type;
     out.length = positions.length;
     out.values.resize(out.length * c.type.width);
-    uint64_t lo = detail::kNone, hi = 0, found = 0;
-    for (uint64_t i = 0; i < positions.length; i++) {
-        if (!positions.valid(i)) {
-            detail::set_null(out, i);
-            continue;
-        }
-        const uint64_t p = at(i);
-        if (p >= n)
-            throw error(VEL_E_ILLEGAL_PARAM, "gather: position " + std::to_string(p) +
-                                                 " past the end (" + std::to_string(n) + ")");
-        lo = std::min(lo, p);
-        hi = std::max(hi, p);
-        found++;
-    }
-    if (found == 0)
-        return out;
-    detail::visit(c.type, [&](const auto &p) {
-        const size_t w = p.width();
-        if ((hi - lo) / found < VEL_SEQ_TILE_SIZE / 2) {
-            // Dense: closer than half a tile apart on average, read through
-            // whole tiles.
-            detail::tile_cursor<std::decay_t<decltype(p)>> cur(p, c, n);
-            for (uint64_t i = 0; i < positions.length; i++) {
-                if (!positions.valid(i))
-                    continue;
-                const uint64_t pos = at(i);
-                cur.reach(pos);
-                const size_t k = static_cast<size_t>(pos - cur.base());
-                std::memcpy(out.values.data() + i * w, cur.value(k), w);
-                if (cur.null(k))
-                    detail::set_null(out, i);
-            }
-            return;
-        }
-        // Sparse: the module's map copies single values out of the leaf in
-        // hand and descends once per leaf.
-        std::vector<uint64_t> wanted;
-        wanted.reserve(found);
-        for (uint64_t i = 0; i < positions.length; i++)
-            if (positions.valid(i))
-                wanted.push_back(at(i));
-        velseq::detail::array_source src{reinterpret_cast<const unsigned char *>(wanted.data()),
-                                         wanted.size(), 0, 8};
-        vel_seq_iterator_t pos{};
-        velseq::detail::make_array_source(pos, src, VEL_DD_UINT8);
-        detail::iter_ptr it(new vel_seq_iterator_t());
-        vel_objhandle_t obj = c.obj;
-        velseq::detail::check(p.map(&obj, c.field, it.get(), &pos), "gather");
-        uint64_t i = 0; // the next output row that has a position
-        for (;;) {
-            const VEL_RET rc = it->next(it.get());
-            if (rc == VEL_S_CURSOR_END)
-                break;
-            velseq::detail::check(rc, "gather: reading a tile");
-            const auto *v = reinterpret_cast<const unsigned char *>(it->tile.u.arr_char);
-            for (size_t k = 0; k < it->tile_size; k++, i++) {
-                while (!positions.valid(i))
-                    i++;
-                std::memcpy(out.values.data() + i * w, v + k * w, w);
-                if (detail::null_at(it->tile.null_bitmap, k))
-                    detail::set_null(out, i);
-            }
-        }
-    });
+    out.validity.resize((out.length + 7) / 8);
+    const buffer b{c.type, out.length, out.values.data(), out.validity.data()};
+    gather(&c, &b, 1, view(positions));
+    if (out.null_count() == 0)
+        out.validity.clear();
     return out;
 }
 

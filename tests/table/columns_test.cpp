@@ -311,7 +311,8 @@ TEST(Columns, AsofAndGatherPaths) {
                   cwant.size());
     }
 
-    std::vector<int64_t> many(2 * detail::asof_batch + 77);
+    // The C++ views: results written in place, two columns gathered at once.
+    std::vector<int64_t> many(20000);
     for (int64_t &x : many)
         x = keys.front() - 2 + int64_t(rng() % uint64_t(keys.back() - keys.front() + 4));
     asof_options<int64_t> opt;
@@ -320,14 +321,19 @@ TEST(Columns, AsofAndGatherPaths) {
     topt.dir = table::direction::nearest;
     std::vector<std::optional<uint64_t>> want(many.size());
     std::vector<std::optional<int32_t>> wantv(many.size());
+    std::vector<std::optional<int64_t>> wantk(many.size());
     for (size_t i = 0; i < many.size(); i++) {
         want[i] = model_asof(keys, many[i], topt);
         wantv[i] = want[i] ? vals[*want[i]] : std::nullopt;
+        wantk[i] = want[i] ? std::optional(keys[*want[i]]) : std::nullopt;
     }
-    EXPECT_EQ(first_difference(asof(o[k], span<const int64_t>(many), opt), want), want.size());
-    const auto [got] = asof_join(o[k], span<const int64_t>(many), opt, o[v]);
-    EXPECT_EQ(first_difference(got, wantv), want.size());
-    EXPECT_EQ(first_difference(gather(o[v], span<const std::optional<uint64_t>>(want)), wantv),
+    const auto at = asof(o[k], span<const int64_t>(many), opt);
+    EXPECT_EQ(first_difference(at.to_optionals(), want), want.size());
+    const auto [gv, gk] = asof_join(o[k], span<const int64_t>(many), opt, o[v], o[k]);
+    EXPECT_EQ(first_difference(gv.to_optionals(), wantv), want.size());
+    EXPECT_EQ(first_difference(gk.to_optionals(), wantk), want.size());
+    EXPECT_EQ(first_difference(
+                  gather(o[v], span<const std::optional<uint64_t>>(want)).to_optionals(), wantv),
               want.size());
 }
 
