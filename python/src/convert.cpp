@@ -267,6 +267,8 @@ std::optional<int64_t> time_ns(const py::handle &v, const std::string &what) {
     if (!py::isinstance(x, numpy().attr("datetime64")))
         throw error(VEL_E_ILLEGAL_TYPE,
                     what + ": a " + type_name(v) + " is not a point in time; " + pass_time);
+    if (numpy().attr("isnat")(x).cast<bool>()) // of any unit, or none
+        return std::nullopt;
     table::array one;
     one.type = datetime_type;
     one.length = 1;

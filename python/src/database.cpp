@@ -187,16 +187,24 @@ uint64_t Database::store_table(const std::string &cls, const std::vector<column_
                                const std::optional<std::string> &time, bool nan_as_null) {
     st->require_open();
     const std::string what = "from_pandas into '" + velseq::detail::shortened(cls) + "'";
-    auto column = [&](const std::string &n) { return what + ", column '" + n + "'"; };
+    auto column = [&](const std::string &n) {
+        return what + ", column '" + velseq::detail::shortened(n) + "'";
+    };
+    auto listed = [](const std::vector<std::string> &v) {
+        return velseq::detail::shortened(py::str(py::cast(v)).cast<std::string>(), 120);
+    };
     std::vector<std::string> names;
     for (const auto &c : cols) {
         const std::string &n = std::get<0>(c);
         if (std::find(names.begin(), names.end(), n) != names.end())
-            throw error(VEL_E_HOST_WRONG_FIELD, what + ": two columns are named '" + n + "'");
+            throw error(VEL_E_HOST_WRONG_FIELD,
+                        what + ": two columns are named '" + velseq::detail::shortened(n) + "'");
         names.push_back(n);
     }
     if (time && std::find(names.begin(), names.end(), *time) == names.end())
-        throw error(VEL_E_HOST_WRONG_FIELD, what + ": no column '" + *time + "' to keep as time");
+        throw error(VEL_E_HOST_WRONG_FIELD, what + ": no column '" +
+                                                velseq::detail::shortened(*time) +
+                                                "' to keep as time");
     const std::optional<table::table_info> known = table::find_table(st->get(), cls);
     std::vector<table::column_def> defs;
     if (known) {
@@ -206,10 +214,8 @@ uint64_t Database::store_table(const std::string &cls, const std::vector<column_
         std::sort(have.begin(), have.end());
         std::sort(want.begin(), want.end());
         if (have != want)
-            throw error(VEL_E_HOST_WRONG_FIELD, what + ": the class has fields " +
-                                                    py::str(py::cast(have)).cast<std::string>() +
-                                                    ", the table " +
-                                                    py::str(py::cast(want)).cast<std::string>());
+            throw error(VEL_E_HOST_WRONG_FIELD, what + ": the class has fields " + listed(have) +
+                                                    ", the table " + listed(want));
         for (const std::string &n : names)
             defs.push_back(known->columns[known->field(n)]);
     } else {
@@ -218,10 +224,14 @@ uint64_t Database::store_table(const std::string &cls, const std::vector<column_
             d.name = n;
             const char k = py::array(values).dtype().kind();
             std::vector<bool> nulls; // of text: array_in takes them
-            d.type =
-                type_of_dtype(k == 'O' || k == 'U' ? bytes_in(values, &nulls, column(n)).dtype()
-                                                   : py::array(values).dtype(),
-                              false, column(n));
+            const py::dtype dt = k == 'O' || k == 'U' ? bytes_in(values, &nulls, column(n)).dtype()
+                                                      : py::array(values).dtype();
+            if (dt.kind() == 'S' && dt.itemsize() > VELH_MAX_SEQ_CHAR_WIDTH)
+                throw error(VEL_E_ILLEGAL_PARAM,
+                            column(n) + ": its longest value is " + std::to_string(dt.itemsize()) +
+                                " bytes long (text counts its UTF-8 bytes); a char field holds " +
+                                std::to_string(VELH_MAX_SEQ_CHAR_WIDTH));
+            d.type = type_of_dtype(dt, false, column(n));
             if (time && n == *time) {
                 if (d.type.code != VEL_DD_SEQUENCE_DATETIME)
                     throw error(VEL_E_HOST_WRONG_FIELD, column(n) + ": the time column holds " +

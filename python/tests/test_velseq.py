@@ -278,7 +278,7 @@ def test_bad_inputs_raise_and_change_nothing():
     for code, df, cls in [  # refused tables define no class and make no object
             ("VEL_E_SEQ_OUT_OF_ORDER", pd.DataFrame({"x": [1.0, 2.0]}, index=t), "u"),
             ("VEL_E_SEQ_NULL_VALUE", pd.DataFrame({"x": [1, 2]}, index=t.insert(0, pd.NaT)[:2]), "u"),
-            ("VEL_E_ILLEGAL_TYPE", pd.DataFrame({"x": ["é" * 17, None]}, index=t[::-1]), "u"),
+            ("VEL_E_ILLEGAL_PARAM", pd.DataFrame({"x": ["é" * 17, None]}, index=t[::-1]), "u"),
             ("VEL_E_ILLEGAL_TYPE", pd.DataFrame({"x": ["a", 1]}, index=t[::-1]), "u"),
             ("VEL_E_HOST_WRONG_FIELD", pd.DataFrame({"ts": [T0], "px": [1.0], "v": [1]}), "q")]:
         raises(code, db.from_pandas, df, cls)

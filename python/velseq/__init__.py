@@ -166,8 +166,8 @@ class Database(_Database):
         if time is None and isinstance(df.index, pd.DatetimeIndex):
             time = str(df.index.name or "time")
             cols.append((time, *_values_of(df.index.to_series(index=None))))
-        for c in df.columns:
-            cols.append((str(c), *_values_of(df[c])))
+        for c, col in df.items():
+            cols.append((str(c), *_values_of(col)))
         return self._store_table(cls, cols, time, nan_as_null)
 
     def to_pandas(self, cls, oid, index=None, text=True):
@@ -210,7 +210,7 @@ def _values_of(s):
     return s.to_numpy(dtype=object, na_value=None), None
 
 
-def _column(a, text=False):
+def _column(a, text=True):
     """A read result as a pandas column: nulls as pandas' missing values
     (nullable integers and floats, NaT, None); char values as str when
     `text` and every one is UTF-8."""
