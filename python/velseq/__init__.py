@@ -221,7 +221,7 @@ def _column(a, text=True):
         d = d.astype(object)
         if text:
             try:
-                d = _np.array([x.decode("utf-8") for x in d] + [None])[:-1]
+                d = _np.array([x.decode("utf-8") for x in d], dtype=object)
             except UnicodeDecodeError:  # bytes, not text: left as they are
                 pass
         d[m] = None
