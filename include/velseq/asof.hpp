@@ -194,14 +194,14 @@ std::tuple<nullable_vector<V>...> asof_join(const sequence<K> &keys, span<const 
                                             const asof_options<K> &opt,
                                             const sequence<V> &...cols) {
     const table::column c = detail::table_column(keys);
-    const nullable_vector<uint64_t> pos = detail::asof(c, detail::view(probes, c.type), opt);
+    nullable_vector<uint64_t> pos(probes.size());
     std::tuple<nullable_vector<V>...> out(nullable_vector<V>(probes.size())...);
     std::apply(
         [&](auto &...v) {
             const table::column vc[] = {detail::table_column(cols)...};
             const table::buffer b[] = {detail::out_buffer(v, *table::type_of(cols.info()))...};
-            table::gather(vc, b, sizeof...(V),
-                          {detail::kPositions, pos.size(), pos.data(), pos.validity()});
+            table::asof_join(c, detail::view(probes, c.type), detail::table_options(opt),
+                             pos.data(), pos.validity(), vc, b, sizeof...(V));
         },
         out);
     return out;

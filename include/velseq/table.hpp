@@ -191,6 +191,11 @@ array asof(const column &keys, const array &probes, const asof_options &opt = {}
 // ~0 where there is none, and validity bit i is set where there is one.
 void asof(const column &keys, const const_buffer &probes, const asof_options &opt,
           uint64_t *positions, uint8_t *validity);
+// asof() and then gather() of several columns at its positions, sharing the
+// order in which probes that do not ascend were answered.
+void asof_join(const column &keys, const const_buffer &probes, const asof_options &opt,
+               uint64_t *positions, uint8_t *validity, const column *cols, const buffer *out,
+               size_t ncols);
 
 // ---- aggregates ------------------------------------------------------------
 

@@ -6,6 +6,7 @@
 // descent (a value search or a positional set-up of the iterator).
 #include <algorithm>
 #include <array>
+#include <utility>
 
 #include "dispatch.h"
 
@@ -281,9 +282,62 @@ inline bool valid_at(const uint8_t *validity, uint64_t i) {
     return validity == nullptr || ((validity[i / 8] >> (i % 8)) & 1);
 }
 
+// An unsigned key whose order is T's order (NaN excluded): integers with
+// the sign bit flipped, floats by their bits, negatives inverted.
+template <class T> uint64_t ordered_bits(T v) {
+    if constexpr (std::is_floating_point_v<T>) {
+        uint64_t b;
+        if constexpr (sizeof(T) == 4) {
+            uint32_t u;
+            std::memcpy(&u, &v, 4);
+            b = uint64_t(u) << 32;
+        } else {
+            std::memcpy(&b, &v, 8);
+        }
+        return b >> 63 ? ~b : b | uint64_t(1) << 63;
+    } else if constexpr (std::is_signed_v<T>) {
+        return static_cast<uint64_t>(static_cast<int64_t>(v)) ^ uint64_t(1) << 63;
+    } else {
+        return static_cast<uint64_t>(v);
+    }
+}
+
+// Sorts (key, row) pairs by key, stably: least significant digit first,
+// 11 bits a pass, skipping the digits every key shares (times of one span
+// differ in their low 40-odd bits only).  Small inputs go to std::sort.
+inline void sort_by_key(std::vector<std::pair<uint64_t, uint64_t>> &v) {
+    if (v.size() < (1u << 14)) {
+        std::stable_sort(v.begin(), v.end(),
+                         [](const auto &a, const auto &b) { return a.first < b.first; });
+        return;
+    }
+    constexpr int kBits = 11, kPasses = (64 + kBits - 1) / kBits;
+    constexpr size_t kDigits = size_t(1) << kBits;
+    std::vector<std::array<uint64_t, kDigits>> count(kPasses);
+    for (const auto &e : v)
+        for (int d = 0; d < kPasses; d++)
+            count[d][(e.first >> (d * kBits)) & (kDigits - 1)]++;
+    std::vector<std::pair<uint64_t, uint64_t>> tmp(v.size());
+    for (int d = 0; d < kPasses; d++) {
+        auto &c = count[d];
+        if (*std::max_element(c.begin(), c.end()) == v.size())
+            continue; // one digit for all
+        uint64_t at = 0;
+        for (uint64_t &x : c)
+            at += std::exchange(x, at);
+        for (const auto &e : v)
+            tmp[c[(e.first >> (d * kBits)) & (kDigits - 1)]++] = e;
+        v.swap(tmp);
+    }
+}
+
+// Answers every probe into positions/validity.  Probes that do not ascend
+// are answered in value order, which is left in `order` (their answers
+// ascend along it); `order` stays empty when the probes ascend.
 template <class P>
 void match(const P &p, const column &keys, uint64_t n, const const_buffer &probes,
-           const asof_options &opt, uint64_t *positions, uint8_t *validity) {
+           const asof_options &opt, uint64_t *positions, uint8_t *validity,
+           std::vector<uint64_t> &order) {
     const size_t w = p.width();
     const auto *pv = static_cast<const unsigned char *>(probes.values);
     key_cursor<P> cur(p, keys, n);
@@ -332,18 +386,16 @@ void match(const P &p, const column &keys, uint64_t n, const const_buffer &probe
             ascending = last == kNone || !p.before(pv + i * w, pv + last * w);
             last = i;
         }
-    std::vector<uint64_t> rows;
+    std::vector<uint64_t> &rows = order;
     if (!ascending) {
         using T = typename P::value;
         if constexpr (std::is_arithmetic_v<T>) {
-            // Sorted as (value, row) pairs: no indirection per comparison.
-            std::vector<std::pair<T, uint64_t>> by_value;
+            std::vector<std::pair<uint64_t, uint64_t>> by_value;
             by_value.reserve(probes.length);
             for (uint64_t i = 0; i < probes.length; i++)
                 if (live(i))
-                    by_value.emplace_back(p.at(pv, i), i);
-            std::sort(by_value.begin(), by_value.end(),
-                      [](const auto &a, const auto &b) { return a.first < b.first; });
+                    by_value.emplace_back(ordered_bits(p.at(pv, i)), i);
+            sort_by_key(by_value);
             rows.reserve(by_value.size());
             for (const auto &[v, row] : by_value)
                 rows.push_back(row);
@@ -351,8 +403,9 @@ void match(const P &p, const column &keys, uint64_t n, const const_buffer &probe
             for (uint64_t i = 0; i < probes.length; i++)
                 if (live(i))
                     rows.push_back(i);
-            std::sort(rows.begin(), rows.end(),
-                      [&](uint64_t a, uint64_t b) { return p.before(pv + a * w, pv + b * w); });
+            std::stable_sort(rows.begin(), rows.end(), [&](uint64_t a, uint64_t b) {
+                return p.before(pv + a * w, pv + b * w);
+            });
         }
     }
     auto all = [&](auto dir) {
@@ -378,8 +431,12 @@ void match(const P &p, const column &keys, uint64_t n, const const_buffer &probe
 } // namespace
 } // namespace detail
 
-void asof(const column &keys, const const_buffer &probes, const asof_options &opt,
-          uint64_t *positions, uint8_t *validity) {
+namespace detail {
+namespace {
+
+// asof() leaving the order of its answers in `order` (see match).
+void asof_ordered(const column &keys, const const_buffer &probes, const asof_options &opt,
+                  uint64_t *positions, uint8_t *validity, std::vector<uint64_t> &order) {
     if (!(probes.type == keys.type))
         throw error(VEL_E_ILLEGAL_TYPE, "asof: " + type_name(probes.type) + " probes where " +
                                             type_name(keys.type) + " are due");
@@ -390,14 +447,22 @@ void asof(const column &keys, const const_buffer &probes, const asof_options &op
         throw error(VEL_E_ILLEGAL_TYPE, "asof: char keys have no distance (nearest, tolerance)");
     if (opt.tolerance && !(*opt.tolerance >= 0))
         throw error(VEL_E_ILLEGAL_PARAM, "asof: the tolerance must be a number >= 0");
-    std::fill(positions, positions + probes.length, detail::kNone);
+    std::fill(positions, positions + probes.length, kNone);
     std::fill(validity, validity + (probes.length + 7) / 8, uint8_t(0));
-    const uint64_t n = detail::count_of(keys);
+    const uint64_t n = count_of(keys);
     if (n == 0 || probes.length == 0)
         return;
-    detail::visit(keys.type, [&](const auto &p) {
-        detail::match(p, keys, n, probes, opt, positions, validity);
-    });
+    visit(keys.type,
+          [&](const auto &p) { match(p, keys, n, probes, opt, positions, validity, order); });
+}
+
+} // namespace
+} // namespace detail
+
+void asof(const column &keys, const const_buffer &probes, const asof_options &opt,
+          uint64_t *positions, uint8_t *validity) {
+    std::vector<uint64_t> order;
+    detail::asof_ordered(keys, probes, opt, positions, validity, order);
 }
 
 array asof(const column &keys, const array &probes, const asof_options &opt) {
@@ -451,6 +516,45 @@ void gather_dense(const P &p, const column &c, uint64_t n, const buffer &out,
     });
 }
 
+// Positions that crowd their range [lo, hi] (fewer than two values of it
+// per position), in any order: the range read once into a buffer, then the
+// rows filled in row order, so that writes stream and reads stay within a
+// buffer at most twice the output.
+template <class P>
+void gather_range(const P &p, const column &c, uint64_t n, const buffer &out,
+                  const const_buffer &positions, uint64_t lo, uint64_t hi) {
+    const size_t w = p.width();
+    std::vector<unsigned char> vals((hi - lo + 1) * w);
+    std::vector<uint8_t> nulls((hi - lo + 1 + 7) / 8);
+    tile_cursor<P> cur(p, c, n);
+    cur.reach(lo);
+    for (;;) {
+        const uint64_t base = cur.base();
+        const size_t from = lo > base ? static_cast<size_t>(lo - base) : 0;
+        const size_t to = static_cast<size_t>(std::min<uint64_t>(cur.len(), hi + 1 - base));
+        std::memcpy(vals.data() + (base + from - lo) * w, cur.value(from), (to - from) * w);
+        for (size_t k = from; k < to; k++)
+            if (cur.null(k))
+                nulls[(base + k - lo) / 8] |= static_cast<uint8_t>(1u << ((base + k - lo) % 8));
+        if (base + cur.len() > hi || !cur.next())
+            break;
+    }
+    const auto *pos = static_cast<const uint64_t *>(positions.values);
+    auto *dst = static_cast<unsigned char *>(out.values);
+    for (uint64_t i0 = 0; i0 < positions.length; i0 += 8) {
+        const uint64_t end = std::min<uint64_t>(positions.length, i0 + 8);
+        unsigned bits = 0;
+        for (uint64_t i = i0; i < end; i++) {
+            if (!valid_at(positions.validity, i))
+                continue;
+            const uint64_t k = pos[i] - lo;
+            std::memcpy(dst + i * w, vals.data() + k * w, w);
+            bits |= unsigned(!((nulls[k / 8] >> (k % 8)) & 1)) << (i - i0);
+        }
+        out.validity[i0 / 8] = static_cast<uint8_t>(bits);
+    }
+}
+
 // Sparse positions: the module's map copies single values out of the leaf
 // in hand and descends once per leaf.  rows[j] is the row of the j-th
 // position asked.
@@ -483,7 +587,14 @@ void gather_sparse(const P &p, const column &c, const buffer &out,
 } // namespace
 } // namespace detail
 
-void gather(const column *cols, const buffer *out, size_t ncols, const const_buffer &positions) {
+namespace detail {
+namespace {
+
+// gather() given, when the positions do not ascend, the rows with a
+// position in ascending position order (`known`), or nothing to sort them
+// itself.
+void gather_rows(const column *cols, const buffer *out, size_t ncols, const const_buffer &positions,
+                 std::vector<uint64_t> known) {
     if (!(positions.type == detail::kPositions))
         throw error(VEL_E_ILLEGAL_TYPE,
                     "gather: " + type_name(positions.type) + " values where positions are due");
@@ -520,14 +631,23 @@ void gather(const column *cols, const buffer *out, size_t ncols, const const_buf
         return;
     // Positions that do not ascend are read in ascending order (sorted once
     // for every column) and written to their rows.
+    if (hi - lo < 2 * found) {
+        for (size_t c = 0; c < ncols; c++)
+            detail::visit(cols[c].type, [&](const auto &p) {
+                detail::gather_range(p, cols[c], n[c], out[c], positions, lo, hi);
+            });
+        return;
+    }
     std::vector<uint64_t> order;
-    if (!ascending) {
+    if (!ascending && known.size() == found) {
+        order = std::move(known);
+    } else if (!ascending) {
         std::vector<std::pair<uint64_t, uint64_t>> by_pos;
         by_pos.reserve(found);
         for (uint64_t i = 0; i < positions.length; i++)
             if (detail::valid_at(positions.validity, i))
                 by_pos.emplace_back(pos[i], i);
-        std::sort(by_pos.begin(), by_pos.end());
+        detail::sort_by_key(by_pos);
         order.reserve(found);
         for (const auto &[at, row] : by_pos)
             order.push_back(row);
@@ -549,6 +669,26 @@ void gather(const column *cols, const buffer *out, size_t ncols, const const_buf
             else
                 detail::gather_sparse(p, cols[c], out[c], wanted, rows);
         });
+}
+
+} // namespace
+} // namespace detail
+
+void gather(const column *cols, const buffer *out, size_t ncols, const const_buffer &positions) {
+    detail::gather_rows(cols, out, ncols, positions, {});
+}
+
+void asof_join(const column &keys, const const_buffer &probes, const asof_options &opt,
+               uint64_t *positions, uint8_t *validity, const column *cols, const buffer *out,
+               size_t ncols) {
+    std::vector<uint64_t> order;
+    detail::asof_ordered(keys, probes, opt, positions, validity, order);
+    // Probes answered in value order leave their matches ascending along it.
+    order.erase(std::remove_if(order.begin(), order.end(),
+                               [&](uint64_t row) { return !detail::valid_at(validity, row); }),
+                order.end());
+    detail::gather_rows(cols, out, ncols, {detail::kPositions, probes.length, positions, validity},
+                        std::move(order));
 }
 
 array gather(const column &c, const array &positions) {

@@ -208,8 +208,9 @@ template <class T> size_t first_difference(const std::vector<T> &a, const std::v
 // bound starts from the first's tile), a few keys apart (galloping), far
 // apart (a search from the root each) and shuffled; the same keys as
 // char(8); positions gathered in clusters (whole tiles, with hops and
-// jumps), scattered (map) and shuffled; and the C++ API's views, which cut
-// long inputs into batches.
+// jumps), scattered (map) and shuffled; and the C++ API's views over
+// random probes, crowding the keys (a range read once) and sparse (the
+// probes' value order reused by the join, radix-sorted when many).
 TEST(Columns, AsofAndGatherPaths) {
     database db;
     schema cls{"runs"};
@@ -227,7 +228,8 @@ TEST(Columns, AsofAndGatherPaths) {
     for (int64_t key = -300; keys.size() < 20000; key += 1 + int64_t(rng() % 3))
         for (size_t run = rng() % 4 ? 1 + rng() % 3 : 100 + rng() % 200; run > 0; run--) {
             keys.push_back(key);
-            vals.push_back(rng() % 5 ? std::optional<int32_t>(int32_t(rng())) : std::nullopt);
+            vals.push_back(rng() % 5 || vals.empty() ? std::optional<int32_t>(int32_t(rng()))
+                                                     : std::nullopt);
         }
     // Big-endian with the sign bit flipped: byte order is number order.
     auto as_chars = [](int64_t x) {
@@ -312,29 +314,32 @@ TEST(Columns, AsofAndGatherPaths) {
     }
 
     // The C++ views: results written in place, two columns gathered at once.
-    std::vector<int64_t> many(20000);
-    for (int64_t &x : many)
-        x = keys.front() - 2 + int64_t(rng() % uint64_t(keys.back() - keys.front() + 4));
-    asof_options<int64_t> opt;
-    opt.dir = direction::nearest;
-    table::asof_options topt;
-    topt.dir = table::direction::nearest;
-    std::vector<std::optional<uint64_t>> want(many.size());
-    std::vector<std::optional<int32_t>> wantv(many.size());
-    std::vector<std::optional<int64_t>> wantk(many.size());
-    for (size_t i = 0; i < many.size(); i++) {
-        want[i] = model_asof(keys, many[i], topt);
-        wantv[i] = want[i] ? vals[*want[i]] : std::nullopt;
-        wantk[i] = want[i] ? std::optional(keys[*want[i]]) : std::nullopt;
+    for (size_t count : {20000, 500}) {
+        std::vector<int64_t> many(count);
+        for (int64_t &x : many)
+            x = keys.front() - 2 + int64_t(rng() % uint64_t(keys.back() - keys.front() + 4));
+        asof_options<int64_t> opt; // backward within 1: some probes match nothing
+        opt.tolerance = 1;
+        table::asof_options topt;
+        topt.tolerance = 1;
+        std::vector<std::optional<uint64_t>> want(many.size());
+        std::vector<std::optional<int32_t>> wantv(many.size());
+        std::vector<std::optional<int64_t>> wantk(many.size());
+        for (size_t i = 0; i < many.size(); i++) {
+            want[i] = model_asof(keys, many[i], topt);
+            wantv[i] = want[i] ? vals[*want[i]] : std::nullopt;
+            wantk[i] = want[i] ? std::optional(keys[*want[i]]) : std::nullopt;
+        }
+        const auto at = asof(o[k], span<const int64_t>(many), opt);
+        EXPECT_EQ(first_difference(at.to_optionals(), want), want.size());
+        const auto [gv, gk] = asof_join(o[k], span<const int64_t>(many), opt, o[v], o[k]);
+        EXPECT_EQ(first_difference(gv.to_optionals(), wantv), want.size());
+        EXPECT_EQ(first_difference(gk.to_optionals(), wantk), want.size());
+        EXPECT_EQ(
+            first_difference(gather(o[v], span<const std::optional<uint64_t>>(want)).to_optionals(),
+                             wantv),
+            want.size());
     }
-    const auto at = asof(o[k], span<const int64_t>(many), opt);
-    EXPECT_EQ(first_difference(at.to_optionals(), want), want.size());
-    const auto [gv, gk] = asof_join(o[k], span<const int64_t>(many), opt, o[v], o[k]);
-    EXPECT_EQ(first_difference(gv.to_optionals(), wantv), want.size());
-    EXPECT_EQ(first_difference(gk.to_optionals(), wantk), want.size());
-    EXPECT_EQ(first_difference(
-                  gather(o[v], span<const std::optional<uint64_t>>(want)).to_optionals(), wantv),
-              want.size());
 }
 
 // Inserts and erases at random places (single values and runs, the
