@@ -230,6 +230,9 @@ void put_datetimes(py::array a, table::array &out, const std::string &what) {
 std::optional<int64_t> time_ns(const py::handle &v, const std::string &what) {
     if (v.is_none())
         return std::nullopt;
+    if (py::isinstance(v, numpy().attr("timedelta64")))
+        throw error(VEL_E_ILLEGAL_TYPE,
+                    what + ": " + shown(v) + " is a duration, not a point in time; " + pass_time);
     if (is_number(v)) {
         if (PyFloat_Check(v.ptr()) && std::isnan(v.cast<double>()))
             return std::nullopt;
