@@ -8,7 +8,7 @@ of NumPy and pandas.
     with db.write() as tx:                  # commits; an exception rolls back
         t = tx.create("tick")
         t["ts"].append(times)               # datetime64 of any unit
-        t["px"].append(np.ma.masked_invalid(prices))   # masked: nulls
+        t["px"].append(prices)              # NaN, or masked: null
         oid = t.oid
     with db.read() as tx:
         t = tx.open("tick", oid)
