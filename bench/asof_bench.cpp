@@ -6,7 +6,8 @@
 // answer is checked equal to the plain one before any time is printed.
 // Each figure is the best of `reps` runs, in milliseconds.
 //
-//   build/release/bench/velseq_asof_bench [keys] [reps]   (default 1000000 3)
+//   build/release/bench/velseq_asof_bench [keys] [reps] [max probes]
+//   (default 1000000 3 10000000; shapes of more probes are left out)
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
@@ -71,6 +72,7 @@ void plain_asof(const Data &d, const std::vector<int64_t> &probes, size_t ncols,
 int main(int argc, char **argv) {
     const uint64_t nkeys = argc > 1 ? std::strtoull(argv[1], nullptr, 10) : 1000000;
     const int reps = argc > 2 ? std::atoi(argv[2]) : 3;
+    const uint64_t max_probes = argc > 3 ? std::strtoull(argv[3], nullptr, 10) : 10000000;
     std::mt19937_64 rng(42);
     Data d;
     d.keys.resize(nkeys);
@@ -112,9 +114,11 @@ int main(int argc, char **argv) {
                 (unsigned long long)nkeys, reps);
     std::printf("%-8s %-10s %10s %20s %20s %20s\n", "probes", "order", "count", "positions",
                 "1 column", "4 columns");
-    for (const auto &[num, den] : {std::pair{10, 1}, {1, 1}, {1, 10}, {1, 1000}})
+    for (const auto &[num, den] : {std::pair{10, 1}, {1, 1}, {1, 10}, {1, 30}, {1, 100}, {1, 1000}})
         for (const bool random : {false, true}) {
             const uint64_t np = nkeys * num / den;
+            if (np > max_probes)
+                continue;
             std::vector<int64_t> probes(np);
             const int64_t lo = d.keys.front() - 1'000'000, span_ns = d.keys.back() - lo + 1'000'000;
             for (auto &p : probes)
@@ -131,11 +135,12 @@ int main(int argc, char **argv) {
             Plain plain;
             plain_asof(d, probes, 4, plain);
             const auto at = asof(o[ts], ps, opt);
-            const auto [c0, c1, c2, c3] = asof_join(o[ts], ps, opt, o[px[0]], o[px[1]], o[px[2]],
-                                                    o[px[3]]);
+            const auto [c0, c1, c2, c3] =
+                asof_join(o[ts], ps, opt, o[px[0]], o[px[1]], o[px[2]], o[px[3]]);
             const nullable_vector<double> *got[] = {&c0, &c1, &c2, &c3};
             for (size_t i = 0; i < np; i++) {
-                require(at.valid(i) == bool(plain.found[i]) && (!at.valid(i) || at.data()[i] == plain.pos[i]),
+                require(at.valid(i) == bool(plain.found[i]) &&
+                            (!at.valid(i) || at.data()[i] == plain.pos[i]),
                         "a position");
                 for (int c = 0; c < 4; c++)
                     require(got[c]->valid(i) == bool(plain.found[i]) &&

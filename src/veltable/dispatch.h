@@ -54,6 +54,10 @@ template <class T, uint8_t Code> struct scalar {
                    vel_seq_boundary_kind_t hk, vel_seq_order_t ord) const;
     VEL_RET map(vel_objhandle_h o, const velh_field_info_t &f, vel_seq_iterator_h it,
                 vel_seq_iterator_h pos) const;
+    // The module's join of an ascending field with `with`, which this call
+    // marks as delivering T.
+    VEL_RET join(vel_objhandle_h o, const velh_field_info_t &f, vel_seq_iterator_h it,
+                 vel_seq_iterator_h with) const;
 };
 
 // char(N): values are N bytes compared bytewise; a value is held as its
@@ -160,6 +164,13 @@ struct chars {
         vel_objhandle_h o, const velh_field_info_t &f, vel_seq_iterator_h it,                      \
         vel_seq_iterator_h pos) const {                                                            \
         return vel_w_seq_map_##S(o, f.u_offset, f.c_offset, it, pos);                              \
+    }                                                                                              \
+    template <>                                                                                    \
+    inline VEL_RET scalar<T, VEL_DD_SEQUENCE_##DD>::join(                                          \
+        vel_objhandle_h o, const velh_field_info_t &f, vel_seq_iterator_h it,                      \
+        vel_seq_iterator_h with) const {                                                           \
+        with->elem_type = VEL_DD_##DD;                                                             \
+        return vel_w_seq_join_##S(o, f.u_offset, f.c_offset, it, with, VEL_SEQ_ASC_ORDER);         \
     }
 VEL_SEQ_SCALAR_TYPES(VELSEQ_CALLS_)
 #undef VELSEQ_CALLS_
