@@ -4,18 +4,24 @@
 // positions alone and 1 or 4 gathered double columns (backward matches).
 // Keys are random sorted nanosecond times, committed in one object; every
 // answer is checked equal to the plain one before any time is printed.
-// Each figure is the best of `reps` runs, in milliseconds.
+// With DuckDB's library at hand (scripts/fetch-duckdb.sh, or $VELSEQ_DUCKDB)
+// its ASOF JOIN on one thread joins the same data, the sums of the joined
+// positions and values checked equal to velseq's; each side then sums what
+// it joined (DuckDB in the query).  Each figure is the best of `reps` runs,
+// in milliseconds.
 //
 //   build/release/bench/velseq_asof_bench [keys] [reps] [max probes]
 //   (default 1000000 3 10000000; shapes of more probes are left out)
 #include <algorithm>
 #include <chrono>
+#include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <random>
 #include <string>
 #include <vector>
 
+#include "duckdb_peer.h"
 #include "velseq.hpp"
 
 namespace {
@@ -67,6 +73,49 @@ void plain_asof(const Data &d, const std::vector<int64_t> &probes, size_t ncols,
     }
 }
 
+// Cents, as DuckDB holds the values: exact sums on both sides.
+int64_t cents(double x) { return std::llround(x * 100); }
+
+// Sums of velseq's answers, as DuckDB's queries give them.
+int64_t sum_positions(const nullable_vector<uint64_t> &at) {
+    int64_t s = 0;
+    for (size_t i = 0; i < at.size(); i++)
+        s += at.valid(i) ? int64_t(at.data()[i]) : 0;
+    return s;
+}
+int64_t sum_cents(std::initializer_list<const nullable_vector<double> *> cols) {
+    int64_t s = 0;
+    for (const auto *c : cols)
+        for (size_t i = 0; i < c->size(); i++)
+            s += c->valid(i) ? cents(c->data()[i]) : 0;
+    return s;
+}
+
+// DuckDB on one thread with the keys (t, pos, c0..c3) and probes (t).
+struct Duck {
+    duck::db db{1};
+    explicit Duck(const Data &d) {
+        db.exec("CREATE TABLE k (t BIGINT, pos BIGINT, c0 BIGINT, c1 BIGINT, c2 BIGINT, "
+                "c3 BIGINT)");
+        duck::appender a(db, "k");
+        for (size_t i = 0; i < d.keys.size(); i++)
+            a.row({d.keys[i], int64_t(i), cents(d.cols[0][i]), cents(d.cols[1][i]),
+                   cents(d.cols[2][i]), cents(d.cols[3][i])});
+        a.flush();
+    }
+    void probes(const std::vector<int64_t> &p) {
+        db.exec("CREATE OR REPLACE TABLE p (t BIGINT)");
+        duck::appender a(db, "p");
+        for (int64_t t : p)
+            a.row({t});
+        a.flush();
+    }
+    int64_t sum(const char *what) {
+        return db.scalar(std::string("SELECT coalesce(sum(") + what +
+                         "), 0) FROM p ASOF LEFT JOIN k ON p.t >= k.t");
+    }
+};
+
 } // namespace
 
 int main(int argc, char **argv) {
@@ -110,9 +159,12 @@ int main(int argc, char **argv) {
     transaction tx{con, transaction::read};
     object o = tx.open(cls, oid);
 
-    std::printf("%llu keys, best of %d; ms (velseq / plain upper_bound)\n",
-                (unsigned long long)nkeys, reps);
-    std::printf("%-8s %-10s %10s %20s %20s %20s\n", "probes", "order", "count", "positions",
+    std::unique_ptr<Duck> duck;
+    if (duck::api::get() != nullptr)
+        duck = std::make_unique<Duck>(d);
+    std::printf("%llu keys, best of %d; ms (velseq / plain upper_bound%s)\n",
+                (unsigned long long)nkeys, reps, duck ? " / DuckDB ASOF JOIN" : "");
+    std::printf("%-8s %-10s %10s %28s %28s %28s\n", "probes", "order", "count", "positions",
                 "1 column", "4 columns");
     for (const auto &[num, den] : {std::pair{10, 1}, {1, 1}, {1, 10}, {1, 30}, {1, 100}, {1, 1000}})
         for (const bool random : {false, true}) {
@@ -148,25 +200,49 @@ int main(int argc, char **argv) {
                             "a joined value");
             }
 
+            double dp_ = 0, d1 = 0, d4 = 0;
+            if (duck) {
+                duck->probes(probes);
+                require(duck->sum("k.pos") == sum_positions(at), "DuckDB's positions");
+                require(duck->sum("k.c0") == sum_cents({&c0}), "DuckDB's column");
+                require(duck->sum("k.c0 + k.c1 + k.c2 + k.c3") == sum_cents({&c0, &c1, &c2, &c3}),
+                        "DuckDB's columns");
+                dp_ = best_ms(reps, [&] { (void)duck->sum("k.pos"); });
+                d1 = best_ms(reps, [&] { (void)duck->sum("k.c0"); });
+                d4 = best_ms(reps, [&] { (void)duck->sum("k.c0 + k.c1 + k.c2 + k.c3"); });
+            }
+
             Plain scratch;
-            const double vp = best_ms(reps, [&] { (void)asof(o[ts], ps, opt); });
+            int64_t sink = 0;
+            const double vp = best_ms(reps, [&] { sink += sum_positions(asof(o[ts], ps, opt)); });
             const double pp = best_ms(reps, [&] { plain_asof(d, probes, 0, scratch); });
-            const double v1 = best_ms(reps, [&] { (void)asof_join(o[ts], ps, opt, o[px[0]]); });
+            const double v1 = best_ms(reps, [&] {
+                const auto [a] = asof_join(o[ts], ps, opt, o[px[0]]);
+                sink += sum_cents({&a});
+            });
             const double p1 = best_ms(reps, [&] { plain_asof(d, probes, 1, scratch); });
             const double v4 = best_ms(reps, [&] {
-                (void)asof_join(o[ts], ps, opt, o[px[0]], o[px[1]], o[px[2]], o[px[3]]);
+                const auto [a, b, c, e] =
+                    asof_join(o[ts], ps, opt, o[px[0]], o[px[1]], o[px[2]], o[px[3]]);
+                sink += sum_cents({&a, &b, &c, &e});
             });
             const double p4 = best_ms(reps, [&] { plain_asof(d, probes, 4, scratch); });
             char shape[16];
             std::snprintf(shape, sizeof shape, "%d:%d", num, den);
-            auto cell = [](double v, double p) {
-                char b[32];
-                std::snprintf(b, sizeof b, "%.2f / %.2f", v, p);
+            auto cell = [&](double v, double p, double dk) {
+                char b[48];
+                if (duck)
+                    std::snprintf(b, sizeof b, "%.2f / %.2f / %.2f", v, p, dk);
+                else
+                    std::snprintf(b, sizeof b, "%.2f / %.2f", v, p);
                 return std::string(b);
             };
-            std::printf("%-8s %-10s %10llu %20s %20s %20s\n", shape,
+            std::printf("%-8s %-10s %10llu %28s %28s %28s\n", shape,
                         random ? "random" : "ascending", (unsigned long long)np,
-                        cell(vp, pp).c_str(), cell(v1, p1).c_str(), cell(v4, p4).c_str());
+                        cell(vp, pp, dp_).c_str(), cell(v1, p1, d1).c_str(),
+                        cell(v4, p4, d4).c_str());
+            if (sink == 42)
+                std::printf(" ");
         }
     return 0;
 }

@@ -11,6 +11,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <initializer_list>
 #include <string>
 
 namespace duck {
@@ -209,6 +210,11 @@ class appender {
     void row(int64_t v, int64_t w) {
         a_.append_int64(ap_, v);
         a_.append_int64(ap_, w);
+        a_.end_row(ap_);
+    }
+    void row(std::initializer_list<int64_t> vs) {
+        for (int64_t v : vs)
+            a_.append_int64(ap_, v);
         a_.end_row(ap_);
     }
     void flush() {
