@@ -207,7 +207,15 @@ def _values_of(s):
         return v, (mask if mask.any() else None)
     if s.dtype.kind in "biufMS":
         return _np.ascontiguousarray(s.to_numpy()), None
-    return s.to_numpy(dtype=object, na_value=None), None
+    v = s.to_numpy(dtype=object, na_value=None)
+    if pd.api.types.infer_dtype(v, skipna=True) == "string":  # text: encoded by NumPy at once
+        mask = s.isna().to_numpy()
+        v[mask] = ""
+        try:
+            return _np.char.encode(v.astype("U"), "utf-8"), (mask if mask.any() else None)
+        except UnicodeEncodeError:  # lone surrogates: refused value by value, with their row
+            v[mask] = None
+    return v, None
 
 
 def _column(a, text=True):
