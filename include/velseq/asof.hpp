@@ -207,6 +207,38 @@ std::tuple<nullable_vector<V>...> asof_join(const sequence<K> &keys, span<const 
     return out;
 }
 
+// As-of join within groups, one object a group (one object per symbol, say,
+// holding its times and prices): probe i is matched in groups[group_of[i]]
+// (kNoGroup: in none), whose columns `cols` give its values.  The answers
+// are those of asof_join on each group's probes alone.
+template <class K, class... V>
+std::tuple<nullable_vector<V>...> asof_join_by(span<const object> groups,
+                                               span<const uint32_t> group_of, const field<K> &keys,
+                                               span<const K> probes, const asof_options<K> &opt,
+                                               const field<V> &...cols) {
+    if (group_of.size() != probes.size())
+        throw error(VEL_E_SEQ_LENGTH_MISMATCH, "asof_join_by: " + std::to_string(probes.size()) +
+                                                   " probes, " + std::to_string(group_of.size()) +
+                                                   " groups");
+    std::vector<table::asof_group> g;
+    g.reserve(groups.size());
+    for (const object &o : groups)
+        g.push_back({detail::table_column(o[keys]), {detail::table_column(o[cols])...}});
+    const table::column_type kt = *table::type_of(keys.info());
+    nullable_vector<uint64_t> pos(probes.size());
+    std::tuple<nullable_vector<V>...> out(nullable_vector<V>(probes.size())...);
+    std::apply(
+        [&](auto &...v) {
+            const table::buffer b[] = {detail::out_buffer(v, *table::type_of(cols.info()))...};
+            table::asof_join_by(g, group_of.data(), detail::view(probes, kt),
+                                detail::table_options(opt), pos.data(), pos.validity(), b,
+                                sizeof...(V));
+        },
+        out);
+    return out;
+}
+constexpr uint32_t kNoGroup = table::kNoGroup;
+
 // Last observation carried forward: each null takes the closest earlier
 // non-null value; leading nulls stay null.
 template <class T> void fill_forward(std::vector<std::optional<T>> &v) {

@@ -196,6 +196,20 @@ void asof(const column &keys, const const_buffer &probes, const asof_options &op
 void asof_join(const column &keys, const const_buffer &probes, const asof_options &opt,
                uint64_t *positions, uint8_t *validity, const column *cols, const buffer *out,
                size_t ncols);
+// One group of an as-of join by groups: the ascending key column of one
+// object and its columns to gather.
+struct asof_group {
+    column keys;
+    std::vector<column> cols;
+};
+// asof_join() within groups: probe i is matched in groups[group_of[i]]
+// (its positions count in that group's columns); a probe whose group_of is
+// kNoGroup matches nothing.  Every group gathers ncols columns of out's
+// types.
+constexpr uint32_t kNoGroup = ~uint32_t(0);
+void asof_join_by(const std::vector<asof_group> &groups, const uint32_t *group_of,
+                  const const_buffer &probes, const asof_options &opt, uint64_t *positions,
+                  uint8_t *validity, const buffer *out, size_t ncols);
 
 // ---- aggregates ------------------------------------------------------------
 

@@ -584,6 +584,94 @@ void asof(const column &keys, const const_buffer &probes, const asof_options &op
     detail::asof_ordered(keys, probes, opt, positions, validity, order);
 }
 
+void asof_join_by(const std::vector<asof_group> &groups, const uint32_t *group_of,
+                  const const_buffer &probes, const asof_options &opt, uint64_t *positions,
+                  uint8_t *validity, const buffer *out, size_t ncols) {
+    for (const asof_group &g : groups) {
+        if (g.cols.size() != ncols)
+            throw error(VEL_E_ILLEGAL_PARAM, "asof by groups: a group gathers " +
+                                                 std::to_string(g.cols.size()) + " columns, not " +
+                                                 std::to_string(ncols));
+        for (size_t c = 0; c < ncols; c++)
+            if (!(g.cols[c].type == out[c].type))
+                throw error(VEL_E_ILLEGAL_TYPE, "asof by groups: a group's column is " +
+                                                    type_name(g.cols[c].type) + ", not " +
+                                                    type_name(out[c].type));
+    }
+    const uint64_t n = probes.length;
+    for (uint64_t i = 0; i < n; i++)
+        if (group_of[i] != kNoGroup && group_of[i] >= groups.size())
+            throw error(VEL_E_ILLEGAL_PARAM, "asof by groups: probe " + std::to_string(i) +
+                                                 " names group " + std::to_string(group_of[i]) +
+                                                 " of " + std::to_string(groups.size()));
+    std::fill(positions, positions + n, detail::kNone);
+    std::fill(validity, validity + (n + 7) / 8, uint8_t(0));
+    for (size_t c = 0; c < ncols; c++) {
+        std::memset(out[c].values, 0, n * out[c].type.width);
+        std::memset(out[c].validity, 0, (n + 7) / 8);
+    }
+    // The rows of each group, in row order (a counting sort).
+    std::vector<uint64_t> start(groups.size() + 1, 0), rows;
+    for (uint64_t i = 0; i < n; i++)
+        if (group_of[i] != kNoGroup)
+            start[group_of[i] + 1]++;
+    for (size_t g = 0; g < groups.size(); g++)
+        start[g + 1] += start[g];
+    rows.resize(start.back());
+    {
+        std::vector<uint64_t> at(start.begin(), start.end() - 1);
+        for (uint64_t i = 0; i < n; i++)
+            if (group_of[i] != kNoGroup)
+                rows[at[group_of[i]]++] = i;
+    }
+    // Each group's probes joined on their own, the answers put back in
+    // their rows.
+    const size_t w = probes.type.width;
+    const auto *pv = static_cast<const unsigned char *>(probes.values);
+    for (size_t g = 0; g < groups.size(); g++) {
+        const uint64_t m = start[g + 1] - start[g];
+        if (m == 0)
+            continue;
+        const uint64_t *r = rows.data() + start[g];
+        std::vector<unsigned char> pvals(m * w);
+        std::vector<uint8_t> pvalid;
+        if (probes.validity)
+            pvalid.assign((m + 7) / 8, 0);
+        for (uint64_t j = 0; j < m; j++) {
+            std::memcpy(pvals.data() + j * w, pv + r[j] * w, w);
+            if (probes.validity && detail::valid_at(probes.validity, r[j]))
+                pvalid[j / 8] = static_cast<uint8_t>(pvalid[j / 8] | 1u << (j % 8));
+        }
+        std::vector<uint64_t> gpos(m);
+        std::vector<uint8_t> gvalid((m + 7) / 8);
+        std::vector<std::vector<unsigned char>> gvals(ncols);
+        std::vector<std::vector<uint8_t>> gvalids(ncols, std::vector<uint8_t>((m + 7) / 8));
+        std::vector<buffer> gout(ncols);
+        for (size_t c = 0; c < ncols; c++) {
+            gvals[c].resize(m * out[c].type.width);
+            gout[c] = {out[c].type, m, gvals[c].data(), gvalids[c].data()};
+        }
+        asof_join(groups[g].keys,
+                  {probes.type, m, pvals.data(), probes.validity ? pvalid.data() : nullptr}, opt,
+                  gpos.data(), gvalid.data(), groups[g].cols.data(), gout.data(), ncols);
+        for (uint64_t j = 0; j < m; j++) {
+            if (!detail::valid_at(gvalid.data(), j))
+                continue;
+            const uint64_t row = r[j];
+            positions[row] = gpos[j];
+            validity[row / 8] = static_cast<uint8_t>(validity[row / 8] | 1u << (row % 8));
+            for (size_t c = 0; c < ncols; c++) {
+                const size_t cw = out[c].type.width;
+                std::memcpy(static_cast<unsigned char *>(out[c].values) + row * cw,
+                            gvals[c].data() + j * cw, cw);
+                if (detail::valid_at(gvalids[c].data(), j))
+                    out[c].validity[row / 8] =
+                        static_cast<uint8_t>(out[c].validity[row / 8] | 1u << (row % 8));
+            }
+        }
+    }
+}
+
 array asof(const column &keys, const array &probes, const asof_options &opt) {
     detail::require(probes, keys.type, "asof");
     array out;

@@ -343,6 +343,58 @@ TEST(Columns, AsofAndGatherPaths) {
     }
 }
 
+// As-of within groups (an object each) against the model on each group's
+// keys: probes of every group interleaved, some of no group, some of a
+// group without keys; dense and sparse groups (merge and join).
+TEST(Columns, AsofByGroups) {
+    database db;
+    schema cls{"sym"};
+    field<int64_t> k = cls.seq<int64_t>("t", order::ascending);
+    field<int32_t> v = cls.seq<int32_t>("px");
+    db.define(cls);
+    connection con(db);
+    transaction tx(con, transaction::write);
+    std::mt19937_64 rng(11);
+    const size_t sizes[] = {3000, 0, 100000, 17};
+    std::vector<object> objs;
+    std::vector<std::vector<int64_t>> keys(4);
+    std::vector<std::vector<std::optional<int32_t>>> vals(4);
+    for (size_t g = 0; g < 4; g++) {
+        objs.push_back(tx.create(cls));
+        for (int64_t t = int64_t(rng() % 50); keys[g].size() < sizes[g]; t += int64_t(rng() % 4)) {
+            keys[g].push_back(t);
+            vals[g].push_back(rng() % 8 ? std::optional(int32_t(rng())) : std::nullopt);
+        }
+        objs[g][k].append(span<const int64_t>(keys[g]));
+        objs[g][v].append(span<const std::optional<int32_t>>(vals[g]));
+    }
+    std::vector<int64_t> probes(5000);
+    std::vector<uint32_t> group(probes.size());
+    for (size_t i = 0; i < probes.size(); i++) {
+        group[i] = rng() % 9 == 0 ? kNoGroup : uint32_t(rng() % 4);
+        probes[i] = int64_t(rng() % 80000) - 100;
+    }
+    for (bool strict : {false, true}) {
+        asof_options<int64_t> opt;
+        opt.strict = strict;
+        table::asof_options topt;
+        topt.strict = strict;
+        const auto [px] = asof_join_by(span<const object>(objs), span<const uint32_t>(group), k,
+                                       span<const int64_t>(probes), opt, v);
+        for (size_t i = 0; i < probes.size(); i++) {
+            const auto at =
+                group[i] == kNoGroup ? std::nullopt : model_asof(keys[group[i]], probes[i], topt);
+            ASSERT_EQ(px[i], at ? vals[group[i]][*at] : std::nullopt) << i;
+        }
+    }
+    group[3] = 4;
+    EXPECT_EQ(code_of([&] {
+                  asof_join_by(span<const object>(objs), span<const uint32_t>(group), k,
+                               span<const int64_t>(probes), asof_options<int64_t>{}, v);
+              }),
+              VEL_E_ILLEGAL_PARAM);
+}
+
 // Inserts and erases at random places (single values and runs, the
 // ordered column kept in order with a neighbour's value), on small pages so
 // that the tree splits and is kept compact; refused edits change nothing.
