@@ -466,7 +466,15 @@ void bind_transaction(py::module_ &m) {
         .def("create", &Transaction::create)
         .def("open", &Transaction::open)
         .def("count", &Transaction::count)
-        .def("objects", &Transaction::objects);
+        .def("objects", &Transaction::objects)
+        .def("_asof_join_by", [](Transaction &tx, const std::string &cls, const std::string &keys,
+                                 const py::object &probes, const std::vector<std::string> &columns,
+                                 const std::string &by, const py::object &groups,
+                                 const std::string &dir, bool strict, const py::object &tol) {
+            auto t = std::make_shared<const table::table_info>(tx.st->db->table_named(cls));
+            return asof_join_by(tx.st, t, tx.objects(cls), keys, probes, columns, by, groups, dir,
+                                strict, tol);
+        });
 }
 
 } // namespace vpy

@@ -91,6 +91,15 @@ struct Sequence {
     std::string what() const { return t->name + "." + def().name; }
 };
 
+// The as-of join within groups of Transaction.asof_join: one object of
+// class t a group (`oids`, known by their scalar `by`), probe i joined in
+// the group whose `by` is groups[i]: {column: values}.
+py::dict asof_join_by(const tx_ptr &tx, const table_ptr &t, const std::vector<uint64_t> &oids,
+                      const std::string &keys, const py::object &probes,
+                      const std::vector<std::string> &columns, const std::string &by,
+                      const py::object &groups, const std::string &dir, bool strict,
+                      const py::object &tolerance);
+
 // The binding of each part, in the order the module body runs them.
 void bind_errors(py::module_ &m);
 void bind_database(py::module_ &m);

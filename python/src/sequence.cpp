@@ -4,6 +4,8 @@
 #include <pybind11/stl.h>
 
 #include <cmath>
+#include <limits>
+#include <unordered_map>
 
 #include "convert.h"
 #include "handles.h"
@@ -128,33 +130,123 @@ long double tolerance_of(const py::object &t, const table::column &keys) {
     return d;
 }
 
-// Positions of the as-of matches of the probes in this ascending field, as
-// int64; masked where none matches.
-py::object asof(const Sequence &s, const py::object &probes, const std::string &dir, bool strict,
-                const py::object &tolerance) {
-    const table::column keys = s.column();
+// The options of an as-of over `keys`.
+table::asof_options asof_options_of(const table::column &keys, const std::string &dir, bool strict,
+                                    const py::object &tolerance) {
     table::asof_options opt;
     opt.dir = direction_of(dir);
     opt.strict = strict;
     if (!tolerance.is_none())
         opt.tolerance = tolerance_of(tolerance, keys);
-    const table::array p = array_in(probes, py::none(), keys.type, "asof on " + s.what());
+    return opt;
+}
+
+// Probes of the keys' type, none of them null: the layer would answer "no
+// match", where the question has no answer.
+table::array probes_in(const table::column &keys, const py::object &probes,
+                       const std::string &what) {
+    table::array p = array_in(probes, py::none(), keys.type, what);
     for (uint64_t i = 0; i < p.length; i++)
-        if (!p.valid(i)) // the layer would answer "no match": the question has no answer
-            throw error(VEL_E_SEQ_NULL_VALUE, "asof on " + s.what() + ": probe " +
-                                                  std::to_string(i) +
-                                                  " is null (NaN, NaT or masked)");
-    table::array found;
+        if (!p.valid(i))
+            throw error(VEL_E_SEQ_NULL_VALUE,
+                        what + ": probe " + std::to_string(i) + " is null (NaN, NaT or masked)");
+    return p;
+}
+
+// A NumPy array of type t's dtype that the table layer fills in place
+// (values plus an Arrow-layout validity), then handed out as array_out
+// hands its arrays: datetimes turned into nanoseconds in place, nulls
+// masked.
+struct numpy_column {
+    table::column_type type;
+    py::array values;
+    std::vector<uint8_t> validity;
+
+    numpy_column(table::column_type t, uint64_t n)
+        : type(t), values(dtype_of(t), static_cast<py::ssize_t>(n)), validity((n + 7) / 8) {}
+    table::buffer buffer() {
+        return {type, static_cast<uint64_t>(values.size()), values.mutable_data(), validity.data()};
+    }
+    bool valid(uint64_t i) const { return (validity[i / 8] >> (i % 8)) & 1; }
+    py::object finish() {
+        const auto n = static_cast<uint64_t>(values.size());
+        py::array_t<bool> mask(static_cast<py::ssize_t>(n));
+        bool *m = mask.mutable_data(), nulls = false;
+        for (uint64_t i = 0; i < n; i++)
+            nulls |= m[i] = !valid(i);
+        if (type.code == VEL_DD_SEQUENCE_DATETIME) {
+            auto *d = static_cast<int64_t *>(values.mutable_data());
+            for (uint64_t i = 0; i < n; i++)
+                d[i] = m[i] ? std::numeric_limits<int64_t>::min()
+                            : vel_dt_to_ns(static_cast<vel_datetime>(d[i]));
+        }
+        if (!nulls)
+            return std::move(values);
+        return numpy().attr("ma").attr("MaskedArray")(values, py::arg("mask") = mask);
+    }
+};
+
+// Positions of the as-of matches of the probes in this ascending field, as
+// int64 written in place; masked where none matches.
+py::object asof(const Sequence &s, const py::object &probes, const std::string &dir, bool strict,
+                const py::object &tolerance) {
+    const table::column keys = s.column();
+    const table::asof_options opt = asof_options_of(keys, dir, strict, tolerance);
+    const table::array p = probes_in(keys, probes, "asof on " + s.what());
+    numpy_column pos({VEL_DD_SEQUENCE_INT8, 8}, p.length);
     {
         py::gil_scoped_release nogil;
-        found = table::asof(keys, p, opt);
+        table::asof(keys, table::view(p), opt, static_cast<uint64_t *>(pos.values.mutable_data()),
+                    pos.validity.data());
     }
-    py::array_t<bool> mask(static_cast<py::ssize_t>(found.length));
-    for (uint64_t i = 0; i < found.length; i++)
-        mask.mutable_data()[i] = !found.valid(i);
-    found.validity.clear(); // positions < 2^63: the same bytes as int64
-    py::object pos = array_out(found, py::none(), "asof").attr("view")("int64");
-    return numpy().attr("ma").attr("MaskedArray")(pos, py::arg("mask") = mask);
+    return pos.finish();
+}
+
+// The sequence fields `names` of an object, and the arrays they gather into.
+struct join_columns {
+    std::vector<table::column> cols;
+    std::vector<numpy_column> out;
+    std::vector<table::buffer> bufs;
+
+    join_columns(const Object &o, const std::vector<std::string> &names, uint64_t n) {
+        for (const std::string &name : names) {
+            const uint16_t f = field_no(o, name);
+            if (o.t->columns[f].scalar)
+                throw error(VEL_E_HOST_WRONG_FIELD, "asof_join: " + name + " is a scalar field");
+            cols.push_back(table::column_of(o.h, o.tx->db->get(), *o.t, f));
+            out.emplace_back(cols.back().type, n);
+        }
+        for (numpy_column &c : out)
+            bufs.push_back(c.buffer());
+    }
+    py::dict finish(const std::vector<std::string> &names) {
+        py::dict d;
+        for (size_t i = 0; i < names.size(); i++)
+            d[py::str(names[i])] = out[i].finish();
+        return d;
+    }
+};
+
+// asof_join's columns: {name: values}, every column gathered straight into
+// its NumPy array at the positions of one as-of.
+py::dict asof_columns(const Object &o, const std::string &keys, const py::object &probes,
+                      const std::vector<std::string> &columns, const std::string &dir, bool strict,
+                      const py::object &tolerance) {
+    const uint16_t kf = field_no(o, keys);
+    if (o.t->columns[kf].scalar)
+        throw error(VEL_E_HOST_WRONG_FIELD, "asof_join: " + keys + " is a scalar field");
+    const table::column kc = table::column_of(o.h, o.tx->db->get(), *o.t, kf);
+    const table::asof_options opt = asof_options_of(kc, dir, strict, tolerance);
+    const table::array p = probes_in(kc, probes, "asof_join on " + o.t->name + "." + keys);
+    join_columns jc(o, columns, p.length);
+    std::vector<uint64_t> pos(p.length);
+    std::vector<uint8_t> valid((p.length + 7) / 8);
+    {
+        py::gil_scoped_release nogil;
+        table::asof_join(kc, table::view(p), opt, pos.data(), valid.data(), jc.cols.data(),
+                         jc.bufs.data(), jc.cols.size());
+    }
+    return jc.finish(columns);
 }
 
 // The values at the given int64 positions (masked positions give nulls).
@@ -180,12 +272,80 @@ py::object gather(const Sequence &s, const py::object &positions) {
 
 } // namespace
 
+py::dict asof_join_by(const tx_ptr &tx, const table_ptr &t, const std::vector<uint64_t> &oids,
+                      const std::string &keys, const py::object &probes,
+                      const std::vector<std::string> &columns, const std::string &by,
+                      const py::object &groups, const std::string &dir, bool strict,
+                      const py::object &tolerance) {
+    tx->require();
+    const std::string what = "asof_join on " + t->name + " by " + by;
+    const uint16_t bf = t->field(by), kf = t->field(keys);
+    if (!t->columns[bf].scalar)
+        throw error(VEL_E_HOST_WRONG_FIELD, what + ": " + by + " is not a scalar field");
+    if (t->columns[kf].scalar)
+        throw error(VEL_E_HOST_WRONG_FIELD, what + ": " + keys + " is a scalar field");
+    const table::column_type bt = t->columns[bf].type, kt = t->columns[kf].type;
+    // The groups: an object each, known by its value of `by`.
+    std::unordered_map<std::string, uint32_t> group_of_value;
+    std::vector<table::asof_group> gs;
+    std::vector<Object> objs;
+    std::optional<join_columns> shape;
+    for (uint64_t oid : oids) {
+        Object o{tx, t, {}};
+        velseq::detail::check(velh_obj_open(tx->tx->connection_handle(), t->code, oid, &o.h),
+                              "opening a group's object");
+        const table::array v = table::get_scalar(o.h, *t, bf);
+        const std::string key(reinterpret_cast<const char *>(v.values.data()), v.values.size());
+        if (!group_of_value.emplace(key, static_cast<uint32_t>(gs.size())).second)
+            throw error(VEL_E_ILLEGAL_PARAM, what + ": two objects hold the same " + by + " (" +
+                                                 std::string(py::str(py::repr(value_out(v, 0)))) +
+                                                 ")");
+        join_columns jc(o, columns, 0);
+        gs.push_back({table::column_of(o.h, tx->db->get(), *t, kf), jc.cols});
+    }
+    const table::column probe_keys{{}, {}, kt};
+    table::asof_options opt = asof_options_of(probe_keys, dir, strict, tolerance);
+    const table::array p = probes_in(probe_keys, probes, what);
+    const table::array g = array_in(groups, py::none(), bt, what + ": groups");
+    if (g.length != p.length)
+        throw error(VEL_E_SEQ_LENGTH_MISMATCH, what + ": " + std::to_string(p.length) +
+                                                   " probes, " + std::to_string(g.length) +
+                                                   " groups");
+    std::vector<uint32_t> group_of(p.length, table::kNoGroup);
+    for (uint64_t i = 0; i < g.length; i++) {
+        if (!g.valid(i))
+            continue; // a null group matches nothing, as in pandas
+        const auto it = group_of_value.find(
+            std::string(reinterpret_cast<const char *>(g.values.data() + i * bt.width), bt.width));
+        if (it != group_of_value.end())
+            group_of[i] = it->second;
+    }
+    std::vector<numpy_column> out;
+    std::vector<table::buffer> bufs;
+    for (const std::string &name : columns)
+        out.emplace_back(t->columns[t->field(name)].type, p.length);
+    for (numpy_column &c : out)
+        bufs.push_back(c.buffer());
+    std::vector<uint64_t> pos(p.length);
+    std::vector<uint8_t> valid((p.length + 7) / 8);
+    {
+        py::gil_scoped_release nogil;
+        table::asof_join_by(gs, group_of.data(), table::view(p), opt, pos.data(), valid.data(),
+                            bufs.data(), bufs.size());
+    }
+    py::dict d;
+    for (size_t i = 0; i < columns.size(); i++)
+        d[py::str(columns[i])] = out[i].finish();
+    return d;
+}
+
 void bind_object(py::module_ &m) {
     py::class_<Object>(m, "Object")
         .def_property_readonly("oid", [](const Object &o) { return o.h.oid; })
         .def_property_readonly("cls", [](const Object &o) { return o.t->name; })
         .def("__getitem__", &get_field)
         .def("__setitem__", &set_field)
+        .def("_asof_columns", &asof_columns)
         .def("delete", [](Object &o) {
             o.tx->require();
             velseq::detail::check(velh_obj_delete(&o.h), "deleting an object");

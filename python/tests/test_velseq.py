@@ -149,6 +149,33 @@ def test_asof_against_merge_asof(quotes, direction, strict, tolerance):
                                   check_dtype=False)
 
 
+def test_asof_by_against_merge_asof():
+    """As-of within groups, an object per symbol, as merge_asof(by=) answers:
+    probes of every symbol interleaved, of a symbol without rows and of one
+    without an object."""
+    rng = np.random.default_rng(5)
+    db = velseq.Database()
+    db.define("quote", sym=velseq.value("S4"), ts=velseq.seq("datetime64[ns]", "ascending"),
+              px=velseq.seq("float64"))
+    frames = []
+    with db.write() as tx:
+        for sym, n in [("AA", 3000), ("BB", 40), ("CC", 0)]:
+            o = tx.create("quote")
+            o["sym"] = sym
+            ts, px = at(np.sort(rng.integers(0, 10**6, n)), "ms"), rng.integers(0, 400, n) / 4
+            o["ts"].append(ts)
+            o["px"].append(px)
+            frames.append(pd.DataFrame({"ts": ts, "sym": sym, "px": px}))
+    right = pd.concat(frames).sort_values("ts", kind="stable")
+    left = pd.DataFrame({"ts": at(np.sort(rng.integers(-1000, 10**6 + 1000, 2000)), "ms"),
+                         "sym": rng.choice(["AA", "BB", "CC", "DD"], 2000)})
+    want = pd.merge_asof(left, right, on="ts", by="sym")
+    with db.read() as tx:
+        got = tx.asof_join("quote", "ts", left["ts"], ["px"], by="sym", groups=left["sym"])
+    np.testing.assert_array_equal(got["px"].to_numpy(dtype=float, na_value=np.nan),
+                                  want["px"].to_numpy())
+
+
 KERNELS = velseq.kernels  # the table layer's registry
 
 

@@ -274,8 +274,23 @@ def _asof_join(self, keys, probes, columns, direction="backward", strict=False,
     observation forward over nulls."""
     import pandas as pd
 
-    pos = self[keys].asof(probes, direction, strict, tolerance)
-    data = {c: _column(self[c].gather(pos)) for c in columns}
+    got = self._asof_columns(keys, probes, list(columns), direction, strict, tolerance)
+    data = {c: _column(got[c]) for c in columns}
+    df = pd.DataFrame(data, index=pd.Index(_np.asarray(probes), name=keys))
+    return df.ffill() if fill_forward else df
+
+
+def _tx_asof_join(self, cls, keys, probes, columns, *, by, groups, direction="backward",
+                  strict=False, tolerance=None, fill_forward=False):
+    """asof_join within groups, as pandas' merge_asof(..., by=...): each
+    object of class `cls` is a group, known by its scalar field `by`; probe
+    i is matched in the object whose `by` equals groups[i] (none, and so
+    null values, when no object does).  A DataFrame indexed by the probes."""
+    import pandas as pd
+
+    got = self._asof_join_by(cls, keys, probes, list(columns), by, groups, direction, strict,
+                             tolerance)
+    data = {c: _column(got[c]) for c in columns}
     df = pd.DataFrame(data, index=pd.Index(_np.asarray(probes), name=keys))
     return df.ffill() if fill_forward else df
 
@@ -283,3 +298,4 @@ def _asof_join(self, keys, probes, columns, direction="backward", strict=False,
 Sequence.window = _window
 Object.resample = _resample
 Object.asof_join = _asof_join
+Transaction.asof_join = _tx_asof_join

@@ -128,6 +128,13 @@ class Transaction:
     def count(self, cls: str) -> int: ...
     def objects(self, cls: str) -> list[int]:
         """The oids of the class's objects (a velseq program table holds one)."""
+    def asof_join(self, cls: str, keys: str, probes: Values, columns: Seq[str], *, by: str,
+                  groups: Values, direction: Direction = "backward", strict: bool = False,
+                  tolerance: Optional[TimedeltaLike | float] = None,
+                  fill_forward: bool = False) -> pd.DataFrame:
+        """Object.asof_join within groups, as merge_asof(..., by=...): each
+        object of `cls` is a group known by its scalar field `by`; probe i is
+        matched in the object whose `by` is groups[i] (none: null values)."""
     def __enter__(self) -> Transaction: ...
     def __exit__(self, *exc: Any) -> bool: ...
 
