@@ -13,21 +13,12 @@ checked equal to pandas' before any time is printed.
 
 Prints a Markdown table (best of 3 wall-clock runs per case, seconds)."""
 import sys
-import time
 
 import numpy as np
 import pandas as pd
 
 import velseq
-
-
-def best(f, reps=3):
-    t = []
-    for _ in range(reps):
-        s = time.perf_counter()
-        f()
-        t.append(time.perf_counter() - s)
-    return min(t)
+from bench_vs_pandas import best  # best of 3 wall-clock runs
 
 
 def pandas_join(left, right, cols, ordered):
