@@ -37,11 +37,10 @@ template <class T> class appender;
 class object;
 class transaction;
 
-// Handle of a sequence field of element type T (char(N): T = chars<N>).
-template <class T> class field {
+namespace detail {
+// What both kinds of field handle hold: their class and their place in it.
+class field_handle {
   public:
-    field() = default;
-    order declared_order() const noexcept { return order_; }
     const velh_field_info_t &info() const {
         if (!cls_ || cls_->info.empty())
             throw error(VEL_E_HOST_NO_CLASS, "field used before its class was defined");
@@ -49,33 +48,40 @@ template <class T> class field {
     }
     uint16_t class_code() const noexcept { return cls_ ? cls_->code : 0; }
 
+  protected:
+    field_handle() = default;
+    field_handle(std::shared_ptr<const class_state> c, uint16_t no)
+        : cls_(std::move(c)), fld_no_(no) {}
+
+  private:
+    std::shared_ptr<const class_state> cls_;
+    uint16_t fld_no_ = 0;
+};
+} // namespace detail
+
+// Handle of a sequence field of element type T (char(N): T = chars<N>).
+template <class T> class field : public detail::field_handle {
+  public:
+    field() = default;
+    order declared_order() const noexcept { return order_; }
+
   private:
     friend class schema;
     field(std::shared_ptr<const detail::class_state> c, uint16_t no, order o)
-        : cls_(std::move(c)), fld_no_(no), order_(o) {}
-    std::shared_ptr<const detail::class_state> cls_;
-    uint16_t fld_no_ = 0;
+        : field_handle(std::move(c), no), order_(o) {}
     order order_ = order::none;
 };
 template <size_t N> using char_field = field<chars<N>>;
 
 // Handle of a scalar field (an integer, float, double, datetime or chars<N>).
-template <class T> class scalar_field {
+template <class T> class scalar_field : public detail::field_handle {
   public:
     scalar_field() = default;
-    const velh_field_info_t &info() const {
-        if (!cls_ || cls_->info.empty())
-            throw error(VEL_E_HOST_NO_CLASS, "field used before its class was defined");
-        return cls_->info[fld_no_];
-    }
-    uint16_t class_code() const noexcept { return cls_ ? cls_->code : 0; }
 
   private:
     friend class schema;
     scalar_field(std::shared_ptr<const detail::class_state> c, uint16_t no)
-        : cls_(std::move(c)), fld_no_(no) {}
-    std::shared_ptr<const detail::class_state> cls_;
-    uint16_t fld_no_ = 0;
+        : field_handle(std::move(c), no) {}
 };
 
 // A class under construction, then (after database::define) a defined class.

@@ -316,20 +316,12 @@ template <class T> class sequence {
     bool out_of_order(const T &a, const T &b) const {
         return order_ == order::ascending ? b < a : order_ == order::descending ? a < b : false;
     }
-    static std::vector<vel_bitmap_word_t> bitmap_of(size_t n, span<const bool> nulls) {
+    // The module's null bitmap of n null flags (a span of bools or a
+    // null_view); empty when no flag is set.
+    template <class Flags>
+    static std::vector<vel_bitmap_word_t> bitmap_of(size_t n, const Flags &nulls) {
         if (nulls.size() != n)
             throw error(VEL_E_SEQ_LENGTH_MISMATCH, "null flags and values differ in number");
-        std::vector<vel_bitmap_word_t> bm;
-        for (size_t i = 0; i < n; i++)
-            if (nulls[i]) {
-                bm.resize((n + 63) / 64);
-                bm[i / 64] |= vel_bitmap_word_t(1) << (i % 64);
-            }
-        return bm;
-    }
-    static std::vector<vel_bitmap_word_t> bitmap_of(size_t n, null_view nulls) {
-        if (nulls.size() != n)
-            throw error(VEL_E_SEQ_LENGTH_MISMATCH, "null bitmap and values differ in number");
         std::vector<vel_bitmap_word_t> bm;
         for (size_t i = 0; i < n; i++)
             if (nulls[i]) {
