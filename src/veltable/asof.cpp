@@ -723,76 +723,42 @@ void gather_dense(const P &p, const column &c, uint64_t n, const buffer &out,
     });
 }
 
-// A column's values at positions [lo, hi], read once, with a null bit each.
-struct range_values {
-    size_t w = 0;
-    std::vector<unsigned char> vals;
-    std::vector<uint8_t> nulls;
-};
+// Positions that crowd their range [lo, hi] (fewer than two values of it
+// per position), in any order: the range read once into a buffer, then the
+// rows filled in row order, so that writes stream and reads stay within a
+// buffer at most twice the output.
 template <class P>
-range_values read_range(const P &p, const column &c, uint64_t n, uint64_t lo, uint64_t hi) {
-    range_values r;
-    r.w = p.width();
-    r.vals.resize((hi - lo + 1) * r.w);
-    r.nulls.assign((hi - lo + 1 + 7) / 8, 0);
+void gather_range(const P &p, const column &c, uint64_t n, const buffer &out,
+                  const const_buffer &positions, uint64_t lo, uint64_t hi) {
+    const size_t w = p.width();
+    std::vector<unsigned char> vals((hi - lo + 1) * w);
+    std::vector<uint8_t> nulls((hi - lo + 1 + 7) / 8);
     tile_cursor<P> cur(p, c, n);
     cur.reach(lo);
     for (;;) {
         const uint64_t base = cur.base();
         const size_t from = lo > base ? static_cast<size_t>(lo - base) : 0;
         const size_t to = static_cast<size_t>(std::min<uint64_t>(cur.len(), hi + 1 - base));
-        std::memcpy(r.vals.data() + (base + from - lo) * r.w, cur.value(from), (to - from) * r.w);
+        std::memcpy(vals.data() + (base + from - lo) * w, cur.value(from), (to - from) * w);
         for (size_t k = from; k < to; k++)
             if (cur.null(k))
-                r.nulls[(base + k - lo) / 8] |= static_cast<uint8_t>(1u << ((base + k - lo) % 8));
+                nulls[(base + k - lo) / 8] |= static_cast<uint8_t>(1u << ((base + k - lo) % 8));
         if (base + cur.len() > hi || !cur.next())
             break;
     }
-    return r;
-}
-
-// One value of width w (the widths of the scalar types inline).
-inline void copy_value(unsigned char *dst, const unsigned char *src, size_t w) {
-    switch (w) {
-    case 1:
-        return (void)std::memcpy(dst, src, 1);
-    case 2:
-        return (void)std::memcpy(dst, src, 2);
-    case 4:
-        return (void)std::memcpy(dst, src, 4);
-    case 8:
-        return (void)std::memcpy(dst, src, 8);
-    default:
-        return (void)std::memcpy(dst, src, w);
-    }
-}
-
-// Positions that crowd their range [lo, hi] (fewer than two values of it
-// per position), in any order: every column's range read once into a
-// buffer, then the rows filled in row order, all columns of a row while its
-// position is in hand, so that writes stream and reads stay within buffers
-// at most twice the output.
-void gather_ranges(const std::vector<range_values> &ranges, const buffer *out,
-                   const const_buffer &positions, uint64_t lo) {
     const auto *pos = static_cast<const uint64_t *>(positions.values);
-    const size_t ncols = ranges.size();
-    std::vector<unsigned> bits(ncols);
+    auto *dst = static_cast<unsigned char *>(out.values);
     for (uint64_t i0 = 0; i0 < positions.length; i0 += 8) {
         const uint64_t end = std::min<uint64_t>(positions.length, i0 + 8);
-        std::fill(bits.begin(), bits.end(), 0u);
+        unsigned bits = 0;
         for (uint64_t i = i0; i < end; i++) {
             if (!valid_at(positions.validity, i))
                 continue;
             const uint64_t k = pos[i] - lo;
-            for (size_t c = 0; c < ncols; c++) {
-                const range_values &r = ranges[c];
-                copy_value(static_cast<unsigned char *>(out[c].values) + i * r.w,
-                           r.vals.data() + k * r.w, r.w);
-                bits[c] |= unsigned(!((r.nulls[k / 8] >> (k % 8)) & 1)) << (i - i0);
-            }
+            std::memcpy(dst + i * w, vals.data() + k * w, w);
+            bits |= unsigned(!((nulls[k / 8] >> (k % 8)) & 1)) << (i - i0);
         }
-        for (size_t c = 0; c < ncols; c++)
-            out[c].validity[i0 / 8] = static_cast<uint8_t>(bits[c]);
+        out.validity[i0 / 8] = static_cast<uint8_t>(bits);
     }
 }
 
@@ -873,12 +839,10 @@ void gather_rows(const column *cols, const buffer *out, size_t ncols, const cons
     // Positions that do not ascend are read in ascending order (sorted once
     // for every column) and written to their rows.
     if (hi - lo < 2 * found) {
-        std::vector<detail::range_values> ranges(ncols);
         for (size_t c = 0; c < ncols; c++)
             detail::visit(cols[c].type, [&](const auto &p) {
-                ranges[c] = detail::read_range(p, cols[c], n[c], lo, hi);
+                detail::gather_range(p, cols[c], n[c], out[c], positions, lo, hi);
             });
-        detail::gather_ranges(ranges, out, positions, lo);
         return;
     }
     std::vector<uint64_t> order;
