@@ -62,12 +62,6 @@ template <class T> class nullable_vector {
         if (v)
             values_[i] = *v;
     }
-    size_t null_count() const noexcept {
-        size_t k = 0;
-        for (size_t i = 0; i < size(); i++)
-            k += !valid(i);
-        return k;
-    }
     const T *data() const noexcept { return values_.data(); }
     T *data() noexcept { return values_.data(); }
     const uint8_t *validity() const noexcept { return validity_.data(); }

@@ -356,6 +356,28 @@ template <class T> std::optional<T> successor(T v) {
     }
 }
 
+// Calls f(j, value, null) for the values of `c` at wanted[0..], in that
+// order, read by the module's map: single values copied out of the leaf in
+// hand, one descent per leaf.
+template <class P, class F>
+void map_values(const P &p, const column &c, const std::vector<uint64_t> &wanted, const char *what,
+                F &&f) {
+    velseq::detail::array_source src{reinterpret_cast<const unsigned char *>(wanted.data()),
+                                     wanted.size(), 0, 8};
+    vel_seq_iterator_t pos{};
+    velseq::detail::make_array_source(pos, src, VEL_DD_UINT8);
+    iter_ptr it(new vel_seq_iterator_t());
+    vel_objhandle_t obj = c.obj;
+    velseq::detail::check(p.map(&obj, c.field, it.get(), &pos), what);
+    size_t j = 0;
+    for (VEL_RET rc; (rc = it->next(it.get())) != VEL_S_CURSOR_END;) {
+        velseq::detail::check(rc, what);
+        const auto *v = reinterpret_cast<const unsigned char *>(it->tile.u.arr_char);
+        for (size_t k = 0; k < it->tile_size; k++)
+            f(j++, v + k * p.width(), null_at(it->tile.null_bitmap, k));
+    }
+}
+
 // Backward and forward matches of scalar probes by the module's join: the
 // first key >= the probe (> it: >= its successor), probes past the last key
 // answered without a lookup (the join refuses them); with a tolerance, the
@@ -403,21 +425,9 @@ void match_by_join(const P &p, const column &keys, uint64_t n, const unsigned ch
         pick_rows.push_back(rows[j]);
     }
     std::vector<T> at(picks.size());
-    if (opt.tolerance && !picks.empty()) {
-        velseq::detail::array_source src{reinterpret_cast<const unsigned char *>(picks.data()),
-                                         picks.size(), 0, 8};
-        vel_seq_iterator_t pos{};
-        velseq::detail::make_array_source(pos, src, VEL_DD_UINT8);
-        iter_ptr it(new vel_seq_iterator_t());
-        velseq::detail::check(p.map(&obj, keys.field, it.get(), &pos), "asof: reading keys");
-        size_t k = 0;
-        for (VEL_RET rc; (rc = it->next(it.get())) != VEL_S_CURSOR_END;) {
-            velseq::detail::check(rc, "asof: reading keys");
-            const auto *v = reinterpret_cast<const unsigned char *>(it->tile.u.arr_char);
-            for (size_t i = 0; i < it->tile_size; i++)
-                at[k++] = p.at(v, i);
-        }
-    }
+    if (opt.tolerance && !picks.empty())
+        map_values(p, keys, picks, "asof: reading keys",
+                   [&](size_t j, const unsigned char *v, bool) { at[j] = p.at(v, 0); });
     for (size_t j = 0; j < picks.size(); j++) {
         const uint64_t row = pick_rows[j];
         if (opt.tolerance) {
@@ -768,27 +778,11 @@ void gather_range(const P &p, const column &c, uint64_t n, const buffer &out,
 template <class P>
 void gather_sparse(const P &p, const column &c, const buffer &out,
                    const std::vector<uint64_t> &wanted, const std::vector<uint64_t> &rows) {
-    const size_t w = p.width();
     auto *dst = static_cast<unsigned char *>(out.values);
-    velseq::detail::array_source src{reinterpret_cast<const unsigned char *>(wanted.data()),
-                                     wanted.size(), 0, 8};
-    vel_seq_iterator_t pos{};
-    velseq::detail::make_array_source(pos, src, VEL_DD_UINT8);
-    iter_ptr it(new vel_seq_iterator_t());
-    vel_objhandle_t obj = c.obj;
-    velseq::detail::check(p.map(&obj, c.field, it.get(), &pos), "gather");
-    size_t j = 0;
-    for (;;) {
-        const VEL_RET rc = it->next(it.get());
-        if (rc == VEL_S_CURSOR_END)
-            break;
-        velseq::detail::check(rc, "gather: reading a tile");
-        const auto *v = reinterpret_cast<const unsigned char *>(it->tile.u.arr_char);
-        for (size_t k = 0; k < it->tile_size; k++, j++) {
-            std::memcpy(dst + rows[j] * w, v + k * w, w);
-            set_valid(out, rows[j], !null_at(it->tile.null_bitmap, k));
-        }
-    }
+    map_values(p, c, wanted, "gather", [&](size_t j, const unsigned char *v, bool null) {
+        std::memcpy(dst + rows[j] * p.width(), v, p.width());
+        set_valid(out, rows[j], !null);
+    });
 }
 
 } // namespace
