@@ -609,27 +609,45 @@ py::object array_out(const table::array &a, const py::object &into, const std::s
                                                        std::to_string(out.size()) +
                                                        " values, not " + std::to_string(a.length));
     }
-    const bool nulls = a.null_count() != 0;
-    py::array_t<bool> mask(nulls ? static_cast<py::ssize_t>(a.length) : 0);
+    numpy_column c(a.type, out);
+    if (a.length > 0)
+        std::memcpy(out.mutable_data(), a.values.data(), a.values.size());
+    if (!a.validity.empty())
+        std::memcpy(c.validity.data(), a.validity.data(), c.validity.size());
+    return c.finish();
+}
+
+numpy_column::numpy_column(table::column_type t, uint64_t n)
+    : numpy_column(t, py::array(dtype_of(t), static_cast<py::ssize_t>(n))) {}
+
+numpy_column::numpy_column(table::column_type t, py::array into)
+    : type(t), values(std::move(into)),
+      validity((static_cast<uint64_t>(values.size()) + 7) / 8, 0xFF) {}
+
+py::object numpy_column::finish() {
+    const auto n = static_cast<uint64_t>(values.size());
+    auto valid = [&](uint64_t i) { return (validity[i / 8] >> (i % 8)) & 1; };
+    // Any null: the whole bytes of the validity, then the bits of a part byte.
+    bool nulls = false;
+    for (uint64_t b = 0; b < n / 8 && !nulls; b++)
+        nulls = validity[b] != 0xFF;
+    for (uint64_t i = n / 8 * 8; i < n && !nulls; i++)
+        nulls = !valid(i);
+    py::array_t<bool> mask(nulls ? static_cast<py::ssize_t>(n) : 0);
+    bool *m = nulls ? mask.mutable_data() : nullptr;
     {
         py::gil_scoped_release nogil;
-        if (dt.kind() == 'M') {
-            auto *dst = static_cast<int64_t *>(out.mutable_data());
-            for (uint64_t i = 0; i < a.length; i++) {
-                vel_datetime raw;
-                std::memcpy(&raw, a.values.data() + i * 8, 8);
-                dst[i] = a.valid(i) ? vel_dt_to_ns(raw) : nat;
-            }
-        } else if (a.length > 0) {
-            std::memcpy(out.mutable_data(), a.values.data(), a.values.size());
+        if (type.code == VEL_DD_SEQUENCE_DATETIME) {
+            auto *d = static_cast<int64_t *>(values.mutable_data());
+            for (uint64_t i = 0; i < n; i++)
+                d[i] = valid(i) ? vel_dt_to_ns(static_cast<vel_datetime>(d[i])) : nat;
         }
-        bool *m = nulls ? mask.mutable_data() : nullptr;
-        for (uint64_t i = 0; m && i < a.length; i++)
-            m[i] = !a.valid(i);
+        for (uint64_t i = 0; m && i < n; i++)
+            m[i] = !valid(i);
     }
     if (!nulls)
-        return out;
-    return numpy().attr("ma").attr("MaskedArray")(out, py::arg("mask") = mask);
+        return std::move(values);
+    return numpy().attr("ma").attr("MaskedArray")(values, py::arg("mask") = mask);
 }
 
 py::object value_out(const table::array &a, uint64_t i) {

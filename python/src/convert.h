@@ -60,6 +60,24 @@ table::array value_in(const py::handle &v, table::column_type t, const std::stri
 // unit, datetime.timedelta, or text pandas reads ("5min", "1h30m").
 int64_t duration_ns(const py::handle &d, const std::string &what);
 
+// A NumPy array of type t's dtype that the table layer fills in place
+// (values plus an Arrow-layout validity), then handed out as a plain array,
+// or a masked one when it holds a null (null datetimes are also NaT):
+// datetimes are turned from the layer's raw form into nanoseconds in place.
+struct numpy_column {
+    table::column_type type;
+    py::array values;
+    std::vector<uint8_t> validity;
+
+    numpy_column(table::column_type t, uint64_t n);
+    // Over `into`, an array of t's dtype (checked by the caller).
+    numpy_column(table::column_type t, py::array into);
+    table::buffer buffer() {
+        return {type, static_cast<uint64_t>(values.size()), values.mutable_data(), validity.data()};
+    }
+    py::object finish();
+};
+
 // An array as NumPy: a plain array, or a masked one when it holds a null
 // (null datetimes are also NaT).  Into `out` when given: an array of exactly
 // the dtype, writable and as long.

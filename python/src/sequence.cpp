@@ -153,39 +153,6 @@ table::array probes_in(const table::column &keys, const py::object &probes,
     return p;
 }
 
-// A NumPy array of type t's dtype that the table layer fills in place
-// (values plus an Arrow-layout validity), then handed out as array_out
-// hands its arrays: datetimes turned into nanoseconds in place, nulls
-// masked.
-struct numpy_column {
-    table::column_type type;
-    py::array values;
-    std::vector<uint8_t> validity;
-
-    numpy_column(table::column_type t, uint64_t n)
-        : type(t), values(dtype_of(t), static_cast<py::ssize_t>(n)), validity((n + 7) / 8) {}
-    table::buffer buffer() {
-        return {type, static_cast<uint64_t>(values.size()), values.mutable_data(), validity.data()};
-    }
-    bool valid(uint64_t i) const { return (validity[i / 8] >> (i % 8)) & 1; }
-    py::object finish() {
-        const auto n = static_cast<uint64_t>(values.size());
-        py::array_t<bool> mask(static_cast<py::ssize_t>(n));
-        bool *m = mask.mutable_data(), nulls = false;
-        for (uint64_t i = 0; i < n; i++)
-            nulls |= m[i] = !valid(i);
-        if (type.code == VEL_DD_SEQUENCE_DATETIME) {
-            auto *d = static_cast<int64_t *>(values.mutable_data());
-            for (uint64_t i = 0; i < n; i++)
-                d[i] = m[i] ? std::numeric_limits<int64_t>::min()
-                            : vel_dt_to_ns(static_cast<vel_datetime>(d[i]));
-        }
-        if (!nulls)
-            return std::move(values);
-        return numpy().attr("ma").attr("MaskedArray")(values, py::arg("mask") = mask);
-    }
-};
-
 // Positions of the as-of matches of the probes in this ascending field, as
 // int64 written in place; masked where none matches.
 py::object asof(const Sequence &s, const py::object &probes, const std::string &dir, bool strict,
