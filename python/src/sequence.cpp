@@ -169,23 +169,33 @@ py::object asof(const Sequence &s, const py::object &probes, const std::string &
     return pos.finish();
 }
 
-// The sequence fields `names` of an object, and the arrays they gather into.
-struct join_columns {
-    std::vector<table::column> cols;
+// The field numbers of the sequence fields `names` of table t; a scalar
+// field is refused.
+std::vector<uint16_t> sequence_fields(const table::table_info &t,
+                                      const std::vector<std::string> &names) {
+    std::vector<uint16_t> out;
+    for (const std::string &name : names) {
+        const uint16_t f = t.field(name);
+        if (t.columns[f].scalar)
+            throw error(VEL_E_HOST_WRONG_FIELD, "asof_join: " + name + " is a scalar field");
+        out.push_back(f);
+    }
+    return out;
+}
+
+// The NumPy arrays of the fields `fields` of t that a join gathers into,
+// n values each, and the layer's view of them.
+struct join_out {
     std::vector<numpy_column> out;
     std::vector<table::buffer> bufs;
 
-    join_columns(const Object &o, const std::vector<std::string> &names, uint64_t n) {
-        for (const std::string &name : names) {
-            const uint16_t f = field_no(o, name);
-            if (o.t->columns[f].scalar)
-                throw error(VEL_E_HOST_WRONG_FIELD, "asof_join: " + name + " is a scalar field");
-            cols.push_back(table::column_of(o.h, o.tx->db->get(), *o.t, f));
-            out.emplace_back(cols.back().type, n);
-        }
+    join_out(const table::table_info &t, const std::vector<uint16_t> &fields, uint64_t n) {
+        for (uint16_t f : fields)
+            out.emplace_back(t.columns[f].type, n);
         for (numpy_column &c : out)
             bufs.push_back(c.buffer());
     }
+    // {name: values}
     py::dict finish(const std::vector<std::string> &names) {
         py::dict d;
         for (size_t i = 0; i < names.size(); i++)
@@ -194,26 +204,34 @@ struct join_columns {
     }
 };
 
+// Columns `fields` of an object.
+std::vector<table::column> columns_of(const Object &o, const std::vector<uint16_t> &fields) {
+    std::vector<table::column> cols;
+    for (uint16_t f : fields)
+        cols.push_back(table::column_of(o.h, o.tx->db->get(), *o.t, f));
+    return cols;
+}
+
 // asof_join's columns: {name: values}, every column gathered straight into
 // its NumPy array at the positions of one as-of.
 py::dict asof_columns(const Object &o, const std::string &keys, const py::object &probes,
                       const std::vector<std::string> &columns, const std::string &dir, bool strict,
                       const py::object &tolerance) {
-    const uint16_t kf = field_no(o, keys);
-    if (o.t->columns[kf].scalar)
-        throw error(VEL_E_HOST_WRONG_FIELD, "asof_join: " + keys + " is a scalar field");
-    const table::column kc = table::column_of(o.h, o.tx->db->get(), *o.t, kf);
+    o.tx->require();
+    const table::column kc = columns_of(o, sequence_fields(*o.t, {keys}))[0];
+    const std::vector<uint16_t> fields = sequence_fields(*o.t, columns);
+    const std::vector<table::column> cols = columns_of(o, fields);
     const table::asof_options opt = asof_options_of(kc, dir, strict, tolerance);
     const table::array p = probes_in(kc, probes, "asof_join on " + o.t->name + "." + keys);
-    join_columns jc(o, columns, p.length);
+    join_out jo(*o.t, fields, p.length);
     std::vector<uint64_t> pos(p.length);
     std::vector<uint8_t> valid((p.length + 7) / 8);
     {
         py::gil_scoped_release nogil;
-        table::asof_join(kc, table::view(p), opt, pos.data(), valid.data(), jc.cols.data(),
-                         jc.bufs.data(), jc.cols.size());
+        table::asof_join(kc, table::view(p), opt, pos.data(), valid.data(), cols.data(),
+                         jo.bufs.data(), cols.size());
     }
-    return jc.finish(columns);
+    return jo.finish(columns);
 }
 
 // The values at the given int64 positions (masked positions give nulls).
@@ -246,17 +264,14 @@ py::dict asof_join_by(const tx_ptr &tx, const table_ptr &t, const std::vector<ui
                       const py::object &tolerance) {
     tx->require();
     const std::string what = "asof_join on " + t->name + " by " + by;
-    const uint16_t bf = t->field(by), kf = t->field(keys);
+    const uint16_t bf = t->field(by), kf = sequence_fields(*t, {keys})[0];
     if (!t->columns[bf].scalar)
         throw error(VEL_E_HOST_WRONG_FIELD, what + ": " + by + " is not a scalar field");
-    if (t->columns[kf].scalar)
-        throw error(VEL_E_HOST_WRONG_FIELD, what + ": " + keys + " is a scalar field");
+    const std::vector<uint16_t> fields = sequence_fields(*t, columns);
     const table::column_type bt = t->columns[bf].type, kt = t->columns[kf].type;
     // The groups: an object each, known by its value of `by`.
     std::unordered_map<std::string, uint32_t> group_of_value;
     std::vector<table::asof_group> gs;
-    std::vector<Object> objs;
-    std::optional<join_columns> shape;
     for (uint64_t oid : oids) {
         Object o{tx, t, {}};
         velseq::detail::check(velh_obj_open(tx->tx->connection_handle(), t->code, oid, &o.h),
@@ -267,11 +282,10 @@ py::dict asof_join_by(const tx_ptr &tx, const table_ptr &t, const std::vector<ui
             throw error(VEL_E_ILLEGAL_PARAM, what + ": two objects hold the same " + by + " (" +
                                                  std::string(py::str(py::repr(value_out(v, 0)))) +
                                                  ")");
-        join_columns jc(o, columns, 0);
-        gs.push_back({table::column_of(o.h, tx->db->get(), *t, kf), jc.cols});
+        gs.push_back({columns_of(o, {kf})[0], columns_of(o, fields)});
     }
     const table::column probe_keys{{}, {}, kt};
-    table::asof_options opt = asof_options_of(probe_keys, dir, strict, tolerance);
+    const table::asof_options opt = asof_options_of(probe_keys, dir, strict, tolerance);
     const table::array p = probes_in(probe_keys, probes, what);
     const table::array g = array_in(groups, py::none(), bt, what + ": groups");
     if (g.length != p.length)
@@ -287,23 +301,15 @@ py::dict asof_join_by(const tx_ptr &tx, const table_ptr &t, const std::vector<ui
         if (it != group_of_value.end())
             group_of[i] = it->second;
     }
-    std::vector<numpy_column> out;
-    std::vector<table::buffer> bufs;
-    for (const std::string &name : columns)
-        out.emplace_back(t->columns[t->field(name)].type, p.length);
-    for (numpy_column &c : out)
-        bufs.push_back(c.buffer());
+    join_out jo(*t, fields, p.length);
     std::vector<uint64_t> pos(p.length);
     std::vector<uint8_t> valid((p.length + 7) / 8);
     {
         py::gil_scoped_release nogil;
         table::asof_join_by(gs, group_of.data(), table::view(p), opt, pos.data(), valid.data(),
-                            bufs.data(), bufs.size());
+                            jo.bufs.data(), jo.bufs.size());
     }
-    py::dict d;
-    for (size_t i = 0; i < columns.size(); i++)
-        d[py::str(columns[i])] = out[i].finish();
-    return d;
+    return jo.finish(columns);
 }
 
 void bind_object(py::module_ &m) {
