@@ -341,6 +341,15 @@ TEST(Columns, AsofAndGatherPaths) {
                              wantv),
             want.size());
     }
+    // Probes stored in a field (the keys themselves: each matches the end
+    // of its run), and nulls filled forward.
+    const auto runs_end = asof(o[k], o[k]);
+    std::vector<std::optional<int32_t>> filled(vals.size());
+    for (size_t i = 0; i < keys.size(); i++) {
+        ASSERT_EQ(runs_end[i], model_asof(keys, keys[i], {})) << i;
+        filled[i] = vals[i] ? vals[i] : i > 0 ? filled[i - 1] : std::nullopt;
+    }
+    EXPECT_EQ(read_filled(o[v], {0, vals.size()}), filled);
 }
 
 // As-of within groups (an object each) against the model on each group's
