@@ -30,6 +30,23 @@ void bind_errors(py::module_ &m) {
                                        "A velseq.Error that refuses the values of a call; also a "
                                        "ValueError.")));
     m.attr("BadInput") = bad_input;
+    // Arguments of Python types a call does not take: pybind11 raises a bare
+    // TypeError, which the package turns into this (see __init__.py).
+    static py::object &wrong_type = *new py::object(
+        py::module_::import("builtins")
+            .attr("type")("WrongType", py::make_tuple(error_type, py::handle(PyExc_TypeError)),
+                          py::dict(py::arg("__module__") = m.attr("__name__"),
+                                   py::arg("__doc__") =
+                                       "A velseq.Error that refuses the Python types of a call's "
+                                       "arguments; also a TypeError.")));
+    m.attr("WrongType") = wrong_type;
+    m.def("_wrong_type", [](const std::string &message) {
+        const error e(VEL_E_ILLEGAL_TYPE, message);
+        py::object exc = wrong_type(e.what());
+        exc.attr("code") = e.code();
+        exc.attr("name") = e.name();
+        return exc;
+    });
     // The package's own refusals, by the name of their code.
     m.def("_refuse", [](const std::string &name, const std::string &message) {
         for (int code = 0; code < 1000; code++)

@@ -46,13 +46,14 @@ def same(got, values, mask):
 
 def raises(code, call, *args, says=""):
     """call(*args) raises velseq.Error `code` with a message that explains it;
-    a refusal of the caller's values is also a ValueError."""
+    a refusal of the caller's values is also a ValueError (a TypeError when
+    their Python type is one the call does not take)."""
     with pytest.raises(velseq.Error) as e:
         call(*args)
     msg = str(e.value)
     assert e.value.name == code and msg.startswith(code) and len(msg) > len(code) + 20, msg
     assert says in msg, msg
-    assert isinstance(e.value, ValueError) == (code.startswith(("VEL_E_ILLEGAL", "VEL_E_SEQ")) or
+    assert isinstance(e.value, (ValueError, TypeError)) == (code.startswith(("VEL_E_ILLEGAL", "VEL_E_SEQ")) or
                                                code == "VEL_E_HOST_WRONG_FIELD"), code
 
 
@@ -268,6 +269,8 @@ def test_bad_inputs_raise_and_change_nothing():
         ("VEL_E_SEQ_NULL_VALUE", lambda: o["px"].append(np.array([20.0]), np.array([True]))),
         ("VEL_E_ILLEGAL_PARAM", lambda: o["ts"].append(np.array(["2300-01-01"], "datetime64[s]"))),
         ("VEL_E_ILLEGAL_PARAM", lambda: o["v"].read(5, 11)),
+        ("VEL_E_ILLEGAL_TYPE", lambda: o["v"].read("0", 3)),  # a WrongType, also a TypeError
+        ("VEL_E_ILLEGAL_TYPE", lambda: tx.open("q", "1")),
         ("VEL_E_ILLEGAL_PARAM", lambda: o["v"].read(6, 5)),
         ("VEL_E_ILLEGAL_PARAM", lambda: o["v"].read(0, 10, out=np.broadcast_to(i32, 10))),
         ("VEL_E_SEQ_LENGTH_MISMATCH", lambda: o["v"].read(0, 5, out=np.empty(4, np.int32))),

@@ -27,20 +27,23 @@ value), and so is NaT.  Times and durations are never bare numbers: pass
 datetime64, Timestamp, datetime or ISO-8601 text, and Timedelta,
 timedelta64, timedelta or "5min".  Char fields take text (str, as UTF-8)
 and bytes.  Every refused call raises velseq.Error (with .code and .name;
-velseq.BadInput, also a ValueError, when the values were refused) and
-changes nothing.
+velseq.BadInput, also a ValueError, when the values were refused;
+velseq.WrongType, also a TypeError, when an argument is of a Python type
+the call does not take) and changes nothing.
 """
 
+import functools as _functools
 import os as _os
 import warnings as _warnings
 
 import numpy as _np
 
 from ._velseq import Database as _Database
-from ._velseq import BadInput, Error, Object, Sequence, Transaction, _refuse, kernels
+from ._velseq import (BadInput, Error, Object, Sequence, Transaction, WrongType, _refuse,
+                      _wrong_type, kernels)
 
 __all__ = ["BadInput", "Database", "Error", "LogWarning", "Object", "Sequence", "Transaction",
-           "kernels", "seq", "value"]
+           "WrongType", "kernels", "seq", "value"]
 
 
 class LogWarning(UserWarning):
@@ -159,7 +162,10 @@ class Database(_Database):
         float columns (nan_as_null=False keeps NaN a value).  Text (str) and
         bytes columns become char fields as wide as their longest value in
         UTF-8 (at most 32 bytes).  A refused table changes nothing: no class
-        is defined, no object made."""
+        is defined, no object made.  (Classes are defined outside
+        transactions: when the commit itself fails, e.g. its log record
+        cannot be written, a new class stays defined with no object, and
+        the same call made again stores the table in it.)"""
         import pandas as pd
 
         cols = []
@@ -299,3 +305,25 @@ Sequence.window = _window
 Object.resample = _resample
 Object.asof_join = _asof_join
 Transaction.asof_join = _tx_asof_join
+
+
+def _typed(f):
+    """f, raising WrongType where the extension's argument conversion raises
+    a bare TypeError (an argument of a type the call does not take)."""
+
+    @_functools.wraps(f)
+    def call(*args, **kwargs):
+        try:
+            return f(*args, **kwargs)
+        except TypeError as e:
+            if isinstance(e, Error) or "incompatible" not in str(e):
+                raise
+            raise _wrong_type(str(e)) from None
+
+    return call
+
+
+for _cls in (_Database, Transaction, Object, Sequence):
+    for _name, _f in list(vars(_cls).items()):
+        if type(_f).__name__ == "instancemethod":  # the extension's methods
+            setattr(_cls, _name, _typed(_f.__func__))

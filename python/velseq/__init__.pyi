@@ -37,6 +37,9 @@ class BadInput(Error, ValueError):
     """A refusal of the call's values: wrong type, value, order, null, length
     or set of fields."""
 
+class WrongType(Error, TypeError):
+    """A refusal of an argument of a Python type the call does not take."""
+
 class LogWarning(UserWarning):
     """Database.open cut a torn tail of the log or set its damaged rest aside."""
 
