@@ -145,23 +145,36 @@ int prepare_log(const Db *d, const std::string &path, uint64_t image_id, uint64_
     return fd;
 }
 
+// Flushes start on deadlines a period apart, not a period after the last
+// flush ended: a commit that returns at t is flushed by a flush that starts
+// by t + period, or when the flush running then ends if that is later.
+// Sleeping a period after each flush would add the flush's own time to
+// every window, and a slow device would stretch it without bound.
 void flusher_loop(Durable *L) {
+    using Clock = std::chrono::steady_clock;
+    const auto period = std::chrono::milliseconds(L->group_ms);
+    auto deadline = Clock::now() + period;
     std::unique_lock<std::mutex> lock(L->mutex);
     while (!L->stop) {
-        L->flusher_cv.wait_for(lock, std::chrono::milliseconds(L->group_ms));
-        if (!L->dirty || L->fd < 0)
-            continue;
-        // A checkpoint may swap the descriptor meanwhile: flush a duplicate.
-        int fd = ::dup(L->fd);
-        L->dirty = false;
-        lock.unlock();
-        bool ok = fd >= 0 && ::fdatasync(fd) == 0;
-        std::string why = ok ? "" : errno_text();
-        if (fd >= 0)
-            ::close(fd);
-        lock.lock();
-        if (!ok && L->failure.empty())
-            L->failure = "cannot flush " + L->path + ": " + why;
+        if (L->flusher_cv.wait_until(lock, deadline, [L] { return L->stop; }))
+            break;
+        deadline += period;
+        if (L->dirty && L->fd >= 0) {
+            // A checkpoint may swap the descriptor meanwhile: flush a duplicate.
+            int fd = ::dup(L->fd);
+            L->dirty = false;
+            lock.unlock();
+            bool ok = fd >= 0 && ::fdatasync(fd) == 0;
+            std::string why = ok ? "" : errno_text();
+            if (fd >= 0)
+                ::close(fd);
+            lock.lock();
+            if (!ok && L->failure.empty())
+                L->failure = "cannot flush " + L->path + ": " + why;
+        }
+        // Behind (a flush or a wake-up outlasted the period): the next flush
+        // is due now, not a backlog of them.
+        deadline = std::max(deadline, Clock::now());
     }
 }
 
@@ -479,7 +492,7 @@ struct Replay {
         if (::fstat(fd, &st) != 0)
             return io(0);
         size = uint64_t(st.st_size);
-        if (size == 0) { // created and never written: no log yet
+        if (size == 0 || unfinished()) { // created and never flushed: no log yet
             image_id = ld->image_id;
             return ro ? keep(0, 0)
                       : log_start(d, std::exchange(fd, -1), cfg, ld->image_id, ld->max_page_id + 1,
@@ -502,6 +515,22 @@ struct Replay {
                 return r;
         free_unreferenced(ld);
         return keep(pos, std::max(ld->max_page_id, first_page_id - 1) + 1);
+    }
+
+    // A machine crash while a new log's header was written (before its
+    // flush) leaves at most its 64 bytes, some of them zeros where a page
+    // was not written; no record was written behind a header not flushed.
+    // Anything else that is not a log is refused.
+    bool unfinished() {
+        std::byte hb[kLogHeader] = {};
+        if (size > kLogHeader || pread_exact(fd, hb, size, 0) != 1)
+            return false;
+        for (size_t i = 0; i < std::min<uint64_t>(size, 8); ++i)
+            if (hb[i] != std::byte{0} && hb[i] != std::byte(kLogMagic[i]))
+                return false;
+        uint64_t sum;
+        std::memcpy(&sum, hb + 56, 8);
+        return size < kLogHeader || sum != XXH3_64bits(hb, 56);
     }
 
     // Checks the 64-byte header against the image just loaded.

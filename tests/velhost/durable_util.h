@@ -8,6 +8,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdio>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -357,8 +358,14 @@ class Workload {
 
 // A fresh folder for a test's files, removed with its content at the end.
 struct TempDir {
-    char path[32] = "/tmp/velh-durable-XXXXXX";
-    TempDir() { EXPECT_NE(mkdtemp(path), nullptr); }
+    char path[40];
+    // In memory (`shm`, where there is /dev/shm) when its flushes need not
+    // reach a device.
+    explicit TempDir(bool shm = false) {
+        std::snprintf(path, sizeof path, "%s/velh-durable-XXXXXX",
+                      shm && ::access("/dev/shm", W_OK) == 0 ? "/dev/shm" : "/tmp");
+        EXPECT_NE(mkdtemp(path), nullptr);
+    }
     ~TempDir() { std::filesystem::remove_all(path); }
     std::string file(const std::string &name) const { return std::string(path) + "/" + name; }
 };

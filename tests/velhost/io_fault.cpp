@@ -3,10 +3,16 @@
 #include "io_fault.h"
 
 #include <cerrno>
+#include <chrono>
 #include <cstdarg>
+#include <cstring>
 #include <dlfcn.h>
 #include <fcntl.h>
+#include <mutex>
+#include <sys/stat.h>
+#include <thread>
 #include <unistd.h>
+#include <unordered_map>
 
 namespace io_fault {
 
@@ -41,27 +47,184 @@ template <class F> static F next(const char *name) {
     return reinterpret_cast<F>(dlsym(RTLD_NEXT, name));
 }
 
+namespace journal {
+namespace {
+
+std::atomic<bool> on{false};
+std::mutex mu;
+std::string folder;
+ino_t folder_ino = 0;
+long delay_us = 0;
+std::thread::id starter;
+std::vector<Event> events;
+std::unordered_map<ino_t, uint64_t> id_of; // inode -> file number
+uint64_t files = 0;
+
+// The name within the folder, or null for a path outside it.
+const char *name_in(const char *path) {
+    const size_t n = folder.size();
+    return std::strncmp(path, folder.c_str(), n) == 0 && path[n] == '/' ? path + n + 1 : nullptr;
+}
+
+// The file open on `fd`: its number, 0 for the folder, -1 untracked.
+int64_t file_of(int fd) {
+    struct stat st;
+    if (::fstat(fd, &st) != 0)
+        return -1;
+    if (st.st_ino == folder_ino)
+        return 0;
+    auto it = id_of.find(st.st_ino);
+    return it == id_of.end() ? -1 : int64_t(it->second);
+}
+
+size_t add(Event e) {
+    e.ns = std::chrono::duration_cast<std::chrono::nanoseconds>(
+               std::chrono::steady_clock::now().time_since_epoch())
+               .count();
+    events.push_back(std::move(e));
+    return events.size() - 1;
+}
+
+} // namespace
+
+void start(const std::string &dir, long sync_delay_us) {
+    std::lock_guard<std::mutex> lock(mu);
+    struct stat st;
+    folder = dir;
+    folder_ino = ::stat(dir.c_str(), &st) == 0 ? st.st_ino : 0;
+    delay_us = sync_delay_us;
+    starter = std::this_thread::get_id();
+    events.clear();
+    id_of.clear();
+    files = 0;
+    on = true;
+}
+
+void mark(uint64_t tag, uint64_t value) {
+    std::lock_guard<std::mutex> lock(mu);
+    add({Event::kMark, tag, value, {}, {}, 0});
+}
+
+std::vector<Event> stop() {
+    std::lock_guard<std::mutex> lock(mu);
+    on = false;
+    return std::move(events);
+}
+
+// The hooks, called around the real calls while the journal is on.  An
+// open's `before`: 2 when it may create a file in the folder that is not
+// there, 1 when it is.
+int64_t before_open(const char *path, int flags) {
+    std::lock_guard<std::mutex> lock(mu);
+    return (flags & O_CREAT) && name_in(path) ? 1 + (::access(path, F_OK) != 0) : 0;
+}
+
+void opened(const char *path, int flags, int fd, int64_t before) {
+    std::lock_guard<std::mutex> lock(mu);
+    const char *name = on && fd >= 0 ? name_in(path) : nullptr;
+    struct stat st;
+    if (name == nullptr || ::fstat(fd, &st) != 0)
+        return;
+    if (before == 2 || id_of.count(st.st_ino) == 0) {
+        id_of[st.st_ino] = ++files;
+        add({Event::kCreate, files, 0, name, {}, 0});
+    } else if (flags & O_TRUNC) {
+        add({Event::kTruncate, id_of[st.st_ino], 0, {}, {}, 0});
+    }
+}
+
+int64_t tell(int fd) { return ::lseek(fd, 0, SEEK_CUR); }
+
+void wrote(int fd, const void *b, ssize_t n, int64_t off) {
+    std::lock_guard<std::mutex> lock(mu);
+    const int64_t f = on && n > 0 ? file_of(fd) : -1;
+    if (f > 0)
+        add({Event::kWrite,
+             uint64_t(f),
+             uint64_t(off),
+             std::string(static_cast<const char *>(b), size_t(n)),
+             {},
+             0});
+}
+
+void truncated(int fd, int r, off_t n) {
+    std::lock_guard<std::mutex> lock(mu);
+    const int64_t f = on && r == 0 ? file_of(fd) : -1;
+    if (f > 0)
+        add({Event::kTruncate, uint64_t(f), uint64_t(n), {}, {}, 0});
+}
+
+// The index of the sync's begin event, -1 when untracked.
+int64_t sync_begin(int fd, bool data_only) {
+    int64_t at;
+    {
+        std::lock_guard<std::mutex> lock(mu);
+        const int64_t f = on ? file_of(fd) : -1;
+        if (f < 0)
+            return -1;
+        at = int64_t(add({Event::kSyncBegin, uint64_t(f), 0, {}, {}, 0}));
+    }
+    if (data_only && delay_us > 0 && std::this_thread::get_id() != starter)
+        ::usleep(useconds_t(delay_us));
+    return at;
+}
+
+void synced(int fd, int r, int64_t begin) {
+    std::lock_guard<std::mutex> lock(mu);
+    const int64_t f = on && r == 0 && begin >= 0 ? file_of(fd) : -1;
+    if (f >= 0)
+        add({Event::kSyncEnd, uint64_t(f), uint64_t(begin), {}, {}, 0});
+}
+
+void renamed(const char *a, const char *b, int r) {
+    std::lock_guard<std::mutex> lock(mu);
+    if (on && r == 0 && name_in(a) && name_in(b))
+        add({Event::kRename, 0, 0, name_in(a), name_in(b), 0});
+}
+
+void unlinked(const char *path, int r) {
+    std::lock_guard<std::mutex> lock(mu);
+    if (on && r == 0 && name_in(path))
+        add({Event::kUnlink, 0, 0, name_in(path), {}, 0});
+}
+
+} // namespace journal
+
 } // namespace io_fault
 
 using namespace io_fault;
+using namespace io_fault::journal;
 
-#define FORWARD(op, ret, name, params, args, ...)                                                  \
+// `before` runs ahead of the real call and gives `j`, `after` follows it
+// with its result `r`: both only while the journal is on.
+#define FORWARD(op, ret, name, params, args, before, after, ...)                                   \
     extern "C" ret name params __VA_ARGS__ {                                                       \
         static const auto real = next<ret(*) params>(#name);                                       \
-        return hit(op) ? ret(-1) : real args;                                                      \
+        if (hit(op))                                                                               \
+            return ret(-1);                                                                        \
+        const bool journal = on;                                                                   \
+        [[maybe_unused]] const int64_t j = journal ? (before) : 0;                                 \
+        const ret r = real args;                                                                   \
+        if (journal)                                                                               \
+            after;                                                                                 \
+        return r;                                                                                  \
     }
-FORWARD(kRead, ssize_t, read, (int fd, void *b, size_t n), (fd, b, n))
-FORWARD(kPread, ssize_t, pread, (int fd, void *b, size_t n, off_t o), (fd, b, n, o))
-FORWARD(kPread, ssize_t, pread64, (int fd, void *b, size_t n, off_t o), (fd, b, n, o))
-FORWARD(kWrite, ssize_t, write, (int fd, const void *b, size_t n), (fd, b, n))
-FORWARD(kPwrite, ssize_t, pwrite, (int fd, const void *b, size_t n, off_t o), (fd, b, n, o))
-FORWARD(kPwrite, ssize_t, pwrite64, (int fd, const void *b, size_t n, off_t o), (fd, b, n, o))
-FORWARD(kFdatasync, int, fdatasync, (int fd), (fd))
-FORWARD(kFsync, int, fsync, (int fd), (fd))
-FORWARD(kRename, int, rename, (const char *a, const char *b), (a, b), noexcept)
-FORWARD(kLink, int, link, (const char *a, const char *b), (a, b), noexcept)
-FORWARD(kFtruncate, int, ftruncate, (int fd, off_t n), (fd, n), noexcept)
-FORWARD(kFtruncate, int, ftruncate64, (int fd, off_t n), (fd, n), noexcept)
+FORWARD(kRead, ssize_t, read, (int fd, void *b, size_t n), (fd, b, n), 0, (void)0)
+FORWARD(kPread, ssize_t, pread, (int fd, void *b, size_t n, off_t o), (fd, b, n, o), 0, (void)0)
+FORWARD(kPread, ssize_t, pread64, (int fd, void *b, size_t n, off_t o), (fd, b, n, o), 0, (void)0)
+FORWARD(kWrite, ssize_t, write, (int fd, const void *b, size_t n), (fd, b, n), tell(fd),
+        wrote(fd, b, r, j))
+FORWARD(kPwrite, ssize_t, pwrite, (int fd, const void *b, size_t n, off_t o), (fd, b, n, o), 0,
+        wrote(fd, b, r, o))
+FORWARD(kPwrite, ssize_t, pwrite64, (int fd, const void *b, size_t n, off_t o), (fd, b, n, o), 0,
+        wrote(fd, b, r, o))
+FORWARD(kFdatasync, int, fdatasync, (int fd), (fd), sync_begin(fd, true), synced(fd, r, j))
+FORWARD(kFsync, int, fsync, (int fd), (fd), sync_begin(fd, false), synced(fd, r, j))
+FORWARD(kRename, int, rename, (const char *a, const char *b), (a, b), 0, renamed(a, b, r), noexcept)
+FORWARD(kLink, int, link, (const char *a, const char *b), (a, b), 0, (void)0, noexcept)
+FORWARD(kFtruncate, int, ftruncate, (int fd, off_t n), (fd, n), 0, truncated(fd, r, n), noexcept)
+FORWARD(kFtruncate, int, ftruncate64, (int fd, off_t n), (fd, n), 0, truncated(fd, r, n), noexcept)
+FORWARD(kOps, int, unlink, (const char *p), (p), 0, unlinked(p, r), noexcept) // never fails
 
 // The mode is there only with O_CREAT or O_TMPFILE.
 #define OPEN(name)                                                                                 \
@@ -71,7 +234,14 @@ FORWARD(kFtruncate, int, ftruncate64, (int fd, off_t n), (fd, n), noexcept)
         va_start(ap, flags);                                                                       \
         const mode_t mode = flags & (O_CREAT | O_TMPFILE) ? va_arg(ap, mode_t) : 0;                \
         va_end(ap);                                                                                \
-        return hit(kOpen) ? -1 : real(path, flags, mode);                                          \
+        if (hit(kOpen))                                                                            \
+            return -1;                                                                             \
+        const bool journal = on;                                                                   \
+        const int64_t j = journal ? before_open(path, flags) : 0;                                  \
+        const int fd = real(path, flags, mode);                                                    \
+        if (journal)                                                                               \
+            opened(path, flags, fd, j);                                                            \
+        return fd;                                                                                 \
     }
 OPEN(open)
 OPEN(open64)

@@ -6,6 +6,9 @@
 #pragma once
 
 #include <atomic>
+#include <cstdint>
+#include <string>
+#include <vector>
 
 namespace io_fault {
 
@@ -21,5 +24,36 @@ void arm(Op op, long n, int err);
 // Whether the armed call failed; disarm() disarms too.
 extern std::atomic<bool> fired;
 bool disarm();
+
+// A journal of what reaches the files of one folder, for power-loss tests:
+// writes with their bytes, truncations, syncs (begin and end), creations,
+// renames and unlinks, in the order they completed, with the test's own
+// marks between them.  Files are numbered at creation (1, 2, ...; 0 is the
+// folder), so that a reused inode is a new file.
+namespace journal {
+struct Event {
+    enum Kind : uint8_t {
+        kCreate,
+        kWrite,
+        kTruncate,
+        kSyncBegin,
+        kSyncEnd,
+        kRename,
+        kUnlink,
+        kMark
+    };
+    Kind kind;
+    uint64_t file = 0;    // kMark: the test's tag
+    uint64_t at = 0;      // kWrite offset, kTruncate size, kSyncEnd index of its begin, kMark value
+    std::string data, to; // kWrite bytes; kCreate, kUnlink, kRename names (kRename: data -> to)
+    int64_t ns = 0;       // steady clock
+};
+// Journals the calls on files in `folder` (absolute, no trailing slash) from
+// now on; each fdatasync made off this thread first sleeps `sync_delay_us`,
+// a slow device under the background flusher only.
+void start(const std::string &folder, long sync_delay_us = 0);
+void mark(uint64_t tag, uint64_t value);
+std::vector<Event> stop();
+} // namespace journal
 
 } // namespace io_fault
