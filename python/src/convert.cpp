@@ -180,8 +180,9 @@ int64_t ns_per_unit(const py::dtype &dt, int64_t &count, bool *generic = nullptr
 // `n` of a unit of k ns (see ns_per_unit) as nanoseconds; false when they
 // overflow or hold a fraction of a nanosecond.
 bool scale_ns(int64_t n, int64_t count, int64_t k, int64_t &ns) {
+    int64_t unit = 0; // a multiplied unit ([100000W]) may itself overflow
     if (k > 0)
-        return !__builtin_mul_overflow(n, count * k, &ns);
+        return !__builtin_mul_overflow(count, k, &unit) && !__builtin_mul_overflow(n, unit, &ns);
     int64_t units = 0;
     if (__builtin_mul_overflow(n, count, &units) || units % -k != 0)
         return false;
@@ -220,9 +221,11 @@ void put_datetimes(py::array a, table::array &out, const std::string &what) {
         }
     }
     if (bad)
-        throw error(VEL_E_ILLEGAL_PARAM, what + ": value " + std::to_string(*bad) +
-                                             (k > 0 ? " lies outside 1677-09-21..2262-04-11"
-                                                    : " has a fraction of a nanosecond"));
+        throw error(VEL_E_ILLEGAL_PARAM,
+                    what + ": value " + std::to_string(*bad) + " (" +
+                        shown(a.attr("__getitem__")(static_cast<py::ssize_t>(*bad))) + ")" +
+                        (k > 0 ? " lies outside 1677-09-21..2262-04-11"
+                               : " has a fraction of a nanosecond"));
 }
 
 // Nanoseconds since 1970 of one point in time (see value_in); nullopt for

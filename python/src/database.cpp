@@ -27,9 +27,18 @@ table::table_info db_state::table_named(const std::string &name) const {
     return *t;
 }
 
+const std::shared_ptr<const uint64_t> &this_thread_token() {
+    static std::atomic<uint64_t> next{1};
+    thread_local const std::shared_ptr<const uint64_t> token =
+        std::make_shared<const uint64_t>(next++);
+    return token;
+}
+
 tx_state::tx_state(std::shared_ptr<db_state> d, bool w) : db(std::move(d)), write(w) {
     db->require_open();
-    owner = std::this_thread::get_id();
+    const std::shared_ptr<const uint64_t> &me = this_thread_token();
+    owner = *me;
+    owner_alive = me;
     if (w) {
         std::lock_guard<std::mutex> g(db->writers_mu);
         if (db->writers[owner] > 0)
@@ -37,6 +46,7 @@ tx_state::tx_state(std::shared_ptr<db_state> d, bool w) : db(std::move(d)), writ
                                          "a second one would wait for it forever");
         db->writers[owner]++;
     }
+    db->open_transactions++; // counted while it waits: close() is refused meanwhile
     try {
         con.emplace(*db->db);
         // Another thread's writer may hold the database: wait without the GIL.
@@ -45,9 +55,9 @@ tx_state::tx_state(std::shared_ptr<db_state> d, bool w) : db(std::move(d)), writ
     } catch (...) {
         con.reset();
         forget_writer();
+        db->open_transactions--;
         throw;
     }
-    db->open_transactions++;
 }
 
 tx_state::~tx_state() {
@@ -65,12 +75,16 @@ void tx_state::forget_writer() {
         db->writers.erase(owner);
 }
 
-void tx_state::require() const {
+void tx_state::require(bool ending) const {
     if (!tx)
         throw error(VEL_E_HOST_TRANS_CLOSED, "the transaction has ended");
-    if (std::this_thread::get_id() != owner)
-        throw error(VEL_E_HOST_BUSY,
-                    "the transaction belongs to another thread; begin one per thread");
+    if (*this_thread_token() == owner || (ending && owner_alive.expired()))
+        return;
+    throw error(VEL_E_HOST_BUSY, owner_alive.expired()
+                                     ? "the thread that began the transaction has ended; "
+                                       "only rolling it back is left"
+                                     : "the transaction belongs to another thread; begin one "
+                                       "per thread");
 }
 
 void tx_state::end(bool commit) {
@@ -134,7 +148,7 @@ struct Database {
     // fields: (name, "seq" | "value", dtype, order), defined as one class in
     // the host's catalogue.
     void define(const std::string &name, const std::vector<field_spec> &fields) {
-        st->require_open();
+        db_state::in_call using_db(*st); // dtypes are NumPy's: Python may run
         std::vector<table::column_def> cols;
         for (const auto &[fname, kind, dtype, ord] : fields) {
             if (kind != "seq" && kind != "value")
@@ -159,7 +173,7 @@ struct Database {
     // An image of the database written to `path` without the GIL.
     void write_image(VEL_RET (*write)(velh_db_t *, const char *), const std::string &path,
                      const char *what) {
-        st->require_open();
+        db_state::in_call using_db(*st);
         VEL_RET rc;
         {
             py::gil_scoped_release nogil;
@@ -172,7 +186,10 @@ struct Database {
         if (!st->db)
             return;
         if (st->open_transactions > 0)
-            throw error(VEL_E_HOST_BUSY, "a transaction is still open; commit or roll it back");
+            throw error(VEL_E_HOST_BUSY,
+                        "a transaction is still open or waiting; commit or roll it back");
+        if (st->calls > 0)
+            throw error(VEL_E_HOST_BUSY, "a save, checkpoint or define is running");
         st->db.reset();
     }
 };
@@ -458,7 +475,7 @@ void bind_transaction(py::module_ &m) {
              })
         .def("rollback",
              [](Transaction &t) {
-                 t.st->require();
+                 t.st->require(true);
                  t.st->end(false);
              })
         .def_property_readonly("is_open", [](const Transaction &t) { return t.st->open(); })

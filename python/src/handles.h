@@ -20,7 +20,6 @@
 #include <mutex>
 #include <optional>
 #include <string>
-#include <thread>
 
 #include "velseq.hpp"
 #include "velseq/image.hpp"
@@ -32,16 +31,37 @@ namespace py = pybind11;
 namespace table = velseq::table;
 using velseq::error;
 
+// The calling thread's token: a serial no other thread gets, alive (for
+// weak_ptr) until the thread ends.  std::thread::id values are reused once a
+// thread has ended, so they cannot bind a transaction to its thread.
+const std::shared_ptr<const uint64_t> &this_thread_token();
+
 struct db_state {
     std::unique_ptr<velseq::database> db;
     std::optional<velseq::open_report> opened; // of Database.open
+    // Transactions open or waiting to begin, and other calls that use the
+    // database without the GIL (saves, checkpoints, defines): close() is
+    // refused while either is above 0.  Raised with the GIL held, so a
+    // close() (which holds it) never sees a call about to start.
     std::atomic<int> open_transactions{0};
-    // Threads with a write transaction open: a second one on the same thread
-    // would wait for the first forever.
+    std::atomic<int> calls{0};
+    // Threads (by token serial) with a write transaction open: a second one
+    // on the same thread would wait for the first forever.
     std::mutex writers_mu;
-    std::map<std::thread::id, int> writers;
+    std::map<uint64_t, int> writers;
 
     void require_open() const;
+    // Holds the database open for a call that releases the GIL.
+    struct in_call {
+        db_state &s;
+        explicit in_call(db_state &d) : s(d) {
+            s.require_open();
+            s.calls++;
+        }
+        ~in_call() { s.calls--; }
+        in_call(const in_call &) = delete;
+        in_call &operator=(const in_call &) = delete;
+    };
     velh_db_t *get() const { return db->get(); }
     // The table `name`; VEL_E_HOST_NO_CLASS if there is none.
     table::table_info table_named(const std::string &name) const;
@@ -51,14 +71,16 @@ struct tx_state {
     std::shared_ptr<db_state> db;
     std::optional<velseq::connection> con;
     std::optional<velseq::transaction> tx;
-    std::thread::id owner;
+    uint64_t owner;                            // serial of the thread that began it
+    std::weak_ptr<const uint64_t> owner_alive; // expires when that thread ends
     bool write = false;
 
     tx_state(std::shared_ptr<db_state> d, bool w);
     ~tx_state();
     bool open() const { return tx.has_value(); }
-    // Everything a call needs: an open transaction of this thread.
-    void require() const;
+    // Everything a call needs: an open transaction of this thread.  Ending
+    // one (commit excluded) is also allowed once its thread has ended.
+    void require(bool ending = false) const;
     // Commits or rolls back, then gives the connection back.
     void end(bool commit);
 

@@ -141,15 +141,18 @@ table::asof_options asof_options_of(const table::column &keys, const std::string
     return opt;
 }
 
-// Probes of the keys' type, none of them null: the layer would answer "no
-// match", where the question has no answer.
+// Probes of the keys' type.  NaT and masked probes of other keys are
+// answered null, as no point in time has no match; a NaN (or masked) float
+// probe is refused: NaN compares with nothing, so the question has no answer.
 table::array probes_in(const table::column &keys, const py::object &probes,
                        const std::string &what) {
     table::array p = array_in(probes, py::none(), keys.type, what);
+    if (dtype_of(keys.type).kind() != 'f')
+        return p;
     for (uint64_t i = 0; i < p.length; i++)
         if (!p.valid(i))
             throw error(VEL_E_SEQ_NULL_VALUE,
-                        what + ": probe " + std::to_string(i) + " is null (NaN, NaT or masked)");
+                        what + ": probe " + std::to_string(i) + " is NaN or masked");
     return p;
 }
 

@@ -143,10 +143,15 @@ def test_asof_against_merge_asof(quotes, direction, strict, tolerance):
     want = pd.merge_asof(pd.DataFrame({"ts": probes}), df, on="ts", direction=direction,
                          allow_exact_matches=not strict,
                          tolerance=tolerance and pd.Timedelta(tolerance))
+    nat = rng.random(len(probes)) < 0.05  # NaT probes: answered null, the others as pandas
     with db.read() as tx:
-        got = tx.open("q", oid).asof_join("ts", probes, ["px", "n"], direction=direction,
-                                          strict=strict, tolerance=tolerance)
-    pd.testing.assert_frame_equal(got.reset_index(), want.astype({"n": "Int64"}),
+        got = tx.open("q", oid).asof_join("ts", np.where(nat, np.datetime64("NaT"), probes),
+                                          ["px", "n"], direction=direction, strict=strict,
+                                          tolerance=tolerance)
+        assert tx.open("q", oid)["ts"].asof(np.full(3, np.datetime64("NaT"), "M8[ns]")).mask.all()
+    assert got[nat].isna().all().all()
+    pd.testing.assert_frame_equal(got[~nat].reset_index(),
+                                  want[~nat].reset_index(drop=True).astype({"n": "Int64"}),
                                   check_dtype=False)
 
 
@@ -338,6 +343,65 @@ def test_no_leak_over_many_calls(quotes):
 
     start = calls(2000)
     assert calls(25000) - start < 2048  # 10^5 calls
+
+
+def test_threads_and_close(tmp_path):
+    """Readers checking every snapshot, a writer, saves and close() attempts
+    from several threads: each snapshot is a prefix of what was written,
+    close() is refused (VEL_E_HOST_BUSY) while a transaction or a save runs,
+    and after it every call says the database is closed.  A transaction
+    stays its thread's even when a new thread gets an ended one's id; once
+    that thread has ended, any thread may roll it back."""
+    db = velseq.Database()
+    db.define("t", v=velseq.seq("int64"))
+    with db.write() as tx:
+        oid = tx.create("t").oid
+    with ThreadPoolExecutor(1) as p:  # the thread ends with the pool, its transaction open
+        tx = p.submit(db.write).result()
+    for _ in range(3):  # fresh threads, which glibc gives the ended thread's id
+        with ThreadPoolExecutor(1) as p:
+            raises("VEL_E_HOST_BUSY", lambda: p.submit(tx.create, "t").result(), says="ended")
+    raises("VEL_E_HOST_BUSY", tx.commit, says="ended")
+    tx.rollback()
+
+    stop, closed, errors = False, [], []
+
+    def run(body):
+        try:
+            while not stop and not closed:
+                body()
+        except velseq.Error as e:  # only the database closing under it may stop a thread
+            if e.name != "VEL_E_HOST_BAD_ARG" or not closed:
+                errors.append(e)
+        except Exception as e:
+            errors.append(e)
+
+    def write():
+        with db.write() as tx:
+            v = tx.open("t", oid)["v"]
+            v.append(np.arange(len(v), len(v) + 5000))
+
+    def read():
+        with db.read() as tx:
+            v = tx.open("t", oid)["v"].read()
+            np.testing.assert_array_equal(v, np.arange(len(v)))
+
+    with ThreadPoolExecutor(4) as p:
+        jobs = [p.submit(run, f) for f in (write, read, read,
+                                           lambda: db.save(tmp_path / "a.img"))]
+        for round in range(400):
+            try:
+                db.close()
+                closed.append(round)
+            except velseq.Error as e:
+                assert e.name == "VEL_E_HOST_BUSY", e
+            if closed or wait(jobs, 0.002).done:
+                break
+        stop = True
+        wait(jobs)
+    assert not errors, errors
+    db.close()
+    raises("VEL_E_HOST_BAD_ARG", db.read, says="closed")
 
 
 def test_file_round_trip_every_dtype(tmp_path):
