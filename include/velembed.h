@@ -406,9 +406,13 @@ VEL_RET velh_check_tree(const vel_objhandle_t *obj, uint16_t fld_no, vel_seq_ord
    COMMIT  velh_commit returns once its record is flushed to the device
            (fdatasync): a commit that returned survives a crash of the
            process and of the machine.
-   GROUP   records are written at commit and flushed every log_group_ms by a
-           background thread: a crash of the process loses nothing, a crash
-           of the machine loses at most the last period, always a suffix.
+   GROUP   records are written at commit and flushed by a background thread
+           on deadlines log_group_ms apart: a commit's flush starts at most
+           log_group_ms after it returned, or when the flush running then
+           ends if that is later.  A crash of the process loses nothing; a
+           crash of the machine loses only commits that returned within
+           log_group_ms plus one flush before it (two flushes when a flush
+           takes longer than log_group_ms), always a suffix.
    NONE    records are written at commit and flushed by the OS when it
            likes (and at close and checkpoint). */
 #define VELH_LOG_SYNC_COMMIT 0
