@@ -53,6 +53,7 @@ namespace {
 std::atomic<bool> on{false};
 std::mutex mu;
 std::string folder;
+dev_t folder_dev = 0;
 ino_t folder_ino = 0;
 long delay_us = 0;
 std::thread::id starter;
@@ -69,7 +70,7 @@ const char *name_in(const char *path) {
 // The file open on `fd`: its number, 0 for the folder, -1 untracked.
 int64_t file_of(int fd) {
     struct stat st;
-    if (::fstat(fd, &st) != 0)
+    if (::fstat(fd, &st) != 0 || st.st_dev != folder_dev)
         return -1;
     if (st.st_ino == folder_ino)
         return 0;
@@ -91,7 +92,10 @@ void start(const std::string &dir, long sync_delay_us) {
     std::lock_guard<std::mutex> lock(mu);
     struct stat st;
     folder = dir;
-    folder_ino = ::stat(dir.c_str(), &st) == 0 ? st.st_ino : 0;
+    if (::stat(dir.c_str(), &st) == 0) {
+        folder_dev = st.st_dev;
+        folder_ino = st.st_ino;
+    }
     delay_us = sync_delay_us;
     starter = std::this_thread::get_id();
     events.clear();
