@@ -3,6 +3,7 @@
 import datetime
 import io
 import os
+import select
 import subprocess
 from concurrent.futures import ThreadPoolExecutor, wait
 from pathlib import Path
@@ -355,7 +356,23 @@ def test_threads_and_close(tmp_path):
     db = velseq.Database()
     db.define("t", v=velseq.seq("int64"))
     with db.write() as tx:
+        tx.create("t")["v"].append(np.arange(10**5))  # an image larger than a pipe holds
         oid = tx.create("t").oid
+    # A save held inside its writes: its temporary file is a FIFO nobody reads.
+    fifo = tmp_path / f"held.img.tmp.{os.getpid()}"
+    os.mkfifo(fifo)
+    r = os.open(fifo, os.O_RDONLY | os.O_NONBLOCK)
+    with ThreadPoolExecutor(1) as p:
+        saving = p.submit(db.save, tmp_path / "held.img")
+        try:
+            assert select.select([r], [], [], 30)[0]  # the save is writing
+            raises("VEL_E_HOST_BUSY", db.close, says="save")
+        finally:
+            os.set_blocking(r, True)
+            while os.read(r, 1 << 16):
+                pass
+        raises("VEL_E_HOST_IO", saving.result)  # a FIFO cannot be flushed
+    os.close(r)
     with ThreadPoolExecutor(1) as p:  # the thread ends with the pool, its transaction open
         tx = p.submit(db.write).result()
     for _ in range(3):  # fresh threads, which glibc gives the ended thread's id
