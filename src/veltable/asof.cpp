@@ -306,6 +306,25 @@ template <class T> uint64_t ordered_bits(T v) {
     }
 }
 
+// The T of ordered_bits(v).
+template <class T> T from_ordered_bits(uint64_t b) {
+    if constexpr (std::is_floating_point_v<T>) {
+        b = b >> 63 ? b & ~(uint64_t(1) << 63) : ~b;
+        T v;
+        if constexpr (sizeof(T) == 4) {
+            const auto u = static_cast<uint32_t>(b >> 32);
+            std::memcpy(&v, &u, 4);
+        } else {
+            std::memcpy(&v, &b, 8);
+        }
+        return v;
+    } else if constexpr (std::is_signed_v<T>) {
+        return static_cast<T>(static_cast<int64_t>(b ^ uint64_t(1) << 63));
+    } else {
+        return static_cast<T>(b);
+    }
+}
+
 // Sorts (key, row) pairs by key, stably: least significant digit first,
 // 11 bits a pass, skipping the digits every key shares (times of one span
 // differ in their low 40-odd bits only).  Small inputs go to std::sort.
@@ -442,6 +461,74 @@ void match_by_join(const P &p, const column &keys, uint64_t n, const unsigned ch
     }
 }
 
+// Probes closer together than this many keys on average are answered by
+// merge_dense, which reads every key between the first and the last probe.
+constexpr uint64_t kDenseGap = 8;
+
+// Backward and forward matches of `count` probes in value order by one
+// two-pointer merge with the key tiles: each key from the first probe's
+// bound on is compared in place, and one search places the first probe.
+// probe(q, row, v) gives the q-th probe's row and value; false skips it.
+template <class P, class Probe>
+void merge_dense(const P &p, const column &keys, uint64_t n, uint64_t count, Probe probe,
+                 const asof_options &opt, uint64_t *positions, uint8_t *validity) {
+    using T = typename P::value;
+    const bool back = opt.dir == direction::backward;
+    const bool upper = back != opt.strict; // the bound: first key > v (upper) or >= v
+    auto beyond = [&](T k, T v) { return upper ? v < k : !(k < v); }; // k is at or past the bound
+    uint64_t q = 0, row = 0;
+    T v{};
+    while (q < count && !probe(q, row, v))
+        q++;
+    if (q == count)
+        return;
+    // The walk starts a key before the first bound: the key before any
+    // bound is then in the tile in hand or held in `prev`.
+    tile_cursor<P> cur(p, keys, n);
+    const uint64_t first =
+        cur.search(reinterpret_cast<const unsigned char *>(&v),
+                   upper ? VEL_SEQ_BOUNDARY_EXCLUSIVE : VEL_SEQ_BOUNDARY_INCLUSIVE);
+    if (first > 0)
+        cur.reach(first - 1);
+    T prev{};
+    auto answer = [&](uint64_t pick, T k) {
+        if (opt.tolerance) {
+            const auto *a = reinterpret_cast<const unsigned char *>(k < v ? &k : &v);
+            const auto *b = reinterpret_cast<const unsigned char *>(k < v ? &v : &k);
+            if (static_cast<long double>(distance(p, a, b)) > *opt.tolerance)
+                return;
+        }
+        positions[row] = pick;
+        validity[row / 8] = static_cast<uint8_t>(validity[row / 8] | 1u << (row % 8));
+    };
+    // Invariant: probe q (row, v) is live and not yet answered.
+    while (cur.len() > 0) {
+        const unsigned char *k = cur.value(0);
+        const size_t len = cur.len();
+        const uint64_t base = cur.base();
+        const T last = p.at(k, len - 1);
+        size_t j = 0;
+        while (beyond(last, v)) {
+            while (!beyond(p.at(k, j), v))
+                j++;
+            if (!back)
+                answer(base + j, p.at(k, j));
+            else if (base + j > 0)
+                answer(base + j - 1, j > 0 ? p.at(k, j - 1) : prev);
+            do
+                if (++q == count)
+                    return;
+            while (!probe(q, row, v));
+        }
+        prev = last; // the bound lies past this tile
+        cur.next();
+    }
+    // The rest lie past the last key (`prev`).
+    for (; back && q < count; q++)
+        if (probe(q, row, v))
+            answer(n - 1, prev);
+}
+
 // Answers every probe into positions/validity.  Probes that do not ascend
 // are answered in value order, which is left in `order` (their answers
 // ascend along it); `order` stays empty when the probes ascend.
@@ -498,10 +585,10 @@ void match(const P &p, const column &keys, uint64_t n, const const_buffer &probe
             last = i;
         }
     std::vector<uint64_t> &rows = order;
+    std::vector<std::pair<uint64_t, uint64_t>> by_value; // (ordered_bits, row), when !ascending
     if (!ascending) {
         using T = typename P::value;
         if constexpr (std::is_arithmetic_v<T>) {
-            std::vector<std::pair<uint64_t, uint64_t>> by_value;
             by_value.reserve(probes.length);
             for (uint64_t i = 0; i < probes.length; i++)
                 if (live(i))
@@ -525,6 +612,28 @@ void match(const P &p, const column &keys, uint64_t n, const const_buffer &probe
             if (ascending)
                 for (uint64_t i = 0; i < probes.length; i++)
                     live_n += live(i);
+            using T = typename P::value;
+            if (live_n > 0 && n / live_n < kDenseGap) {
+                if (ascending)
+                    merge_dense(
+                        p, keys, n, probes.length,
+                        [&](uint64_t q, uint64_t &row, T &v) {
+                            row = q;
+                            v = p.at(pv, q);
+                            return valid_at(probes.validity, q) && !p.is_nan(v);
+                        },
+                        opt, positions, validity);
+                else // the sorted values: no probe is read at random
+                    merge_dense(
+                        p, keys, n, by_value.size(),
+                        [&](uint64_t q, uint64_t &row, T &v) {
+                            row = by_value[q].second;
+                            v = from_ordered_bits<T>(by_value[q].first);
+                            return true;
+                        },
+                        opt, positions, validity);
+                return;
+            }
             if (live_n > 0 && n / live_n >= kJoinGap) {
                 if (ascending)
                     for (uint64_t i = 0; i < probes.length; i++)

@@ -251,7 +251,7 @@ TEST(Columns, AsofAndGatherPaths) {
     const table::column cc = table::column_of(*o.handle(), db.get(), t, t.field("ck"));
     const table::column vc = table::column_of(*o.handle(), db.get(), t, t.field("v"));
 
-    std::vector<std::vector<int64_t>> sets(5);
+    std::vector<std::vector<int64_t>> sets(6);
     for (int64_t x = keys.front() - 2; x <= keys.back() + 2; x++)
         sets[0].insert(sets[0].end(), {x, x});
     for (size_t i = 0; i < keys.size(); i += 1 + rng() % 40)
@@ -262,6 +262,8 @@ TEST(Columns, AsofAndGatherPaths) {
     sets[3] = sets[1];
     std::shuffle(sets[3].begin(), sets[3].end(), rng);
     sets[4] = {INT64_MAX, INT64_MIN}; // no successor, no predecessor
+    sets[5] = sets[0];
+    std::shuffle(sets[5].begin(), sets[5].end(), rng);
     auto matches = [](const table::column &c, const array &probes, const table::asof_options &opt,
                       const std::vector<std::optional<uint64_t>> &model) {
         return first_difference(values_of<uint64_t>(table::asof(c, probes, opt)), model) ==
@@ -269,9 +271,11 @@ TEST(Columns, AsofAndGatherPaths) {
     };
     for (size_t s = 0; s < sets.size(); s++) {
         std::vector<std::optional<int64_t>> probes(sets[s].begin(), sets[s].end());
+        for (size_t i = 3; s % 5 == 0 && i < probes.size(); i += 13)
+            probes[i].reset(); // null probes match nothing
         std::vector<std::optional<chars<8>>> cprobes;
-        for (int64_t x : sets[s])
-            cprobes.push_back(as_chars(x));
+        for (const std::optional<int64_t> &x : probes)
+            cprobes.push_back(x ? std::optional(as_chars(*x)) : std::nullopt);
         for (int d = 0; d < 3; d++)
             for (bool strict : {false, true})
                 for (int tol : {-1, 1}) {
@@ -284,7 +288,8 @@ TEST(Columns, AsofAndGatherPaths) {
                         opt.tolerance = tol;
                     std::vector<std::optional<uint64_t>> model(probes.size());
                     for (size_t i = 0; i < probes.size(); i++)
-                        model[i] = model_asof(keys, *probes[i], opt);
+                        if (probes[i])
+                            model[i] = model_asof(keys, *probes[i], opt);
                     EXPECT_TRUE(matches(kc, array_of(probes, kc.type), opt, model));
                     if (opt.dir != table::direction::nearest && !opt.tolerance) {
                         EXPECT_TRUE(matches(cc, array_of(cprobes, cc.type), opt, model));
