@@ -469,7 +469,9 @@ constexpr uint64_t kDenseGap = 8;
 // two-pointer merge with the key tiles: each key from the first probe's
 // bound on is compared in place, and one search places the first probe.
 // probe(q, row, v) gives the q-th probe's row and value; false skips it.
-template <class P, class Probe>
+// With Fill, every row gets its position written (kNone when nothing
+// matches), so that the caller need not clear them first.
+template <bool Fill, class P, class Probe>
 void merge_dense(const P &p, const column &keys, uint64_t n, uint64_t count, Probe probe,
                  const asof_options &opt, uint64_t *positions, uint8_t *validity) {
     using T = typename P::value;
@@ -491,12 +493,16 @@ void merge_dense(const P &p, const column &keys, uint64_t n, uint64_t count, Pro
     if (first > 0)
         cur.reach(first - 1);
     T prev{};
+    auto miss = [&] {
+        if constexpr (Fill)
+            positions[row] = kNone;
+    };
     auto answer = [&](uint64_t pick, T k) {
         if (opt.tolerance) {
             const auto *a = reinterpret_cast<const unsigned char *>(k < v ? &k : &v);
             const auto *b = reinterpret_cast<const unsigned char *>(k < v ? &v : &k);
             if (static_cast<long double>(distance(p, a, b)) > *opt.tolerance)
-                return;
+                return miss();
         }
         positions[row] = pick;
         validity[row / 8] = static_cast<uint8_t>(validity[row / 8] | 1u << (row % 8));
@@ -515,6 +521,8 @@ void merge_dense(const P &p, const column &keys, uint64_t n, uint64_t count, Pro
                 answer(base + j, p.at(k, j));
             else if (base + j > 0)
                 answer(base + j - 1, j > 0 ? p.at(k, j - 1) : prev);
+            else
+                miss();
             do
                 if (++q == count)
                     return;
@@ -523,10 +531,12 @@ void merge_dense(const P &p, const column &keys, uint64_t n, uint64_t count, Pro
         prev = last; // the bound lies past this tile
         cur.next();
     }
-    // The rest lie past the last key (`prev`).
-    for (; back && q < count; q++)
-        if (probe(q, row, v))
+    // The rest lie past the last key (`prev`); probe q is live.
+    for (bool live = true; q < count; live = ++q < count && probe(q, row, v))
+        if (live && back)
             answer(n - 1, prev);
+        else if (live)
+            miss();
 }
 
 // Answers every probe into positions/validity.  Probes that do not ascend
@@ -579,10 +589,12 @@ void match(const P &p, const column &keys, uint64_t n, const const_buffer &probe
     // when they ascend, otherwise in value order.
     auto live = [&](uint64_t i) { return valid_at(probes.validity, i) && !p.is_nan(p.at(pv, i)); };
     bool ascending = true;
+    uint64_t live_n = 0; // of the rows that ascend
     for (uint64_t i = 0, last = kNone; i < probes.length && ascending; i++)
         if (live(i)) {
             ascending = last == kNone || !p.before(pv + i * w, pv + last * w);
             last = i;
+            live_n++;
         }
     std::vector<uint64_t> &rows = order;
     std::vector<std::pair<uint64_t, uint64_t>> by_value; // (ordered_bits, row), when !ascending
@@ -606,25 +618,30 @@ void match(const P &p, const column &keys, uint64_t n, const const_buffer &probe
             });
         }
     }
+    if (!ascending)
+        live_n = rows.size();
+    // The merge of dense ascending probes writes every position itself.
+    if (!(std::is_arithmetic_v<typename P::value> && opt.dir != direction::nearest && ascending &&
+          live_n > 0 && n / live_n < kDenseGap))
+        std::fill(positions, positions + probes.length, kNone);
     if constexpr (std::is_arithmetic_v<typename P::value>) {
         if (opt.dir != direction::nearest) {
-            uint64_t live_n = rows.size();
-            if (ascending)
-                for (uint64_t i = 0; i < probes.length; i++)
-                    live_n += live(i);
             using T = typename P::value;
             if (live_n > 0 && n / live_n < kDenseGap) {
                 if (ascending)
-                    merge_dense(
+                    merge_dense<true>(
                         p, keys, n, probes.length,
                         [&](uint64_t q, uint64_t &row, T &v) {
                             row = q;
                             v = p.at(pv, q);
-                            return valid_at(probes.validity, q) && !p.is_nan(v);
+                            if (valid_at(probes.validity, q) && !p.is_nan(v))
+                                return true;
+                            positions[q] = kNone;
+                            return false;
                         },
                         opt, positions, validity);
                 else // the sorted values: no probe is read at random
-                    merge_dense(
+                    merge_dense<false>(
                         p, keys, n, by_value.size(),
                         [&](uint64_t q, uint64_t &row, T &v) {
                             row = by_value[q].second;
@@ -685,11 +702,10 @@ void asof_ordered(const column &keys, const const_buffer &probes, const asof_opt
         throw error(VEL_E_ILLEGAL_TYPE, "asof: char keys have no distance (nearest, tolerance)");
     if (opt.tolerance && !(*opt.tolerance >= 0))
         throw error(VEL_E_ILLEGAL_PARAM, "asof: the tolerance must be a number >= 0");
-    std::fill(positions, positions + probes.length, kNone);
     std::fill(validity, validity + (probes.length + 7) / 8, uint8_t(0));
     const uint64_t n = count_of(keys);
     if (n == 0 || probes.length == 0)
-        return;
+        return std::fill(positions, positions + probes.length, kNone);
     visit(keys.type,
           [&](const auto &p) { match(p, keys, n, probes, opt, positions, validity, order); });
 }
