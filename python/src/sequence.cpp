@@ -4,7 +4,9 @@
 #include <pybind11/stl.h>
 
 #include <cmath>
+#include <cstring>
 #include <limits>
+#include <memory>
 #include <unordered_map>
 
 #include "convert.h"
@@ -141,19 +143,71 @@ table::asof_options asof_options_of(const table::column &keys, const std::string
     return opt;
 }
 
-// Probes of the keys' type.  NaT and masked probes of other keys are
-// answered null, as no point in time has no match; a NaN (or masked) float
-// probe is refused: NaN compares with nothing, so the question has no answer.
-table::array probes_in(const table::column &keys, const py::object &probes,
-                       const std::string &what) {
-    table::array p = array_in(probes, py::none(), keys.type, what);
-    if (dtype_of(keys.type).kind() != 'f')
-        return p;
-    for (uint64_t i = 0; i < p.length; i++)
-        if (!p.valid(i))
-            throw error(VEL_E_SEQ_NULL_VALUE,
-                        what + ": probe " + std::to_string(i) + " is NaN or masked");
-    return p;
+// Probes of the keys' type as the layer reads them.  An array of the keys'
+// dtype (native, 1-d, contiguous) is read in place, datetime64[ns] turned
+// into raw datetimes in one pass into uninitialised memory; anything else
+// goes through array_in.  NaT and masked probes of other keys are answered
+// null, as no point in time has no match; a NaN (or masked) float probe is
+// refused: NaN compares with nothing, so the question has no answer.
+struct probe_view {
+    table::const_buffer buf;
+    py::object keep;                 // the array read in place
+    std::unique_ptr<uint64_t[]> raw; // converted datetimes
+    std::vector<uint8_t> validity;   // of raw
+    table::array converted;          // array_in's
+    uint64_t length() const { return buf.length; }
+};
+
+probe_view probes_in(const table::column &keys, const py::object &probes, const std::string &what) {
+    probe_view v;
+    const py::dtype want = dtype_of(keys.type);
+    const char kind = want.kind();
+    static auto *masked = new py::object(numpy().attr("ma").attr("MaskedArray"));
+    if (py::isinstance<py::array>(probes) && !py::isinstance(probes, *masked)) {
+        const auto a = py::reinterpret_borrow<py::array>(probes);
+        const auto n = static_cast<uint64_t>(a.size());
+        if (a.ndim() == 1 && (a.flags() & py::array::c_style) && a.dtype().equal(want) &&
+            a.dtype().attr("isnative").cast<bool>()) {
+            v.keep = a;
+            if (kind != 'M') {
+                v.buf = {keys.type, n, a.data(), nullptr};
+            } else {
+                v.raw.reset(new uint64_t[n]);
+                const auto *src = static_cast<const int64_t *>(a.data());
+                bool nat = false;
+                {
+                    py::gil_scoped_release nogil;
+                    for (uint64_t i = 0; i < n; i++) {
+                        nat |= src[i] == std::numeric_limits<int64_t>::min();
+                        v.raw[i] = vel_dt_from_ns(src[i]);
+                    }
+                    if (nat) {
+                        v.validity.assign((n + 7) / 8, 0xFF);
+                        for (uint64_t i = 0; i < n; i++)
+                            if (src[i] == std::numeric_limits<int64_t>::min())
+                                v.validity[i / 8] &= static_cast<uint8_t>(~(1u << (i % 8)));
+                    }
+                }
+                v.buf = {keys.type, n, v.raw.get(), nat ? v.validity.data() : nullptr};
+            }
+        }
+    }
+    if (!v.keep) {
+        v.converted = array_in(probes, py::none(), keys.type, what);
+        v.buf = table::view(v.converted);
+    }
+    if (kind == 'f')
+        for (uint64_t i = 0; i < v.buf.length; i++) {
+            const auto *b = static_cast<const unsigned char *>(v.buf.values) + i * keys.type.width;
+            float f = 0;
+            double d = 0;
+            keys.type.width == 4 ? std::memcpy(&f, b, 4) : std::memcpy(&d, b, 8);
+            const bool nan = std::isnan(f) || std::isnan(d);
+            if (nan || (v.buf.validity && !(v.buf.validity[i / 8] >> (i % 8) & 1)))
+                throw error(VEL_E_SEQ_NULL_VALUE,
+                            what + ": probe " + std::to_string(i) + " is NaN or masked");
+        }
+    return v;
 }
 
 // Positions of the as-of matches of the probes in this ascending field, as
@@ -162,11 +216,11 @@ py::object asof(const Sequence &s, const py::object &probes, const std::string &
                 const py::object &tolerance) {
     const table::column keys = s.column();
     const table::asof_options opt = asof_options_of(keys, dir, strict, tolerance);
-    const table::array p = probes_in(keys, probes, "asof on " + s.what());
-    numpy_column pos({VEL_DD_SEQUENCE_INT8, 8}, p.length);
+    const probe_view p = probes_in(keys, probes, "asof on " + s.what());
+    numpy_column pos({VEL_DD_SEQUENCE_INT8, 8}, p.length());
     {
         py::gil_scoped_release nogil;
-        table::asof(keys, table::view(p), opt, static_cast<uint64_t *>(pos.values.mutable_data()),
+        table::asof(keys, p.buf, opt, static_cast<uint64_t *>(pos.values.mutable_data()),
                     pos.validity.data());
     }
     return pos.finish();
@@ -225,14 +279,14 @@ py::dict asof_columns(const Object &o, const std::string &keys, const py::object
     const std::vector<uint16_t> fields = sequence_fields(*o.t, columns);
     const std::vector<table::column> cols = columns_of(o, fields);
     const table::asof_options opt = asof_options_of(kc, dir, strict, tolerance);
-    const table::array p = probes_in(kc, probes, "asof_join on " + o.t->name + "." + keys);
-    join_out jo(*o.t, fields, p.length);
-    std::vector<uint64_t> pos(p.length);
-    std::vector<uint8_t> valid((p.length + 7) / 8);
+    const probe_view p = probes_in(kc, probes, "asof_join on " + o.t->name + "." + keys);
+    join_out jo(*o.t, fields, p.length());
+    std::unique_ptr<uint64_t[]> pos(new uint64_t[p.length()]); // the layer writes each
+    std::vector<uint8_t> valid((p.length() + 7) / 8);
     {
         py::gil_scoped_release nogil;
-        table::asof_join(kc, table::view(p), opt, pos.data(), valid.data(), cols.data(),
-                         jo.bufs.data(), cols.size());
+        table::asof_join(kc, p.buf, opt, pos.get(), valid.data(), cols.data(), jo.bufs.data(),
+                         cols.size());
     }
     return jo.finish(columns);
 }
@@ -289,13 +343,13 @@ py::dict asof_join_by(const tx_ptr &tx, const table_ptr &t, const std::vector<ui
     }
     const table::column probe_keys{{}, {}, kt};
     const table::asof_options opt = asof_options_of(probe_keys, dir, strict, tolerance);
-    const table::array p = probes_in(probe_keys, probes, what);
+    const probe_view p = probes_in(probe_keys, probes, what);
     const table::array g = array_in(groups, py::none(), bt, what + ": groups");
-    if (g.length != p.length)
-        throw error(VEL_E_SEQ_LENGTH_MISMATCH, what + ": " + std::to_string(p.length) +
+    if (g.length != p.length())
+        throw error(VEL_E_SEQ_LENGTH_MISMATCH, what + ": " + std::to_string(p.length()) +
                                                    " probes, " + std::to_string(g.length) +
                                                    " groups");
-    std::vector<uint32_t> group_of(p.length, table::kNoGroup);
+    std::vector<uint32_t> group_of(p.length(), table::kNoGroup);
     for (uint64_t i = 0; i < g.length; i++) {
         if (!g.valid(i))
             continue; // a null group matches nothing, as in pandas
@@ -304,12 +358,12 @@ py::dict asof_join_by(const tx_ptr &tx, const table_ptr &t, const std::vector<ui
         if (it != group_of_value.end())
             group_of[i] = it->second;
     }
-    join_out jo(*t, fields, p.length);
-    std::vector<uint64_t> pos(p.length);
-    std::vector<uint8_t> valid((p.length + 7) / 8);
+    join_out jo(*t, fields, p.length());
+    std::vector<uint64_t> pos(p.length());
+    std::vector<uint8_t> valid((p.length() + 7) / 8);
     {
         py::gil_scoped_release nogil;
-        table::asof_join_by(gs, group_of.data(), table::view(p), opt, pos.data(), valid.data(),
+        table::asof_join_by(gs, group_of.data(), p.buf, opt, pos.data(), valid.data(),
                             jo.bufs.data(), jo.bufs.size());
     }
     return jo.finish(columns);

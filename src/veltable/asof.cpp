@@ -868,6 +868,7 @@ void gather_range(const P &p, const column &c, uint64_t n, const buffer &out,
     const size_t w = p.width();
     std::vector<unsigned char> vals((hi - lo + 1) * w);
     std::vector<uint8_t> nulls((hi - lo + 1 + 7) / 8);
+    bool any_null = false;
     tile_cursor<P> cur(p, c, n);
     cur.reach(lo);
     for (;;) {
@@ -876,8 +877,10 @@ void gather_range(const P &p, const column &c, uint64_t n, const buffer &out,
         const size_t to = static_cast<size_t>(std::min<uint64_t>(cur.len(), hi + 1 - base));
         std::memcpy(vals.data() + (base + from - lo) * w, cur.value(from), (to - from) * w);
         for (size_t k = from; k < to; k++)
-            if (cur.null(k))
+            if (cur.null(k)) {
                 nulls[(base + k - lo) / 8] |= static_cast<uint8_t>(1u << ((base + k - lo) % 8));
+                any_null = true;
+            }
         if (base + cur.len() > hi || !cur.next())
             break;
     }
@@ -885,6 +888,13 @@ void gather_range(const P &p, const column &c, uint64_t n, const buffer &out,
     auto *dst = static_cast<unsigned char *>(out.values);
     for (uint64_t i0 = 0; i0 < positions.length; i0 += 8) {
         const uint64_t end = std::min<uint64_t>(positions.length, i0 + 8);
+        if (!any_null && end == i0 + 8 &&
+            (!positions.validity || positions.validity[i0 / 8] == 0xFF)) {
+            for (uint64_t i = i0; i < end; i++) // eight present positions, no null value
+                std::memcpy(dst + i * w, vals.data() + (pos[i] - lo) * w, w);
+            out.validity[i0 / 8] = 0xFF;
+            continue;
+        }
         unsigned bits = 0;
         for (uint64_t i = i0; i < end; i++) {
             if (!valid_at(positions.validity, i))
