@@ -9,6 +9,7 @@
 #include <utility>
 
 #include "velseq/asof.hpp"
+#include "velseq/calendar.hpp"
 #include "velseq/table.hpp"
 
 namespace velseq {
@@ -82,9 +83,9 @@ template <class T, class S> void fill(S &s, const std::vector<table::array> &a, 
 // from the table layer's kernels.
 template <class T> summary<T> aggregate(const sequence<T> &s, position_range r) {
     summary<T> out;
-    detail::fill<T>(out, table::aggregate(detail::column_of(s), r.first, r.last,
-                                          detail::summary_kernels<T>()),
-                    0);
+    detail::fill<T>(
+        out, table::aggregate(detail::column_of(s), r.first, r.last, detail::summary_kernels<T>()),
+        0);
     return out;
 }
 
@@ -111,6 +112,17 @@ template <class V> struct bar {
     std::optional<V> first, max, min, last;
 };
 
+namespace detail {
+template <class V> std::vector<bar<V>> bars_of(const table::buckets &b) {
+    std::vector<bar<V>> out(b.start.length);
+    for (size_t i = 0; i < out.size(); i++) {
+        out[i].start = datetime::from_raw(*detail::answer<vel_datetime>(b.start, i));
+        detail::fill<V>(out[i], b.answers, i);
+    }
+    return out;
+}
+} // namespace detail
+
 // Buckets of `width` aligned on `origin`, over the rows from <= ts < to (all
 // rows without a window), in time order; only buckets holding a row appear.
 // `ts` is an ascending datetime field and `vals` a field of the same length.
@@ -123,15 +135,26 @@ std::vector<bar<V>> resample(const sequence<datetime> &ts, const sequence<V> &va
     std::optional<std::pair<vel_datetime, vel_datetime>> w;
     if (window)
         w = {window->first.raw(), window->second.raw()};
-    const table::buckets b =
-        table::resample(detail::column_of(ts), detail::column_of(vals), width.count(),
-                        origin.raw(), w, detail::summary_kernels<V>());
-    std::vector<bar<V>> out(b.start.length);
-    for (size_t i = 0; i < out.size(); i++) {
-        out[i].start = datetime::from_raw(*detail::answer<vel_datetime>(b.start, i));
-        detail::fill<V>(out[i], b.answers, i);
-    }
-    return out;
+    return detail::bars_of<V>(table::resample(detail::column_of(ts), detail::column_of(vals),
+                                              width.count(), origin.raw(), w,
+                                              detail::summary_kernels<V>()));
+}
+
+// Calendar buckets (velseq/calendar.hpp): days, weeks from a chosen weekday,
+// months, quarters or years, at local midnight of UTC + the calendar's
+// offset; each bar's start is its bucket's.  The mean per calendar year:
+//   for (auto &b : velseq::resample(s[ts], s[temp], velseq::calendar::years()))
+//       b.sum / b.count ...
+template <class V>
+std::vector<bar<V>> resample(const sequence<datetime> &ts, const sequence<V> &vals,
+                             const calendar &cal,
+                             std::optional<std::pair<datetime, datetime>> window = std::nullopt) {
+    detail::require_ascending(ts, "resample");
+    std::optional<std::pair<vel_datetime, vel_datetime>> w;
+    if (window)
+        w = {window->first.raw(), window->second.raw()};
+    return detail::bars_of<V>(table::resample(detail::column_of(ts), detail::column_of(vals), cal,
+                                              w, detail::summary_kernels<V>()));
 }
 
 } // namespace velseq

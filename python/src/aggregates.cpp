@@ -5,6 +5,7 @@
 
 #include "convert.h"
 #include "handles.h"
+#include "velseq/calendar.hpp"
 #include "velseq/datetime.h"
 
 namespace vpy {
@@ -93,10 +94,22 @@ py::dict aggregate_window(const Sequence &s, const Sequence &ts, const py::objec
     return answers_out(names, a);
 }
 
-// Buckets as columns: start, then a column per kernel under its name.
+// Nanoseconds east of UTC: "+01:00", "-0430", "Z", or a duration.
+int64_t offset_ns(const py::object &o) {
+    if (o.is_none())
+        return 0;
+    if (py::isinstance<py::str>(o))
+        return velseq::calendar::parse_offset(o.cast<std::string>());
+    return duration_ns(o, "resample utc_offset");
+}
+
+// Buckets as columns: start, then a column per kernel under its name.  With
+// `cal` (calendar units as the program writes them: "1M", "1W-TUE", ...)
+// the buckets are calendar ones, `width` unused, and `last_day` holds the
+// midnight that begins each bucket's last day.
 py::dict resample(const Sequence &vals, const Sequence &ts, const py::object &width,
                   const py::object &from, const py::object &to, const py::object &origin,
-                  const py::object &aggs) {
+                  const py::object &aggs, const py::object &cal, const py::object &utc_offset) {
     const table::column t = time_column(vals, ts, "resample");
     const table::column v = vals.column();
     const std::vector<std::string> names = kernels_for(aggs, v.type);
@@ -107,14 +120,41 @@ py::dict resample(const Sequence &vals, const Sequence &ts, const py::object &wi
         window.emplace(time_of(from, "resample"), time_of(to, "resample"));
     }
     const vel_datetime o = origin.is_none() ? vel_dt_from_ns(0) : time_of(origin, "resample");
-    const int64_t width_ns = duration_ns(width, "resample width");
+    const int64_t offset = offset_ns(utc_offset);
+    std::optional<velseq::calendar> c;
+    if (!cal.is_none()) {
+        c = velseq::calendar::parse(cal.cast<std::string>());
+        if (!c)
+            throw error(VEL_E_ILLEGAL_PARAM, "resample: '" + cal.cast<std::string>() +
+                                                 "' is no calendar unit (1D, 1W-MON, 1M, 1Q, 1Y)");
+        c->utc_offset_ns = offset;
+        c->origin = o;
+    }
+    const int64_t width_ns = c ? 0 : duration_ns(width, "resample width");
     table::buckets b;
+    table::array last_day;
     {
         py::gil_scoped_release nogil;
-        b = table::resample(t, v, width_ns, o, window, names);
+        b = c ? table::resample(t, v, *c, window, names)
+              : table::resample(t, v, width_ns,
+                                vel_dt_from_ns(vel_dt_to_ns(o) - (origin.is_none() ? offset : 0)),
+                                window, names);
+        if (c) {
+            last_day.type = datetime_type;
+            last_day.length = b.start.length;
+            last_day.values.resize(8 * b.start.length);
+            for (uint64_t i = 0; i < b.start.length; i++) {
+                vel_datetime s;
+                std::memcpy(&s, b.start.values.data() + 8 * i, 8);
+                const vel_datetime l = table::calendar_bucket(*c, s).last_day;
+                std::memcpy(last_day.values.data() + 8 * i, &l, 8);
+            }
+        }
     }
     py::dict d;
     d["start"] = array_out(b.start, py::none(), "resample");
+    if (c)
+        d["last_day"] = array_out(last_day, py::none(), "resample");
     for (size_t j = 0; j < names.size(); j++)
         d[py::str(names[j])] = array_out(b.answers[j], py::none(), "resample");
     return d;
@@ -129,7 +169,8 @@ void bind_aggregates(py::class_<Sequence> &seq) {
              py::arg("aggs") = py::none())
         .def("resample_columns", &resample, py::arg("ts"), py::arg("width"),
              py::arg("start") = py::none(), py::arg("end") = py::none(),
-             py::arg("origin") = py::none(), py::arg("aggs") = py::none());
+             py::arg("origin") = py::none(), py::arg("aggs") = py::none(),
+             py::arg("calendar") = py::none(), py::arg("utc_offset") = py::none());
 }
 
 } // namespace vpy

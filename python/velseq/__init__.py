@@ -34,6 +34,7 @@ the call does not take) and changes nothing.
 
 import functools as _functools
 import os as _os
+import re as _re
 import warnings as _warnings
 
 import numpy as _np
@@ -257,19 +258,60 @@ def _window(self, lo, hi, lo_bound="inclusive", hi_bound="exclusive"):
     return self.read(first, last)
 
 
-def _resample(self, time, field, width, start=None, end=None, origin=None, aggs=None):
-    """`field` in buckets of `width` (a Timedelta, timedelta64 or "1min") of the ascending
-    datetime field `time`, aligned on `origin` (the Unix epoch by default),
-    over start <= time < end (all rows by default): a DataFrame indexed by
-    bucket start with a column per kernel of `aggs` (default: every one that
-    applies), named as the kernel (bars: aggs=["first", "max", "min",
-    "last"]; nulls skipped).  Only buckets holding a row appear."""
+_WEEKDAYS = ["MON", "TUE", "WED", "THU", "FRI", "SAT", "SUN"]
+# pandas' calendar rules: (count, rule, weekday); Tick rules ("D", "5min")
+# are fixed widths and go to Timedelta as before.
+_CALENDAR_RULE = _re.compile(r"^(\d*)(W(?:-(MON|TUE|WED|THU|FRI|SAT|SUN))?|MS|ME|M|QS(?:-JAN)?|"
+                             r"QE(?:-DEC)?|Q(?:-DEC)?|[YA]S(?:-JAN)?|[YA]E?(?:-DEC)?)$")
+
+
+def _calendar_of(width):
+    """(the extension's calendar text, whether labels are the last day) of a
+    pandas calendar rule, or None.  Start rules (MS, QS, YS) label a bucket
+    by its first day, end rules (M/ME, Q/QE, Y/YE/A) by its last day, as
+    pandas does; W-XXX is pandas' week ending on XXX (closed and labelled
+    on the right), so it starts the day after XXX and is labelled XXX."""
+    m = _CALENDAR_RULE.match(width) if isinstance(width, str) else None
+    if m is None:
+        return None
+    n, rule, day = m.group(1) or "1", m.group(2), m.group(3) or "SUN"
+    if rule.startswith("W"):
+        return f"{n}W-{_WEEKDAYS[(_WEEKDAYS.index(day) + 1) % 7]}", True
+    unit = {"M": "M", "Q": "Q", "Y": "Y", "A": "Y"}[rule[0]]
+    return n + unit, not rule[1:].startswith("S")
+
+
+def _resample(self, time, field, width, start=None, end=None, origin=None, aggs=None, *,
+              utc_offset=None):
+    """`field` in buckets of the ascending datetime field `time`, over start
+    <= time < end (all rows by default): a DataFrame indexed by bucket with
+    a column per kernel of `aggs` (default: every one that applies), named
+    as the kernel (bars: aggs=["first", "max", "min", "last"]; nulls
+    skipped).  Only buckets holding a row appear.
+
+    `width` is a fixed width (Timedelta, timedelta64, "1min", "1D"), aligned
+    on `origin` (the Unix epoch by default), or a pandas calendar rule with
+    pandas' buckets and labels: "MS", "QS", "YS" (labelled by their first
+    day), "M"/"ME", "Q"/"QE", "Y"/"YE"/"A" (by their last day), "W-MON" ..
+    "W-SUN" and "W" (weeks ending on that day, labelled by it), with a
+    count ("3MS"); multiples are counted from the bucket holding `origin`
+    (pandas counts them from the first row's: pass origin=that time).
+    `utc_offset` ("+01:00", "-05:00" or a Timedelta) puts the day boundary
+    at local midnight; the index then holds the UTC instants of the local
+    labels."""
     import pandas as pd
 
-    c = self[field].resample_columns(self[time], width, start, end, origin, aggs)
+    cal = _calendar_of(width)
+    if cal is None and isinstance(width, str) and width[:1].isalpha():
+        width = "1" + width  # "D", "h": pandas' rules without a count; Timedelta needs one
+    c = self[field].resample_columns(self[time], width, start, end, origin, aggs,
+                                     calendar=None if cal is None else cal[0],
+                                     utc_offset=utc_offset)
     start = c.pop("start")
+    last_day = c.pop("last_day", None)
+    labels = last_day if cal is not None and cal[1] else start
     return pd.DataFrame({k: _column(v) for k, v in c.items()},
-                        index=pd.DatetimeIndex(start, name=time))
+                        index=pd.DatetimeIndex(labels, name=time))
 
 
 def _asof_join(self, keys, probes, columns, direction="backward", strict=False,

@@ -9,6 +9,7 @@
 #include <tuple>
 
 #include "dispatch.h"
+#include "velseq/calendar.hpp"
 
 namespace velseq::table {
 
@@ -347,13 +348,18 @@ window_positions(const column &ts, uint64_t n,
 
 } // namespace
 
-buckets resample(const column &ts, const column &values, int64_t width_ns, vel_datetime origin,
-                 std::optional<std::pair<vel_datetime, vel_datetime>> window,
-                 const std::vector<std::string> &names) {
+namespace {
+
+// The driver of both resamples: `span(t)` gives the bucket holding time t
+// as {key, start, last}: a key that tells buckets apart, its start and its
+// last instant (inclusive, so that a bucket reaching past the last instant
+// a datetime holds needs no end).
+template <class Span>
+buckets resample_by(const column &ts, const column &values,
+                    std::optional<std::pair<vel_datetime, vel_datetime>> window,
+                    const std::vector<std::string> &names, Span span) {
     if (ts.type.code != VEL_DD_SEQUENCE_DATETIME || ts.field.order != VEL_SEQ_ASC_ORDER)
         throw error(VEL_E_ILLEGAL_TYPE, "resample: the time column must be an ascending datetime");
-    if (width_ns <= 0)
-        throw error(VEL_E_ILLEGAL_PARAM, "resample: bucket width must be positive");
     const uint64_t n = detail::count_of(ts);
     if (detail::count_of(values) != n)
         throw error(VEL_E_SEQ_LENGTH_MISMATCH, "resample: time and value columns differ in length");
@@ -367,17 +373,11 @@ buckets resample(const column &ts, const column &values, int64_t width_ns, vel_d
         detail::scalar<vel_datetime, VEL_DD_SEQUENCE_DATETIME> dt;
         detail::tile_reader tr(dt, ts, first, last);
         detail::tile_reader vr(p, values, first, last);
-        // t - origin as a signed count (exact while they lie < 292 years
-        // apart), floored to a bucket.
-        auto bucket_of = [&](vel_datetime t) {
-            const auto d = static_cast<int64_t>(t - origin);
-            return d / width_ns - (d % width_ns < 0 ? 1 : 0);
-        };
         bool open = false;
-        int64_t cur = 0;
+        uint64_t cur = 0;
+        vel_datetime cur_start = 0;
         auto close = [&] {
-            const vel_datetime start = origin + static_cast<uint64_t>(cur * width_ns);
-            detail::push(out.start, &start);
+            detail::push(out.start, &cur_start);
             set.answer(out.answers);
         };
         while (tr.ready() && vr.ready()) {
@@ -386,14 +386,14 @@ buckets resample(const column &ts, const column &values, int64_t width_ns, vel_d
             const uint64_t pos = vr.it->next_seq_no - vr.it->tile_size + vr.off;
             size_t i = 0;
             while (i < chunk) {
-                const int64_t k = bucket_of(dt.at(t, i));
-                if (open && k != cur)
+                const auto [key, start, end] = span(dt.at(t, i));
+                if (open && key != cur)
                     close();
                 open = true;
-                cur = k;
-                const vel_datetime end = origin + static_cast<uint64_t>((k + 1) * width_ns);
+                cur = key;
+                cur_start = start;
                 size_t j = i + 1;
-                while (j < chunk && dt.at(t, j) < end)
+                while (j < chunk && dt.at(t, j) <= end)
                     j++;
                 set.add(vr.values() + (vr.off + i) * p.width(), vr.it->tile.null_bitmap, vr.off + i,
                         j - i, pos + i);
@@ -406,6 +406,42 @@ buckets resample(const column &ts, const column &values, int64_t width_ns, vel_d
             close();
     });
     return out;
+}
+
+struct span_t {
+    uint64_t key;
+    vel_datetime start, last;
+};
+
+} // namespace
+
+buckets resample(const column &ts, const column &values, int64_t width_ns, vel_datetime origin,
+                 std::optional<std::pair<vel_datetime, vel_datetime>> window,
+                 const std::vector<std::string> &names) {
+    if (width_ns <= 0)
+        throw error(VEL_E_ILLEGAL_PARAM, "resample: bucket width must be positive");
+    const int64_t o = vel_dt_to_ns(origin);
+    // t - origin as a signed count (exact while they lie < 292 years apart),
+    // floored to a bucket; its ends clamped to the instants a datetime holds.
+    return resample_by(ts, values, window, names, [&](vel_datetime t) {
+        const auto d = static_cast<int64_t>(t - origin);
+        const int64_t k = d / width_ns - (d % width_ns < 0 ? 1 : 0);
+        const __int128 start = static_cast<__int128>(k) * width_ns + o;
+        const __int128 last = std::min<__int128>(start + width_ns - 1, INT64_MAX);
+        return span_t{static_cast<uint64_t>(k),
+                      origin + static_cast<uint64_t>(k) * static_cast<uint64_t>(width_ns),
+                      vel_dt_from_ns(static_cast<int64_t>(last))};
+    });
+}
+
+buckets resample(const column &ts, const column &values, const calendar &cal,
+                 std::optional<std::pair<vel_datetime, vel_datetime>> window,
+                 const std::vector<std::string> &names) {
+    calendar_bucket(cal, vel_dt_from_ns(0)); // refuses a bad calendar before a row is read
+    return resample_by(ts, values, window, names, [&](vel_datetime t) {
+        const calendar_span s = calendar_bucket(cal, t);
+        return span_t{s.start, s.start, s.last};
+    });
 }
 
 } // namespace velseq::table

@@ -64,7 +64,10 @@ int64_t parse_duration(const std::string &text, const char *what) {
                 return n * mul;
             }
     throw Fail(kExitUsage, std::string(what) + " '" + text +
-                               "' is not a positive duration such as 500ms, 30s, 15m, 1h, 1d, 1w");
+                               "' is not a positive duration such as 500ms, 30s, 15m, 1h, 1d, 1w" +
+                               (std::string(what) == "bucket width"
+                                    ? " or calendar unit such as 1D, 1W, 1W-SUN, 1M, 3M, 1Q, 1Y"
+                                    : ""));
 }
 
 namespace {

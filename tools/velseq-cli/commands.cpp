@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "velseq/calendar.hpp"
 #include "velseq/image.hpp"
 #include "veltools.h"
 
@@ -239,7 +240,21 @@ int cmd_resample(Reader &r, const Source &src, const Query &q) {
     const int tc = r.need_time("resample");
     if (!(r.col(tc).type == kDatetime))
         throw Fail(kExitUsage, "resample needs a datetime time column");
-    const int64_t every = parse_duration(q.every, "bucket width");
+    // A calendar unit (1D, 1W-MON, 3M, 1Q, 1Y, ...), else a fixed width,
+    // both with their days starting at local midnight of --utc-offset.
+    std::optional<velseq::calendar> cal;
+    int64_t every = 0, offset = 0;
+    try {
+        cal = velseq::calendar::parse(q.every);
+        if (!q.utc_offset.empty())
+            offset = velseq::calendar::parse_offset(q.utc_offset);
+    } catch (const velseq::error &e) {
+        throw Fail(kExitUsage, std::string(e.what()));
+    }
+    if (cal)
+        cal->utc_offset_ns = offset;
+    else
+        every = parse_duration(q.every, "bucket width");
     std::optional<std::pair<vel_datetime, vel_datetime>> win;
     if (!q.window.empty()) {
         r.window(q.window[0], q.window[1]); // checks the bounds, says when it misses
@@ -263,7 +278,9 @@ int cmd_resample(Reader &r, const Source &src, const Query &q) {
     for (int c : cols) {
         for (const std::string &k : ks)
             header.push_back(r.col(c).name + "." + k);
-        bars.push_back(tbl::resample(r.column(tc), r.column(c), every, vel_dt_from_ns(0), win, ks));
+        bars.push_back(cal ? tbl::resample(r.column(tc), r.column(c), *cal, win, ks)
+                           : tbl::resample(r.column(tc), r.column(c), every,
+                                           vel_dt_from_ns(-offset), win, ks));
     }
     // Every column has the same buckets: those holding a row.
     Output out(stdout, src.out, header);

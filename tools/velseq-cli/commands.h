@@ -30,6 +30,7 @@ struct Query {
     uint64_t n = 0;
     std::vector<std::string> cols;
     std::string from, to, every, other, direction = "backward", tolerance;
+    std::string utc_offset;               // resample: days start at local midnight of UTC + this
     std::vector<std::string> window, agg; // --window FROM TO, --agg kernel names
     bool dump = false;
     uint32_t preview = 8;

@@ -85,9 +85,12 @@ CLI::App *add_subcommands(CLI::App &app, Source &src, Query &q, std::vector<std:
     cols(stats, "columns to describe");
     stats->add_option("--agg", q.agg, "aggregates (default count,min,max,mean,first,last)")
         ->delimiter(',');
-    CLI::App *resample =
-        sub("resample", "first, max, min, last, count and mean per time bucket (e.g. 1h, 1d, 1w)",
-            "[FILE] EVERY: CSV file (or --db); bucket width: 500ms, 30s, 15m, 1h, 1d, 1w");
+    CLI::App *resample = sub(
+        "resample", "first, max, min, last, count and mean per time bucket (e.g. 1h, 1d, 1M, 1Y)",
+        "[FILE] EVERY: CSV file (or --db); bucket width: 500ms, 30s, 15m, 1h, 1d, 1w (7 days "
+        "from 1970-01-01), or calendar: 1D, 1W (from Monday), 1W-SUN, 1M (or 1mo), 3M, 1Q, 1Y");
+    resample->add_option("--utc-offset", q.utc_offset,
+                         "days start at local midnight of UTC + this (+01:00, -0500)");
     resample->add_option("--window", q.window, "only the rows with FROM <= time < TO")->expected(2);
     cols(resample, "numeric columns to resample (default: all)");
     resample->add_option("--agg", q.agg, "aggregates (default first,max,min,last,count,mean)")

@@ -1,0 +1,92 @@
+"""Calendar buckets against pandas over 1700..2200 (leap years, dates before
+1970, UTC offsets), and the mean per calendar year of a weekly CSV asked of
+the program, of Python and of pandas."""
+import datetime as dt
+import os
+import subprocess
+
+import numpy as np
+import pandas as pd
+import pytest
+import velseq
+
+AGGS = ["count", "sum", "first", "last", "min", "max"]
+
+
+@pytest.fixture(scope="module")
+def series():
+    rng = np.random.default_rng(5)
+    start = pd.Timestamp("1700-01-01").value
+    steps = rng.integers(1, 45 * 86400 * 10**9, 4500)
+    times = pd.DatetimeIndex(start + np.cumsum(steps))
+    times = times[times < pd.Timestamp("2201-01-01")]
+    values = rng.normal(size=len(times)).round(3)
+    values[rng.random(len(times)) < 0.1] = np.nan
+    s = pd.Series(values, index=times, name="v")
+    db = velseq.Database()
+    return db, db.from_pandas(s.to_frame(), "s"), s
+
+
+@pytest.mark.parametrize("rule", ["MS", "M", "QS", "Q", "YS", "A", "W", "W-MON", "W-THU",
+                                  "3MS", "2A", "2W-SAT"])
+@pytest.mark.parametrize("offset", [None, "-05:00", "+09:30"])
+def test_calendar_rules_match_pandas(series, rule, offset):
+    db, oid, s = series
+    if offset is None:
+        local = s
+    else:
+        hours, minutes = int(offset[:3]), int(offset[0] + offset[4:])
+        zone = dt.timezone(dt.timedelta(hours=hours, minutes=minutes))
+        local = s.tz_localize("UTC").tz_convert(zone)
+    # pandas counts multiples from the first row: its unit begins the first
+    # bucket of a start rule and ends that of an end rule
+    origin = None
+    if rule[0].isdigit():
+        n, unit = int(rule[0]), rule[1]
+        back = {"A": pd.DateOffset(years=n - 1), "W": pd.DateOffset(weeks=n - 1)}.get(unit)
+        origin = s.index[0].floor("D") - back if back is not None else s.index[0]
+    theirs = local.resample(rule).agg(AGGS)
+    theirs = theirs[local.resample(rule).size() > 0]  # velseq lists the buckets holding a row
+    if offset is not None:  # the UTC instants of the local labels
+        theirs.index = theirs.index.tz_convert("UTC").tz_localize(None)
+    with db.read() as tx:
+        ours = tx.open("s", oid).resample("time", "v", rule, origin=origin, aggs=AGGS,
+                                          utc_offset=offset)
+    pd.testing.assert_frame_equal(ours, theirs, check_dtype=False, check_freq=False,
+                                  check_names=False)
+
+
+def test_calendar_rules_refused(series):
+    db, oid, _ = series
+    with db.read() as tx:
+        o = tx.open("s", oid)
+        for bad, kw in [("MS", {"utc_offset": "+25:00"}), ("MS", {"utc_offset": "1h"}),
+                        ("MS", {"utc_offset": pd.Timedelta("1D")}), ("0MS", {})]:
+            with pytest.raises(velseq.BadInput):
+                o.resample("time", "v", bad, **kw)
+
+
+def test_mean_per_calendar_year_of_a_weekly_csv(tmp_path):
+    days = pd.date_range("1961-01-06", "2023-12-29", freq="W-FRI")
+    weekly = pd.DataFrame({"date": days.strftime("%Y%m%d"),
+                           "value": np.round(np.sin(np.arange(len(days))) * 100, 2)})
+    path = tmp_path / "weekly.csv"
+    weekly.to_csv(path, index=False)
+    theirs = pd.read_csv(path, parse_dates=["date"], index_col="date")["value"].resample(
+        "YS").mean()
+
+    db = velseq.Database()
+    oid = db.from_pandas(pd.read_csv(path, parse_dates=["date"], index_col="date"), "weekly")
+    with db.read() as tx:
+        ours = tx.open("weekly", oid).resample("date", "value", "YS", aggs=["mean"])["mean"]
+    pd.testing.assert_series_equal(ours, theirs, check_names=False, check_freq=False,
+                                   check_dtype=False)
+
+    program = os.environ.get("VELSEQ_PROGRAM")
+    if not program:
+        pytest.skip("the velseq program is not built")
+    out = subprocess.run([program, "resample", str(path), "1Y", "--agg", "mean",
+                          "--format", "csv"], capture_output=True, text=True, check=True).stdout
+    rows = [line.split(",") for line in out.splitlines()[1:]]
+    assert [pd.Timestamp(r[0]).tz_localize(None) for r in rows] == list(theirs.index)
+    assert [float(r[1]) for r in rows] == pytest.approx(list(theirs), rel=1e-12)

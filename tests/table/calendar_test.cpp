@@ -1,0 +1,215 @@
+// Calendar buckets and civil times against a model built on the C
+// library's calendar (gmtime_r, timegm): random instants over 1700..2200 and
+// the ends of the datetime range, every unit, weekday, a few counts, UTC
+// offsets (negative ones too) and origins; then resample() through the C++
+// API against the rows grouped by the model.
+#include <gtest/gtest.h>
+
+#include <ctime>
+#include <random>
+
+#include "velseq.hpp"
+#include "velseq/calendar.hpp"
+
+namespace {
+
+using namespace velseq;
+using unit = calendar::unit;
+constexpr int64_t kNs = 1000000000;
+
+int64_t fdiv(int64_t a, int64_t b) { return a / b - (a % b < 0); } // b > 0
+
+struct civil {
+    int64_t day, month; // days since 1970, months since year 0
+    int wday;           // 0: Sunday
+};
+civil civil_of(int64_t sec) {
+    const time_t t = sec;
+    tm x{};
+    gmtime_r(&t, &x);
+    return {fdiv(sec, 86400), (x.tm_year + 1900LL) * 12 + x.tm_mon, x.tm_wday};
+}
+int64_t day_of_month(int64_t month) {
+    tm x{};
+    x.tm_year = static_cast<int>(fdiv(month, 12) - 1900);
+    x.tm_mon = static_cast<int>(month - fdiv(month, 12) * 12);
+    x.tm_mday = 1;
+    return fdiv(timegm(&x), 86400);
+}
+vel_datetime clamp(__int128 ns) {
+    return vel_dt_from_ns(ns < INT64_MIN   ? INT64_MIN
+                          : ns > INT64_MAX ? INT64_MAX
+                                           : static_cast<int64_t>(ns));
+}
+
+// The bucket holding t, as the model computes it: its first and next local day.
+std::pair<int64_t, int64_t> model_days(const calendar &c, vel_datetime t) {
+    const int64_t off = c.utc_offset_ns / kNs;
+    const civil x = civil_of(fdiv(vel_dt_to_ns(t), kNs) + off);
+    const civil o = civil_of(fdiv(vel_dt_to_ns(c.origin), kNs) + off);
+    if (c.of == unit::day || c.of == unit::week) {
+        const int64_t len = (c.of == unit::day ? 1 : 7) * c.count;
+        const int first = (static_cast<int>(c.week_start) + 1) % 7; // Sunday-based
+        auto start = [&](const civil &v) {
+            return c.of == unit::day ? v.day : v.day - (v.wday - first + 7) % 7;
+        };
+        const int64_t from = start(o) + fdiv(start(x) - start(o), len) * len;
+        return {from, from + len};
+    }
+    const int64_t u = c.of == unit::month ? 1 : c.of == unit::quarter ? 3 : 12, len = u * c.count;
+    const int64_t om = fdiv(o.month, u) * u;
+    const int64_t m = om + fdiv(fdiv(x.month, u) * u - om, len) * len;
+    return {day_of_month(m), day_of_month(m + len)};
+}
+
+void expect_bucket(const calendar &c, vel_datetime t) {
+    const auto [from, to] = model_days(c, t);
+    const __int128 off = c.utc_offset_ns, day = 86400 * kNs;
+    const table::calendar_span s = table::calendar_bucket(c, t);
+    EXPECT_EQ(s.start, clamp(from * day - off)) << vel_dt_to_ns(t);
+    EXPECT_EQ(s.last, clamp(to * day - off - 1)) << vel_dt_to_ns(t);
+    EXPECT_EQ(s.last_day, clamp((to - 1) * day - off)) << vel_dt_to_ns(t);
+}
+
+TEST(Calendar, BucketsAgainstTheCLibrary) {
+    std::mt19937_64 rng(7);
+    const int64_t lo = -8520336000 * kNs, hi = 7289654400 * kNs; // 1700-01-01, 2201-01-01
+    std::uniform_int_distribution<int64_t> any(lo, hi);
+    const int64_t offsets[] = {0, 19800, -28800, -86340, 86340, -3600};
+    const std::string leaps[] = {"1700-02-28T23:00", "1800-03-01T00:30", "1900-02-28T12:00",
+                                 "2000-02-29T23:59", "2100-03-01T00:00", "1969-12-31T23:59:59"};
+    for (int round = 0; round < 400; round++) {
+        calendar c;
+        c.of = static_cast<unit>(round % 5);
+        c.count = 1 + round / 5 % 4;
+        c.week_start = static_cast<weekday>(rng() % 7);
+        c.utc_offset_ns = offsets[rng() % 6] * kNs;
+        c.origin = round % 3 ? VEL_DT_SIGN : vel_dt_from_ns(any(rng));
+        for (int i = 0; i < 60; i++) {
+            const vel_datetime t = vel_dt_from_ns(any(rng));
+            expect_bucket(c, t);
+            const vel_datetime start = table::calendar_bucket(c, t).start;
+            expect_bucket(c, start);     // the first instant of a bucket
+            expect_bucket(c, start - 1); // the last of the one before
+        }
+        for (const std::string &l : leaps)
+            expect_bucket(c, datetime::parse(l).raw());
+        expect_bucket(c, 0);            // 1677-09-21T00:12:43.145224192Z
+        expect_bucket(c, ~uint64_t(0)); // 2262-04-11T23:47:16.854775807Z
+        if (HasFailure())
+            FAIL() << "unit " << int(c.of) << " count " << c.count << " weekday "
+                   << int(c.week_start) << " offset " << c.utc_offset_ns / kNs;
+    }
+}
+
+TEST(Calendar, ResampleGroupsAsTheModel) {
+    database db;
+    schema s("series");
+    auto ts = s.seq<datetime>("ts", order::ascending);
+    auto v = s.seq<int64_t>("v");
+    db.define(s);
+    connection con(db);
+    transaction tx(con, transaction::write);
+    object o = tx.create(s);
+    std::mt19937_64 rng(11);
+    std::vector<datetime> times;
+    std::vector<std::optional<int64_t>> vals;
+    for (int64_t ns = -8520336000 * kNs; ns < 7289654400 * kNs;
+         ns += static_cast<int64_t>(rng() % (40 * 86400)) * kNs + 1)
+        times.push_back(datetime::from_ns(ns)),
+            vals.push_back(rng() % 5 ? std::optional<int64_t>(int64_t(rng() % 1000) - 500)
+                                     : std::nullopt);
+    o[ts].append(times);
+    o[v].append(vals);
+    for (calendar c : {calendar::years(), calendar::quarters(), calendar::months(2),
+                       calendar::weeks(1, weekday::sunday), calendar::days(10)}) {
+        c.utc_offset_ns = -5 * 3600 * kNs;
+        std::vector<bar<int64_t>> want;
+        for (size_t i = 0; i < times.size(); i++) {
+            const vel_datetime start = clamp(model_days(c, times[i].raw()).first * 86400 * kNs -
+                                             __int128(c.utc_offset_ns));
+            if (want.empty() || want.back().start.raw() != start)
+                want.emplace_back().start = datetime::from_raw(start);
+            bar<int64_t> &b = want.back();
+            b.rows++;
+            if (!vals[i])
+                continue;
+            b.count++, b.sum += *vals[i], b.last = vals[i];
+            b.first = b.first ? b.first : vals[i];
+        }
+        const std::vector<bar<int64_t>> got = resample(o[ts], o[v], c);
+        ASSERT_EQ(got.size(), want.size());
+        for (size_t i = 0; i < got.size(); i++) {
+            EXPECT_EQ(got[i].start.raw(), want[i].start.raw()) << i;
+            EXPECT_EQ(
+                std::tie(got[i].rows, got[i].count, got[i].sum, got[i].first, got[i].last),
+                std::tie(want[i].rows, want[i].count, want[i].sum, want[i].first, want[i].last))
+                << i;
+        }
+    }
+}
+
+TEST(Calendar, ParsesUnitsAndRefusesBadOnes) {
+    struct {
+        const char *text;
+        std::optional<unit> of;
+        int64_t count;
+        weekday start;
+    } cases[] = {
+        {"1M", unit::month, 1, weekday::monday},       {"3M", unit::month, 3, weekday::monday},
+        {"12mo", unit::month, 12, weekday::monday},    {"Q", unit::quarter, 1, weekday::monday},
+        {"1q", unit::quarter, 1, weekday::monday},     {"1Y", unit::year, 1, weekday::monday},
+        {"2y", unit::year, 2, weekday::monday},        {"1D", unit::day, 1, weekday::monday},
+        {"1W", unit::week, 1, weekday::monday},        {"1W-sun", unit::week, 1, weekday::sunday},
+        {"2W-WED", unit::week, 2, weekday::wednesday}, {"1d", std::nullopt, 0, weekday::monday},
+        {"15m", std::nullopt, 0, weekday::monday},     {"1w", std::nullopt, 0, weekday::monday},
+        {"1Mo", std::nullopt, 0, weekday::monday}};
+    for (const auto &c : cases) {
+        const std::optional<calendar> got = calendar::parse(c.text);
+        ASSERT_EQ(got.has_value(), c.of.has_value()) << c.text;
+        if (got) {
+            EXPECT_EQ(std::tie(got->of, got->count, got->week_start),
+                      std::tie(*c.of, c.count, c.start))
+                << c.text;
+        }
+    }
+    for (const char *bad : {"0M", "-1Y", "1000001M", "99999999999999999999Y", "1W-FOO", "1W-"})
+        EXPECT_THROW(calendar::parse(bad), error) << bad;
+    EXPECT_EQ(calendar::parse_offset("-04:30"), -(4 * 3600 + 1800) * kNs);
+    EXPECT_EQ(calendar::parse_offset("+0100"), 3600 * kNs);
+    for (const char *bad : {"", "+1", "0100", "+01:00x", "+24:00"})
+        EXPECT_THROW(calendar::parse_offset(bad), error) << bad;
+    calendar c = calendar::months();
+    c.utc_offset_ns = 86400 * kNs;
+    EXPECT_THROW(table::calendar_bucket(c, 0), error);
+    EXPECT_THROW(table::calendar_bucket(calendar::years(0), 0), error);
+}
+
+TEST(Calendar, CivilTimesAgainstTheCLibrary) {
+    std::mt19937_64 rng(3);
+    for (int i = 0; i < 20000; i++) {
+        const int64_t y = 1678 + int64_t(rng() % 584), m = 1 + int64_t(rng() % 12),
+                      d = 1 + int64_t(rng() % 31);
+        tm x{};
+        x.tm_year = static_cast<int>(y - 1900), x.tm_mon = static_cast<int>(m - 1);
+        x.tm_mday = static_cast<int>(d);
+        const int64_t sec = timegm(&x);
+        if (x.tm_mday != d) { // normalised into the next month: no such day
+            EXPECT_THROW(table::civil_time(y, m, d), error) << y << "-" << m << "-" << d;
+            continue;
+        }
+        if (y == 2262 && (m > 4 || (m == 4 && d > 11)))
+            continue;
+        EXPECT_EQ(table::civil_time(y, m, d, -3600 * kNs), vel_dt_from_ns((sec + 3600) * kNs))
+            << y << "-" << m << "-" << d;
+    }
+    EXPECT_THROW(table::civil_time(1677, 9, 21), error);
+    EXPECT_EQ(table::civil_time(1677, 9, 22), datetime::parse("1677-09-22").raw());
+    EXPECT_EQ(table::civil_time(2262, 4, 11), datetime::parse("2262-04-11").raw());
+    EXPECT_THROW(table::civil_time(2262, 4, 12), error);
+    EXPECT_THROW(table::civil_time(1900, 2, 29), error);
+    EXPECT_THROW(table::civil_time(2024, 13, 1), error);
+    EXPECT_THROW(table::civil_time(INT64_MAX, 1, 1), error);
+}
+
+} // namespace
