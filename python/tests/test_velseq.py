@@ -274,6 +274,10 @@ def test_bad_inputs_raise_and_change_nothing():
         ("VEL_E_SEQ_NULL_VALUE", lambda: o["ts"].append(np.array(["NaT"], "datetime64[ns]"))),
         ("VEL_E_SEQ_NULL_VALUE", lambda: o["px"].append(np.array([20.0]), np.array([True]))),
         ("VEL_E_ILLEGAL_PARAM", lambda: o["ts"].append(np.array(["2300-01-01"], "datetime64[s]"))),
+        ("VEL_E_ILLEGAL_PARAM", lambda: o["ts"].append(np.array([1], "datetime64[100000W]"))),
+        ("VEL_E_ILLEGAL_PARAM", lambda: o["ts"].search(np.datetime64(2**62, "us"), None)),
+        ("VEL_E_ILLEGAL_PARAM", lambda: o["ts"].asof([T0], tolerance=np.timedelta64(2**62, "us"))),
+        ("VEL_E_ILLEGAL_PARAM", lambda: o["ts"].asof([T0], tolerance="300000 days")),
         ("VEL_E_ILLEGAL_PARAM", lambda: o["v"].read(5, 11)),
         ("VEL_E_ILLEGAL_TYPE", lambda: o["v"].read("0", 3)),  # a WrongType, also a TypeError
         ("VEL_E_ILLEGAL_TYPE", lambda: tx.open("q", "1")),
@@ -293,6 +297,9 @@ def test_bad_inputs_raise_and_change_nothing():
         ("VEL_E_HOST_BUSY", db.write),  # would wait for this thread's own writer
         ("VEL_E_HOST_BUSY", lambda: pool.submit(o["v"].append, i32[:3]).result()),  # not its tx
     ]
+    for huge in (np.inf, 1e30):  # beyond any distance: no limit
+        np.testing.assert_array_equal(o["px"].asof([-1.0, 50.0], tolerance=huge).filled(-1),
+                                      [-1, 9])
     fields = ("ts", "px", "v", "c")
     before = [o[f].read() for f in fields]
     for code, call in cases:
