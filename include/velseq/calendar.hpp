@@ -19,6 +19,7 @@
 #include <utility>
 
 #include "velseq/datetime.h"
+#include "velseq/error.hpp"
 #include "velseq/table.hpp"
 
 namespace velseq {
@@ -52,6 +53,14 @@ struct calendar {
 };
 
 namespace table {
+
+// The sentence of a calendar refusal, without the code's name and meaning
+// that error::what() puts first (for callers that name the row).
+inline std::string refusal_of(const error &e) {
+    const std::string w = e.what(), head = std::string(code_message(e.code())) + ": ";
+    const size_t at = w.find(head);
+    return at == std::string::npos ? w : w.substr(at + head.size());
+}
 
 // One bucket: its first instant (clamped to the first instant a datetime
 // holds, for a bucket that begins before it), its last instant (clamped to

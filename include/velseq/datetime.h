@@ -18,9 +18,13 @@
  * before 1970 included, and every 64-bit value is a valid instant.
  *
  * Text form (ISO-8601), parsed by vel_dt_parse:
- *   YYYY-MM-DD                                    midnight UTC
+ *   YYYY-MM-DD, YYYYMMDD                          midnight UTC
+ *   YYYY-MM, YYYY                                 midnight UTC of its first day
  *   YYYY-MM-DD(T|t| )hh:mm[:ss[.f..f]][zone]      1 to 9 fraction digits
+ *   YYYYMMDD(T|t| )hhmmss[.f..f][zone]
  *   zone: Z, z, +hh:mm, -hh:mm, +hhmm, +hh         none: UTC
+ * Instants span 1677-09-21T00:12:43.145224192Z .. 2262-04-11T23:47:16.854775807Z,
+ * so 1677 and 1677-09 (whose first midnight lies before) are VEL_DT_RANGE.
  * vel_dt_format writes YYYY-MM-DDThh:mm:ss[.fff|.ffffff|.fffffffff]Z with
  * the fewest fraction digits that keep the value exact.
  *
@@ -139,16 +143,29 @@ static inline int64_t vel_dt_digits_(const char *s, size_t len, size_t *i, int c
     return x;
 }
 
-/* YYYY-MM-DD at s[*i], a real calendar day; 0 or VEL_DT_SYNTAX. */
+/* A date at s[*i], a real calendar day: YYYY-MM-DD, YYYYMMDD (*form 1), or
+   YYYY-MM or YYYY ending the text (*form 2: its first day); 0 or
+   VEL_DT_SYNTAX. */
 static inline int vel_dt_date_(const char *s, size_t len, size_t *i, int64_t *y, int64_t *mo,
-                               int64_t *d) {
+                               int64_t *d, int *form) {
     static const unsigned char mdays[12] = {31, 29, 31, 30, 31, 30, 31, 31, 30, 31, 30, 31};
     *y = vel_dt_digits_(s, len, i, 4);
-    if (*y < 0 || *i >= len || s[(*i)++] != '-')
+    *mo = *d = 1;
+    *form = 2;
+    if (*y < 0)
         return VEL_DT_SYNTAX;
+    if (*i == len)
+        return VEL_DT_OK;
+    const int extended = s[*i] == '-';
+    *i += (size_t)extended;
     *mo = vel_dt_digits_(s, len, i, 2);
-    if (*mo < 1 || *mo > 12 || *i >= len || s[(*i)++] != '-')
+    if (*mo < 1 || *mo > 12)
         return VEL_DT_SYNTAX;
+    if (extended && *i == len)
+        return VEL_DT_OK;
+    if (extended && s[(*i)++] != '-')
+        return VEL_DT_SYNTAX;
+    *form = !extended;
     *d = vel_dt_digits_(s, len, i, 2);
     const int leap = (*y % 4 == 0 && *y % 100 != 0) || *y % 400 == 0;
     if (*d < 1 || *d > mdays[*mo - 1] || (*mo == 2 && *d == 29 && !leap))
@@ -156,19 +173,20 @@ static inline int vel_dt_date_(const char *s, size_t len, size_t *i, int64_t *y,
     return VEL_DT_OK;
 }
 
-/* HH:MM[:SS[.fraction]] at s[*i] (the fraction up to 9 digits, as
-   nanoseconds); 0 or VEL_DT_SYNTAX. */
-static inline int vel_dt_clock_(const char *s, size_t len, size_t *i, int64_t *sec, int64_t *frac) {
+/* HH:MM[:SS[.fraction]] at s[*i], or with `compact` HHMMSS[.fraction] (the
+   fraction up to 9 digits, as nanoseconds); 0 or VEL_DT_SYNTAX. */
+static inline int vel_dt_clock_(const char *s, size_t len, size_t *i, int compact, int64_t *sec,
+                                int64_t *frac) {
     const int64_t hh = vel_dt_digits_(s, len, i, 2);
-    if (hh < 0 || hh > 23 || *i >= len || s[(*i)++] != ':')
+    if (hh < 0 || hh > 23 || (!compact && (*i >= len || s[(*i)++] != ':')))
         return VEL_DT_SYNTAX;
     const int64_t mm = vel_dt_digits_(s, len, i, 2);
     if (mm < 0 || mm > 59)
         return VEL_DT_SYNTAX;
     int64_t ss = 0;
     *frac = 0;
-    if (*i < len && s[*i] == ':') {
-        (*i)++;
+    if (compact || (*i < len && s[*i] == ':')) {
+        *i += (size_t)!compact;
         ss = vel_dt_digits_(s, len, i, 2);
         if (ss < 0 || ss > 59)
             return VEL_DT_SYNTAX;
@@ -242,13 +260,14 @@ static inline int vel_dt_parse(const char *s, size_t len, vel_datetime *out) {
         return VEL_DT_SYNTAX;
     size_t i = 0;
     int64_t y, mo, d, clock = 0, frac = 0, offset = 0, ns;
-    if (vel_dt_date_(s, len, &i, &y, &mo, &d) != VEL_DT_OK)
+    int form;
+    if (vel_dt_date_(s, len, &i, &y, &mo, &d, &form) != VEL_DT_OK)
         return VEL_DT_SYNTAX;
     if (i < len) {
         if (s[i] != 'T' && s[i] != 't' && s[i] != ' ')
             return VEL_DT_SYNTAX;
         i++;
-        if (vel_dt_clock_(s, len, &i, &clock, &frac) != VEL_DT_OK ||
+        if (vel_dt_clock_(s, len, &i, form == 1, &clock, &frac) != VEL_DT_OK ||
             vel_dt_offset_(s, len, &i, &offset) != VEL_DT_OK)
             return VEL_DT_SYNTAX;
     }

@@ -160,6 +160,31 @@ py::dict resample(const Sequence &vals, const Sequence &ts, const py::object &wi
     return d;
 }
 
+// The instants that begin the local days years[i]-months[i]-days[i] (UTC +
+// utc_offset), as datetime64[ns] counts; the first bad day is refused.
+py::array_t<int64_t>
+civil_times(const py::array_t<int64_t, py::array::c_style | py::array::forcecast> &y,
+            const py::array_t<int64_t, py::array::c_style | py::array::forcecast> &m,
+            const py::array_t<int64_t, py::array::c_style | py::array::forcecast> &d,
+            const py::object &utc_offset) {
+    const py::ssize_t n = y.size();
+    if (m.size() != n || d.size() != n)
+        throw error(VEL_E_SEQ_LENGTH_MISMATCH, "time_from_parts: the parts differ in length");
+    const int64_t offset = offset_ns(utc_offset);
+    py::array_t<int64_t> out(n);
+    const int64_t *yp = y.data(), *mp = m.data(), *dp = d.data();
+    int64_t *o = out.mutable_data();
+    for (py::ssize_t i = 0; i < n; i++) {
+        try {
+            o[i] = vel_dt_to_ns(table::civil_time(yp[i], mp[i], dp[i], offset));
+        } catch (const error &e) {
+            throw error(e.code(),
+                        "time_from_parts: row " + std::to_string(i) + ": " + table::refusal_of(e));
+        }
+    }
+    return out;
+}
+
 } // namespace
 
 void bind_aggregates(py::class_<Sequence> &seq) {
@@ -170,7 +195,9 @@ void bind_aggregates(py::class_<Sequence> &seq) {
         .def("resample_columns", &resample, py::arg("ts"), py::arg("width"),
              py::arg("start") = py::none(), py::arg("end") = py::none(),
              py::arg("origin") = py::none(), py::arg("aggs") = py::none(),
-             py::arg("calendar") = py::none(), py::arg("utc_offset") = py::none());
+             py::arg("calendar") = py::none(), py::arg("utc_offset") = py::none())
+        .def_static("_civil_times", &civil_times, py::arg("years"), py::arg("months"),
+                    py::arg("days"), py::arg("utc_offset") = py::none());
 }
 
 } // namespace vpy

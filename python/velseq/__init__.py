@@ -44,7 +44,7 @@ from ._velseq import (BadInput, Error, Object, Sequence, Transaction, WrongType,
                       _wrong_type, kernels)
 
 __all__ = ["BadInput", "Database", "Error", "LogWarning", "Object", "Sequence", "Transaction",
-           "WrongType", "kernels", "seq", "value"]
+           "WrongType", "kernels", "seq", "time_from_parts", "value"]
 
 
 class LogWarning(UserWarning):
@@ -312,6 +312,54 @@ def _resample(self, time, field, width, start=None, end=None, origin=None, aggs=
     labels = last_day if cal is not None and cal[1] else start
     return pd.DataFrame({k: _column(v) for k, v in c.items()},
                         index=pd.DatetimeIndex(labels, name=time))
+
+
+def time_from_parts(year, quarter=None, month=None, day=None, *, utc_offset=None):
+    """Points in time from calendar parts, as datetime64[ns]: the first day of
+    each year, of each quarter of a year (quarter 1..4, or text "Q1".."Q4"),
+    of each month of a year, or each day (year, month and day), at midnight
+    UTC (or local midnight of `utc_offset`: "+01:00", "-05:00", a Timedelta).
+    The parts are array-likes of one length (pandas columns, lists) or
+    numbers; a day that is no calendar day, or lies outside 1677-09-22 ..
+    2262-04-11, raises BadInput naming its row.  The calendar is the one
+    every velseq front end uses (the program's --time year,quarter).
+
+        df.index = velseq.time_from_parts(df["year"], quarter=df["quarter"])
+    """
+    import pandas as pd
+
+    if quarter is not None and (month is not None or day is not None):
+        _refuse("VEL_E_ILLEGAL_PARAM", "time_from_parts: give a quarter or a month (and day)")
+    if day is not None and month is None:
+        _refuse("VEL_E_ILLEGAL_PARAM", "time_from_parts: a day needs its month")
+
+    def ints(x, what):
+        a = _np.asarray(x.to_numpy() if isinstance(x, (pd.Series, pd.Index)) else x)
+        if a.dtype.kind in "OUS" and what == "quarter":  # "Q1" .. "Q4"
+            a = _np.array([str(q.decode() if isinstance(q, bytes) else q).strip().lstrip("Qq")
+                           for q in a.ravel()], dtype=object).reshape(a.shape)
+        try:
+            i = a.astype(_np.int64)
+        except (TypeError, ValueError) as e:
+            _refuse("VEL_E_ILLEGAL_PARAM", f"time_from_parts: a {what} is not an integer ({e})")
+        if a.dtype.kind == "f" and not _np.array_equal(i, a):
+            _refuse("VEL_E_ILLEGAL_PARAM", f"time_from_parts: a {what} is not an integer")
+        return _np.atleast_1d(i)
+
+    y = ints(year, "year")
+    one = _np.ones_like(y)
+    if quarter is not None:
+        q = ints(quarter, "quarter")
+        if ((q < 1) | (q > 4)).any():
+            _refuse("VEL_E_ILLEGAL_PARAM", "time_from_parts: a quarter lies in 1..4")
+        m, d = 3 * q - 2, one
+    else:
+        m = one if month is None else ints(month, "month")
+        d = one if day is None else ints(day, "day")
+    y, m, d = _np.broadcast_arrays(y, m, d)
+    ns = Sequence._civil_times(_np.ascontiguousarray(y), _np.ascontiguousarray(m),
+                               _np.ascontiguousarray(d), utc_offset)
+    return ns.view("datetime64[ns]")
 
 
 def _asof_join(self, keys, probes, columns, direction="backward", strict=False,

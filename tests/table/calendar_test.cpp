@@ -213,3 +213,38 @@ TEST(Calendar, CivilTimesAgainstTheCLibrary) {
 }
 
 } // namespace
+
+// The forms of the one calendar parser against the C library's calendar.
+TEST(Calendar, ParserFormsAgainstTheCLibrary) {
+    std::mt19937_64 rng(5);
+    auto parse = [](const std::string &s) {
+        vel_datetime v = 42;
+        return vel_dt_parse(s.data(), s.size(), &v) == VEL_DT_OK ? std::optional(v) : std::nullopt;
+    };
+    for (int i = 0; i < 20000; i++) {
+        const int64_t sec = -9214646400 + int64_t(rng() % 18437932800); // 1678 .. 2262-04-11
+        const time_t t = sec;
+        tm x{};
+        gmtime_r(&t, &x);
+        char b[64];
+        const vel_datetime want = vel_dt_from_ns(sec * kNs);
+        std::snprintf(b, sizeof b, "%04d%02d%02dT%02d%02d%02d", x.tm_year + 1900, x.tm_mon + 1,
+                      x.tm_mday, x.tm_hour, x.tm_min, x.tm_sec);
+        ASSERT_EQ(parse(b), want) << b;
+        const int64_t midnight = fdiv(sec, 86400) * 86400;
+        b[8] = '\0';
+        ASSERT_EQ(parse(b), vel_dt_from_ns(midnight * kNs)) << b;
+        const int64_t first_of_month = midnight - (x.tm_mday - 1) * 86400;
+        std::snprintf(b, sizeof b, "%04d-%02d", x.tm_year + 1900, x.tm_mon + 1);
+        ASSERT_EQ(parse(b), vel_dt_from_ns(first_of_month * kNs)) << b;
+        std::snprintf(b, sizeof b, "%04d", x.tm_year + 1900);
+        ASSERT_EQ(parse(b), vel_dt_from_ns((midnight - x.tm_yday * 86400LL) * kNs)) << b;
+    }
+    for (const char *bad : {"197001", "1970-1", "19700230", "19000229", "1970-13", "19701301",
+                            "20240304T0930", "20240304T09:30:00", "2024-03-04T093000", "1677",
+                            "1677-09", "2263", "16770921", "2024-", "2024-03-", "2024 ", "+2024"})
+        EXPECT_EQ(parse(bad), std::nullopt) << bad;
+    EXPECT_EQ(parse("1678"), datetime::parse("1678-01-01").raw());
+    EXPECT_EQ(parse("2262-04"), datetime::parse("2262-04-01").raw());
+    EXPECT_EQ(parse("20000229 235959.5+01:00"), datetime::parse("2000-02-29T22:59:59.5Z").raw());
+}

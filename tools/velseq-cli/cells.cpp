@@ -20,25 +20,6 @@ std::string_view trim(std::string_view s) {
 
 bool parse_datetime(std::string_view s, vel_datetime &out) {
     s = trim(s);
-    auto digits = [&](size_t at, size_t n) {
-        for (size_t i = at; i < at + n; i++)
-            if (s[i] < '0' || s[i] > '9')
-                return false;
-        return true;
-    };
-    if (s.size() >= 8 && s.size() <= 15 && digits(0, 8)) {
-        // YYYYMMDD[[T| ]hhmmss] -> YYYY-MM-DD[Thh:mm:ss]
-        const size_t at = s.size() > 8 && (s[8] == 'T' || s[8] == ' ') ? 9 : 8;
-        if (s.size() != 8 && (s.size() != at + 6 || !digits(at, 6)))
-            return false;
-        char iso[32];
-        int n =
-            std::snprintf(iso, sizeof iso, "%.4s-%.2s-%.2s", s.data(), s.data() + 4, s.data() + 6);
-        if (s.size() > 8)
-            n += std::snprintf(iso + n, sizeof iso - size_t(n), "T%.2s:%.2s:%.2s", s.data() + at,
-                               s.data() + at + 2, s.data() + at + 4);
-        return vel_dt_parse(iso, size_t(n), &out) == VEL_DT_OK;
-    }
     return vel_dt_parse(s.data(), s.size(), &out) == VEL_DT_OK;
 }
 

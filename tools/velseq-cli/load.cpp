@@ -2,6 +2,7 @@
 // through the table layer, whose append checks the time column's order.
 #include <algorithm>
 #include <cerrno>
+#include <charconv>
 #include <chrono>
 #include <cstdio>
 #include <cstring>
@@ -11,6 +12,7 @@
 #include <unistd.h>
 
 #include "table.h"
+#include "velseq/calendar.hpp"
 
 namespace vcli {
 
@@ -178,12 +180,21 @@ bool split(std::string_view rec, std::vector<std::string_view> &cells, std::vect
     return true;
 }
 
-bool looks_like_time_name(const std::string &name) {
-    std::string l = name;
+std::string lower(std::string l) {
     for (char &c : l)
         c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    return l;
+}
+
+bool looks_like_time_name(const std::string &name) {
+    const std::string l = lower(name);
     return l.find("date") != std::string::npos || l.find("time") != std::string::npos ||
            l == "ts" || l == "day";
+}
+
+bool looks_like_year_name(const std::string &name) {
+    const std::string l = lower(name);
+    return l.find("year") != std::string::npos || l == "yr";
 }
 
 // The element type of a CSV kind (--type NAME=KIND).
@@ -363,6 +374,7 @@ class Loader {
         const std::vector<std::string> names = header(rd);
         const Sample sample = read_sample(rd);
         infer_types(names, sample);
+        ncsv_ = names.size();
         decide_types();
         define();
         Progress bar(o_.progress, t_.source, total);
@@ -419,11 +431,12 @@ class Loader {
     }
 
     // Per column, the first type that every non-empty sampled cell parses
-    // as: a YYYYMMDD column named like a time, int, double, datetime, else
-    // text; all empty: double.
+    // as: a YYYYMMDD column named like a time or a YYYY column named like a
+    // year, int, double, datetime, else text; all empty: double.
     void infer_types(const std::vector<std::string> &names, const Sample &sample) {
         const size_t n = names.size();
-        std::vector<char> can_int(n, 1), can_double(n, 1), can_time(n, 1), compact(n, 1), any(n, 0);
+        std::vector<char> can_int(n, 1), can_double(n, 1), can_time(n, 1), compact(n, 1),
+            years(n, 1), any(n, 0);
         for (auto &[ln, text] : sample) {
             if (!split(text, cells_, quoted_, scratch_) || cells_.size() != n)
                 continue; // reported when the row is loaded
@@ -438,12 +451,14 @@ class Loader {
                 can_double[c] &= parse_value(kDouble, s, v) != Parsed::Bad;
                 can_time[c] &= parse_datetime(s, t);
                 compact[c] &= s.size() == 8 && parse_datetime(s, t);
+                years[c] &= s.size() == 4 && parse_datetime(s, t);
             }
         }
         t_.cols.resize(n);
         for (size_t c = 0; c < n; c++) {
             const char *kind = !any[c]                                        ? "double"
                                : compact[c] && looks_like_time_name(names[c]) ? "datetime"
+                               : years[c] && looks_like_year_name(names[c])   ? "datetime"
                                : can_int[c]                                   ? "int"
                                : can_double[c]                                ? "double"
                                : can_time[c]                                  ? "datetime"
@@ -464,7 +479,9 @@ class Loader {
                                            ": the types are int, double, datetime and text");
             t_.cols[size_t(t_.need(name))].type = *t;
         }
-        if (!o_.time.empty())
+        if (o_.time.find_first_of(",=") != std::string::npos)
+            time_from_parts();
+        else if (!o_.time.empty())
             t_.time = t_.need(o_.time);
         else if (o_.epoch != Epoch::None)
             t_.time = 0; // epoch counts in the first column
@@ -480,6 +497,86 @@ class Loader {
                                        tbl::type_name(time.type) +
                                        " values; it must hold datetimes or integers");
         time.order = VEL_SEQ_ASC_ORDER;
+    }
+
+    // --time YEAR[,QUARTER|MONTH[,DAY]] (each part NAME or KIND=NAME; a
+    // part without KIND is told by its name, the first is the year): a
+    // datetime column "time" after the file's, the first day of each row's
+    // year, quarter, month or its day at midnight UTC.  The parts are read
+    // as integers (a quarter may be written Q1..Q4).
+    void time_from_parts() {
+        static const char *const kinds[] = {"year", "quarter", "month", "day"};
+        const std::string usage = "--time " + o_.time +
+                                  ": give YEAR, YEAR,QUARTER, YEAR,MONTH or YEAR,MONTH,DAY "
+                                  "columns (NAME or KIND=NAME, KIND year, quarter, month, day)";
+        std::string want;
+        for (size_t at = 0; at <= o_.time.size();) {
+            size_t end = o_.time.find(',', at);
+            end = end == std::string::npos ? o_.time.size() : end;
+            const std::string item = o_.time.substr(at, end - at);
+            at = end + 1;
+            const size_t eq = item.find('=');
+            std::string kind = eq == std::string::npos ? "" : item.substr(0, eq);
+            const std::string name = eq == std::string::npos ? item : item.substr(eq + 1);
+            const std::string l = lower(name);
+            if (kind.empty())
+                kind = parts_.empty() ? "year"
+                       : l.find("quarter") != std::string::npos || l == "q" || l == "qtr"
+                           ? "quarter"
+                       : l.find("month") != std::string::npos || l == "m" ? "month"
+                       : l.find("day") != std::string::npos || l == "d"   ? "day"
+                                                                          : "";
+            int k = 0;
+            while (k < 4 && kind != kinds[k])
+                k++;
+            if (k == 4)
+                throw Fail(kExitUsage, usage + " (cannot tell what '" + name + "' holds)");
+            parts_.push_back({kinds[k][0], t_.need(name)});
+            Column &c = t_.cols[size_t(parts_.back().second)];
+            if (c.type == kDatetime) // a YYYY column inferred as a year's time
+                c.type = kInt8;
+        }
+        for (auto [k, c] : parts_)
+            want.push_back(k);
+        if (want != "y" && want != "yq" && want != "ym" && want != "ymd")
+            throw Fail(kExitUsage, usage);
+        if (t_.find("time") >= 0)
+            throw Fail(kExitUsage, "--time " + o_.time +
+                                       ": the column it makes is named time, which the file has");
+        Column time;
+        time.name = "time";
+        time.type = kDatetime;
+        t_.cols.push_back(time);
+        t_.time = static_cast<int>(t_.cols.size()) - 1;
+    }
+
+    // The time of the row's parts into row_; on a bad part, the reason.
+    std::optional<std::string> compose_time() {
+        int64_t ymd[3] = {0, 1, 1};
+        for (auto [kind, c] : parts_) {
+            const std::string_view cell = trim(cells_[size_t(c)]);
+            std::string_view s = cell;
+            const std::string &name = t_.cols[size_t(c)].name;
+            if (kind == 'q' && !s.empty() && (s[0] == 'Q' || s[0] == 'q'))
+                s.remove_prefix(1);
+            int64_t v = 0;
+            const auto r = std::from_chars(s.data(), s.data() + s.size(), v);
+            if (s.empty() || r.ec != std::errc() || r.ptr != s.data() + s.size() ||
+                (kind == 'q' && (v < 1 || v > 4)))
+                return "column " + name + ": '" + std::string(cell.substr(0, 40)) + "' is not " +
+                       (kind == 'y'   ? "a year"
+                        : kind == 'q' ? "a quarter (1..4 or Q1..Q4)"
+                        : kind == 'm' ? "a month (1..12)"
+                                      : "a day of the month");
+            ymd[kind == 'y' ? 0 : kind == 'd' ? 2 : 1] = kind == 'q' ? 3 * v - 2 : v;
+        }
+        try {
+            const vel_datetime t = tbl::civil_time(ymd[0], ymd[1], ymd[2]);
+            std::memcpy(row_.data() + offsets_[size_t(t_.time)], &t, sizeof t);
+        } catch (const velseq::error &e) {
+            return "columns " + o_.time + ": " + tbl::refusal_of(e);
+        }
+        return std::nullopt;
     }
 
     // The table's class, named after the file (or --table).
@@ -583,11 +680,13 @@ class Loader {
         std::optional<std::string> why;
         if (!split(rec, cells_, quoted_, scratch_))
             why = "unterminated quote, or text after a closing quote";
-        else if (cells_.size() != t_.cols.size())
+        else if (cells_.size() != ncsv_)
             why = std::to_string(cells_.size()) + " cells where the header has " +
-                  std::to_string(t_.cols.size());
-        for (size_t c = 0; !why && c < t_.cols.size(); c++)
+                  std::to_string(ncsv_);
+        for (size_t c = 0; !why && c < ncsv_; c++)
             why = parse_cell(c);
+        if (!why && !parts_.empty())
+            why = compose_time();
         if (why)
             return bad_line(line, *why);
         for (size_t c = 0; c < t_.cols.size(); c++)
@@ -650,6 +749,8 @@ class Loader {
     uint64_t first_skip_line_ = 0;
     std::vector<std::string_view> cells_;
     std::vector<char> quoted_;
+    size_t ncsv_ = 0;                         // columns of the file (then a time of parts)
+    std::vector<std::pair<char, int>> parts_; // y, q, m, d and their columns
     std::string scratch_;
 };
 

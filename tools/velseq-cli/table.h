@@ -96,9 +96,10 @@ std::unique_ptr<velseq::database> open_table(const std::string &path, Table &t,
 
 std::string_view trim(std::string_view s);
 
-// ISO-8601 (vel_dt_parse), or YYYYMMDD[[T| ]hhmmss] as UTC, which is
-// rewritten as ISO-8601 and parsed by the same call: one grammar of fields
-// and one range (1677-09-21T00:12:43.145224192Z .. 2262-04-11T23:47:16.854775807Z).
+// The calendar parser of velseq/datetime.h (vel_dt_parse: ISO-8601, YYYY,
+// YYYY-MM, YYYYMMDD[(T| )hhmmss]), blanks around it ignored: one grammar and
+// one range (1677-09-21T00:12:43.145224192Z .. 2262-04-11T23:47:16.854775807Z)
+// for every front end.
 bool parse_datetime(std::string_view s, vel_datetime &out);
 
 // Nanoseconds of "1h", "15m", "30s", "500ms", "1d", "1w", ... ; Fail (usage) when bad.
