@@ -365,6 +365,13 @@ def test_threads_and_close(tmp_path):
     with db.write() as tx:
         tx.create("t")["v"].append(np.arange(10**5))  # an image larger than a pipe holds
         oid = tx.create("t").oid
+    tx = db.write()
+    with ThreadPoolExecutor(1) as p:  # a writer waiting for tx counts as open
+        waiter = p.submit(lambda: db.write().rollback())
+        assert wait([waiter], 0.2).not_done
+        tx.commit()
+        raises("VEL_E_HOST_BUSY", db.close)
+        waiter.result()
     # A save held inside its writes: its temporary file is a FIFO nobody reads.
     fifo = tmp_path / f"held.img.tmp.{os.getpid()}"
     os.mkfifo(fifo)
