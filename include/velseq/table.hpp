@@ -17,6 +17,7 @@
 #define VELSEQ_TABLE_HPP
 
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -125,6 +126,24 @@ column column_of(const vel_objhandle_t &obj, velh_db_t *db, const table_info &t,
 
 // Values at positions [first, last).
 array read(const column &c, uint64_t first, uint64_t last);
+
+// A run of a column's values in place, in one leaf page of its tree.
+struct leaf_run {
+    uint64_t first = 0;  // the position of values[0] in the column
+    uint64_t length = 0; // values in the run
+    const void *values = nullptr;
+    // The leaf's null mask, bit set where a value is null, values[0] at bit
+    // null_bit; nullptr when no value of the run is null.
+    const uint64_t *nulls = nullptr;
+    uint64_t null_bit = 0;
+};
+// Calls f for the runs of positions [first, last) in order, without copying
+// a value; f returns false to stop.  The runs stay valid while the column's
+// transaction is open and makes no update to this field (the pages of a
+// snapshot never change).  A tree that breaks the page layout's invariants
+// traps (vel_stop__), as the module's own reads do, before f sees its leaf.
+void visit_leaves(const column &c, uint64_t first, uint64_t last,
+                  const std::function<bool(const leaf_run &)> &f);
 
 // Appends `values` (of the column's type).  On an ordered column the values
 // must be present, not NaN, and keep the order, also against the last value

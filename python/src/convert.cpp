@@ -592,29 +592,28 @@ int64_t duration_ns(const py::handle &d, const std::string &what) {
     return ns;
 }
 
+py::array out_array(table::column_type t, uint64_t n, const py::object &into,
+                    const std::string &what) {
+    const py::dtype dt = dtype_of(t);
+    if (into.is_none())
+        return py::array(dt, static_cast<py::ssize_t>(n));
+    if (!py::isinstance<py::array>(into))
+        throw error(VEL_E_ILLEGAL_TYPE, what + ": out is a " + type_name(into) + ", not an array");
+    py::array out = one_d(py::reinterpret_borrow<py::array>(into), what + " into out");
+    if (!out.dtype().equal(dt)) // no conversion: the values must land in the caller's array
+        throw error(VEL_E_ILLEGAL_TYPE, what + ": out is " + str(out.dtype()) + ", not " + str(dt));
+    if (!out.writeable())
+        throw error(VEL_E_ILLEGAL_PARAM, what + ": out is read-only");
+    if (static_cast<uint64_t>(out.size()) != n)
+        throw error(VEL_E_SEQ_LENGTH_MISMATCH, what + ": out holds " + std::to_string(out.size()) +
+                                                   " values, not " + std::to_string(n));
+    return out;
+}
+
 py::object array_out(const table::array &a, const py::object &into, const std::string &what) {
-    const py::dtype dt = dtype_of(a.type);
-    py::array out;
-    if (into.is_none()) {
-        out = py::array(dt, static_cast<py::ssize_t>(a.length));
-    } else {
-        if (!py::isinstance<py::array>(into))
-            throw error(VEL_E_ILLEGAL_TYPE,
-                        what + ": out is a " + type_name(into) + ", not an array");
-        out = one_d(py::reinterpret_borrow<py::array>(into), what + " into out");
-        if (!out.dtype().equal(dt)) // no conversion: the values must land in the caller's array
-            throw error(VEL_E_ILLEGAL_TYPE,
-                        what + ": out is " + str(out.dtype()) + ", not " + str(dt));
-        if (!out.writeable())
-            throw error(VEL_E_ILLEGAL_PARAM, what + ": out is read-only");
-        if (static_cast<uint64_t>(out.size()) != a.length)
-            throw error(VEL_E_SEQ_LENGTH_MISMATCH, what + ": out holds " +
-                                                       std::to_string(out.size()) +
-                                                       " values, not " + std::to_string(a.length));
-    }
-    numpy_column c(a.type, out);
+    numpy_column c(a.type, out_array(a.type, a.length, into, what));
     if (a.length > 0)
-        std::memcpy(out.mutable_data(), a.values.data(), a.values.size());
+        std::memcpy(c.values.mutable_data(), a.values.data(), a.values.size());
     if (!a.validity.empty())
         std::memcpy(c.validity.data(), a.validity.data(), c.validity.size());
     return c.finish();

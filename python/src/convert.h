@@ -60,6 +60,12 @@ table::array value_in(const py::handle &v, table::column_type t, const std::stri
 // unit, datetime.timedelta, or text pandas reads ("5min", "1h30m").
 int64_t duration_ns(const py::handle &d, const std::string &what);
 
+// The array a result of n values of type t is written into: `into` when
+// given (a writable 1-d contiguous array of t's dtype and length n, else
+// refused), a new one otherwise.
+py::array out_array(table::column_type t, uint64_t n, const py::object &into,
+                    const std::string &what);
+
 // A NumPy array of type t's dtype that the table layer fills in place
 // (values plus an Arrow-layout validity), then handed out as a plain array,
 // or a masked one when it holds a null (null datetimes are also NaT):

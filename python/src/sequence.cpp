@@ -61,15 +61,30 @@ void erase(const Sequence &s, uint64_t first, std::optional<uint64_t> last) {
 
 // ---- reading ---------------------------------------------------------------------------
 
+// Values [first, last) copied once, from the pages into the NumPy array.
 py::object read(const Sequence &s, uint64_t first, std::optional<uint64_t> last,
                 const py::object &out) {
     const table::column c = s.column();
-    table::array a;
+    const uint64_t n = table::count(c), end = last ? *last : n;
+    const std::string what = "read " + s.what();
+    if (first > end || end > n)
+        throw error(VEL_E_ILLEGAL_PARAM, what + ": positions " + std::to_string(first) + ".." +
+                                             std::to_string(end) + " of " + std::to_string(n));
+    numpy_column col(c.type, out_array(c.type, end - first, out, what));
     {
         py::gil_scoped_release nogil;
-        a = table::read(c, first, last ? *last : table::count(c));
+        auto *dst = static_cast<unsigned char *>(col.values.mutable_data());
+        const size_t w = c.type.width;
+        table::visit_leaves(c, first, end, [&](const table::leaf_run &r) {
+            const uint64_t at = r.first - first;
+            std::memcpy(dst + at * w, r.values, r.length * w);
+            for (uint64_t i = 0, bit = r.null_bit; r.nulls && i < r.length; i++, bit++)
+                if (r.nulls[bit / 64] >> (bit % 64) & 1)
+                    col.validity[(at + i) / 8] &= static_cast<uint8_t>(~(1u << ((at + i) % 8)));
+            return true;
+        });
     }
-    return array_out(a, out, "read " + s.what());
+    return col.finish();
 }
 
 table::bound bound_of(const std::string &b) {

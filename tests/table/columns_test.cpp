@@ -132,12 +132,31 @@ TEST(Columns, FollowAModel) {
     EXPECT_EQ(code_of([&] { table::append(tc, array_of<double>({1.0}, f8)); }), VEL_E_ILLEGAL_TYPE);
     EXPECT_EQ(code_of([&] { table::read(pc, 0, n + 1); }), VEL_E_ILLEGAL_PARAM);
 
+    int runs = 0; // a visit stops when told
+    table::visit_leaves(pc, 0, n, [&](const table::leaf_run &) { return ++runs < 2; });
+    EXPECT_EQ(runs, 2);
     for (int round = 0; round < 30; round++) {
         size_t a = rng() % (n + 1), b = rng() % (n + 1);
         if (a > b)
             std::swap(a, b);
-        EXPECT_EQ(values_of<double>(table::read(pc, a, b)),
-                  std::vector<std::optional<double>>(px.begin() + long(a), px.begin() + long(b)));
+        const std::vector<std::optional<double>> window(px.begin() + long(a), px.begin() + long(b));
+        EXPECT_EQ(values_of<double>(table::read(pc, a, b)), window);
+        // the same window in place, leaf by leaf: a mask only where a null is
+        std::vector<std::optional<double>> seen;
+        table::visit_leaves(pc, a, b, [&](const table::leaf_run &r) {
+            EXPECT_EQ(r.first, a + seen.size());
+            bool any = false;
+            for (uint64_t i = 0, bit = r.null_bit; i < r.length; i++, bit++) {
+                const bool null = r.nulls && (r.nulls[bit / 64] >> (bit % 64) & 1);
+                double x;
+                std::memcpy(&x, static_cast<const double *>(r.values) + i, sizeof x);
+                seen.push_back(null ? std::nullopt : std::optional(x));
+                any |= null;
+            }
+            EXPECT_EQ(any, r.nulls != nullptr);
+            return true;
+        });
+        EXPECT_EQ(seen, window);
 
         // search: [lo, hi] with each kind of bound
         int64_t lo = keys[rng() % n] - 1 + int64_t(rng() % 3), hi = lo + int64_t(rng() % 40);
