@@ -30,6 +30,11 @@ template <class T> struct summary {
     uint64_t count = 0; // non-null elements
     sum_t<T> sum{};     // arithmetic types only
     std::optional<T> min, max, first, last;
+    // Positions in the field of the first smallest and largest values, and
+    // (over a time window) their times; none without a value.
+    std::optional<uint64_t> argmin, argmax;
+    std::optional<datetime> argmin_time, argmax_time;
+    uint64_t nulls() const { return rows - count; }
     std::optional<double> mean() const {
         if constexpr (std::is_arithmetic_v<T>) {
             if (count > 0)
@@ -79,13 +84,16 @@ template <class T, class S> void fill(S &s, const std::vector<table::array> &a, 
 
 } // namespace detail
 
-// Count, sum, min, max, mean, first and last of positions [first, last),
-// from the table layer's kernels.
+// Count, nulls, sum, min, max, mean, first, last, argmin and argmax of
+// positions [first, last), from the table layer's kernels.
 template <class T> summary<T> aggregate(const sequence<T> &s, position_range r) {
     summary<T> out;
-    detail::fill<T>(
-        out, table::aggregate(detail::column_of(s), r.first, r.last, detail::summary_kernels<T>()),
-        0);
+    std::vector<std::string> ks = detail::summary_kernels<T>();
+    ks.insert(ks.end(), {"argmin", "argmax"});
+    const std::vector<table::array> a = table::aggregate(detail::column_of(s), r.first, r.last, ks);
+    detail::fill<T>(out, a, 0);
+    out.argmin = detail::answer<uint64_t>(a[ks.size() - 2]);
+    out.argmax = detail::answer<uint64_t>(a[ks.size() - 1]);
     return out;
 }
 
@@ -97,7 +105,12 @@ summary<T> aggregate(const sequence<T> &s, const sequence<datetime> &ts, datetim
     detail::require_ascending(ts, "a time window");
     if (to < from)
         throw error(VEL_E_ILLEGAL_PARAM, "time window given reversed (to < from)");
-    return aggregate(s, ts.search(from, to, bound::inclusive, bound::exclusive));
+    summary<T> out = aggregate(s, ts.search(from, to, bound::inclusive, bound::exclusive));
+    if (out.argmin)
+        out.argmin_time = ts.at(*out.argmin);
+    if (out.argmax)
+        out.argmax_time = ts.at(*out.argmax);
+    return out;
 }
 
 // ---- resampling ----------------------------------------------------------------------

@@ -53,10 +53,43 @@ table::column time_column(const Sequence &s, const Sequence &ts, const char *wha
     return ts.column();
 }
 
-py::dict answers_out(const std::vector<std::string> &names, const std::vector<table::array> &a) {
+// The answers of `names` over positions [first, last) of c: the layer's
+// kernels, and nulls (rows - count) and, with the time field ts,
+// argmin_time and argmax_time (its times at argmin's and argmax's rows).
+py::dict answers(const std::vector<std::string> &names, const table::column &c, uint64_t first,
+                 uint64_t last, const table::column *ts) {
+    std::vector<std::string> layer{"rows"};
+    for (const std::string &n : names) {
+        const bool timed = n == "argmin_time" || n == "argmax_time";
+        if (timed && ts == nullptr)
+            throw error(VEL_E_ILLEGAL_PARAM, n + " needs the time field: aggregate_window");
+        layer.push_back(n == "nulls" ? "count" : timed ? n.substr(0, 6) : n);
+    }
+    std::vector<table::array> a;
+    std::vector<table::array> times(names.size());
+    {
+        py::gil_scoped_release nogil;
+        a = table::aggregate(c, first, last, layer);
+        for (size_t j = 0; j < names.size(); j++)
+            if (layer[j + 1] != names[j] && names[j] != "nulls" && a[j + 1].valid(0)) {
+                uint64_t at;
+                std::memcpy(&at, a[j + 1].values.data(), 8);
+                times[j] = table::read(*ts, at, at + 1);
+            }
+    }
     py::dict d;
-    for (size_t j = 0; j < names.size(); j++)
-        d[py::str(names[j])] = value_out(a[j], 0);
+    for (size_t j = 0; j < names.size(); j++) {
+        if (names[j] == "nulls") {
+            uint64_t rows, count;
+            std::memcpy(&rows, a[0].values.data(), 8);
+            std::memcpy(&count, a[j + 1].values.data(), 8);
+            d[py::str(names[j])] = rows - count;
+        } else if (layer[j + 1] != names[j]) {
+            d[py::str(names[j])] = times[j].length ? value_out(times[j], 0) : py::none();
+        } else {
+            d[py::str(names[j])] = value_out(a[j + 1], 0);
+        }
+    }
     return d;
 }
 
@@ -64,12 +97,7 @@ py::dict aggregate(const Sequence &s, uint64_t first, std::optional<uint64_t> la
                    const py::object &aggs) {
     const table::column c = s.column();
     const std::vector<std::string> names = kernels_for(aggs, c.type);
-    std::vector<table::array> a;
-    {
-        py::gil_scoped_release nogil;
-        a = table::aggregate(c, first, last ? *last : table::count(c), names);
-    }
-    return answers_out(names, a);
+    return answers(names, c, first, last ? *last : table::count(c), nullptr);
 }
 
 // The kernels over the rows with from <= ts < to.
@@ -84,14 +112,12 @@ py::dict aggregate_window(const Sequence &s, const Sequence &ts, const py::objec
     bounds.values.resize(16);
     const vel_datetime ends[] = {time_of(from, "aggregate"), time_of(to, "aggregate")};
     std::memcpy(bounds.values.data(), ends, 16);
-    std::vector<table::array> a;
+    std::pair<uint64_t, uint64_t> p;
     {
         py::gil_scoped_release nogil;
-        const auto [first, last] =
-            table::search(t, bounds, table::bound::inclusive, table::bound::exclusive);
-        a = table::aggregate(c, first, last, names);
+        p = table::search(t, bounds, table::bound::inclusive, table::bound::exclusive);
     }
-    return answers_out(names, a);
+    return answers(names, c, p.first, p.second, &t);
 }
 
 // Nanoseconds east of UTC: "+01:00", "-0430", "Z", or a duration.

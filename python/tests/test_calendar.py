@@ -134,3 +134,20 @@ def test_the_program_takes_years_and_quarters_as_time(tmp_path):
     times = pd.DatetimeIndex(velseq.time_from_parts(gdp["year"], quarter=gdp["quarter"]))
     assert run("head", str(tmp_path / "gdp.csv"), "--time", "year,quarter", "--cols", "time") == [
         "time"] + list(times.strftime("%Y-%m-%dT%H:%M:%SZ"))
+
+
+def test_nulls_sum_and_the_times_of_the_extremes(series):
+    db, oid, s = series
+    rng = np.random.default_rng(2)
+    with db.read() as tx:
+        o = tx.open("s", oid)
+        for a, b in np.sort(rng.integers(0, len(s), (30, 2)), axis=1):
+            w = s.iloc[a:b]
+            got = o["v"].aggregate_window(o["time"], s.index[a], s.index[b],
+                                          aggs=["nulls", "sum", "argmax", "argmin_time",
+                                                "argmax_time"])
+            some = w.notna().any()
+            assert got["nulls"] == w.isna().sum() and got["sum"] == pytest.approx(w.sum())
+            assert got["argmin_time"] == (w.idxmin() if some else None)
+            assert got["argmax_time"] == (w.idxmax() if some else None)
+            assert got["argmax"] == (s.index.get_loc(w.idxmax()) if some else None)

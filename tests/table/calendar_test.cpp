@@ -5,6 +5,7 @@
 // API against the rows grouped by the model.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <ctime>
 #include <random>
 
@@ -146,6 +147,42 @@ TEST(Calendar, ResampleGroupsAsTheModel) {
                 std::tie(want[i].rows, want[i].count, want[i].sum, want[i].first, want[i].last))
                 << i;
         }
+    }
+}
+
+// aggregate() over time windows: nulls, argmin, argmax and their times.
+TEST(Calendar, SummaryPositionsAndTimes) {
+    database db;
+    schema s("w");
+    auto ts = s.seq<datetime>("ts", order::ascending);
+    auto v = s.seq<double>("v");
+    db.define(s);
+    connection con(db);
+    transaction tx(con, transaction::write);
+    object o = tx.create(s);
+    std::mt19937_64 rng(13);
+    std::vector<datetime> times;
+    std::vector<std::optional<double>> vals;
+    for (int i = 0; i < 2000; i++)
+        times.push_back(datetime::from_ns((i - 1000) * 86400 * kNs)),
+            vals.push_back(rng() % 4 ? std::optional<double>(double(rng() % 50)) : std::nullopt);
+    o[ts].append(times);
+    o[v].append(vals);
+    for (int k = 0; k < 50; k++) {
+        size_t a = rng() % 2000, b = rng() % 2000;
+        std::tie(a, b) = std::minmax(a, b);
+        std::optional<size_t> lo, hi;
+        for (size_t i = a; i < b; i++)
+            if (vals[i]) {
+                lo = !lo || *vals[i] < *vals[*lo] ? i : *lo;
+                hi = !hi || *vals[i] > *vals[*hi] ? i : *hi;
+            }
+        const summary<double> m = aggregate(o[v], o[ts], times[a], times[b]);
+        EXPECT_EQ(m.nulls(), size_t(std::count(vals.begin() + a, vals.begin() + b, std::nullopt)));
+        EXPECT_EQ(m.argmin, lo);
+        EXPECT_EQ(m.argmax, hi);
+        EXPECT_EQ(m.argmin_time, lo ? std::optional(times[*lo]) : std::nullopt);
+        EXPECT_EQ(m.argmax_time, hi ? std::optional(times[*hi]) : std::nullopt);
     }
 }
 

@@ -170,7 +170,8 @@ TEST_F(Cli, AnswersMatchModel) {
         ASSERT_EQ(r.code, 0) << r.err;
         EXPECT_EQ(split(r.out, '\n'), rows_of(p, q)) << from << " " << to;
 
-        r = run("stats @t.csv --window " + from + " " + to + " --cols x,n --format csv");
+        r = run("stats @t.csv --window " + from + " " + to +
+                " --cols x,n --agg count,nulls,min,max,mean,first,last --format csv");
         ASSERT_EQ(r.code, 0) << r.err;
         const std::vector<std::string> got = split(r.out, '\n');
         ASSERT_EQ(got.size(), 3u) << r.out;
@@ -255,7 +256,8 @@ TEST_F(Cli, BadInputAndOptions) {
     const std::string ragged = "time,x\n2024-01-01,1\n2024-01-02,2,9\n2024-01-03,3\n";
     std::string big_line = "time,x\n2024-01-01,";
     big_line.append(size_t(1) << 20, '7');
-    const std::string stats_head = "column,type,count,nulls,min,max,mean,first,last\n";
+    const std::string stats_head = "column,type,count,nulls,sum,min,max,mean,first,last,argmin,"
+                                   "argmax,argmin_time,argmax_time\n";
     struct Case {
         std::string text; // written to in.csv ("": no file)
         std::string args; // words; @in.csv names the file, "-" reads it from standard input
@@ -316,7 +318,8 @@ TEST_F(Cli, BadInputAndOptions) {
          "time,x\n2024-01-01T00:00:00Z,3\n2024-01-02T00:00:00Z,1\n2024-01-03T00:00:00Z,2\n", ""},
         {ragged, "load @in.csv", 3, "", "line 3: 3 cells where the header has 2"},
         {ragged, "stats @in.csv --skip-bad --cols x --format csv", 0,
-         stats_head + "x,int8,2,0,1,3,2,1,3\n", "skipped"},
+         stats_head + "x,int8,2,0,4,1,3,2,1,3,0,1,2024-01-01T00:00:00Z,2024-01-03T00:00:00Z\n",
+         "skipped"},
         {"time,x\n2024-01-01,1\n2024-01-02,nan\n", "load @in.csv", 3, "",
          "line 3: column x: 'nan' is NaN or infinite"},
         {"time,x\n2024-01-01,1\n2024-01-02,abc\n", "load @in.csv --type x=double", 3, "",
@@ -326,8 +329,10 @@ TEST_F(Cli, BadInputAndOptions) {
         {"date,value\n19580329,315.71\n19580405,\n19580412,317.69\n", "stats @in.csv --format csv",
          0,
          stats_head +
-             "date,datetime,3,0,1958-03-29T00:00:00Z,1958-04-12T00:00:00Z,,1958-03-29T00:00:00Z,"
-             "1958-04-12T00:00:00Z\nvalue,double,2,1,315.71,317.69,316.7,315.71,317.69\n",
+             "date,datetime,3,0,,1958-03-29T00:00:00Z,1958-04-12T00:00:00Z,,1958-03-29T00:00:00Z,"
+             "1958-04-12T00:00:00Z,0,2,1958-03-29T00:00:00Z,1958-04-12T00:00:00Z\n"
+             "value,double,2,1,633.4,315.71,317.69,316.7,315.71,317.69,0,2,1958-03-29T00:00:00Z,"
+             "1958-04-12T00:00:00Z\n",
          ""},
         {"1700000000000,5\n1700000000250,6\n",
          "tail @in.csv --columns ms,v --epoch ms -n 1 --format csv", 0,
@@ -339,9 +344,39 @@ TEST_F(Cli, BadInputAndOptions) {
         {"a,b\n1,2\n", "resample @in.csv 1h", 2, "", "has none (name one with --time)"},
         {"time," + std::string(70000, 'y') + "\n2024-01-01,1\n", "load @in.csv --db @in.vdb", 3, "",
          "in.csv: column 2 ('yyyyyyyyyyyyyyyyyyyyyyyy...') has a name of 70000 bytes"},
-        {"time,\"x\ny\"\n2024-01-01,1\n", "load @in.csv --db @nl.vdb --format csv", 0,
-         "column,type,rows,nulls,role\ntime,datetime,1,0,time (ascending)\n\"x\ny\",int8,1,0,\n",
+        {"time,\"x\ny\"\n2024-01-01,1\n", "load @in.csv --db @in.vdb", 3, "",
+         "line 1: column 2 ('x\ny') has a control character"},
+        // a stray quote does not merge the rows after it; a bad date is no text column
+        {"time,x,t\n2024-01-01,1,a\n2024-01-02,2,b\"c\n2024-01-03,3,d\n2024-01-04,4,e\"f\n",
+         "load @in.csv", 3, "",
+         "line 3: unterminated quote, text after a closing quote, or a quote inside"},
+        {"time,x\n2024-01-01,1\n2024-13-01,2\n", "load @in.csv", 3, "",
+         "line 3: column time: '2024-13-01' is not a date or time"},
+        {"date,x\n20240101,1\n20240230,2\n", "load @in.csv", 3, "", "line 3: column date:"},
+        {"time,x\n2024-01-01,1\n2024-13-01,2\n", "load @in.csv --type time=text --format csv", 0,
+         "column,type,rows,nulls,role\ntime,char(32),2,0,\nx,int8,2,0,\n", ""},
+        // calendar buckets, at local midnight of an offset
+        {"date,v\n19991231,1\n20000101,2\n20000331,3\n20000401,4\n20000403,5\n",
+         "resample @in.csv 1Q --agg count,sum --format csv", 0,
+         "start,v.count,v.sum\n1999-10-01T00:00:00Z,1,1\n2000-01-01T00:00:00Z,2,5\n"
+         "2000-04-01T00:00:00Z,2,9\n",
          ""},
+        {"time,v\n2024-01-01T04:59Z,1\n2024-01-01T05:00Z,2\n2024-01-07T06:00Z,3\n2024-01-08T05:00Z,"
+         "4\n",
+         "resample @in.csv 1W-SUN --utc-offset -05:00 --agg count --format csv", 0,
+         "start,v.count\n2023-12-31T05:00:00Z,2\n2024-01-07T05:00:00Z,2\n", ""},
+        {good, "resample @in.csv 1W-XYZ", 2, "", "weeks start on MON"},
+        {good, "resample @in.csv 1M --utc-offset +25:00", 2, "", "not a UTC offset"},
+        // time from parts; stats with positions and their times
+        {"year,month,v\n1700,2,1\n1700,3,2\n2000,2,3\n",
+         "head @in.csv --time year,month --cols time,v", 0,
+         "time,v\n1700-02-01T00:00:00Z,1\n1700-03-01T00:00:00Z,2\n2000-02-01T00:00:00Z,3\n", ""},
+        {"year,month,v\n1700,13,1\n", "load @in.csv --time year,month", 3, "",
+         "line 2: columns year,month: 1700-13-1 is no calendar day"},
+        {"year,v\n1700,1\n", "load @in.csv --time year,v", 2, "", "cannot tell what 'v' holds"},
+        {"year,v\n1700,5\n1701,7\n1702,6\n", "stats @in.csv --cols v --agg argmax,argmax_time", 0,
+         "column,type,argmax,argmax_time\nv,int8,1,1701-01-01T00:00:00Z\n", ""},
+        {"time,v\n1700,5\n", "stats @in.csv --columns a,b --agg argmax_time", 2, "", "time column"},
         {good, "head @in.csv --log @in.log", 2, "", "go with --db IMAGE"},
     };
     for (const Case &c : cases) {
@@ -357,6 +392,19 @@ TEST_F(Cli, BadInputAndOptions) {
         std::remove((dir + "in.csv").c_str());
         EXPECT_FALSE(c.code != 0 && std::remove((dir + "in.vdb").c_str()) == 0); // no image
     }
+}
+
+// A probe file told its types, and the matched rows' positions.
+TEST_F(Cli, AsofProbeTypesAndRowNumbers) {
+    file("t.csv", "date,v\n20240101,1\n20240105,2\n20240110,3\n");
+    file("p.csv", "when,q\n20231231,7\n20240106,8\n20240110,9\n");
+    Result r = run("asof @t.csv @p.csv --cols v --row-numbers --format csv");
+    EXPECT_EQ(r.code, 2) << r.err; // 'when' is read as int
+    r = run("asof @t.csv @p.csv --other-type when=datetime --cols v --row-numbers --format csv");
+    EXPECT_EQ(r.out, "when,q,row,v\n2023-12-31T00:00:00Z,7,,\n2024-01-06T00:00:00Z,8,1,2\n"
+                     "2024-01-10T00:00:00Z,9,2,3\n")
+        << r.err;
+    EXPECT_EQ(run("asof @t.csv @p.csv --other-type when").code, 2);
 }
 
 // ---- images cross between the program and the table layer ---------------------
@@ -432,7 +480,7 @@ TEST_F(Cli, ImagesCross) {
     } cases[] = {
         {"head --db @q.vdb --table quotes", 0,
          "px,tag,k\n0.1,a,1\n,bb,2\n2.5,,2\n-0.25,abcdefgh,5\n7,x,9\n", ""},
-        {"stats --db @q.vdb --table quotes", 0,
+        {"stats --db @q.vdb --table quotes --agg count,nulls,min,max,mean,first,last", 0,
          "column,type,count,nulls,min,max,mean,first,last\npx,float,4,1,-0.25,7," + mean +
              ",0.1,7\ntag,char(8),4,1,a,x,,a,x\nk,int4,5,0,1,9,3.8,1,9\n",
          ""},

@@ -11,14 +11,21 @@
 
 namespace vcli {
 
-void Source::prepare(bool stdout_is_terminal) {
+std::vector<std::pair<std::string, std::string>> types_of(const std::vector<std::string> &types,
+                                                          const char *option) {
+    std::vector<std::pair<std::string, std::string>> out;
     for (const std::string &t : types) {
         const size_t eq = t.find('=');
         if (eq == std::string::npos || eq == 0)
-            throw Fail(kExitUsage,
-                       "--type takes NAME=KIND, e.g. --type price=double (got '" + t + "')");
-        load.types.emplace_back(t.substr(0, eq), t.substr(eq + 1));
+            throw Fail(kExitUsage, std::string(option) + " takes NAME=KIND, e.g. " + option +
+                                       " price=double (got '" + t + "')");
+        out.emplace_back(t.substr(0, eq), t.substr(eq + 1));
     }
+    return out;
+}
+
+void Source::prepare(bool stdout_is_terminal) {
+    load.types = types_of(types, "--type");
     load.name = table;
     load.epoch = epoch == "s"    ? Epoch::Sec
                  : epoch == "ms" ? Epoch::Milli
@@ -195,38 +202,61 @@ int cmd_rows(Reader &r, const Source &src, const Query &q, uint64_t first, uint6
     return 0;
 }
 
-// Per column, the kernels' answers over the rows (of the window); the
-// default adds nulls after count, and a kernel that does not apply to a
-// column leaves its cell empty.
+// The layer's kernel behind a name of stats: nulls is rows - count, and
+// argmin_time and argmax_time the time column at argmin's and argmax's row.
+std::string base_kernel(const std::string &k) {
+    return k == "nulls"         ? "count"
+           : k == "argmin_time" ? "argmin"
+           : k == "argmax_time" ? "argmax"
+                                : k;
+}
+
+// Per column, the answers of the kernels (and of nulls, argmin_time and
+// argmax_time) over the rows (of the window); a kernel that does not apply
+// to a column leaves its cell empty.
 int cmd_stats(Reader &r, const Source &src, const Query &q) {
     const std::vector<int> cols = r.columns(q.cols);
     std::pair<uint64_t, uint64_t> p{0, r.t.rows};
     if (!q.window.empty())
         p = r.window(q.window[0], q.window[1]);
-    const std::vector<std::string> ks =
-        !q.agg.empty() ? q.agg
-                       : std::vector<std::string>{"count", "min", "max", "mean", "first", "last"};
+    std::vector<std::string> ks = q.agg;
+    if (ks.empty()) {
+        ks = {"count", "nulls", "sum", "min", "max", "mean", "first", "last", "argmin", "argmax"};
+        if (r.t.time >= 0)
+            ks.insert(ks.end(), {"argmin_time", "argmax_time"});
+    }
+    std::vector<std::string> bases;
+    for (const std::string &k : ks) {
+        if (k.find("_time") != std::string::npos && base_kernel(k) != k)
+            r.need_time(k.c_str());
+        bases.push_back(base_kernel(k));
+    }
     std::vector<std::string> header{"column", "type"};
     header.insert(header.end(), ks.begin(), ks.end());
-    if (q.agg.empty())
-        header.insert(header.begin() + 3, "nulls");
     std::vector<std::vector<std::string>> some; // per column, the kernels that apply
     for (int c : cols)
-        some.push_back(r.applying(c, ks, !q.cols.empty()));
+        some.push_back(r.applying(c, bases, !q.cols.empty()));
     Output out(stdout, src.out, header);
     for (size_t i = 0; i < cols.size(); i++) {
         const int c = cols[i];
         const std::vector<tbl::array> a = tbl::aggregate(r.column(c), p.first, p.second, some[i]);
         std::vector<OutCell> row{{r.col(c).name, false, true},
                                  {tbl::type_name(r.col(c).type), false, true}};
-        for (const std::string &k : ks) {
-            const size_t j = std::find(some[i].begin(), some[i].end(), k) - some[i].begin();
-            row.push_back(j < some[i].size() ? cell_of(a[j], 0) : OutCell{"", true, false});
-        }
-        if (q.agg.empty()) {
-            uint64_t count;
-            std::memcpy(&count, a[0].values.data(), 8);
-            row.insert(row.begin() + 3, OutCell{std::to_string(p.second - p.first - count)});
+        for (size_t k = 0; k < ks.size(); k++) {
+            const size_t j = std::find(some[i].begin(), some[i].end(), bases[k]) - some[i].begin();
+            if (j == some[i].size()) {
+                row.push_back(OutCell{"", true, false});
+            } else if (ks[k] == "nulls") {
+                uint64_t count;
+                std::memcpy(&count, a[j].values.data(), 8);
+                row.push_back(OutCell{std::to_string(p.second - p.first - count)});
+            } else if (ks[k] != bases[k] && a[j].valid(0)) { // the time of a position
+                uint64_t at;
+                std::memcpy(&at, a[j].values.data(), 8);
+                row.push_back(cell_of(tbl::read(r.column(r.t.time), at, at + 1), 0));
+            } else {
+                row.push_back(cell_of(a[j], 0));
+            }
         }
         out.row(row);
     }
@@ -318,6 +348,7 @@ int cmd_asof(Reader &r, const Source &src, const Query &q) {
     LoadOptions lo;
     lo.file = q.other;
     lo.progress = -1;
+    lo.types = types_of(q.other_types, "--other-type");
     // The probes live in a database of their own: the table's may be open
     // read-only.
     velseq::database other_db;
@@ -341,13 +372,16 @@ int cmd_asof(Reader &r, const Source &src, const Query &q) {
     std::vector<tbl::array> by_col;
     for (int c : ocols)
         by_col.push_back(tbl::read(o.column(c), 0, other.rows));
-    for (int c : r.columns(q.cols)) {
-        std::string nm = r.col(c).name;
+    auto add = [&](std::string nm, tbl::array a) {
         while (std::find(header.begin(), header.end(), nm) != header.end())
             nm += ".asof";
         header.push_back(nm);
-        by_col.push_back(tbl::gather(r.column(c), pos));
-    }
+        by_col.push_back(std::move(a));
+    };
+    if (q.row_numbers) // the matched row's position, as argmin and argmax give them
+        add("row", pos);
+    for (int c : r.columns(q.cols))
+        add(r.col(c).name, tbl::gather(r.column(c), pos));
     Output out(stdout, src.out, header);
     write_rows(out, by_col);
     out.end();

@@ -32,10 +32,15 @@ struct Query {
     std::string from, to, every, other, direction = "backward", tolerance;
     std::string utc_offset;               // resample: days start at local midnight of UTC + this
     std::vector<std::string> window, agg; // --window FROM TO, --agg kernel names
+    std::vector<std::string> other_types; // asof: --other-type NAME=KIND for OTHER.csv
+    bool row_numbers = false;             // asof: a column of the matched row's position
     bool dump = false;
     uint32_t preview = 8;
 };
 
+// NAME=KIND words of --type (or `option`), split; Fail (usage) when one is not.
+std::vector<std::pair<std::string, std::string>> types_of(const std::vector<std::string> &types,
+                                                          const char *option);
 // Opens the table of a subcommand: the CSV file loaded into a new in-memory
 // database, or the database image of --db.
 std::unique_ptr<velseq::database> open_source(const std::string &name, const Source &src, Table &t);

@@ -50,16 +50,30 @@ class RecordReader {
     // The next record without its line end; false at the end of the input.
     bool next(std::string_view &rec, uint64_t &line) {
         size_t scan = pos_;
-        bool quoted = false; // inside quotes at `scan`
+        // At `scan`: inside quotes; only blanks since the cell began; just
+        // past a closing quote (a quote there is a doubled one).
+        bool quoted = false, start = true, closed = false;
         for (;;) {
             const char *nl = static_cast<const char *>(
                 scan < end_ ? std::memchr(buf_.data() + scan, '\n', end_ - scan) : nullptr);
             if (nl != nullptr) {
                 const size_t stop = nl - buf_.data();
-                // Quote parity over the new part decides whether this newline ends it.
+                // A quote opens a quoted cell only where the cell begins: one
+                // inside an unquoted cell is stray (split refuses it) and
+                // does not carry the record over the newline.
                 if (std::memchr(buf_.data() + scan, '"', stop - scan) != nullptr || quoted)
-                    for (size_t i = scan; i < stop; i++)
-                        quoted ^= buf_[i] == '"';
+                    for (size_t i = scan; i < stop; i++) {
+                        const char c = buf_[i];
+                        if (quoted) {
+                            quoted = c != '"';
+                            closed = !quoted;
+                        } else if (c == '"' && (start || closed)) {
+                            quoted = true;
+                        } else {
+                            start = c == ',' || (start && c == ' ');
+                            closed = false;
+                        }
+                    }
                 if (!quoted) {
                     emit(stop, stop + 1, rec, line);
                     return true;
@@ -168,8 +182,11 @@ bool split(std::string_view rec, std::vector<std::string_view> &cells, std::vect
         const bool q = i < rec.size() && rec[i] == '"';
         if (q && !quoted_cell(rec, i, scratch))
             return false;
-        while (!q && i < rec.size() && rec[i] != ',')
+        while (!q && i < rec.size() && rec[i] != ',') {
+            if (rec[i] == '"')
+                return false; // a stray quote inside an unquoted cell
             scratch.push_back(rec[i++]);
+        }
         spans.push_back({start, scratch.size() - start});
         quoted.push_back(q);
         if (i >= rec.size())
@@ -409,6 +426,15 @@ class Loader {
                                velseq::detail::shortened(names[i]) + "') has a name of " +
                                std::to_string(names[i].size()) + " bytes; names hold at most " +
                                std::to_string(VELH_MAX_NAME) + " (give others with --columns)");
+            // A name is a line of CSV headers and of table output: a newline
+            // or another control byte in it would not read back.
+            if (std::any_of(names[i].begin(), names[i].end(), [](char ch) {
+                    return static_cast<unsigned char>(ch) < 0x20 || ch == 0x7f;
+                }))
+                throw Fail(kExitRefused, t_.source + ": line 1: column " + std::to_string(i + 1) +
+                                             " ('" + velseq::detail::shortened(names[i]) +
+                                             "') has a control character (a newline?) in its "
+                                             "name (give others with --columns)");
             for (size_t j = 0; j < i; j++)
                 if (names[j] == names[i])
                     throw Fail(kExitRefused, t_.source + ": two columns are named '" + names[i] +
@@ -437,6 +463,10 @@ class Loader {
         const size_t n = names.size();
         std::vector<char> can_int(n, 1), can_double(n, 1), can_time(n, 1), compact(n, 1),
             years(n, 1), any(n, 0);
+        // Cells that read as dates (not as bare numbers, unless the name
+        // says time or year), and the first that does not read as one.
+        std::vector<size_t> dates(n, 0), others(n, 0);
+        std::vector<std::pair<uint64_t, std::string>> first_other(n);
         for (auto &[ln, text] : sample) {
             if (!split(text, cells_, quoted_, scratch_) || cells_.size() != n)
                 continue; // reported when the row is loaded
@@ -452,6 +482,13 @@ class Loader {
                 can_time[c] &= parse_datetime(s, t);
                 compact[c] &= s.size() == 8 && parse_datetime(s, t);
                 years[c] &= s.size() == 4 && parse_datetime(s, t);
+                const bool date = parse_datetime(s, t);
+                const bool bare = s.find_first_not_of("0123456789") == std::string_view::npos;
+                if (date && (!bare || (s.size() == 8 && looks_like_time_name(names[c])) ||
+                             (s.size() == 4 && looks_like_year_name(names[c]))))
+                    dates[c]++;
+                else if (!date && others[c]++ == 0)
+                    first_other[c] = {ln, std::string(s.substr(0, 40))};
             }
         }
         t_.cols.resize(n);
@@ -465,6 +502,25 @@ class Loader {
                                                                               : "text";
             t_.cols[c].name = names[c];
             t_.cols[c].type = *csv_type(kind);
+        }
+        // A column of dates but for a few cells would be taken as text (or
+        // numbers) and lose its times: when it would be the time column, the
+        // first such cell is refused instead, unless --type names its type.
+        bool time_seen = false;
+        for (size_t c = 0; c < n; c++) {
+            const bool typed = std::any_of(o_.types.begin(), o_.types.end(),
+                                           [&](const auto &t) { return t.first == names[c]; });
+            if (t_.cols[c].type == kDatetime) {
+                time_seen = true;
+            } else if (dates[c] > 0 && others[c] > 0 && dates[c] >= others[c] && !typed &&
+                       (!time_seen || o_.time == names[c])) {
+                throw Fail(kExitRefused,
+                           t_.source + ": line " + std::to_string(first_other[c].first) +
+                               ": column " + names[c] + ": '" + first_other[c].second +
+                               "' is not a date or time (ISO-8601 or YYYYMMDD), where the "
+                               "column's other cells are (--type " +
+                               names[c] + "=text takes the column as text)");
+            }
         }
     }
 
@@ -679,7 +735,8 @@ class Loader {
             return; // blank lines separate nothing; skipped silently
         std::optional<std::string> why;
         if (!split(rec, cells_, quoted_, scratch_))
-            why = "unterminated quote, or text after a closing quote";
+            why = "unterminated quote, text after a closing quote, or a quote inside an unquoted "
+                  "cell (quote the cell and double the quote: \"a \"\"b\"\"\")";
         else if (cells_.size() != ncsv_)
             why = std::to_string(cells_.size()) + " cells where the header has " +
                   std::to_string(ncsv_);

@@ -102,6 +102,10 @@ CLI::App *add_subcommands(CLI::App &app, Source &src, Query &q, std::vector<std:
     asof->add_option("--direction", q.direction, "backward (default), forward or nearest")
         ->check(CLI::IsMember({"backward", "forward", "nearest"}));
     asof->add_option("--tolerance", q.tolerance, "farther matches count as none (e.g. 5s)");
+    asof->add_option("--other-type", q.other_types,
+                     "a column's type in OTHER.csv: NAME=int|double|datetime|text");
+    asof->add_flag("--row-numbers", q.row_numbers,
+                   "add a column 'row': the position of the matched row in this table");
     cols(asof, "columns of this table to join");
     CLI::App *tree = sub("tree", "page-tree statistics of each column's sequence", file);
     cols(tree, "columns (default: all)");
