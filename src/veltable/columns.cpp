@@ -97,16 +97,14 @@ array read(const column &c, uint64_t first, uint64_t last) {
     out.type = c.type;
     out.length = last - first;
     out.values.resize(out.length * c.type.width);
-    detail::visit(c.type, [&](const auto &p) {
-        detail::for_each_tile(
-            p, c, first, last,
-            [&](const unsigned char *v, const vel_bitmap_word_t *nulls, size_t k, uint64_t pos) {
-                const uint64_t at = pos - first;
-                std::memcpy(out.values.data() + at * p.width(), v, k * p.width());
-                for (size_t i = 0; i < k; i++)
-                    if (detail::null_at(nulls, i))
-                        detail::set_null(out, at + i);
-            });
+    const size_t w = c.type.width;
+    visit_leaves(c, first, last, [&](const leaf_run &r) { // straight from the pages
+        const uint64_t at = r.first - first;
+        std::memcpy(out.values.data() + at * w, r.values, r.length * w);
+        for (uint64_t i = 0, bit = r.null_bit; r.nulls && i < r.length; i++, bit++)
+            if (r.nulls[bit / 64] >> (bit % 64) & 1)
+                detail::set_null(out, at + i);
+        return true;
     });
     return out;
 }
