@@ -77,9 +77,8 @@ void visit_leaves(const column &c, uint64_t first, uint64_t last,
                   const std::function<bool(const leaf_run &)> &f) {
     const uint64_t n = count(c);
     if (first > last || last > n)
-        throw error(VEL_E_ILLEGAL_PARAM, "visit_leaves: positions " + std::to_string(first) +
-                                             ".." + std::to_string(last) + " of " +
-                                             std::to_string(n));
+        throw error(VEL_E_ILLEGAL_PARAM, "visit_leaves: positions " + std::to_string(first) + ".." +
+                                             std::to_string(last) + " of " + std::to_string(n));
     if (first == last)
         return;
     vel_objhandle_t obj = c.obj;
@@ -90,8 +89,9 @@ void visit_leaves(const column &c, uint64_t first, uint64_t last,
     std::memcpy(&root, vel_obj_pos(w.pobj, obj.con, obj.pm, obj.mo + c.field.offset, 0),
                 sizeof root);
     const int32_t page_size = obj.pm->large_page_size(obj.con);
-    const leaf_walk walk{page_size, c.field.elem_size,
-                         lay::leaf_capacity(page_size, c.field.elem_size), first, last, f};
+    const leaf_walk walk{
+        page_size, c.field.elem_size, lay::leaf_capacity(page_size, c.field.elem_size), first, last,
+        f};
     walk.walk(root, 0, n, 0);
 }
 
