@@ -407,6 +407,47 @@ TEST_F(Cli, AsofProbeTypesAndRowNumbers) {
     EXPECT_EQ(run("asof @t.csv @p.csv --other-type when").code, 2);
 }
 
+// asof --by against a brute-force merge_asof(by=): random rows of three
+// symbols (some with none), probes of those and of one with no rows.
+TEST_F(Cli, AsofBySymbol) {
+    std::mt19937_64 rng(7);
+    const char *syms[] = {"A", "B", "C", "", "D"};
+    std::vector<int64_t> t;
+    std::vector<int> sym;
+    std::string csv = "time,sym,px\n";
+    for (int64_t now = 0, i = 0; i < 300; i++) {
+        now += int64_t(rng() % 3) * VEL_DT_NS_PER_SEC; // runs of equal times
+        t.push_back(now);
+        sym.push_back(int(rng() % 4));
+        csv += iso(now) + "," + syms[sym.back()] + "," + std::to_string(i) + "\n";
+    }
+    file("t.csv", csv);
+    std::string pcsv = "when,sym\n";
+    std::vector<std::pair<int64_t, int>> probes;
+    for (int i = 0; i < 200; i++)
+        probes.emplace_back(int64_t(rng() % 700) * VEL_DT_NS_PER_SEC - 50, int(rng() % 5));
+    std::sort(probes.begin(), probes.end()); // the program's time columns ascend
+    for (const auto &[p, s] : probes)
+        pcsv += iso(p) + "," + syms[s] + "\n";
+    file("p.csv", pcsv);
+    const Result r = run("asof @t.csv @p.csv --by sym --row-numbers --format csv");
+    ASSERT_EQ(r.code, 0) << r.err;
+    const std::vector<std::string> got = split(r.out, '\n');
+    ASSERT_EQ(got.size(), probes.size() + 1);
+    EXPECT_EQ(got[0], "when,sym,row,time,px");
+    for (size_t i = 0; i < probes.size(); i++) {
+        const auto [p, s] = probes[i];
+        std::optional<size_t> m; // the last row of the probe's symbol at or before it
+        for (size_t k = 0; k < t.size() && t[k] <= p; k++)
+            if (sym[k] == s && s != 3)
+                m = k;
+        EXPECT_EQ(
+            got[i + 1],
+            iso(p) + "," + syms[s] + "," +
+                (m ? std::to_string(*m) + "," + iso(t[*m]) + "," + std::to_string(*m) : ",,"));
+    }
+}
+
 // ---- images cross between the program and the table layer ---------------------
 
 namespace tbl = velseq::table;

@@ -4,6 +4,8 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
+#include <map>
+#include <tuple>
 
 #include "velseq/calendar.hpp"
 #include "velseq/image.hpp"
@@ -325,6 +327,17 @@ int cmd_resample(Reader &r, const Source &src, const Query &q) {
     return 0;
 }
 
+// Column pc of OTHER as values of type t (converted through their text).
+tbl::array column_as(Reader &o, int pc, tbl::column_type t, const std::string &what) {
+    const tbl::array got = tbl::read(o.column(pc), 0, o.t.rows);
+    if (got.type == t)
+        return got;
+    std::vector<std::string> texts;
+    for (uint64_t i = 0; i < got.length; i++)
+        texts.push_back(cell_of(got, i).text);
+    return values_of(t, texts, what.c_str());
+}
+
 // The probes of an as-of join: OTHER's time column for a datetime key, else
 // its column of the key's name, as values of the key's type.
 tbl::array probes_of(Reader &o, const Column &key, const std::string &file) {
@@ -334,13 +347,104 @@ tbl::array probes_of(Reader &o, const Column &key, const std::string &file) {
                    file + " has no " +
                        (key.type == kDatetime ? "datetime column" : "column named " + key.name) +
                        " to match the time column " + key.name);
-    const tbl::array got = tbl::read(o.column(pc), 0, o.t.rows);
-    if (got.type == key.type)
-        return got;
-    std::vector<std::string> texts; // converted through their text
-    for (uint64_t i = 0; i < got.length; i++)
-        texts.push_back(cell_of(got, i).text);
-    return values_of(key.type, texts, (file + ": probe").c_str());
+    return column_as(o, pc, key.type, file + ": probe");
+}
+
+// Rows `rows` of a, in that order.
+tbl::array picked(const tbl::array &a, const std::vector<uint64_t> &rows) {
+    tbl::array out;
+    out.type = a.type;
+    out.length = rows.size();
+    out.values.resize(rows.size() * a.type.width);
+    for (size_t i = 0; i < rows.size(); i++) {
+        std::memcpy(out.values.data() + i * a.type.width, a.values.data() + rows[i] * a.type.width,
+                    a.type.width);
+        if (!a.valid(rows[i])) {
+            out.validity.resize((rows.size() + 7) / 8, 0xFF);
+            out.validity[i / 8] &= static_cast<uint8_t>(~(1u << (i % 8)));
+        }
+    }
+    return out;
+}
+
+// asof --by: as-of within the rows that share the probe's value of a column,
+// as pandas' merge_asof(by=).  Each group of rows becomes an object of a
+// scratch class (its times, ascending as they were, and the joined columns),
+// and the table layer's by-join matches every probe in its group's object.
+// A null value of the column is in no group.  Returns the joined columns
+// and the matched rows' positions in this table.
+std::pair<std::vector<tbl::array>, tbl::array> asof_by(Reader &r, Reader &o, const Query &q, int tc,
+                                                       const std::vector<int> &cols,
+                                                       const tbl::asof_options &opt) {
+    const int bc = r.t.need(q.by), obc = o.t.find(q.by);
+    if (obc < 0)
+        throw Fail(kExitUsage, q.other + " has no column " + q.by + " to match --by with");
+    const tbl::array by = tbl::read(r.column(bc), 0, r.t.rows);
+    std::map<std::string, uint32_t> group_of_value;
+    std::vector<std::vector<uint64_t>> rows; // of each group, ascending
+    const size_t bw = by.type.width;
+    for (uint64_t i = 0; i < by.length; i++)
+        if (by.valid(i)) {
+            const std::string v(reinterpret_cast<const char *>(by.values.data() + i * bw), bw);
+            const auto [it, fresh] = group_of_value.emplace(v, static_cast<uint32_t>(rows.size()));
+            if (fresh)
+                rows.emplace_back();
+            rows[it->second].push_back(i);
+        }
+    std::vector<tbl::column_def> defs{{"t", r.col(tc).type, VEL_SEQ_ASC_ORDER}};
+    std::vector<tbl::array> whole{tbl::read(r.column(tc), 0, r.t.rows)};
+    for (int c : cols) {
+        defs.push_back({"c" + std::to_string(defs.size()), r.col(c).type});
+        whole.push_back(tbl::read(r.column(c), 0, r.t.rows));
+    }
+    velseq::database gdb;
+    const tbl::table_info gt = tbl::define_table(gdb.get(), "groups", defs);
+    velseq::connection gcon(gdb);
+    velseq::transaction gtx(gcon, velseq::transaction::write);
+    std::vector<tbl::asof_group> groups;
+    for (const std::vector<uint64_t> &g : rows) {
+        vel_objhandle_t h{};
+        velseq::detail::check(velh_obj_create(gcon.get(), gt.code, &h), "asof --by: a group");
+        tbl::asof_group ag{tbl::column_of(h, gdb.get(), gt, 0), {}};
+        tbl::append(ag.keys, picked(whole[0], g));
+        for (size_t k = 0; k < cols.size(); k++) {
+            ag.cols.push_back(tbl::column_of(h, gdb.get(), gt, static_cast<uint16_t>(k + 1)));
+            tbl::append(ag.cols.back(), picked(whole[k + 1], g));
+        }
+        groups.push_back(std::move(ag));
+    }
+    const tbl::array probes = probes_of(o, r.col(tc), q.other);
+    const tbl::array pby = column_as(o, obc, by.type, q.other + ": " + q.by);
+    std::vector<uint32_t> group_of(probes.length, tbl::kNoGroup);
+    for (uint64_t i = 0; i < pby.length; i++)
+        if (pby.valid(i)) {
+            const auto it = group_of_value.find(
+                std::string(reinterpret_cast<const char *>(pby.values.data() + i * bw), bw));
+            if (it != group_of_value.end())
+                group_of[i] = it->second;
+        }
+    const uint64_t n = probes.length;
+    std::vector<tbl::array> out(cols.size());
+    std::vector<tbl::buffer> bufs;
+    for (size_t k = 0; k < cols.size(); k++) {
+        out[k].type = r.col(cols[k]).type;
+        out[k].length = n;
+        out[k].values.resize(n * out[k].type.width);
+        out[k].validity.resize((n + 7) / 8);
+        bufs.push_back({out[k].type, n, out[k].values.data(), out[k].validity.data()});
+    }
+    tbl::array pos; // positions in the groups, then in this table
+    pos.type = {VEL_DD_SEQUENCE_UINT8, 8};
+    pos.length = n;
+    pos.values.resize(n * 8);
+    pos.validity.resize((n + 7) / 8);
+    auto *at = reinterpret_cast<uint64_t *>(pos.values.data());
+    tbl::asof_join_by(groups, group_of.data(), tbl::view(probes), opt, at, pos.validity.data(),
+                      bufs.data(), bufs.size());
+    for (uint64_t i = 0; i < n; i++)
+        if (pos.valid(i))
+            at[i] = rows[group_of[i]][at[i]];
+    return {std::move(out), std::move(pos)};
 }
 
 int cmd_asof(Reader &r, const Source &src, const Query &q) {
@@ -365,7 +469,18 @@ int cmd_asof(Reader &r, const Source &src, const Query &q) {
         std::memcpy(&d, values_of(kDouble, {q.tolerance}, "tolerance").values.data(), 8);
         opt.tolerance = d;
     }
-    const tbl::array pos = tbl::asof(r.column(tc), probes_of(o, r.col(tc), q.other), opt);
+    std::vector<int> cols = r.columns(q.cols);
+    std::vector<tbl::array> joined;
+    tbl::array pos;
+    if (!q.by.empty()) {
+        const int bc = r.t.need(q.by); // OTHER holds it: not joined again
+        cols.erase(std::remove(cols.begin(), cols.end(), bc), cols.end());
+        std::tie(joined, pos) = asof_by(r, o, q, tc, cols, opt);
+    } else {
+        pos = tbl::asof(r.column(tc), probes_of(o, r.col(tc), q.other), opt);
+        for (int c : cols)
+            joined.push_back(tbl::gather(r.column(c), pos));
+    }
     // The other table's columns, then the prevailing row of this one.
     std::vector<int> ocols = o.columns({});
     std::vector<std::string> header = o.header(ocols);
@@ -380,8 +495,8 @@ int cmd_asof(Reader &r, const Source &src, const Query &q) {
     };
     if (q.row_numbers) // the matched row's position, as argmin and argmax give them
         add("row", pos);
-    for (int c : r.columns(q.cols))
-        add(r.col(c).name, tbl::gather(r.column(c), pos));
+    for (size_t k = 0; k < cols.size(); k++)
+        add(r.col(cols[k]).name, std::move(joined[k]));
     Output out(stdout, src.out, header);
     write_rows(out, by_col);
     out.end();

@@ -34,6 +34,7 @@ struct Query {
     std::vector<std::string> window, agg; // --window FROM TO, --agg kernel names
     std::vector<std::string> other_types; // asof: --other-type NAME=KIND for OTHER.csv
     bool row_numbers = false;             // asof: a column of the matched row's position
+    std::string by;                       // asof: match within rows sharing this column's value
     bool dump = false;
     uint32_t preview = 8;
 };

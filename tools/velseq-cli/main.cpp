@@ -106,6 +106,9 @@ CLI::App *add_subcommands(CLI::App &app, Source &src, Query &q, std::vector<std:
                      "a column's type in OTHER.csv: NAME=int|double|datetime|text");
     asof->add_flag("--row-numbers", q.row_numbers,
                    "add a column 'row': the position of the matched row in this table");
+    asof->add_option("--by", q.by,
+                     "match each row of OTHER.csv only with rows holding its value of this "
+                     "column (as pandas' merge_asof(by=))");
     cols(asof, "columns of this table to join");
     CLI::App *tree = sub("tree", "page-tree statistics of each column's sequence", file);
     cols(tree, "columns (default: all)");
