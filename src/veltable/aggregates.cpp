@@ -35,10 +35,16 @@ template <class P> struct kernel_state {
     virtual void answer(const P &p, array &out) = 0;
 };
 
-// Calls f(value, position) for each non-null value of a chunk.
+// Calls f(value, position) for each non-null value of a chunk (no mask:
+// none is null, and the loop has no test).
 template <class P, class F>
 void each_value(const P &p, const unsigned char *v, const vel_bitmap_word_t *nulls, size_t off,
                 size_t n, uint64_t pos, F &&f) {
+    if (nulls == nullptr) {
+        for (size_t i = 0; i < n; i++)
+            f(p.at(v, i), pos + i);
+        return;
+    }
     for (size_t i = 0; i < n; i++)
         if (!null_at(nulls, off + i))
             f(p.at(v, i), pos + i);
@@ -316,9 +322,11 @@ std::vector<array> aggregate(const column &c, uint64_t first, uint64_t last,
     std::vector<array> answers;
     detail::visit(c.type, [&](const auto &p) {
         detail::kernel_set set(p, c.type, names, answers);
-        detail::for_each_tile(p, c, first, last,
-                              [&](const unsigned char *v, const vel_bitmap_word_t *nulls, size_t k,
-                                  uint64_t pos) { set.add(v, nulls, 0, k, pos); });
+        visit_leaves(c, first, last, [&](const leaf_run &r) { // the values in place
+            set.add(static_cast<const unsigned char *>(r.values), r.nulls, r.null_bit, r.length,
+                    r.first);
+            return true;
+        });
         set.answer(answers);
     });
     return answers;

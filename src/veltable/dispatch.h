@@ -192,27 +192,6 @@ template <class F> decltype(auto) visit(column_type t, F &&f) {
 
 using iter_ptr = std::unique_ptr<vel_seq_iterator_t>;
 
-// Calls f(values, nulls, n, pos) for each tile of positions [first, last)
-// of `c` in order: n values from position pos, their null flags the low n
-// bits of nulls[0..1].
-template <class P, class F>
-void for_each_tile(const P &p, const column &c, uint64_t first, uint64_t last, F &&f) {
-    if (first >= last)
-        return;
-    iter_ptr it(new vel_seq_iterator_t());
-    vel_objhandle_t obj = c.obj;
-    velseq::detail::check(p.subseq(&obj, c.field, it.get(), first, last - 1), "scanning");
-    for (;;) {
-        const VEL_RET rc = it->next(it.get());
-        if (rc == VEL_S_CURSOR_END)
-            return;
-        velseq::detail::check(rc, "reading a tile");
-        const size_t n = it->tile_size;
-        f(reinterpret_cast<const unsigned char *>(it->tile.u.arr_char), it->tile.null_bitmap, n,
-          it->next_seq_no - n);
-    }
-}
-
 // An array must be of the type asked for and as long as it says.
 inline void require(const array &a, column_type t, const std::string &what) {
     if (!(a.type == t))
@@ -232,8 +211,9 @@ inline void set_null(array &a, uint64_t i) {
     a.validity[i / 8] = static_cast<uint8_t>(a.validity[i / 8] & ~(1u << (i % 8)));
 }
 
+// Bit i of a null mask; no mask (a run in place without a null): false.
 inline bool null_at(const vel_bitmap_word_t *nulls, size_t i) {
-    return (nulls[i / 64] >> (i % 64)) & 1;
+    return nulls != nullptr && ((nulls[i / 64] >> (i % 64)) & 1);
 }
 
 // Appends one value (or a null when `v` is null) to `out`.  The validity
