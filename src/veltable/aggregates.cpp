@@ -80,10 +80,14 @@ template <class P> struct summing {
     uint64_t count = 0;
     void add(const P &p, const unsigned char *v, const vel_bitmap_word_t *nulls, size_t off,
              size_t n, uint64_t pos) {
+        acc_t s = sum; // locals: the loop keeps them in registers
+        uint64_t c = count;
         each_value(p, v, nulls, off, n, pos, [&](const T &x, uint64_t) {
-            sum += static_cast<acc_t>(x);
-            count++;
+            s += static_cast<acc_t>(x);
+            c++;
         });
+        sum = s;
+        count = c;
     }
     // The sum as its answer type: signed integers reinterpret the wrapped
     // unsigned total.
@@ -106,7 +110,7 @@ template <bool Rows> struct count_k {
         uint64_t n = 0;
         void add(const P &, const unsigned char *, const vel_bitmap_word_t *nulls, size_t off,
                  size_t k, uint64_t) override {
-            if (Rows) {
+            if (Rows || nulls == nullptr) {
                 n += k;
                 return;
             }
@@ -172,14 +176,22 @@ template <bool Max, bool Arg> struct extreme_k {
         uint64_t at = 0;
         void add(const P &p, const unsigned char *v, const vel_bitmap_word_t *nulls, size_t off,
                  size_t n, uint64_t pos) override {
+            bool has = best.has_value(); // locals: the loop keeps them in registers
+            typename P::value b = has ? *best : typename P::value{};
+            uint64_t a = at;
             each_value(p, v, nulls, off, n, pos, [&](const typename P::value &x, uint64_t i) {
                 if (p.is_nan(x))
                     return;
-                if (!best || (Max ? p.less(*best, x) : p.less(x, *best))) {
-                    best = x;
-                    at = i;
+                if (!has || (Max ? p.less(b, x) : p.less(x, b))) {
+                    b = x;
+                    a = i;
+                    has = true;
                 }
             });
+            if (has) {
+                best = std::move(b);
+                at = a;
+            }
         }
         void answer(const P &p, array &out) override {
             if (!best) {
