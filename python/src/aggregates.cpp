@@ -93,10 +93,22 @@ py::dict answers(const std::vector<std::string> &names, const table::column &c, 
     return d;
 }
 
+// A summary's default answers: every kernel that applies, then the count of
+// nulls, then (over a time window) the times of the extremes.
+std::vector<std::string> summary_names(const py::object &aggs, table::column_type t, bool timed) {
+    std::vector<std::string> names = kernels_for(aggs, t);
+    if (!aggs.is_none())
+        return names;
+    names.emplace_back("nulls");
+    if (timed)
+        names.insert(names.end(), {"argmin_time", "argmax_time"});
+    return names;
+}
+
 py::dict aggregate(const Sequence &s, uint64_t first, std::optional<uint64_t> last,
                    const py::object &aggs) {
     const table::column c = s.column();
-    const std::vector<std::string> names = kernels_for(aggs, c.type);
+    const std::vector<std::string> names = summary_names(aggs, c.type, false);
     return answers(names, c, first, last ? *last : table::count(c), nullptr);
 }
 
@@ -105,7 +117,7 @@ py::dict aggregate_window(const Sequence &s, const Sequence &ts, const py::objec
                           const py::object &to, const py::object &aggs) {
     const table::column t = time_column(s, ts, "aggregate");
     const table::column c = s.column();
-    const std::vector<std::string> names = kernels_for(aggs, c.type);
+    const std::vector<std::string> names = summary_names(aggs, c.type, true);
     table::array bounds;
     bounds.type = datetime_type;
     bounds.length = 2;

@@ -186,14 +186,19 @@ def test_asof_by_against_merge_asof():
 KERNELS = velseq.kernels  # the table layer's registry
 
 
-def kernels_of(w, base):
-    """The kernels over a pandas Series of nullable values at positions base.."""
+def kernels_of(w, base, timed=False):
+    """A summary over a pandas Series of nullable values at positions base..:
+    the kernels, the count of nulls and (timed) the times of the extremes."""
     v = w.reset_index(drop=True).dropna()
-    want = {"count": len(v), "sum": v.sum(), "rows": len(w)}
+    want = {"count": len(v), "sum": v.sum(), "rows": len(w), "nulls": len(w) - len(v)}
+    times = {"argmin_time": None, "argmax_time": None}
     if v.empty:
-        return {**dict.fromkeys(KERNELS), **want}
+        return {**dict.fromkeys(KERNELS), **want, **(times if timed else {})}
+    if timed:
+        times = {"argmin_time": w.index[v.idxmin()], "argmax_time": w.index[v.idxmax()]}
     return {**want, "mean": v.mean(), "min": v.min(), "max": v.max(), "first": v.iloc[0],
-            "last": v.iloc[-1], "argmin": base + v.idxmin(), "argmax": base + v.idxmax()}
+            "last": v.iloc[-1], "argmin": base + v.idxmin(), "argmax": base + v.idxmax(),
+            **(times if timed else {})}
 
 
 def test_aggregates_and_resample_against_pandas(quotes):
@@ -207,17 +212,18 @@ def test_aggregates_and_resample_against_pandas(quotes):
         o = tx.open("q", oid)
         lo, hi = df["ts"].iloc[5000], df["ts"].iloc[9000] + np.timedelta64(1, "s")
         first = int(np.searchsorted(df["ts"], lo))
-        cases = [(o["px"].aggregate(a, b), s.iloc[a:b], a)
+        cases = [(o["px"].aggregate(a, b), s.iloc[a:b], a, False)
                  for a, b in [(0, N), (0, 1), (777, 13001), (N - 1, N), (5, 5)]]
         cases.append((o["px"].aggregate_window(o["ts"], lo, hi), s[(s.index >= lo) & (s.index < hi)],
-                      first))
-        for got, w, base in cases:
-            want = kernels_of(w, base)
-            assert list(got) == KERNELS
+                      first, True))
+        for got, w, base, timed in cases:
+            want = kernels_of(w, base, timed)
+            assert list(got) == KERNELS + ["nulls"] + ["argmin_time", "argmax_time"] * timed
             assert got == want
         assert o["n"].aggregate(aggs=["sum", "argmax"]) == {"sum": df["n"].sum(),
                                                            "argmax": df["n"].idxmax()}
-        assert list(o["ts"].aggregate()) == [k for k in KERNELS if k not in ("sum", "mean")]
+        assert list(o["ts"].aggregate()) == [k for k in KERNELS if k not in ("sum", "mean")] + [
+            "nulls"]
         raises("VEL_E_ILLEGAL_PARAM", o["px"].aggregate, 0, 10, ["mean", "median"], says="median")
         raises("VEL_E_ILLEGAL_TYPE", o["ts"].aggregate, 0, 10, ["sum"], says="datetime")
         raises("VEL_E_ILLEGAL_PARAM", lambda: o.resample("ts", "px", "1s", aggs=["open"]),

@@ -190,10 +190,14 @@ class Sequence:
     # an unknown name raises Error VEL_E_ILLEGAL_PARAM, sum or mean of a
     # datetime or char field VEL_E_ILLEGAL_TYPE.
     def aggregate(self, first: int = 0, last: Optional[int] = None,
-                  aggs: Optional[Seq[Kernel]] = None) -> Aggregates: ...
+                  aggs: Optional[Seq[Kernel]] = None) -> Aggregates:
+        """The kernels of aggs over positions [first, last); by default every
+        kernel that applies, then "nulls" (the rows that hold none)."""
     def aggregate_window(self, ts: Sequence, start: TimeLike, end: TimeLike,
                          aggs: Optional[Seq[Kernel]] = None) -> Aggregates:
-        """The rows with start <= ts < end of this object's ascending datetime field ts."""
+        """The rows with start <= ts < end of this object's ascending datetime
+        field ts; by default as aggregate, then "argmin_time" and
+        "argmax_time" (ts at the extremes' rows)."""
     def resample_columns(self, ts: Sequence, width: TimedeltaLike, start: Any = None,
                          end: Any = None,
                          origin: Any = None,
