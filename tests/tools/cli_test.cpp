@@ -3,7 +3,9 @@
 // with its exit code and message, and an image with a log (written through
 // the C++ API) read, and recovered when damaged.
 #include <gtest/gtest.h>
+
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <bit>
@@ -52,8 +54,9 @@ std::vector<std::string> split(const std::string &s, char sep) {
 
 class Cli : public ::testing::Test {
   protected:
-    // ctest runs tests in parallel: every file carries the test's name.
-    std::string dir = ::testing::TempDir() + "velseq_cli_" +
+    // ctest runs tests in parallel, and other builds may run them at the same
+    // time: every file carries the test's name and the process id.
+    std::string dir = ::testing::TempDir() + "velseq_cli_" + std::to_string(::getpid()) + "_" +
                       ::testing::UnitTest::GetInstance()->current_test_info()->name() + "_";
 
     void file(const std::string &name, const std::string &text) {
