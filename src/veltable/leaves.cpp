@@ -77,8 +77,12 @@ void visit_leaves(const column &c, uint64_t first, uint64_t last,
                   const std::function<bool(const leaf_run &)> &f) {
     const uint64_t n = count(c);
     if (first > last || last > n)
-        throw error(VEL_E_ILLEGAL_PARAM, "visit_leaves: positions " + std::to_string(first) + ".." +
-                                             std::to_string(last) + " of " + std::to_string(n));
+        throw error(VEL_E_ILLEGAL_PARAM, std::string("visit_leaves: positions ")
+                                             .append(std::to_string(first))
+                                             .append("..")
+                                             .append(std::to_string(last))
+                                             .append(" of ")
+                                             .append(std::to_string(n)));
     if (first == last)
         return;
     vel_objhandle_t obj = c.obj;

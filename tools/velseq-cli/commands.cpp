@@ -394,7 +394,9 @@ std::pair<std::vector<tbl::array>, tbl::array> asof_by(Reader &r, Reader &o, con
     std::vector<tbl::column_def> defs{{"t", r.col(tc).type, VEL_SEQ_ASC_ORDER}};
     std::vector<tbl::array> whole{tbl::read(r.column(tc), 0, r.t.rows)};
     for (int c : cols) {
-        defs.push_back({"c" + std::to_string(defs.size()), r.col(c).type});
+        std::string name = "c"; // (gcc 12 at -O3 warns of "literal" + string, -Wrestrict)
+        name += std::to_string(defs.size());
+        defs.push_back({name, r.col(c).type});
         whole.push_back(tbl::read(r.column(c), 0, r.t.rows));
     }
     velseq::database gdb;
