@@ -1,5 +1,5 @@
 // velseq/calendar.hpp -- calendar buckets (days, weeks, months, quarters,
-// years) and times built from calendar parts, in the table layer
+// years) and times built from calendar fields, in the table layer
 // (libveltable), which the C++ API, the program and the Python package share.
 //
 // A bucket is `count` units long.  Its boundaries fall on local midnight,

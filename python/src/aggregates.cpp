@@ -207,7 +207,7 @@ civil_times(const py::array_t<int64_t, py::array::c_style | py::array::forcecast
             const py::object &utc_offset) {
     const py::ssize_t n = y.size();
     if (m.size() != n || d.size() != n)
-        throw error(VEL_E_SEQ_LENGTH_MISMATCH, "time_from_parts: the parts differ in length");
+        throw error(VEL_E_SEQ_LENGTH_MISMATCH, "time_from_fields: the fields differ in length");
     const int64_t offset = offset_ns(utc_offset);
     py::array_t<int64_t> out(n);
     const int64_t *yp = y.data(), *mp = m.data(), *dp = d.data();
@@ -217,7 +217,7 @@ civil_times(const py::array_t<int64_t, py::array::c_style | py::array::forcecast
             o[i] = vel_dt_to_ns(table::civil_time(yp[i], mp[i], dp[i], offset));
         } catch (const error &e) {
             throw error(e.code(),
-                        "time_from_parts: row " + std::to_string(i) + ": " + table::refusal_of(e));
+                        "time_from_fields: row " + std::to_string(i) + ": " + table::refusal_of(e));
         }
     }
     return out;

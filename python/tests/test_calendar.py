@@ -92,24 +92,24 @@ def test_mean_per_calendar_year_of_a_weekly_csv(tmp_path):
     assert [float(r[1]) for r in rows] == pytest.approx(list(theirs), rel=1e-12)
 
 
-def test_time_from_parts_against_pandas():
+def test_time_from_fields_against_pandas():
     rng = np.random.default_rng(9)
     y, m, d = rng.integers(1678, 2262, 5000), rng.integers(1, 13, 5000), rng.integers(1, 32, 5000)
     ok = pd.to_datetime(dict(year=y, month=m, day=d), errors="coerce").notna().to_numpy()
     theirs = pd.to_datetime(dict(year=y[ok], month=m[ok], day=d[ok])).to_numpy()
-    np.testing.assert_array_equal(velseq.time_from_parts(y[ok], month=m[ok], day=d[ok]), theirs)
+    np.testing.assert_array_equal(velseq.time_from_fields(y[ok], month=m[ok], day=d[ok]), theirs)
     q = rng.integers(1, 5, 5000)
     np.testing.assert_array_equal(
-        velseq.time_from_parts(pd.Series(y), quarter=[f"Q{x}" for x in q]),
+        velseq.time_from_fields(pd.Series(y), quarter=[f"Q{x}" for x in q]),
         pd.PeriodIndex(year=y, quarter=q).to_timestamp().to_numpy())
-    np.testing.assert_array_equal(velseq.time_from_parts(y, utc_offset="-05:00"),
+    np.testing.assert_array_equal(velseq.time_from_fields(y, utc_offset="-05:00"),
                                   pd.to_datetime(y.astype(str)) + pd.Timedelta("5h"))
     bad = [dict(year=[1900], month=[2], day=[29]), dict(year=[1677]), dict(year=[2262], month=[5]),
            dict(year=[2000], quarter=[5]), dict(year=[2000.5]), dict(year=[2000], day=[1]),
            dict(year=[2000], quarter=[1], month=[1]), dict(year=[2000], month=["x"])]
     for kw in bad:
         with pytest.raises(velseq.BadInput):
-            velseq.time_from_parts(**kw)
+            velseq.time_from_fields(**kw)
 
 
 def test_the_program_takes_years_and_quarters_as_time(tmp_path):
@@ -131,7 +131,7 @@ def test_the_program_takes_years_and_quarters_as_time(tmp_path):
         "1677-09-21T00:12:43.145224192Z,70", "1770-01-01T00:00:00Z,100",
         "1870-01-01T00:00:00Z,100", "1970-01-01T00:00:00Z,30"]
     gdp = pd.read_csv(tmp_path / "gdp.csv")
-    times = pd.DatetimeIndex(velseq.time_from_parts(gdp["year"], quarter=gdp["quarter"]))
+    times = pd.DatetimeIndex(velseq.time_from_fields(gdp["year"], quarter=gdp["quarter"]))
     assert run("head", str(tmp_path / "gdp.csv"), "--time", "year,quarter", "--cols", "time") == [
         "time"] + list(times.strftime("%Y-%m-%dT%H:%M:%SZ"))
 

@@ -44,7 +44,7 @@ from ._velseq import (BadInput, Error, Object, Sequence, Transaction, WrongType,
                       _wrong_type, kernels)
 
 __all__ = ["BadInput", "Database", "Error", "LogWarning", "Object", "Sequence", "Transaction",
-           "WrongType", "kernels", "seq", "time_from_parts", "value"]
+           "WrongType", "kernels", "seq", "time_from_fields", "value"]
 
 
 class LogWarning(UserWarning):
@@ -314,24 +314,24 @@ def _resample(self, time, field, width, start=None, end=None, origin=None, aggs=
                         index=pd.DatetimeIndex(labels, name=time))
 
 
-def time_from_parts(year, quarter=None, month=None, day=None, *, utc_offset=None):
-    """Points in time from calendar parts, as datetime64[ns]: the first day of
+def time_from_fields(year, quarter=None, month=None, day=None, *, utc_offset=None):
+    """Points in time from calendar fields, as datetime64[ns]: the first day of
     each year, of each quarter of a year (quarter 1..4, or text "Q1".."Q4"),
     of each month of a year, or each day (year, month and day), at midnight
     UTC (or local midnight of `utc_offset`: "+01:00", "-05:00", a Timedelta).
-    The parts are array-likes of one length (pandas columns, lists) or
+    The fields are array-likes of one length (pandas columns, lists) or
     numbers; a day that is no calendar day, or lies outside 1677-09-22 ..
     2262-04-11, raises BadInput naming its row.  The calendar is the one
     every velseq front end uses (the program's --time year,quarter).
 
-        df.index = velseq.time_from_parts(df["year"], quarter=df["quarter"])
+        df.index = velseq.time_from_fields(df["year"], quarter=df["quarter"])
     """
     import pandas as pd
 
     if quarter is not None and (month is not None or day is not None):
-        _refuse("VEL_E_ILLEGAL_PARAM", "time_from_parts: give a quarter or a month (and day)")
+        _refuse("VEL_E_ILLEGAL_PARAM", "time_from_fields: give a quarter or a month (and day)")
     if day is not None and month is None:
-        _refuse("VEL_E_ILLEGAL_PARAM", "time_from_parts: a day needs its month")
+        _refuse("VEL_E_ILLEGAL_PARAM", "time_from_fields: a day needs its month")
 
     def ints(x, what):
         a = _np.asarray(x.to_numpy() if isinstance(x, (pd.Series, pd.Index)) else x)
@@ -341,9 +341,9 @@ def time_from_parts(year, quarter=None, month=None, day=None, *, utc_offset=None
         try:
             i = a.astype(_np.int64)
         except (TypeError, ValueError) as e:
-            _refuse("VEL_E_ILLEGAL_PARAM", f"time_from_parts: a {what} is not an integer ({e})")
+            _refuse("VEL_E_ILLEGAL_PARAM", f"time_from_fields: a {what} is not an integer ({e})")
         if a.dtype.kind == "f" and not _np.array_equal(i, a):
-            _refuse("VEL_E_ILLEGAL_PARAM", f"time_from_parts: a {what} is not an integer")
+            _refuse("VEL_E_ILLEGAL_PARAM", f"time_from_fields: a {what} is not an integer")
         return _np.atleast_1d(i)
 
     y = ints(year, "year")
@@ -351,7 +351,7 @@ def time_from_parts(year, quarter=None, month=None, day=None, *, utc_offset=None
     if quarter is not None:
         q = ints(quarter, "quarter")
         if ((q < 1) | (q > 4)).any():
-            _refuse("VEL_E_ILLEGAL_PARAM", "time_from_parts: a quarter lies in 1..4")
+            _refuse("VEL_E_ILLEGAL_PARAM", "time_from_fields: a quarter lies in 1..4")
         m, d = 3 * q - 2, one
     else:
         m = one if month is None else ints(month, "month")

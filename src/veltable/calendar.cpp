@@ -1,4 +1,4 @@
-// Calendar buckets and times from calendar parts.  Instants are signed
+// Calendar buckets and times from calendar fields.  Instants are signed
 // nanoseconds since 1970 (vel_dt_to_ns); a bucket is found from the local day
 // number D (days since 1970-01-01 of UTC + offset), the index of its unit
 // (days, weeks since the Monday 1969-12-29 shifted to the week start, months

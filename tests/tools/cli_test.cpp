@@ -370,7 +370,7 @@ TEST_F(Cli, BadInputAndOptions) {
          "start,v.count\n2023-12-31T05:00:00Z,2\n2024-01-07T05:00:00Z,2\n", ""},
         {good, "resample @in.csv 1W-XYZ", 2, "", "weeks start on MON"},
         {good, "resample @in.csv 1M --utc-offset +25:00", 2, "", "not a UTC offset"},
-        // time from parts; stats with positions and their times
+        // time from fields; stats with positions and their times
         {"year,month,v\n1700,2,1\n1700,3,2\n2000,2,3\n",
          "head @in.csv --time year,month --cols time,v", 0,
          "time,v\n1700-02-01T00:00:00Z,1\n1700-03-01T00:00:00Z,2\n2000-02-01T00:00:00Z,3\n", ""},

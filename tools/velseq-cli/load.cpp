@@ -536,7 +536,7 @@ class Loader {
             t_.cols[size_t(t_.need(name))].type = *t;
         }
         if (o_.time.find_first_of(",=") != std::string::npos)
-            time_from_parts();
+            time_from_fields();
         else if (!o_.time.empty())
             t_.time = t_.need(o_.time);
         else if (o_.epoch != Epoch::None)
@@ -555,12 +555,12 @@ class Loader {
         time.order = VEL_SEQ_ASC_ORDER;
     }
 
-    // --time YEAR[,QUARTER|MONTH[,DAY]] (each part NAME or KIND=NAME; a
-    // part without KIND is told by its name, the first is the year): a
+    // --time YEAR[,QUARTER|MONTH[,DAY]] (each column NAME or KIND=NAME; a
+    // column without KIND is told by its name, the first is the year): a
     // datetime column "time" after the file's, the first day of each row's
-    // year, quarter, month or its day at midnight UTC.  The parts are read
+    // year, quarter, month or its day at midnight UTC.  Those columns are read
     // as integers (a quarter may be written Q1..Q4).
-    void time_from_parts() {
+    void time_from_fields() {
         static const char *const kinds[] = {"year", "quarter", "month", "day"};
         const std::string usage = "--time " + o_.time +
                                   ": give YEAR, YEAR,QUARTER, YEAR,MONTH or YEAR,MONTH,DAY "
@@ -576,7 +576,7 @@ class Loader {
             const std::string name = eq == std::string::npos ? item : item.substr(eq + 1);
             const std::string l = lower(name);
             if (kind.empty())
-                kind = parts_.empty() ? "year"
+                kind = fields_.empty() ? "year"
                        : l.find("quarter") != std::string::npos || l == "q" || l == "qtr"
                            ? "quarter"
                        : l.find("month") != std::string::npos || l == "m" ? "month"
@@ -587,12 +587,12 @@ class Loader {
                 k++;
             if (k == 4)
                 throw Fail(kExitUsage, usage + " (cannot tell what '" + name + "' holds)");
-            parts_.push_back({kinds[k][0], t_.need(name)});
-            Column &c = t_.cols[size_t(parts_.back().second)];
+            fields_.push_back({kinds[k][0], t_.need(name)});
+            Column &c = t_.cols[size_t(fields_.back().second)];
             if (c.type == kDatetime) // a YYYY column inferred as a year's time
                 c.type = kInt8;
         }
-        for (auto [k, c] : parts_)
+        for (auto [k, c] : fields_)
             want.push_back(k);
         if (want != "y" && want != "yq" && want != "ym" && want != "ymd")
             throw Fail(kExitUsage, usage);
@@ -606,10 +606,10 @@ class Loader {
         t_.time = static_cast<int>(t_.cols.size()) - 1;
     }
 
-    // The time of the row's parts into row_; on a bad part, the reason.
+    // The time of the row's fields into row_; on a bad field, the reason.
     std::optional<std::string> compose_time() {
         int64_t ymd[3] = {0, 1, 1};
-        for (auto [kind, c] : parts_) {
+        for (auto [kind, c] : fields_) {
             const std::string_view cell = trim(cells_[size_t(c)]);
             std::string_view s = cell;
             const std::string &name = t_.cols[size_t(c)].name;
@@ -742,7 +742,7 @@ class Loader {
                   std::to_string(ncsv_);
         for (size_t c = 0; !why && c < ncsv_; c++)
             why = parse_cell(c);
-        if (!why && !parts_.empty())
+        if (!why && !fields_.empty())
             why = compose_time();
         if (why)
             return bad_line(line, *why);
@@ -806,8 +806,8 @@ class Loader {
     uint64_t first_skip_line_ = 0;
     std::vector<std::string_view> cells_;
     std::vector<char> quoted_;
-    size_t ncsv_ = 0;                         // columns of the file (then a time of parts)
-    std::vector<std::pair<char, int>> parts_; // y, q, m, d and their columns
+    size_t ncsv_ = 0;                          // columns of the file (then the time made of them)
+    std::vector<std::pair<char, int>> fields_; // y, q, m, d and their columns
     std::string scratch_;
 };
 
