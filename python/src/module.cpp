@@ -13,6 +13,18 @@ namespace py = pybind11;
 
 namespace vpy {
 
+namespace {
+
+// An instance of the exception class `type` for e, with its code and name.
+py::object exception_of(const py::object &type, const error &e) {
+    py::object exc = type(e.what());
+    exc.attr("code") = e.code();
+    exc.attr("name") = e.name();
+    return exc;
+}
+
+} // namespace
+
 void bind_errors(py::module_ &m) {
     static py::object &error_type = *new py::object( // never released, as numpy()
         py::reinterpret_borrow<py::object>(
@@ -20,32 +32,30 @@ void bind_errors(py::module_ &m) {
     error_type.attr("__doc__") =
         "A refused call: .code is the module's or host's code, .name its name; the data is as "
         "it was before the call.";
+    // velseq.Error subclasses that are also a built-in exception, held for
+    // the life of the process as error_type is.
+    auto subclass = [&](const char *name, PyObject *builtin, const char *doc) -> py::object & {
+        auto *t =
+            new py::object(py::module_::import("builtins")
+                               .attr("type")(name, py::make_tuple(error_type, py::handle(builtin)),
+                                             py::dict(py::arg("__module__") = m.attr("__name__"),
+                                                      py::arg("__doc__") = doc)));
+        m.attr(name) = *t;
+        return *t;
+    };
     // Refusals of the caller's values (bad type, value, order, null, length
     // or field) are also ValueErrors, as Python code expects of them.
-    static py::object &bad_input = *new py::object(
-        py::module_::import("builtins")
-            .attr("type")("BadInput", py::make_tuple(error_type, py::handle(PyExc_ValueError)),
-                          py::dict(py::arg("__module__") = m.attr("__name__"),
-                                   py::arg("__doc__") =
-                                       "A velseq.Error that refuses the values of a call; also a "
-                                       "ValueError.")));
-    m.attr("BadInput") = bad_input;
+    static py::object &bad_input =
+        subclass("BadInput", PyExc_ValueError,
+                 "A velseq.Error that refuses the values of a call; also a ValueError.");
     // Arguments of Python types a call does not take: pybind11 raises a bare
     // TypeError, which the package turns into this (see __init__.py).
-    static py::object &wrong_type = *new py::object(
-        py::module_::import("builtins")
-            .attr("type")("WrongType", py::make_tuple(error_type, py::handle(PyExc_TypeError)),
-                          py::dict(py::arg("__module__") = m.attr("__name__"),
-                                   py::arg("__doc__") =
-                                       "A velseq.Error that refuses the Python types of a call's "
-                                       "arguments; also a TypeError.")));
-    m.attr("WrongType") = wrong_type;
+    static py::object &wrong_type =
+        subclass("WrongType", PyExc_TypeError,
+                 "A velseq.Error that refuses the Python types of a call's arguments; also a "
+                 "TypeError.");
     m.def("_wrong_type", [](const std::string &message) {
-        const error e(VEL_E_ILLEGAL_TYPE, message);
-        py::object exc = wrong_type(e.what());
-        exc.attr("code") = e.code();
-        exc.attr("name") = e.name();
-        return exc;
+        return exception_of(wrong_type, error(VEL_E_ILLEGAL_TYPE, message));
     });
     // The package's own refusals, by the name of their code.
     m.def("_refuse", [](const std::string &name, const std::string &message) {
@@ -64,10 +74,7 @@ void bind_errors(py::module_ &m) {
                                c == VEL_E_SEQ_OUT_OF_ORDER || c == VEL_E_SEQ_NULL_VALUE ||
                                c == VEL_E_SEQ_LENGTH_MISMATCH || c == VEL_E_HOST_WRONG_FIELD;
             const py::object &type = input ? bad_input : error_type;
-            py::object exc = type(e.what());
-            exc.attr("code") = c;
-            exc.attr("name") = e.name();
-            PyErr_SetObject(type.ptr(), exc.ptr());
+            PyErr_SetObject(type.ptr(), exception_of(type, e).ptr());
         }
     });
 }
