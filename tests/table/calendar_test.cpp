@@ -103,15 +103,21 @@ TEST(Calendar, BucketsAgainstTheCLibrary) {
     }
 }
 
-TEST(Calendar, ResampleGroupsAsTheModel) {
+// One object of an ascending time field ts and a value field v of T, in
+// a write transaction.
+template <class T> struct series {
     database db;
-    schema s("series");
-    auto ts = s.seq<datetime>("ts", order::ascending);
-    auto v = s.seq<int64_t>("v");
-    db.define(s);
-    connection con(db);
-    transaction tx(con, transaction::write);
+    schema s{"series"};
+    field<datetime> ts = s.seq<datetime>("ts", order::ascending);
+    field<T> v = s.seq<T>("v");
+    connection con{(db.define(s), db)};
+    transaction tx{con, transaction::write};
     object o = tx.create(s);
+};
+
+TEST(Calendar, ResampleGroupsAsTheModel) {
+    series<int64_t> w;
+    auto &[db, s, ts, v, con, tx, o] = w;
     std::mt19937_64 rng(11);
     std::vector<datetime> times;
     std::vector<std::optional<int64_t>> vals;
@@ -152,14 +158,8 @@ TEST(Calendar, ResampleGroupsAsTheModel) {
 
 // aggregate() over time windows: nulls, argmin, argmax and their times.
 TEST(Calendar, SummaryPositionsAndTimes) {
-    database db;
-    schema s("w");
-    auto ts = s.seq<datetime>("ts", order::ascending);
-    auto v = s.seq<double>("v");
-    db.define(s);
-    connection con(db);
-    transaction tx(con, transaction::write);
-    object o = tx.create(s);
+    series<double> w;
+    auto &[db, s, ts, v, con, tx, o] = w;
     std::mt19937_64 rng(13);
     std::vector<datetime> times;
     std::vector<std::optional<double>> vals;
