@@ -5,6 +5,7 @@
 //
 //   ts    N ascending datetimes (1000 + 2 i), an ordered sequence field
 //   val   N int4 values, an unordered field
+//   px    N doubles (a random walk), an unordered field
 //   probe 2^20 datetimes, uniformly random over the span of ts, or ascending
 //   posn  2^20 positions into val (uint8), uniformly random, or ascending
 //
@@ -48,9 +49,10 @@ struct Data {
     vel_db_connection_h con = nullptr;
     uint16_t cls = 0;
     vel_objhandle_t obj{};
-    velh_field_info_t ts{}, val{}, probe_rnd{}, probe_asc{}, posn_rnd{}, posn_asc{}, dst{};
+    velh_field_info_t ts{}, val{}, probe_rnd{}, probe_asc{}, posn_rnd{}, posn_asc{}, dst{}, px{};
     std::vector<vel_datetime> p_ts, p_probe_rnd, p_probe_asc;
     std::vector<int32_t> p_val;
+    std::vector<double> p_px;
     std::vector<uint64_t> p_posn_rnd, p_posn_asc;
 
     explicit Data(uint64_t len) : n(len) {
@@ -64,10 +66,12 @@ struct Data {
                                 {"probe_asc", VEL_DD_SEQUENCE_DATETIME, 0, 0},
                                 {"posn_rnd", VEL_DD_SEQUENCE_UINT8, 0, 0},
                                 {"posn_asc", VEL_DD_SEQUENCE_UINT8, 0, 0},
-                                {"dst", VEL_DD_SEQUENCE_INT4, 0, 0}};
-        check(velh_class_define(db, "data", f, 7, 0, VELH_PM_INMEM, &cls), "class");
-        velh_field_info_t *info[] = {&ts, &val, &probe_rnd, &probe_asc, &posn_rnd, &posn_asc, &dst};
-        for (uint16_t i = 0; i < 7; i++)
+                                {"dst", VEL_DD_SEQUENCE_INT4, 0, 0},
+                                {"px", VEL_DD_SEQUENCE_DOUBLE, 0, 0}};
+        check(velh_class_define(db, "data", f, 8, 0, VELH_PM_INMEM, &cls), "class");
+        velh_field_info_t *info[] = {&ts,       &val,      &probe_rnd, &probe_asc,
+                                     &posn_rnd, &posn_asc, &dst,       &px};
+        for (uint16_t i = 0; i < 8; i++)
             check(velh_field_info(db, cls, i, info[i]), "field");
         check(velh_connect(db, &con), "connect");
         check(velh_begin(con, VELH_READ_WRITE), "begin");
@@ -76,9 +80,13 @@ struct Data {
         std::mt19937_64 rng(42);
         p_ts.resize(n);
         p_val.resize(n);
+        p_px.resize(n);
+        double walk = 100;
         for (uint64_t i = 0; i < n; i++) {
             p_ts[i] = 1000 + 2 * i;
             p_val[i] = static_cast<int32_t>(rng());
+            walk += static_cast<double>(static_cast<int64_t>(rng() % 2001) - 1000) / 4096;
+            p_px[i] = walk;
         }
         p_probe_rnd.resize(kProbes);
         p_posn_rnd.resize(kProbes);
@@ -96,6 +104,9 @@ struct Data {
 
         append(ts, p_ts.data(), VEL_SEQ_ASC_ORDER);
         append(val, p_val.data());
+        check(vel_w_seq_append_double(&obj, px.u_offset, px.c_offset, px.fld_no, p_px.data(), n,
+                                      VEL_SEQ_NO_ORDER, nullptr),
+              "append double");
         append(probe_rnd, p_probe_rnd.data(), VEL_SEQ_NO_ORDER, kProbes);
         append(probe_asc, p_probe_asc.data(), VEL_SEQ_NO_ORDER, kProbes);
         append_u8(posn_rnd, p_posn_rnd.data(), VEL_SEQ_NO_ORDER, kProbes);
@@ -247,6 +258,49 @@ void BM_ZeroCopyScan_velseq(benchmark::State &state) {
             return true;
         });
         benchmark::DoNotOptimize(sum);
+    }
+    state.SetItemsProcessed(static_cast<int64_t>(state.iterations() * d.n));
+}
+
+// ---- aggregate: count, sum, min, max of a whole field ---------------------------
+
+const std::vector<std::string> kAggKernels = {"count", "sum", "min", "max"};
+
+// The table layer's aggregate (one fused pass over the leaves in place);
+// argument 1 picks the field: 0 the int4 `val`, 1 the double `px`.
+void BM_Aggregate_velseq(benchmark::State &state) {
+    Data &d = data(pow10(state.range(0)));
+    const velseq::table::column c =
+        state.range(1) ? velseq::table::column{d.obj, d.px, {VEL_DD_SEQUENCE_DOUBLE, 8}}
+                       : velseq::table::column{d.obj, d.val, {VEL_DD_SEQUENCE_INT4, 4}};
+    for (auto _ : state)
+        benchmark::DoNotOptimize(velseq::table::aggregate(c, 0, d.n, kAggKernels));
+    state.SetItemsProcessed(static_cast<int64_t>(state.iterations() * d.n));
+}
+
+// One plain loop of the same four answers.
+template <class T, class S> void plain_summary(const std::vector<T> &v) {
+    S sum = 0;
+    T mn = v[0], mx = v[0];
+    for (T x : v) {
+        sum += x;
+        mn = x < mn ? x : mn;
+        mx = mx < x ? x : mx;
+    }
+    const uint64_t count = v.size();
+    benchmark::DoNotOptimize(count);
+    benchmark::DoNotOptimize(sum);
+    benchmark::DoNotOptimize(mn);
+    benchmark::DoNotOptimize(mx);
+}
+
+void BM_Aggregate_plain(benchmark::State &state) {
+    Data &d = data(pow10(state.range(0)));
+    for (auto _ : state) {
+        if (state.range(1))
+            plain_summary<double, double>(d.p_px);
+        else
+            plain_summary<int32_t, int64_t>(d.p_val);
     }
     state.SetItemsProcessed(static_cast<int64_t>(state.iterations() * d.n));
 }
@@ -566,6 +620,15 @@ duck::db &duck_data(int threads) {
         b.flush();
     }
     x.exec("CREATE TABLE vp AS SELECT rowid AS pos, val FROM v");
+    // px is 100 plus a multiple of 1/4096: its steps cross as integers.
+    x.exec("CREATE TABLE pxsteps(c BIGINT, unused BIGINT)");
+    {
+        duck::appender a(x, "pxsteps");
+        for (double v : d.p_px)
+            a.row(static_cast<int64_t>((v - 100) * 4096), 0);
+        a.flush();
+    }
+    x.exec("CREATE TABLE pxt AS SELECT 100 + CAST(c AS DOUBLE) / 4096 AS px FROM pxsteps");
     auto column = [&](const char *name, const auto &values) {
         x.exec(std::string("CREATE TABLE ") + name + "(p BIGINT, unused BIGINT)");
         duck::appender a(x, name);
@@ -600,6 +663,15 @@ void BM_Scan_duckdb(benchmark::State &state) {
     duck::db &x = duck_data(static_cast<int>(state.range(1)));
     for (auto _ : state)
         benchmark::DoNotOptimize(x.sum_query<int32_t>("SELECT val FROM v"));
+    state.SetItemsProcessed(static_cast<int64_t>(state.iterations() * pow10(7)));
+}
+
+void BM_Aggregate_duckdb(benchmark::State &state) {
+    duck::db &x = duck_data(static_cast<int>(state.range(2)));
+    const char *sql = state.range(1) ? "SELECT count(px), sum(px), min(px), max(px) FROM pxt"
+                                     : "SELECT count(val), sum(val), min(val), max(val) FROM v";
+    for (auto _ : state)
+        benchmark::DoNotOptimize(x.scalar(sql));
     state.SetItemsProcessed(static_cast<int64_t>(state.iterations() * pow10(7)));
 }
 
@@ -685,10 +757,13 @@ int main(int argc, char **argv) {
                           {"Search", BM_Search_velseq, BM_Search_plain}};
     const Pair join{"Join", BM_Join_velseq, BM_Join_plain};
     const Pair map{"Map", BM_Map_velseq, BM_Map_plain};
+    const Pair agg{"Aggregate", BM_Aggregate_velseq, BM_Aggregate_plain};
     for (int64_t batch : {1, 4, 16, 64, 256, 2048})
         reg(append, {7, batch});
     for (const Pair &p : table)
         reg(p, {7});
+    for (int64_t field : {0, 1}) // int4, double
+        reg(agg, {7, field});
     for (int64_t order : {0, 1}) { // random, ascending
         reg(join, {7, order});
         reg(map, {7, order});
@@ -710,6 +785,9 @@ int main(int argc, char **argv) {
             for (int64_t batch : {1, 2048})
                 dreg("Append", BM_Append_duckdb, {7, batch}, threads);
             dreg("Scan", BM_Scan_duckdb, {7}, threads);
+            dreg("ZeroCopyScan", BM_Scan_duckdb, {7}, threads);
+            for (int64_t field : {0, 1})
+                dreg("Aggregate", BM_Aggregate_duckdb, {7, field}, threads);
             dreg("RangeRead", BM_RangeRead_duckdb, {7}, threads);
             dreg("Store", BM_Store_duckdb, {7}, threads);
             dreg("Search", BM_Search_duckdb, {7}, threads);

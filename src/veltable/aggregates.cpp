@@ -2,9 +2,12 @@
 // aggregate (one group: a position range) and resample (time buckets).
 //
 // A kernel is one struct: its name, what it answers, whether it takes
-// numbers only (not datetimes or characters), the type of its answer, and
-// `state<P>`, its running state over values of policy P (dispatch.h).  Adding an aggregate is one
-// struct here plus its line in `registry`.
+// numbers only (not datetimes or characters), the type of its answer, what
+// it needs of the pass over the values and how it reads its answer off that
+// pass (`fold<P>`, over values of policy P, dispatch.h).  Every kernel asked
+// at once shares one pass over the values, which are read in place, leaf by
+// leaf.  Adding an aggregate is one struct here plus its line in
+// `registry` (and a field of fold if it needs one).
 #include <algorithm>
 #include <tuple>
 
@@ -24,31 +27,6 @@ uint64_t array::null_count() const {
 
 namespace detail {
 namespace {
-
-template <class P> struct kernel_state {
-    virtual ~kernel_state() = default;
-    // Values v[0, n) of positions pos.., nulls flagged from bit `off` of
-    // `nulls`.
-    virtual void add(const P &p, const unsigned char *v, const vel_bitmap_word_t *nulls, size_t off,
-                     size_t n, uint64_t pos) = 0;
-    // Appends the answer to `out` and starts over.
-    virtual void answer(const P &p, array &out) = 0;
-};
-
-// Calls f(value, position) for each non-null value of a chunk (no mask:
-// none is null, and the loop has no test).
-template <class P, class F>
-void each_value(const P &p, const unsigned char *v, const vel_bitmap_word_t *nulls, size_t off,
-                size_t n, uint64_t pos, F &&f) {
-    if (nulls == nullptr) {
-        for (size_t i = 0; i < n; i++)
-            f(p.at(v, i), pos + i);
-        return;
-    }
-    for (size_t i = 0; i < n; i++)
-        if (!null_at(nulls, off + i))
-            f(p.at(v, i), pos + i);
-}
 
 bool numeric(column_type t) {
     return t.code != VEL_DD_SEQUENCE_DATETIME && t.code != VEL_DD_SEQUENCE_CHAR;
@@ -73,22 +51,155 @@ column_type sum_type(column_type t) {
     }
 }
 
-template <class P> struct summing {
+// What a set of kernels asks of the pass over the values.
+enum needs : unsigned {
+    kSum = 1,      // sum and count of the values present
+    kExtremes = 2, // min and max, passing over NaN
+    kArgs = 4,     // and the positions of the first extremes
+    kFirst = 8,
+    kLast = 16,
+};
+
+// The one pass every kernel answers from: counts, the sum, the extremes and
+// their positions, the first and last values present, over the runs given
+// to add() in position order.  Kernels asked together share the pass.
+template <class P> struct fold {
     using T = typename P::value;
     using acc_t = std::conditional_t<std::is_floating_point_v<T>, double, uint64_t>;
+    P p;
+    unsigned wants = 0;
+    uint64_t count = 0, rows = 0;
     acc_t sum = 0;
-    uint64_t count = 0;
-    void add(const P &p, const unsigned char *v, const vel_bitmap_word_t *nulls, size_t off,
-             size_t n, uint64_t pos) {
+    bool has = false; // mn and mx hold extremes (values that are not NaN)
+    T mn{}, mx{};
+    uint64_t at_mn = 0, at_mx = 0;
+    std::optional<T> first{}, last{};
+
+    void reset() {
+        count = rows = 0;
+        sum = 0;
+        has = false;
+        first.reset();
+        last.reset();
+    }
+
+    // Values v[0, n) of positions pos.., nulls flagged from bit `off` of
+    // `nulls` (none null without a mask).
+    void add(const unsigned char *v, const vel_bitmap_word_t *nulls, size_t off, size_t n,
+             uint64_t pos) {
+        if (n == 0)
+            return;
+        rows += n;
+        if (nulls != nullptr) {
+            add_masked(v, nulls, off, n, pos);
+            return;
+        }
+        count += n;
+        if ((wants & kFirst) && !first)
+            first = p.at(v, 0);
+        if (wants & kLast)
+            last = p.at(v, n - 1);
+        const bool e = (wants & kExtremes) != 0;
+        if constexpr (P::numeric) {
+            if (wants & kSum) {
+                e ? dense<true, true>(v, n, pos) : dense<true, false>(v, n, pos);
+                return;
+            }
+        }
+        if (e)
+            dense<false, true>(v, n, pos);
+    }
+
+    // Sum and extremes of a run without nulls in one loop.  The sum adds in
+    // position order (a float sum must round as the row-by-row one does);
+    // the run's extremes start at its first value that is not NaN, and a
+    // strict comparison keeps the first of equal values and never takes
+    // NaN, so that no NaN test is left in the loop.
+    template <bool S, bool E> void dense(const unsigned char *v, size_t n, uint64_t pos) {
         acc_t s = sum; // locals: the loop keeps them in registers
+        size_t i = 0;
+        if constexpr (E) {
+            for (; i < n && p.is_nan(p.at(v, i)); i++)
+                if constexpr (S)
+                    s += static_cast<acc_t>(p.at(v, i));
+        }
+        if (!E || i == n) {
+            if constexpr (S)
+                for (; i < n; i++)
+                    s += static_cast<acc_t>(p.at(v, i));
+            sum = s;
+            return;
+        }
+        const size_t i0 = i;
+        T m = p.at(v, i0), M = m;
+        if constexpr (S)
+            s += static_cast<acc_t>(m);
+        for (i = i0 + 1; i < n; i++) {
+            const T x = p.at(v, i);
+            if constexpr (S)
+                s += static_cast<acc_t>(x);
+            m = p.less(x, m) ? x : m;
+            M = p.less(M, x) ? x : M;
+        }
+        sum = s;
+        // The run's first extremes against those of the runs before.
+        const bool lower = !has || p.less(m, mn), higher = !has || p.less(mx, M);
+        if (lower)
+            mn = m;
+        if (higher)
+            mx = M;
+        if ((wants & kArgs) && (lower || higher)) {
+            // The first value equal to a run's extreme is the one the loop
+            // kept: nothing before it is smaller (larger).
+            bool lo_at = !lower, hi_at = !higher;
+            for (i = i0; !(lo_at && hi_at); i++) {
+                const T x = p.at(v, i);
+                if (p.is_nan(x))
+                    continue;
+                if (!lo_at && !p.less(m, x)) {
+                    at_mn = pos + i;
+                    lo_at = true;
+                }
+                if (!hi_at && !p.less(x, M)) {
+                    at_mx = pos + i;
+                    hi_at = true;
+                }
+            }
+        }
+        has = true;
+    }
+
+    void add_masked(const unsigned char *v, const vel_bitmap_word_t *nulls, size_t off, size_t n,
+                    uint64_t pos) {
+        acc_t s = sum;
         uint64_t c = count;
-        each_value(p, v, nulls, off, n, pos, [&](const T &x, uint64_t) {
-            s += static_cast<acc_t>(x);
+        for (size_t i = 0; i < n; i++) {
+            if (null_at(nulls, off + i))
+                continue;
+            const T x = p.at(v, i);
             c++;
-        });
+            if constexpr (P::numeric)
+                s += static_cast<acc_t>(x);
+            if ((wants & kFirst) && !first)
+                first = x;
+            if (wants & kLast)
+                last = x;
+            if (!(wants & kExtremes) || p.is_nan(x))
+                continue;
+            if (!has || p.less(x, mn)) {
+                mn = x;
+                at_mn = pos + i;
+            }
+            if (!has || p.less(mx, x)) {
+                mx = x;
+                at_mx = pos + i;
+            }
+            has = true;
+        }
         sum = s;
         count = c;
     }
+
     // The sum as its answer type: signed integers reinterpret the wrapped
     // unsigned total.
     auto total() const {
@@ -96,6 +207,15 @@ template <class P> struct summing {
             return sum;
         else
             return static_cast<int64_t>(sum);
+    }
+    void put(array &out, const T &x) const {
+        if constexpr (std::is_arithmetic_v<T>) {
+            push(out, &x);
+        } else {
+            std::vector<unsigned char> bytes(p.width());
+            p.put(bytes.data(), x);
+            push(out, bytes.data());
+        }
     }
 };
 
@@ -105,61 +225,35 @@ template <bool Rows> struct count_k {
     static constexpr const char *answer =
         Rows ? "the number of rows, nulls included" : "the number of values present";
     static constexpr bool numeric_only = false;
+    static constexpr unsigned wants = 0;
     static column_type result(column_type) { return kUint8; }
-    template <class P> struct state : kernel_state<P> {
-        uint64_t n = 0;
-        void add(const P &, const unsigned char *, const vel_bitmap_word_t *nulls, size_t off,
-                 size_t k, uint64_t) override {
-            if (Rows || nulls == nullptr) {
-                n += k;
-                return;
-            }
-            for (size_t i = 0; i < k; i++)
-                n += !null_at(nulls, off + i);
-        }
-        void answer(const P &, array &out) override {
-            push(out, &n);
-            n = 0;
-        }
-    };
+    template <class P> static void give(const fold<P> &f, array &out) {
+        push(out, Rows ? &f.rows : &f.count);
+    }
 };
 
 struct sum_k {
     static constexpr const char *name = "sum";
     static constexpr const char *answer = "the sum of the values (0 when none)";
     static constexpr bool numeric_only = true;
+    static constexpr unsigned wants = kSum;
     static column_type result(column_type t) { return sum_type(t); }
-    template <class P> struct state : kernel_state<P>, summing<P> {
-        void add(const P &p, const unsigned char *v, const vel_bitmap_word_t *nulls, size_t off,
-                 size_t n, uint64_t pos) override {
-            summing<P>::add(p, v, nulls, off, n, pos);
-        }
-        void answer(const P &, array &out) override {
-            const auto s = this->total();
-            push(out, &s);
-            this->sum = 0;
-            this->count = 0;
-        }
-    };
+    template <class P> static void give(const fold<P> &f, array &out) {
+        const auto s = f.total();
+        push(out, &s);
+    }
 };
 
 struct mean_k {
     static constexpr const char *name = "mean";
     static constexpr const char *answer = "the sum over the count, as a double";
     static constexpr bool numeric_only = true;
+    static constexpr unsigned wants = kSum;
     static column_type result(column_type) { return kDouble; }
-    template <class P> struct state : kernel_state<P>, summing<P> {
-        void add(const P &p, const unsigned char *v, const vel_bitmap_word_t *nulls, size_t off,
-                 size_t n, uint64_t pos) override {
-            summing<P>::add(p, v, nulls, off, n, pos);
-        }
-        void answer(const P &, array &out) override {
-            const double m = static_cast<double>(this->total()) / static_cast<double>(this->count);
-            push(out, this->count ? &m : nullptr);
-            this->sum = 0;
-            this->count = 0;
-        }
-    };
+    template <class P> static void give(const fold<P> &f, array &out) {
+        const double m = static_cast<double>(f.total()) / static_cast<double>(f.count);
+        push(out, f.count ? &m : nullptr);
+    }
 };
 
 // min, max and their positions: the first extreme value in position order,
@@ -170,42 +264,16 @@ template <bool Max, bool Arg> struct extreme_k {
                                                      : "the position of the first smallest value")
                                               : (Max ? "the largest value" : "the smallest value");
     static constexpr bool numeric_only = false;
+    static constexpr unsigned wants = Arg ? kExtremes | kArgs : kExtremes;
     static column_type result(column_type t) { return Arg ? kUint8 : t; }
-    template <class P> struct state : kernel_state<P> {
-        std::optional<typename P::value> best;
-        uint64_t at = 0;
-        void add(const P &p, const unsigned char *v, const vel_bitmap_word_t *nulls, size_t off,
-                 size_t n, uint64_t pos) override {
-            bool has = best.has_value(); // locals: the loop keeps them in registers
-            typename P::value b = has ? *best : typename P::value{};
-            uint64_t a = at;
-            each_value(p, v, nulls, off, n, pos, [&](const typename P::value &x, uint64_t i) {
-                if (p.is_nan(x))
-                    return;
-                if (!has || (Max ? p.less(b, x) : p.less(x, b))) {
-                    b = x;
-                    a = i;
-                    has = true;
-                }
-            });
-            if (has) {
-                best = std::move(b);
-                at = a;
-            }
-        }
-        void answer(const P &p, array &out) override {
-            if (!best) {
-                push(out, nullptr);
-            } else if constexpr (Arg) {
-                push(out, &at);
-            } else {
-                std::vector<unsigned char> bytes(p.width());
-                p.put(bytes.data(), *best);
-                push(out, bytes.data());
-            }
-            best.reset();
-        }
-    };
+    template <class P> static void give(const fold<P> &f, array &out) {
+        if (!f.has)
+            push(out, nullptr);
+        else if constexpr (Arg)
+            push(out, Max ? &f.at_mx : &f.at_mn);
+        else
+            f.put(out, Max ? f.mx : f.mn);
+    }
 };
 
 // The first or last value present, in position order.
@@ -214,31 +282,15 @@ template <bool Last> struct end_k {
     static constexpr const char *answer =
         Last ? "the last value present" : "the first value present";
     static constexpr bool numeric_only = false;
+    static constexpr unsigned wants = Last ? kLast : kFirst;
     static column_type result(column_type t) { return t; }
-    template <class P> struct state : kernel_state<P> {
-        std::optional<typename P::value> v;
-        void add(const P &p, const unsigned char *vals, const vel_bitmap_word_t *nulls, size_t off,
-                 size_t n, uint64_t) override {
-            for (size_t k = 0; k < n; k++) {
-                const size_t i = Last ? n - 1 - k : k;
-                if (null_at(nulls, off + i))
-                    continue;
-                if (Last || !v)
-                    v = p.at(vals, i);
-                return;
-            }
-        }
-        void answer(const P &p, array &out) override {
-            if (!v) {
-                push(out, nullptr);
-            } else {
-                std::vector<unsigned char> bytes(p.width());
-                p.put(bytes.data(), *v);
-                push(out, bytes.data());
-            }
-            v.reset();
-        }
-    };
+    template <class P> static void give(const fold<P> &f, array &out) {
+        const auto &v = Last ? f.last : f.first;
+        if (v)
+            f.put(out, *v);
+        else
+            push(out, nullptr);
+    }
 };
 
 using registry = std::tuple<count_k<false>, sum_k, mean_k, extreme_k<false, false>,
@@ -264,14 +316,15 @@ template <class F> void with_kernel(std::string_view name, F &&f) {
         throw error(VEL_E_ILLEGAL_PARAM, "no aggregate named '" + std::string(name) + "'");
 }
 
-// The running states of the kernels asked for, over values of policy P.
+// The kernels asked for over values of policy P: one fold for all of them,
+// each kernel's answer taken from it.
 template <class P> struct kernel_set {
-    P p;
-    std::vector<std::unique_ptr<kernel_state<P>>> states;
+    fold<P> f;
+    std::vector<void (*)(const fold<P> &, array &)> gives;
 
     kernel_set(const P &pol, column_type t, const std::vector<std::string> &names,
                std::vector<array> &answers)
-        : p(pol) {
+        : f{pol} {
         for (const std::string &name : names)
             with_kernel(name, [&](auto k) {
                 using K = decltype(k);
@@ -279,19 +332,20 @@ template <class P> struct kernel_set {
                     throw error(VEL_E_ILLEGAL_TYPE,
                                 std::string(K::name) + " of a " + type_name(t) + " column");
                 } else {
-                    states.push_back(std::make_unique<typename K::template state<P>>());
+                    f.wants |= K::wants;
+                    gives.push_back(&K::template give<P>);
                     answers.emplace_back().type = K::result(t);
                 }
             });
     }
     void add(const unsigned char *v, const vel_bitmap_word_t *nulls, size_t off, size_t n,
              uint64_t pos) {
-        for (auto &s : states)
-            s->add(p, v, nulls, off, n, pos);
+        f.add(v, nulls, off, n, pos);
     }
     void answer(std::vector<array> &answers) {
-        for (size_t j = 0; j < states.size(); j++)
-            states[j]->answer(p, answers[j]);
+        for (size_t j = 0; j < gives.size(); j++)
+            gives[j](f, answers[j]);
+        f.reset();
     }
 };
 
@@ -390,9 +444,16 @@ buckets resample_by(const column &ts, const column &values,
         detail::kernel_set set(p, values.type, names, out.answers);
         if (first == last)
             return;
+        // The time column's runs first (pointers only), then the values'
+        // runs in step with them: both read in place.
+        std::vector<leaf_run> times;
+        visit_leaves(ts, first, last, [&](const leaf_run &r) {
+            times.push_back(r);
+            return true;
+        });
         detail::scalar<vel_datetime, VEL_DD_SEQUENCE_DATETIME> dt;
-        detail::tile_reader tr(dt, ts, first, last);
-        detail::tile_reader vr(p, values, first, last);
+        size_t tr = 0;     // the time run in hand
+        uint64_t toff = 0; // its first value not yet used
         bool open = false;
         uint64_t cur = 0;
         vel_datetime cur_start = 0;
@@ -400,28 +461,37 @@ buckets resample_by(const column &ts, const column &values,
             detail::push(out.start, &cur_start);
             set.answer(out.answers);
         };
-        while (tr.ready() && vr.ready()) {
-            const size_t chunk = std::min(tr.left(), vr.left());
-            const unsigned char *t = tr.values() + tr.off * sizeof(vel_datetime);
-            const uint64_t pos = vr.it->next_seq_no - vr.it->tile_size + vr.off;
-            size_t i = 0;
-            while (i < chunk) {
-                const auto [key, start, end] = span(dt.at(t, i));
-                if (open && key != cur)
-                    close();
-                open = true;
-                cur = key;
-                cur_start = start;
-                size_t j = i + 1;
-                while (j < chunk && dt.at(t, j) <= end)
-                    j++;
-                set.add(vr.values() + (vr.off + i) * p.width(), vr.it->tile.null_bitmap, vr.off + i,
-                        j - i, pos + i);
-                i = j;
+        visit_leaves(values, first, last, [&](const leaf_run &r) {
+            const auto *vals = static_cast<const unsigned char *>(r.values);
+            for (uint64_t voff = 0; voff < r.length;) {
+                if (toff == times[tr].length) {
+                    tr++;
+                    toff = 0;
+                }
+                const size_t chunk = std::min(times[tr].length - toff, r.length - voff);
+                const auto *t = static_cast<const unsigned char *>(times[tr].values) +
+                                toff * sizeof(vel_datetime);
+                const uint64_t pos = r.first + voff;
+                size_t i = 0;
+                while (i < chunk) {
+                    const auto [key, start, end] = span(dt.at(t, i));
+                    if (open && key != cur)
+                        close();
+                    open = true;
+                    cur = key;
+                    cur_start = start;
+                    size_t j = i + 1;
+                    while (j < chunk && dt.at(t, j) <= end)
+                        j++;
+                    set.add(vals + (voff + i) * p.width(), r.nulls, r.null_bit + voff + i, j - i,
+                            pos + i);
+                    i = j;
+                }
+                toff += chunk;
+                voff += chunk;
             }
-            tr.off += chunk;
-            vr.off += chunk;
-        }
+            return true;
+        });
         if (open)
             close();
     });
