@@ -32,6 +32,10 @@ if [ ${#missing[@]} -gt 0 ]; then
     "${as_root[@]}" apt-get install -y -q --no-install-recommends "${missing[@]}"
 fi
 
+# DuckDB's library, the independent reader of the Arrow and Parquet tests
+# (they say they are skipped when it cannot be fetched).
+scripts/fetch-duckdb.sh || echo "test.sh: DuckDB could not be fetched: its tests will be skipped" >&2
+
 JOBS="${JOBS:-$(nproc 2>/dev/null || echo 2)}"
 cmake --preset debug
 cmake --build --preset debug -j "$JOBS"

@@ -25,6 +25,7 @@
 #include <vector>
 
 #include "velembed.h"
+#include "velseq/arrow.h"
 
 namespace velseq::table {
 
@@ -265,6 +266,16 @@ struct buckets {
 buckets resample(const column &ts, const column &values, int64_t width_ns, vel_datetime origin,
                  std::optional<std::pair<vel_datetime, vel_datetime>> window,
                  const std::vector<std::string> &kernels);
+
+// ---- Arrow and Parquet ------------------------------------------------------
+// The C functions of velseq/arrow.h, throwing instead of returning codes.
+
+void export_arrow(velh_db_t *db, const velt_export_t &opts, ArrowArrayStream *out);
+// Releases `in`; returns the rows imported.
+uint64_t import_arrow(velh_db_t *db, const velt_import_t &opts, ArrowArrayStream *in);
+void to_parquet(velh_db_t *db, const velt_export_t &opts, const std::string &dir,
+                unsigned partition);
+uint64_t from_parquet(velh_db_t *db, const velt_import_t &opts, const std::string &dir);
 
 } // namespace velseq::table
 

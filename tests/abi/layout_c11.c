@@ -2,6 +2,7 @@
 #include <stddef.h>
 
 #include "velhost.h"
+#include "velseq/arrow.h"
 
 _Static_assert(sizeof(vel_unaligned_page_header_t) == 4, "page header fields");
 _Static_assert(offsetof(vel_seq_page_t, ref_count) == 4, "ref_count after the header");
@@ -38,3 +39,12 @@ _Static_assert(offsetof(vel_db_connection_t, trans) == 0, "transaction first in 
 _Static_assert(VEL_E_SEQ_NULL_VALUE == 703 && VEL_S_CURSOR_EMPTY == 12, "codes");
 
 int velseq_layout_c11(void) { return (int)sizeof(vel_seq_iterator_t); }
+
+/* The Arrow C data interface as Arrow publishes it (64-bit). */
+_Static_assert(sizeof(struct ArrowSchema) == 72 && offsetof(struct ArrowSchema, release) == 56,
+               "ArrowSchema");
+_Static_assert(sizeof(struct ArrowArray) == 80 && offsetof(struct ArrowArray, buffers) == 40,
+               "ArrowArray");
+_Static_assert(sizeof(struct ArrowArrayStream) == 40 &&
+                   offsetof(struct ArrowArrayStream, private_data) == 32,
+               "ArrowArrayStream");
