@@ -95,27 +95,33 @@ const char *velt_error_message(void);
 /* ---- export --------------------------------------------------------------- */
 
 typedef struct velt_export_t_ {
-    const char *table;                   /* the class's name */
-    const char *const *columns;          /* fields to export, in this order; NULL:
-                                            every field in definition order */
+    const char *table;          /* the class's name */
+    const char *const *columns; /* fields to export, in this order; NULL:
+                                   every field in definition order */
     size_t n_columns;
-    const char *oid_column;              /* name of the object column; NULL: "oid";
-                                            "": no such column */
-    const uint64_t *oids;                /* objects to export, in this order; NULL:
-                                            every object in creation order */
+    const char *oid_column; /* name of the object column; NULL: "oid";
+                               "": no such column */
+    const uint64_t *oids;   /* objects to export, in this order; NULL:
+                               every object in creation order */
     size_t n_oids;
-    uint64_t first, last;                /* positions [first, last) of each object,
-                                            cut to its length; last 0: to the end */
-    vel_bool by_time;                    /* rows whose time lies in [from, to) instead
-                                            (of the first ascending datetime field) */
-    int64_t from, to;                    /* nanoseconds since 1970 */
-    uint32_t batch_rows;                 /* rows of a batch at most; 0: one leaf of the
-                                            first field's page tree per batch, whose
-                                            values are then not copied */
-    vel_bool char_as_binary;             /* char(N) as fixed_size_binary[N] */
-    vel_bool naive_time;                 /* datetime as timestamp[ns] without a zone */
+    uint64_t first, last;    /* positions [first, last) of each object,
+                                cut to its length; last 0: to the end */
+    vel_bool by_time;        /* rows whose time lies in [from, to) instead
+                                (of the first ascending datetime field) */
+    int64_t from, to;        /* nanoseconds since 1970 */
+    uint32_t batch_rows;     /* rows of a batch at most; 0: one leaf of the
+                                first field's page tree per batch, whose
+                                values are then not copied */
+    vel_bool char_as_binary; /* char(N) as fixed_size_binary[N] */
+    vel_bool naive_time;     /* datetime as timestamp[ns] without a zone */
     void (*progress)(uint64_t rows_done, uint64_t rows_total, void *ctx);
     void *progress_ctx;
+    vel_db_connection_h con; /* NULL: a read transaction of the export's
+                                own; else this connection's open
+                                transaction, as it sees the table, which
+                                must stay open, without updates to the
+                                fields exported, until the stream and its
+                                batches are released */
 } velt_export_t;
 
 /* Sets every option to its default (zero, every field, every object). */
@@ -123,32 +129,33 @@ void velt_export_init(velt_export_t *opts);
 
 /* Opens a stream of the table's rows, one record batch (an Arrow struct
    array) per slice of leaves, each object's rows in position order.  The
-   stream reads one snapshot, a read transaction of its own that its release
-   and the release of the last batch it gave end; until then
-   velh_db_close(db) is refused with VEL_E_HOST_BUSY.  Values of a batch
+   stream reads one snapshot: opts->con's, or a read transaction of its own
+   that its release and the release of the last batch it gave end (until
+   then velh_db_close(db) is refused with VEL_E_HOST_BUSY).  Values of a batch
    that lies within one leaf of a field are the page's own; validity
    bitmaps are made from the leaves' null masks.  get_next may be called
    from any thread, one call at a time.  Refused before anything is
-   opened: an unknown table, field or object, a char(N) field that is not
-   valid UTF-8 (found when its batch is made: the stream's error), sequence
-   fields of one object holding different numbers of values. */
+   opened: an unknown table, field or object, sequence fields of one object
+   holding different numbers of values, a field named as the oid column.
+   A char(N) value that is not UTF-8 text is found when its batch is made:
+   get_next fails (EINVAL) and get_last_error says which field. */
 VEL_RET velt_export_arrow(velh_db_t *db, const velt_export_t *opts, struct ArrowArrayStream *out);
 
 /* ---- import --------------------------------------------------------------- */
 
 typedef struct velt_import_t_ {
-    const char *table;        /* the class; defined from the stream's schema when
-                                 absent (sequence fields; the time field below
-                                 ascending; char widths from a field's metadata
-                                 "velseq.width" or the longest value, see below) */
-    const char *oid_column;   /* NULL: "oid".  A column of this name sends each row to
-                                 the object of its value (new objects, one per value, in
-                                 the order values first appear); without one every
-                                 row goes to one new object */
-    const char *time;         /* the ascending field of a new table; NULL: its first
-                                 timestamp column */
-    uint16_t char_width;      /* width of a new table's utf8 fields without metadata;
-                                 0: refused */
+    const char *table;      /* the class; defined from the stream's schema when
+                               absent (sequence fields; the time field below
+                               ascending; char widths from a field's metadata
+                               "velseq.width" or the longest value, see below) */
+    const char *oid_column; /* NULL: "oid".  A column of this name sends each row to
+                               the object of its value (new objects, one per value, in
+                               the order values first appear); without one every
+                               row goes to one new object */
+    const char *time;       /* the ascending field of a new table; NULL: its first
+                               timestamp column */
+    uint16_t char_width;    /* width of a new table's utf8 fields without metadata;
+                               0: refused */
 } velt_import_t;
 
 void velt_import_init(velt_import_t *opts);

@@ -18,18 +18,30 @@ namespace {
 
 std::string format_of(const out_col &c, bool naive_time) {
     switch (c.type.code) {
-    case VEL_DD_SEQUENCE_INT1: return "c";
-    case VEL_DD_SEQUENCE_INT2: return "s";
-    case VEL_DD_SEQUENCE_INT4: return "i";
-    case VEL_DD_SEQUENCE_INT8: return "l";
-    case VEL_DD_SEQUENCE_UINT1: return "C";
-    case VEL_DD_SEQUENCE_UINT2: return "S";
-    case VEL_DD_SEQUENCE_UINT4: return "I";
-    case VEL_DD_SEQUENCE_UINT8: return "L";
-    case VEL_DD_SEQUENCE_FLOAT: return "f";
-    case VEL_DD_SEQUENCE_DOUBLE: return "g";
-    case VEL_DD_SEQUENCE_DATETIME: return naive_time ? "tsn:" : "tsn:UTC";
-    default: return c.text ? "u" : "w:" + std::to_string(c.type.width);
+    case VEL_DD_SEQUENCE_INT1:
+        return "c";
+    case VEL_DD_SEQUENCE_INT2:
+        return "s";
+    case VEL_DD_SEQUENCE_INT4:
+        return "i";
+    case VEL_DD_SEQUENCE_INT8:
+        return "l";
+    case VEL_DD_SEQUENCE_UINT1:
+        return "C";
+    case VEL_DD_SEQUENCE_UINT2:
+        return "S";
+    case VEL_DD_SEQUENCE_UINT4:
+        return "I";
+    case VEL_DD_SEQUENCE_UINT8:
+        return "L";
+    case VEL_DD_SEQUENCE_FLOAT:
+        return "f";
+    case VEL_DD_SEQUENCE_DOUBLE:
+        return "g";
+    case VEL_DD_SEQUENCE_DATETIME:
+        return naive_time ? "tsn:" : "tsn:UTC";
+    default:
+        return c.text ? "u" : "w:" + std::to_string(c.type.width);
     }
 }
 
@@ -89,6 +101,8 @@ snapshot::snapshot(velh_db_t *db) {
 }
 
 snapshot::~snapshot() {
+    if (borrowed)
+        return;
     velh_rollback(con);
     velh_disconnect(con);
 }
@@ -144,10 +158,9 @@ void put_text(exporter::owner_t &o, std::vector<const void *> &bufs, const unsig
             len--;
         if (!valid_utf8(s, len))
             throw error(VEL_E_ILLEGAL_PARAM,
-                        std::string("field '")
-                            .append(name)
-                            .append("' holds a value that is not UTF-8 text: export it as "
-                                    "binary (char_as_binary)"));
+                        std::string("field '").append(name).append(
+                            "' holds a value that is not UTF-8 text: export it as "
+                            "binary (char_as_binary)"));
         std::memcpy(data + at, s, len);
         at += static_cast<int32_t>(len);
     }
@@ -172,8 +185,7 @@ uint64_t exporter::slice_end(const part &p, uint64_t a) const {
     return b;
 }
 
-void exporter::fill(owner_t &o, size_t ci, const part &p, uint64_t a, uint64_t b,
-                    ArrowArray &out) {
+void exporter::fill(owner_t &o, size_t ci, const part &p, uint64_t a, uint64_t b, ArrowArray &out) {
     const out_col &c = cols[ci];
     const uint64_t n = b - a;
     std::vector<const void *> &bufs = o.child_buffers[ci];
@@ -392,7 +404,8 @@ std::vector<out_col> columns_of(const table_info &t, const velt_export_t &opts) 
         c.type = d.type;
         c.order = d.scalar ? VEL_SEQ_NO_ORDER : d.order;
         c.text = d.type.code == VEL_DD_SEQUENCE_CHAR && !opts.char_as_binary;
-        if (std::any_of(cols.begin(), cols.end(), [&](const out_col &o) { return o.name == c.name; }))
+        if (std::any_of(cols.begin(), cols.end(),
+                        [&](const out_col &o) { return o.name == c.name; }))
             throw error(VEL_E_ILLEGAL_PARAM, "field '" + c.name + "' asked for twice");
         cols.push_back(c);
     }
@@ -436,7 +449,12 @@ std::unique_ptr<exporter> plan_export(velh_db_t *db, const velt_export_t &opts) 
             throw error(VEL_E_ILLEGAL_PARAM, "export: a time window, but table '" + t->name +
                                                  "' has no ascending datetime field");
     }
-    e->snap = std::make_shared<snapshot>(db);
+    if (opts.con != nullptr && !velh_in_transaction(opts.con))
+        throw error(VEL_E_HOST_TRANS_CLOSED, "export: the connection given has no transaction");
+    if (opts.con != nullptr && velh_db_of(opts.con) != db)
+        throw error(VEL_E_ILLEGAL_PARAM, "export: the connection given is of another database");
+    e->snap =
+        opts.con != nullptr ? std::make_shared<snapshot>(opts.con) : std::make_shared<snapshot>(db);
     vel_db_connection_h con = e->snap->con;
     // The objects, checked whole before the stream opens.
     std::vector<uint64_t> oids(opts.oids, opts.oids + (opts.oids ? opts.n_oids : 0));
@@ -462,7 +480,8 @@ std::unique_ptr<exporter> plan_export(velh_db_t *db, const velt_export_t &opts) 
         p.oid = oid;
         const VEL_RET rc = velh_obj_open(con, t->code, oid, &p.obj);
         if (rc != VEL_S_OK)
-            throw error(rc, "export: object " + std::to_string(oid) + " of table '" + t->name + "'");
+            throw error(rc,
+                        "export: object " + std::to_string(oid) + " of table '" + t->name + "'");
         std::optional<uint64_t> n;
         for (const out_col &c : e->cols) {
             p.scalars.emplace_back();

@@ -14,11 +14,14 @@
 
 namespace velseq::table::arrow {
 
-// A read transaction of the export's own: the pages every batch points
-// into stay as they are until the last reference goes.
+// A read transaction of the export's own, whose pages every batch points
+// into stay as they are until the last reference goes; or the caller's
+// open transaction (`borrowed`), which the caller keeps open.
 struct snapshot {
     vel_db_connection_h con = nullptr;
+    bool borrowed = false;
     explicit snapshot(velh_db_t *db);
+    explicit snapshot(vel_db_connection_h caller) : con(caller), borrowed(true) {}
     snapshot(const snapshot &) = delete;
     snapshot &operator=(const snapshot &) = delete;
     ~snapshot();
@@ -52,15 +55,15 @@ struct exporter {
     table_info table;
     std::vector<out_col> cols;
     std::vector<part> parts;
-    size_t lead = 0;                     // the first sequence column
-    std::optional<uint16_t> time_fld;    // the first ascending datetime field
+    size_t lead = 0;                  // the first sequence column
+    std::optional<uint16_t> time_fld; // the first ascending datetime field
     uint32_t batch_rows = 0;
     bool naive_time = false;
-    size_t max_text = 0;                 // widest utf8 column
+    size_t max_text = 0; // widest utf8 column
     void (*progress)(uint64_t, uint64_t, void *) = nullptr;
     void *progress_ctx = nullptr;
     uint64_t total = 0, done = 0;
-    size_t at_part = 0;                  // the next batch's first row
+    size_t at_part = 0; // the next batch's first row
     uint64_t at_pos = 0;
     std::string last_error;
 

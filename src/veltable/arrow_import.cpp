@@ -30,12 +30,11 @@ std::optional<source_type> source_of(std::string_view f) {
         const char *format;
         uint8_t code;
         uint16_t width;
-    } kFixed[] = {
-        {"c", VEL_DD_SEQUENCE_INT1, 1},  {"s", VEL_DD_SEQUENCE_INT2, 2},
-        {"i", VEL_DD_SEQUENCE_INT4, 4},  {"l", VEL_DD_SEQUENCE_INT8, 8},
-        {"C", VEL_DD_SEQUENCE_UINT1, 1}, {"S", VEL_DD_SEQUENCE_UINT2, 2},
-        {"I", VEL_DD_SEQUENCE_UINT4, 4}, {"L", VEL_DD_SEQUENCE_UINT8, 8},
-        {"f", VEL_DD_SEQUENCE_FLOAT, 4}, {"g", VEL_DD_SEQUENCE_DOUBLE, 8}};
+    } kFixed[] = {{"c", VEL_DD_SEQUENCE_INT1, 1},  {"s", VEL_DD_SEQUENCE_INT2, 2},
+                  {"i", VEL_DD_SEQUENCE_INT4, 4},  {"l", VEL_DD_SEQUENCE_INT8, 8},
+                  {"C", VEL_DD_SEQUENCE_UINT1, 1}, {"S", VEL_DD_SEQUENCE_UINT2, 2},
+                  {"I", VEL_DD_SEQUENCE_UINT4, 4}, {"L", VEL_DD_SEQUENCE_UINT8, 8},
+                  {"f", VEL_DD_SEQUENCE_FLOAT, 4}, {"g", VEL_DD_SEQUENCE_DOUBLE, 8}};
     for (const auto &k : kFixed)
         if (f == k.format)
             return source_type{{k.code, k.width}};
@@ -135,14 +134,13 @@ array convert(const in_col &c, const ArrowArray &a, uint64_t r0, uint64_t r1) {
                 std::memcpy(&e, v + (off + i + 1) * 8, 8);
             }
             if (e - b > t.width)
-                throw error(VEL_E_ILLEGAL_PARAM,
-                            std::string("column '")
-                                .append(c.name)
-                                .append("': a text of ")
-                                .append(std::to_string(e - b))
-                                .append(" bytes does not fit char(")
-                                .append(std::to_string(t.width))
-                                .append(")"));
+                throw error(VEL_E_ILLEGAL_PARAM, std::string("column '")
+                                                     .append(c.name)
+                                                     .append("': a text of ")
+                                                     .append(std::to_string(e - b))
+                                                     .append(" bytes does not fit char(")
+                                                     .append(std::to_string(t.width))
+                                                     .append(")"));
             std::memcpy(out.values.data() + (i - r0) * t.width, data + b,
                         static_cast<size_t>(e - b));
         }
@@ -174,7 +172,8 @@ uint64_t oid_at(const in_col &c, const ArrowArray &a, uint64_t i) {
                     (static_cast<uint64_t>(a.offset) + i) * c.src.type.width;
     const bool sign = c.src.type.code >= VEL_DD_SEQUENCE_INT1;
     switch (c.src.type.width) {
-    case 1: return sign ? uint64_t(int64_t(int8_t(*v))) : *v;
+    case 1:
+        return sign ? uint64_t(int64_t(int8_t(*v))) : *v;
     case 2: {
         uint16_t x;
         std::memcpy(&x, v, 2);
@@ -215,8 +214,8 @@ std::vector<in_col> match(velh_db_t *db, const velt_import_t &opts, const ArrowS
         c.src = *src;
         if (c.name == oid_name && !oid_name.empty()) {
             if (!is_integer(c.src.type.code))
-                throw error(VEL_E_ILLEGAL_TYPE, "import: the object column '" + c.name +
-                                                    "' is not of an integer type");
+                throw error(VEL_E_ILLEGAL_TYPE,
+                            "import: the object column '" + c.name + "' is not of an integer type");
             c.is_oid = true;
             cols.push_back(c);
             continue;
@@ -226,9 +225,9 @@ std::vector<in_col> match(velh_db_t *db, const velt_import_t &opts, const ArrowS
         if (c.def.type.width == 0) {
             const std::string w = arrow::metadata_value(ch.metadata, "velseq.width");
             const auto known = hints.widths.find(c.name);
-            c.def.type.width = !w.empty()             ? static_cast<uint16_t>(std::stoi(w))
+            c.def.type.width = !w.empty()                    ? static_cast<uint16_t>(std::stoi(w))
                                : known != hints.widths.end() ? known->second
-                                                       : opts.char_width;
+                                                             : opts.char_width;
         }
         const std::string order = arrow::metadata_value(ch.metadata, "velseq.order");
         c.def.order = order == "ascending" || c.name == hints.ascending ? VEL_SEQ_ASC_ORDER
@@ -247,11 +246,10 @@ std::vector<in_col> match(velh_db_t *db, const velt_import_t &opts, const ArrowS
             const column_def &d = t.columns[static_cast<size_t>(c.field)];
             const bool text_in = c.src.offset_bytes != 0 && d.type.code == VEL_DD_SEQUENCE_CHAR;
             if (!(d.type == c.src.type) && !text_in)
-                throw error(VEL_E_ILLEGAL_TYPE, "import: column '" + c.name + "' holds " +
-                                                    (c.src.offset_bytes ? std::string("text")
-                                                                        : type_name(c.src.type)) +
-                                                    ", field '" + d.name + "' is " +
-                                                    type_name(d.type));
+                throw error(VEL_E_ILLEGAL_TYPE,
+                            "import: column '" + c.name + "' holds " +
+                                (c.src.offset_bytes ? std::string("text") : type_name(c.src.type)) +
+                                ", field '" + d.name + "' is " + type_name(d.type));
             c.def = d;
         }
         for (const column_def &d : t.columns)
@@ -264,9 +262,8 @@ std::vector<in_col> match(velh_db_t *db, const velt_import_t &opts, const ArrowS
     // A new table: the time field is the one named, else the first
     // timestamp column, unless the schema's metadata gave orders.
     std::vector<column_def> defs;
-    const bool ordered = std::any_of(cols.begin(), cols.end(), [](const in_col &c) {
-        return c.def.order != VEL_SEQ_NO_ORDER;
-    });
+    const bool ordered = std::any_of(
+        cols.begin(), cols.end(), [](const in_col &c) { return c.def.order != VEL_SEQ_NO_ORDER; });
     bool time_set = ordered;
     for (in_col &c : cols) {
         if (c.is_oid)
@@ -283,9 +280,8 @@ std::vector<in_col> match(velh_db_t *db, const velt_import_t &opts, const ArrowS
         c.field = static_cast<int>(defs.size());
         defs.push_back(c.def);
     }
-    if (opts.time != nullptr && std::none_of(cols.begin(), cols.end(), [&](const in_col &c) {
-            return c.name == opts.time;
-        }))
+    if (opts.time != nullptr && std::none_of(cols.begin(), cols.end(),
+                                             [&](const in_col &c) { return c.name == opts.time; }))
         throw error(VEL_E_ILLEGAL_PARAM,
                     std::string("import: no column '").append(opts.time).append("'"));
     t = define_table(db, opts.table, defs);
@@ -320,8 +316,8 @@ uint64_t import_arrow(velh_db_t *db, const velt_import_t &opts, ArrowArrayStream
         throw error(VEL_E_ILLEGAL_PARAM, "import: the stream's schema: " + stream_error(in, rc));
     table_info t;
     std::vector<in_col> cols = match(db, opts, schema.s, hints, t);
-    const auto oid_col = std::find_if(cols.begin(), cols.end(),
-                                      [](const in_col &c) { return c.is_oid; });
+    const auto oid_col =
+        std::find_if(cols.begin(), cols.end(), [](const in_col &c) { return c.is_oid; });
     connection con;
     velseq::detail::check(velh_connect(db, &con.con), "connecting for an import");
     velseq::detail::check(velh_begin(con.con, VELH_READ_WRITE), "starting the import");
@@ -336,7 +332,9 @@ uint64_t import_arrow(velh_db_t *db, const velt_import_t &opts, ArrowArrayStream
             break;
         const ArrowArray &b = batch.a;
         if (b.n_children != static_cast<int64_t>(cols.size()) || b.length < 0)
-            throw error(VEL_E_ILLEGAL_PARAM, "import: a batch of " + std::to_string(b.n_children) + " columns, where the schema has " + std::to_string(cols.size()));
+            throw error(VEL_E_ILLEGAL_PARAM, "import: a batch of " + std::to_string(b.n_children) +
+                                                 " columns, where the schema has " +
+                                                 std::to_string(cols.size()));
         const uint64_t n = static_cast<uint64_t>(b.length);
         // Children count from the batch's offset.
         std::vector<ArrowArray> ch(cols.size());
@@ -344,8 +342,8 @@ uint64_t import_arrow(velh_db_t *db, const velt_import_t &opts, ArrowArrayStream
             ch[i] = *b.children[i];
             ch[i].offset += b.offset;
             if (ch[i].length < b.offset + b.length)
-                throw error(VEL_E_ILLEGAL_PARAM, "import: column '" + cols[i].name +
-                                                     "' is shorter than its batch");
+                throw error(VEL_E_ILLEGAL_PARAM,
+                            "import: column '" + cols[i].name + "' is shorter than its batch");
         }
         const size_t oi = static_cast<size_t>(oid_col - cols.begin());
         for (uint64_t r0 = 0; r0 < n;) {
@@ -375,7 +373,8 @@ uint64_t import_arrow(velh_db_t *db, const velt_import_t &opts, ArrowArrayStream
                 const size_t w = c.def.type.width;
                 if (!tg.scalars_set)
                     set_scalar(tg.obj, t, f,
-                               array{c.def.type, 1,
+                               array{c.def.type,
+                                     1,
                                      std::vector<unsigned char>(values.values.begin(),
                                                                 values.values.begin() + w),
                                      {}});
@@ -383,9 +382,9 @@ uint64_t import_arrow(velh_db_t *db, const velt_import_t &opts, ArrowArrayStream
                 for (uint64_t k = 0; k < values.length; k++)
                     if (!values.valid(k) ||
                         std::memcmp(values.values.data() + k * w, have.values.data(), w) != 0)
-                        throw error(VEL_E_ILLEGAL_PARAM,
-                                    "import: scalar field '" + c.name +
-                                        "' differs between rows of object " + std::to_string(oid));
+                        throw error(VEL_E_ILLEGAL_PARAM, "import: scalar field '" + c.name +
+                                                             "' differs between rows of object " +
+                                                             std::to_string(oid));
             }
             tg.scalars_set = true;
             rows += r1 - r0;

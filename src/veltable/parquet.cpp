@@ -70,8 +70,8 @@ const duck_api &duckdb() {
     static std::string why;
     std::call_once(once, [] {
         const char *env = std::getenv("VELSEQ_DUCKDB");
-        void *lib = dlopen(env != nullptr && *env != '\0' ? env : "libduckdb.so",
-                           RTLD_NOW | RTLD_LOCAL);
+        void *lib =
+            dlopen(env != nullptr && *env != '\0' ? env : "libduckdb.so", RTLD_NOW | RTLD_LOCAL);
         if (lib == nullptr) {
             why = dlerror();
             return;
@@ -189,8 +189,7 @@ void to_parquet(velh_db_t *db, const velt_export_t &opts, const std::string &dir
     // The files: each a list of (part, first, last), in path order of the
     // partition folders, objects in the export's order within a file.
     std::map<std::string, std::vector<std::tuple<size_t, uint64_t, uint64_t>>> files;
-    const calendar cal =
-        partition & VELT_PARTITION_DAY ? calendar::days() : calendar::months();
+    const calendar cal = partition & VELT_PARTITION_DAY ? calendar::days() : calendar::months();
     for (size_t i = 0; i < e->parts.size(); i++) {
         const arrow::part &p = e->parts[i];
         const std::string obj = partition & VELT_PARTITION_OBJECT
@@ -210,8 +209,8 @@ void to_parquet(velh_db_t *db, const velt_export_t &opts, const std::string &dir
             array bounds{{VEL_DD_SEQUENCE_DATETIME, 8}, 2, std::vector<unsigned char>(16), {}};
             std::memcpy(bounds.values.data(), &span.start, 8);
             std::memcpy(bounds.values.data() + 8, &span.last, 8);
-            const uint64_t b = std::min(p.last, search(ts, bounds, bound::inclusive,
-                                                       bound::inclusive).second);
+            const uint64_t b =
+                std::min(p.last, search(ts, bounds, bound::inclusive, bound::inclusive).second);
             files[obj + bucket_folder(partition, span.start) + "/"].emplace_back(i, a, b);
             a = b;
         }
@@ -226,8 +225,8 @@ void to_parquet(velh_db_t *db, const velt_export_t &opts, const std::string &dir
         if (c.k == arrow::kind::scalar)
             kv += ", " + sql_text("velseq.scalar." + c.name) + ": '1'";
         if (c.type.code == VEL_DD_SEQUENCE_CHAR && c.k != arrow::kind::oid)
-            kv += ", " + sql_text("velseq.width." + c.name) + ": '" +
-                  std::to_string(c.type.width) + "'";
+            kv += ", " + sql_text("velseq.width." + c.name) + ": '" + std::to_string(c.type.width) +
+                  "'";
     }
     kv += "}";
     fs::create_directories(dir);
@@ -388,7 +387,10 @@ struct file_stream {
         check(err, "the schema of " + files[at].string());
         shape.clear();
         for (int64_t k = 0; k < out.n_children; k++)
-            shape.append(out.children[k]->name).append(":").append(out.children[k]->format).append(";");
+            shape.append(out.children[k]->name)
+                .append(":")
+                .append(out.children[k]->format)
+                .append(";");
     }
     void schema(ArrowSchema &out) {
         at = 0;
@@ -470,7 +472,8 @@ uint64_t from_parquet(velh_db_t *db, const velt_import_t &opts, const std::strin
             throw error(VEL_E_HOST_IO, "DuckDB: " + m);
         }
         for (uint64_t k = 0; k < src->d.api.row_count(&r); k++) {
-            char *key = src->d.api.value_varchar(&r, 0, k), *val = src->d.api.value_varchar(&r, 1, k);
+            char *key = src->d.api.value_varchar(&r, 0, k),
+                 *val = src->d.api.value_varchar(&r, 1, k);
             const std::string ks = key != nullptr ? key : "", vs = val != nullptr ? val : "";
             src->d.api.free(key);
             src->d.api.free(val);
@@ -512,10 +515,10 @@ uint64_t from_parquet(velh_db_t *db, const velt_import_t &opts, const std::strin
                 const int64_t w = src->d.api.value_int64(&r, k, 0);
                 if (w > VELH_MAX_SEQ_CHAR_WIDTH) {
                     src->d.api.destroy_result(&r);
-                    throw error(VEL_E_ILLEGAL_PARAM,
-                                "Parquet: column '" + names[k] + "' holds a text of " +
-                                    std::to_string(w) + " bytes; a char field holds at most " +
-                                    std::to_string(VELH_MAX_SEQ_CHAR_WIDTH));
+                    throw error(VEL_E_ILLEGAL_PARAM, "Parquet: column '" + names[k] +
+                                                         "' holds a text of " + std::to_string(w) +
+                                                         " bytes; a char field holds at most " +
+                                                         std::to_string(VELH_MAX_SEQ_CHAR_WIDTH));
                 }
                 widths[names[k]] = static_cast<uint16_t>(std::max<int64_t>(w, 1));
             }

@@ -23,7 +23,7 @@ namespace fs = std::filesystem;
 using table::array;
 using table::column_type;
 
-const char *const kNames[] = {"int1",  "int2",  "int4",  "int8",  "uint1", "uint2",
+const char *const kNames[] = {"int1",  "int2",  "int4",  "int8",   "uint1",  "uint2",
                               "uint4", "uint8", "float", "double", "char(6)"};
 
 // One column of the model: each object's values as an array.
@@ -48,16 +48,26 @@ std::string literal(const array &a, uint64_t i) {
         return "(" + std::to_string(v) + ")";
     };
     switch (a.type.code) {
-    case VEL_DD_SEQUENCE_INT1: return get(int8_t()) + "::TINYINT";
-    case VEL_DD_SEQUENCE_INT2: return get(int16_t()) + "::SMALLINT";
-    case VEL_DD_SEQUENCE_INT4: return get(int32_t()) + "::INTEGER";
-    case VEL_DD_SEQUENCE_INT8: return get(int64_t()) + "::BIGINT";
-    case VEL_DD_SEQUENCE_UINT1: return get(uint8_t()) + "::UTINYINT";
-    case VEL_DD_SEQUENCE_UINT2: return get(uint16_t()) + "::USMALLINT";
-    case VEL_DD_SEQUENCE_UINT4: return get(uint32_t()) + "::UINTEGER";
-    case VEL_DD_SEQUENCE_UINT8: return get(uint64_t()) + "::UBIGINT";
-    case VEL_DD_SEQUENCE_FLOAT: return get(float()) + "::REAL";
-    case VEL_DD_SEQUENCE_DOUBLE: return get(double()) + "::DOUBLE";
+    case VEL_DD_SEQUENCE_INT1:
+        return get(int8_t()) + "::TINYINT";
+    case VEL_DD_SEQUENCE_INT2:
+        return get(int16_t()) + "::SMALLINT";
+    case VEL_DD_SEQUENCE_INT4:
+        return get(int32_t()) + "::INTEGER";
+    case VEL_DD_SEQUENCE_INT8:
+        return get(int64_t()) + "::BIGINT";
+    case VEL_DD_SEQUENCE_UINT1:
+        return get(uint8_t()) + "::UTINYINT";
+    case VEL_DD_SEQUENCE_UINT2:
+        return get(uint16_t()) + "::USMALLINT";
+    case VEL_DD_SEQUENCE_UINT4:
+        return get(uint32_t()) + "::UINTEGER";
+    case VEL_DD_SEQUENCE_UINT8:
+        return get(uint64_t()) + "::UBIGINT";
+    case VEL_DD_SEQUENCE_FLOAT:
+        return get(float()) + "::REAL";
+    case VEL_DD_SEQUENCE_DOUBLE:
+        return get(double()) + "::DOUBLE";
     case VEL_DD_SEQUENCE_DATETIME: {
         uint64_t v;
         std::memcpy(&v, p, 8);
@@ -107,7 +117,10 @@ struct Arrow : ::testing::Test {
             venue.push_back(v);
             int64_t ns = 1704067200000000000 + int64_t(rng() % 1000); // 2024-01-01
             for (size_t c = 0; c < cols.size(); c++) {
-                array a{cols[c].def.type, rows, std::vector<unsigned char>(rows * cols[c].def.type.width), {}};
+                array a{cols[c].def.type,
+                        rows,
+                        std::vector<unsigned char>(rows * cols[c].def.type.width),
+                        {}};
                 for (uint64_t i = 0; i < rows; i++) {
                     unsigned char *p = a.values.data() + i * a.type.width;
                     const uint64_t r = rng();
@@ -173,7 +186,8 @@ struct Arrow : ::testing::Test {
         vel_cursor_t cur;
         ASSERT_EQ(vel_w_list_cursor(tr, u.code, &cur), VEL_S_OK);
         size_t o = 0;
-        for (VEL_RET rc = vel_cursor_first(tr, &cur); rc == VEL_S_OK; rc = vel_cursor_next(tr, &cur)) {
+        for (VEL_RET rc = vel_cursor_first(tr, &cur); rc == VEL_S_OK;
+             rc = vel_cursor_next(tr, &cur)) {
             while (o < oids.size() && cols[0].per_object[o].length == 0)
                 o++; // objects without rows have no rows to export
             ASSERT_LT(o, oids.size());
@@ -181,9 +195,9 @@ struct Arrow : ::testing::Test {
             ASSERT_EQ(vel_w_obj_from_cursor(tr, &cur, u.code, &h), VEL_S_OK);
             for (size_t c = 0; c < cols.size(); c++) {
                 const array &want = cols[c].per_object[o];
-                const array got =
-                    table::read(table::column_of(h, db.get(), u, u.field(cols[c].def.name)), 0,
-                                table::count(table::column_of(h, db.get(), u, u.field(cols[c].def.name))));
+                const array got = table::read(
+                    table::column_of(h, db.get(), u, u.field(cols[c].def.name)), 0,
+                    table::count(table::column_of(h, db.get(), u, u.field(cols[c].def.name))));
                 ASSERT_EQ(got.length, want.length) << name << " " << cols[c].def.name;
                 for (uint64_t i = 0; i < want.length; i++)
                     ASSERT_EQ(literal(got, i), literal(want, i))
@@ -230,10 +244,10 @@ TEST_F(Arrow, DuckDBReadsTheStreamAsTheModelHoldsIt) {
         ASSERT_EQ(velh_begin(con.get(), VELH_READ_ONLY), VEL_S_OK);
         vel_objhandle_t h{};
         ASSERT_EQ(velh_obj_open(con.get(), t.code, oids[o], &h), VEL_S_OK);
-        const table::buckets b = table::resample(
-            table::column_of(h, db.get(), t, 0),
-            table::column_of(h, db.get(), t, t.field("c_double")), calendar::months(),
-            std::nullopt, {"count", "sum", "min", "max"});
+        const table::buckets b =
+            table::resample(table::column_of(h, db.get(), t, 0),
+                            table::column_of(h, db.get(), t, t.field("c_double")),
+                            calendar::months(), std::nullopt, {"count", "sum", "min", "max"});
         for (uint64_t k = 0; k < b.start.length; k++) {
             char month[40], num[40];
             vel_datetime s;
@@ -252,10 +266,11 @@ TEST_F(Arrow, DuckDBReadsTheStreamAsTheModelHoldsIt) {
             ours += "\n";
         }
     }
-    EXPECT_EQ(d.rows("SELECT oid, strftime(time, '%Y-%m'), printf('%.17g', count(c_double)::DOUBLE), "
-                     "printf('%.17g', sum(c_double)), printf('%.17g', min(c_double)), "
-                     "printf('%.17g', max(c_double)) FROM got GROUP BY ALL ORDER BY ALL"),
-              ours);
+    EXPECT_EQ(
+        d.rows("SELECT oid, strftime(time, '%Y-%m'), printf('%.17g', count(c_double)::DOUBLE), "
+               "printf('%.17g', sum(c_double)), printf('%.17g', min(c_double)), "
+               "printf('%.17g', max(c_double)) FROM got GROUP BY ALL ORDER BY ALL"),
+        ours);
 }
 
 TEST_F(Arrow, RoundTripsKeepEveryValueInItsPosition) {
@@ -282,21 +297,24 @@ TEST_F(Arrow, RoundTripsKeepEveryValueInItsPosition) {
     const fs::path dir = fs::temp_directory_path() / ("velseq-arrow-" + std::to_string(getpid()));
     fs::remove_all(dir);
     velt_export_t po = options();
-    ASSERT_EQ(velt_to_parquet(db.get(), &po, dir.c_str(),
-                              VELT_PARTITION_OBJECT | VELT_PARTITION_MONTH),
-              VEL_S_OK)
+    ASSERT_EQ(
+        velt_to_parquet(db.get(), &po, dir.c_str(), VELT_PARTITION_OBJECT | VELT_PARTITION_MONTH),
+        VEL_S_OK)
         << velt_error_message();
-    EXPECT_TRUE(fs::exists(dir / ("oid=" + std::to_string(oids[2])) / "month=2024-02" / "data.parquet"));
+    EXPECT_TRUE(
+        fs::exists(dir / ("oid=" + std::to_string(oids[2])) / "month=2024-02" / "data.parquet"));
     duckdb_client::db d(*duck);
     load_model(d);
-    const std::string files = "read_parquet('" + dir.string() + "/**/*.parquet', hive_partitioning=true)";
+    const std::string files =
+        "read_parquet('" + dir.string() + "/**/*.parquet', hive_partitioning=true)";
     EXPECT_EQ(d.rows("SELECT * EXCLUDE (month) REPLACE (oid::UBIGINT AS oid) FROM " + files +
                      " EXCEPT ALL SELECT * FROM model"),
               "");
     EXPECT_EQ(d.rows("SELECT count(*) FROM " + files), d.rows("SELECT count(*) FROM model"));
     EXPECT_EQ(velt_to_parquet(db.get(), &po, dir.c_str(), 0), VEL_E_HOST_IO); // not empty
     in.table = "back";
-    ASSERT_EQ(velt_from_parquet(db.get(), &in, dir.c_str(), &rows), VEL_S_OK) << velt_error_message();
+    ASSERT_EQ(velt_from_parquet(db.get(), &in, dir.c_str(), &rows), VEL_S_OK)
+        << velt_error_message();
     EXPECT_EQ(rows, 2600u);
     expect_equal_to_model("back");
     fs::remove_all(dir);
@@ -321,7 +339,8 @@ TEST_F(Arrow, DuckDBAsofJoinsMatchVelseqs) {
         ASSERT_EQ(velh_obj_open(con.get(), t.code, oids[ob], &h), VEL_S_OK);
         array p{*table::type_by_name("datetime"), 40, std::vector<unsigned char>(320), {}};
         for (uint64_t i = 0; i < p.length; i++) {
-            const vel_datetime v = vel_dt_from_ns(1704067200000000000 + int64_t(rng() % 8000000000000000));
+            const vel_datetime v =
+                vel_dt_from_ns(1704067200000000000 + int64_t(rng() % 8000000000000000));
             std::memcpy(p.values.data() + i * 8, &v, 8);
             probes += std::string(probes.empty() ? "" : ", ") + "(" + std::to_string(k + int(i)) +
                       ", " + std::to_string(oids[ob]) + "::UBIGINT, " + literal(p, i) + ")";
@@ -348,7 +367,8 @@ TEST_F(Arrow, DuckDBAsofJoinsMatchVelseqs) {
 
 // What an import or export cannot take is refused whole, and says why.
 TEST_F(Arrow, RefusalsChangeNothing) {
-    auto import = [&](const char *table, velt_export_t o, const std::function<void(ArrowArrayStream &)> &spoil) {
+    auto import = [&](const char *table, velt_export_t o,
+                      const std::function<void(ArrowArrayStream &)> &spoil) {
         ArrowArrayStream s{};
         EXPECT_EQ(velt_export_arrow(db.get(), &o, &s), VEL_S_OK);
         spoil(s);
@@ -373,8 +393,9 @@ TEST_F(Arrow, RefusalsChangeNothing) {
     // Into the source table itself: fine; then text wider than the field.
     o = options();
     EXPECT_EQ(import("ticks", o, [](ArrowArrayStream &) {}), VEL_S_OK);
-    table::define_table(db.get(), "narrow", {{"time", *table::type_by_name("datetime"), VEL_SEQ_ASC_ORDER},
-                                             {"sym", *table::type_by_name("char(2)")}});
+    table::define_table(db.get(), "narrow",
+                        {{"time", *table::type_by_name("datetime"), VEL_SEQ_ASC_ORDER},
+                         {"sym", *table::type_by_name("char(2)")}});
     velt_export_t some = options();
     const char *const names[] = {"time", "sym"};
     some.columns = names;
@@ -383,15 +404,16 @@ TEST_F(Arrow, RefusalsChangeNothing) {
     EXPECT_EQ(import("narrow", some, [](ArrowArrayStream &) {}), VEL_E_ILLEGAL_PARAM);
     EXPECT_NE(std::string(velt_error_message()).find("does not fit char(2)"), std::string::npos);
     // A stream that fails half-way.
-    EXPECT_EQ(import("ticks3", options(10), [](ArrowArrayStream &s) {
-                  static int (*next)(ArrowArrayStream *, ArrowArray *);
-                  static int calls;
-                  next = s.get_next;
-                  calls = 0;
-                  s.get_next = [](ArrowArrayStream *st, ArrowArray *out) {
-                      return ++calls == 5 ? EIO : next(st, out);
-                  };
-              }),
+    EXPECT_EQ(import("ticks3", options(10),
+                     [](ArrowArrayStream &s) {
+                         static int (*next)(ArrowArrayStream *, ArrowArray *);
+                         static int calls;
+                         next = s.get_next;
+                         calls = 0;
+                         s.get_next = [](ArrowArrayStream *st, ArrowArray *out) {
+                             return ++calls == 5 ? EIO : next(st, out);
+                         };
+                     }),
               VEL_E_ILLEGAL_PARAM);
     // Exports: unknown fields and objects, a time window backwards.
     velt_export_t bad = options();

@@ -36,7 +36,7 @@ struct api {
 
     // The library, or nullptr when $VELSEQ_DUCKDB does not load.
     static const api *get() {
-        static const api *a = [] () -> const api * {
+        static const api *a = []() -> const api * {
             static api x;
             const char *path = std::getenv("VELSEQ_DUCKDB");
             void *lib = path != nullptr ? dlopen(path, RTLD_NOW | RTLD_LOCAL) : nullptr;
@@ -47,16 +47,14 @@ struct api {
                 std::memcpy(&fn, &p, sizeof p);
                 return p != nullptr;
             };
-            const bool ok = sym(x.open, "duckdb_open") && sym(x.close, "duckdb_close") &&
-                            sym(x.connect, "duckdb_connect") &&
-                            sym(x.disconnect, "duckdb_disconnect") &&
-                            sym(x.query, "duckdb_query") && sym(x.error, "duckdb_result_error") &&
-                            sym(x.destroy, "duckdb_destroy_result") &&
-                            sym(x.varchar, "duckdb_value_varchar") &&
-                            sym(x.is_null, "duckdb_value_is_null") && sym(x.free, "duckdb_free") &&
-                            sym(x.arrow_scan, "duckdb_arrow_scan") &&
-                            sym(x.row_count, "duckdb_row_count") &&
-                            sym(x.column_count, "duckdb_column_count");
+            const bool ok =
+                sym(x.open, "duckdb_open") && sym(x.close, "duckdb_close") &&
+                sym(x.connect, "duckdb_connect") && sym(x.disconnect, "duckdb_disconnect") &&
+                sym(x.query, "duckdb_query") && sym(x.error, "duckdb_result_error") &&
+                sym(x.destroy, "duckdb_destroy_result") && sym(x.varchar, "duckdb_value_varchar") &&
+                sym(x.is_null, "duckdb_value_is_null") && sym(x.free, "duckdb_free") &&
+                sym(x.arrow_scan, "duckdb_arrow_scan") && sym(x.row_count, "duckdb_row_count") &&
+                sym(x.column_count, "duckdb_column_count");
             return ok ? &x : nullptr;
         }();
         return a;
