@@ -13,14 +13,19 @@ namespace velseq {
 
 // ---- errors ----------------------------------------------------------------
 
-// Name of any code of velseq.h ("VEL_E_SEQ_OUT_OF_ORDER"); "VEL_?" if unknown.
+// Name of any code of velseq.h ("VEL_E_SEQ_OUT_OF_ORDER") or of the table
+// layer (VELT_E_UNAVAILABLE, velseq/arrow.h); "VEL_?" if unknown.
 inline const char *code_name(int code) noexcept {
+    if (code == 930)
+        return "VELT_E_UNAVAILABLE";
     const char *n = vel_code_name(code);
     return n ? n : "VEL_?";
 }
 
 // One sentence saying what the code means.
 inline const char *code_message(int code) noexcept {
+    if (code == 930)
+        return "an optional library could not be loaded";
     const char *s = vel_code_text(code);
     return s ? s : "unknown code";
 }

@@ -5,6 +5,8 @@
 
 namespace {
 
+static_assert(VELT_E_UNAVAILABLE == 930, "velseq::code_name knows it by number");
+
 thread_local std::string t_message;
 
 template <class F> VEL_RET guarded(F &&f) {

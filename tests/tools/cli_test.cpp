@@ -600,3 +600,33 @@ TEST_F(Cli, ImageWithLog) {
 }
 
 } // namespace
+
+// ---- Parquet out and back in (DuckDB's library) --------------------------------
+
+TEST_F(Cli, ParquetOutAndBackIn) {
+    const char *lib = std::getenv("VELSEQ_DUCKDB");
+    if (lib == nullptr || !std::ifstream(lib))
+        GTEST_SKIP() << "DuckDB's library is not there: run scripts/fetch-duckdb.sh";
+    file("t.csv", "time,price,sym\n2024-01-31T23:59:59.999999999Z,1.5,AB\n"
+                  "2024-02-01T00:00:00Z,,CD\n2024-02-03T10:00:00.000000001Z,3.25,\n");
+    ASSERT_EQ(run("load @t.csv --db @t.vdb").code, 0);
+    Result r = run("export --db @t.vdb --parquet @out --partition object,month --window "
+                   "2024-02-01 2024-03-01");
+    ASSERT_EQ(r.code, 0) << r.err;
+    EXPECT_TRUE(std::ifstream(dir + "out/oid=1/month=2024-02/data.parquet"));
+    EXPECT_FALSE(std::ifstream(dir + "out/oid=1/month=2024-01/data.parquet"));
+    r = run("import @out --db @back.vdb --table t");
+    ASSERT_EQ(r.code, 0) << r.err;
+    r = run("head --db @back.vdb --format csv");
+    EXPECT_EQ(r.out,
+              "time,price,sym\n2024-02-01T00:00:00Z,,CD\n2024-02-03T10:00:00.000000001Z,3.25,\n");
+    EXPECT_EQ(run("export --db @t.vdb --parquet @out").code, 1); // not an empty folder
+    EXPECT_EQ(run("export --db @t.vdb --parquet @o2 --partition day,month").code, 2);
+    // Without the library: its own exit code, and how to get it.
+    const std::string keep = lib;
+    setenv("VELSEQ_DUCKDB", "/nonexistent/libduckdb.so", 1);
+    r = run("export --db @t.vdb --parquet @o3");
+    setenv("VELSEQ_DUCKDB", keep.c_str(), 1);
+    EXPECT_EQ(r.code, 4);
+    EXPECT_NE(r.err.find("fetch-duckdb.sh"), std::string::npos) << r.err;
+}

@@ -584,6 +584,8 @@ int answer(const std::string &name, velseq::database &db, const Table &t, const 
         return cmd_resample(r, src, q);
     if (name == "asof")
         return cmd_asof(r, src, q);
+    if (name == "export")
+        return cmd_export(db, t, src, q);
     return cmd_tree(r, q);
 }
 

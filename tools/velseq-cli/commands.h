@@ -35,6 +35,7 @@ struct Query {
     std::vector<std::string> other_types; // asof: --other-type NAME=KIND for OTHER.csv
     bool row_numbers = false;             // asof: a column of the matched row's position
     std::string by;                       // asof: match within rows sharing this column's value
+    std::vector<std::string> partition;   // export: object, day, month, none
     bool dump = false;
     uint32_t preview = 8;
 };
@@ -49,6 +50,9 @@ std::unique_ptr<velseq::database> open_source(const std::string &name, const Sou
 int answer(const std::string &name, velseq::database &db, const Table &t, const Source &src,
            const Query &q);
 int run_command(const std::string &name, Source &src, const Query &q);
+// export --parquet DIR (q.other) of an open table; import DIR (q.other) into --db.
+int cmd_export(velseq::database &db, const Table &t, const Source &src, const Query &q);
+int cmd_import(const Source &src, const Query &q);
 int run_demo(uint64_t rows, const std::string &dir);
 
 } // namespace vcli

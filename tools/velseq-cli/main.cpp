@@ -20,12 +20,15 @@ const char kFooter[] = R"(examples:
   velseq resample --db ticks.vdb 1h --cols price,size --agg first,last,sum
   velseq asof --db ticks.vdb orders.csv --direction backward --tolerance 5s
   velseq tree --db ticks.vdb --cols price --dump
+  velseq export --db ticks.vdb --parquet ticks/ --partition object,month
+  velseq import ticks/ --db copy.vdb --table ticks
   velseq demo                              a day of trades, every subcommand once
 
 exit codes: 0 success, 1 input or file error (unreadable, empty, binary, no rows,
 lines over 1 MiB, a bad image or log), 2 usage (unknown option or column,
 reversed window, bad duration), 3 refused data (a bad cell, NaN, a time out of
-order, with its line).)";
+order, with its line), 4 DuckDB's library, which export and import use for
+Parquet, is not there (scripts/fetch-duckdb.sh fetches it; VELSEQ_DUCKDB names it).)";
 
 // The positionals of a subcommand are "[FILE] ARGS...": the CSV file (absent
 // with --db) before the subcommand's own arguments, split after parsing.
@@ -114,12 +117,37 @@ CLI::App *add_subcommands(CLI::App &app, Source &src, Query &q, std::vector<std:
     cols(tree, "columns (default: all)");
     tree->add_flag("--dump", q.dump, "print the tree page by page");
     tree->add_option("--preview", q.preview, "values shown per leaf by --dump (default 8)");
+    CLI::App *exp = sub("export", "write the table to a folder of Parquet files, hive-style", file);
+    exp->add_option("--parquet", q.other, "the folder to write (new or empty)")->required();
+    exp->add_option("--partition", q.partition,
+                    "a folder per object (default), and per day or month: object, "
+                    "object,month, day, none")
+        ->delimiter(',');
+    exp->add_option("--window", q.window, "only the rows with FROM <= time < TO")->expected(2);
+    cols(exp, "columns to write (default: all)");
     CLI::App *demo =
         app.add_subcommand("demo", "generate a day of trades and run every subcommand");
     demo->add_option("--rows", q.n, "trades to generate (default 2000000)");
     demo->add_option("--dir", q.other,
                      "folder for the generated files (default: a new one in /tmp)");
     return demo;
+}
+
+// import reads no table: it makes one.
+CLI::App *add_import(CLI::App &app, Source &src, Query &q) {
+    CLI::App *imp =
+        app.add_subcommand("import", "read a folder of Parquet files into a table of an image");
+    imp->add_option("dir", q.other,
+                    "DIR: folder of Parquet files (every *.parquet under it, "
+                    "oid=N folders naming objects), or one file")
+        ->required();
+    imp->add_option("--db", src.db, "database image that keeps the table (made when absent)")
+        ->required();
+    imp->add_option("--table", src.table, "the table's name (default: the folder's name)");
+    imp->add_option("--time", src.load.time,
+                    "the ascending time column of a new table (default: the one the files "
+                    "name, else the first timestamp column)");
+    return imp;
 }
 
 // "[FILE] ARGS...": the CSV file, then the subcommand's own arguments.
@@ -155,6 +183,7 @@ int run(int argc, char **argv) {
     Query q;
     std::vector<std::string> pos;
     CLI::App *demo = add_subcommands(app, src, q, pos);
+    CLI::App *imp = add_import(app, src, q);
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError &e) {
@@ -164,6 +193,10 @@ int run(int argc, char **argv) {
     CLI::App *sub = app.get_subcommands().front();
     if (sub == demo)
         return run_demo(q.n > 0 ? q.n : 2000000, q.other);
+    if (sub == imp)
+        return cmd_import(src, q);
+    if (sub->get_name() == "export" && q.partition.empty())
+        q.partition = {"object"};
     take_positionals(sub->get_name(), pos, src, q);
     src.prepare(isatty(STDOUT_FILENO) != 0);
     return run_command(sub->get_name(), src, q);
@@ -182,7 +215,7 @@ int main(int argc, char **argv) {
     } catch (const velseq::error &e) {
         std::fflush(stdout);
         std::fprintf(stderr, "velseq: %s\n", e.what());
-        return vcli::kExitInput;
+        return e.code() == VELT_E_UNAVAILABLE ? vcli::kExitMissing : vcli::kExitInput;
     } catch (const std::bad_alloc &) {
         std::fprintf(stderr, "velseq: out of memory\n");
         return vcli::kExitInput;

@@ -24,6 +24,7 @@ namespace tbl = velseq::table;
 constexpr int kExitInput = 1;   // a file cannot be read, is empty, binary, or has no rows
 constexpr int kExitUsage = 2;   // bad command line: unknown column, reversed window, ...
 constexpr int kExitRefused = 3; // a cell or row the table cannot take
+constexpr int kExitMissing = 4; // an optional library (DuckDB's, for Parquet) is not there
 
 // Every error the program reports: the message and its exit code.
 struct Fail : std::runtime_error {
