@@ -124,7 +124,8 @@ typedef struct velt_export_t_ {
                                 batches are released */
 } velt_export_t;
 
-/* Sets every option to its default (zero, every field, every object). */
+/* Sets every option to its default: every field of every object, batches
+   of 65536 rows, zero for the rest. */
 void velt_export_init(velt_export_t *opts);
 
 /* Opens a stream of the table's rows, one record batch (an Arrow struct

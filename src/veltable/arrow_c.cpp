@@ -32,7 +32,10 @@ extern "C" {
 
 const char *velt_error_message(void) { return t_message.c_str(); }
 
-void velt_export_init(velt_export_t *opts) { *opts = velt_export_t{}; }
+void velt_export_init(velt_export_t *opts) {
+    *opts = velt_export_t{};
+    opts->batch_rows = 65536;
+}
 
 void velt_import_init(velt_import_t *opts) { *opts = velt_import_t{}; }
 
