@@ -77,8 +77,8 @@ int cmd_export(velseq::database &db, const Table &t, const Source &, const Query
     }
     if (!q.window.empty()) {
         if (t.time < 0 || !(t.cols[static_cast<size_t>(t.time)].type == kDatetime))
-            throw Fail(kExitUsage, "--window needs a datetime time column, and " + t.source +
-                                       " has none");
+            throw Fail(kExitUsage,
+                       "--window needs a datetime time column, and " + t.source + " has none");
         vel_datetime from, to;
         for (size_t i = 0; i < 2; i++)
             if (!parse_datetime(q.window[i], i == 0 ? from : to))
@@ -116,15 +116,13 @@ int cmd_import(const Source &src, const Query &q) {
     } catch (const velseq::error &e) {
         throw Fail(kExitInput, "cannot open " + src.db + ": " + e.what());
     }
-    const std::string name =
-        !src.table.empty() ? src.table : fs::path(q.other).stem().string();
+    const std::string name = !src.table.empty() ? src.table : fs::path(q.other).stem().string();
     velt_import_t o;
     velt_import_init(&o);
     o.table = name.c_str();
     o.time = src.load.time.empty() ? nullptr : src.load.time.c_str();
     uint64_t rows = 0;
-    if (const VEL_RET rc = velt_from_parquet(db->get(), &o, q.other.c_str(), &rows);
-        rc != VEL_S_OK)
+    if (const VEL_RET rc = velt_from_parquet(db->get(), &o, q.other.c_str(), &rows); rc != VEL_S_OK)
         fail(rc, "import of " + q.other);
     try { // the image replaced whole
         velseq::save_image(*db, src.db);
