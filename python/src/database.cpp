@@ -87,9 +87,17 @@ void tx_state::require(bool ending) const {
                                        "per thread");
 }
 
+void tx_state::require_no_streams(const char *what) const {
+    if (streams > 0)
+        throw error(VEL_E_HOST_BUSY,
+                    std::string(what).append(": an Arrow stream made in this transaction (or a "
+                                             "batch of it) is still alive; release it first"));
+}
+
 void tx_state::end(bool commit) {
     if (!tx)
         return;
+    require_no_streams(commit ? "commit" : "rollback");
     struct release {
         tx_state &s;
         ~release() {
@@ -185,11 +193,15 @@ struct Database {
     void close() {
         if (!st->db)
             return;
+        if (st->streams > 0)
+            throw error(VEL_E_HOST_BUSY, "an Arrow stream of the database (or a batch of it) is "
+                                         "still alive; release it first");
         if (st->open_transactions > 0)
             throw error(VEL_E_HOST_BUSY,
                         "a transaction is still open or waiting; commit or roll it back");
         if (st->calls > 0)
             throw error(VEL_E_HOST_BUSY, "a save, checkpoint or define is running");
+
         st->db.reset();
     }
 };
@@ -431,6 +443,10 @@ struct Transaction {
 };
 
 } // namespace
+
+std::shared_ptr<db_state> state_of(const py::handle &database) {
+    return database.cast<const Database &>().st;
+}
 
 void bind_database(py::module_ &m) {
     py::class_<Database>(m, "Database")

@@ -45,6 +45,9 @@ struct db_state {
     // close() (which holds it) never sees a call about to start.
     std::atomic<int> open_transactions{0};
     std::atomic<int> calls{0};
+    // Arrow streams and batches alive (arrow.cpp), each holding a read
+    // snapshot or a transaction's pages: close() is refused meanwhile.
+    std::atomic<int> streams{0};
     // Threads (by token serial) with a write transaction open: a second one
     // on the same thread would wait for the first forever.
     std::mutex writers_mu;
@@ -74,6 +77,9 @@ struct tx_state {
     uint64_t owner;                            // serial of the thread that began it
     std::weak_ptr<const uint64_t> owner_alive; // expires when that thread ends
     bool write = false;
+    // Arrow streams made in this transaction and alive, or batches of them:
+    // they point into its pages, so it neither ends nor writes until 0.
+    std::atomic<int> streams{0};
 
     tx_state(std::shared_ptr<db_state> d, bool w);
     ~tx_state();
@@ -81,6 +87,8 @@ struct tx_state {
     // Everything a call needs: an open transaction of this thread.  Ending
     // one (commit excluded) is also allowed once its thread has ended.
     void require(bool ending = false) const;
+    // Refused while an Arrow stream of this transaction is alive.
+    void require_no_streams(const char *what) const;
     // Commits or rolls back, then gives the connection back.
     void end(bool commit);
 
@@ -108,6 +116,12 @@ struct Sequence {
         tx->require();
         return table::column_of(h, tx->db->get(), *t, fld);
     }
+    // The column, for a call that changes it.
+    table::column writable(const char *what) const {
+        tx->require();
+        tx->require_no_streams(what);
+        return column();
+    }
     velh_compact_state_t &compact_state() const { return tx->tx->compact_state(h.oid, fld); }
     const table::column_def &def() const { return t->columns[fld]; }
     std::string what() const { return t->name + "." + def().name; }
@@ -122,6 +136,9 @@ py::dict asof_join_by(const tx_ptr &tx, const table_ptr &t, const std::vector<ui
                       const py::object &groups, const std::string &dir, bool strict,
                       const py::object &tolerance);
 
+// The state of a velseq.Database (or a subclass's) instance.
+std::shared_ptr<db_state> state_of(const py::handle &database);
+
 // The binding of each part, in the order the module body runs them.
 void bind_errors(py::module_ &m);
 void bind_database(py::module_ &m);
@@ -129,5 +146,6 @@ void bind_transaction(py::module_ &m);
 void bind_object(py::module_ &m);
 py::class_<Sequence> bind_sequence(py::module_ &m);
 void bind_aggregates(py::class_<Sequence> &seq);
+void bind_arrow(py::module_ &m);
 
 } // namespace vpy

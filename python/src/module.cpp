@@ -89,6 +89,7 @@ PYBIND11_MODULE(_velseq, m) {
     vpy::bind_object(m);
     py::class_<vpy::Sequence> seq = vpy::bind_sequence(m);
     vpy::bind_aggregates(seq);
+    vpy::bind_arrow(m);
     m.attr("kernels") = [] {
         py::list names;
         for (const velseq::table::kernel_info &k : velseq::table::kernels())

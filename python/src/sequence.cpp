@@ -34,13 +34,14 @@ void set_field(const Object &o, const std::string &name, const py::object &v) {
     const uint16_t f = field_no(o, name);
     if (!o.t->columns[f].scalar)
         throw error(VEL_E_HOST_WRONG_FIELD, name + " is a sequence field: use append or insert");
+    o.tx->require_no_streams("set");
     table::set_scalar(o.h, *o.t, f, value_in(v, o.t->columns[f].type, "set " + name));
 }
 
 // ---- writing ---------------------------------------------------------------------------
 
 void append(const Sequence &s, const py::object &values, const py::object &mask, bool nan_as_null) {
-    const table::column c = s.column();
+    const table::column c = s.writable("append");
     const table::array a = array_in(values, mask, c.type, "append to " + s.what(), nan_as_null);
     py::gil_scoped_release nogil;
     table::append(c, a);
@@ -48,14 +49,14 @@ void append(const Sequence &s, const py::object &values, const py::object &mask,
 
 void insert(const Sequence &s, uint64_t pos, const py::object &values, const py::object &mask,
             bool nan_as_null) {
-    const table::column c = s.column();
+    const table::column c = s.writable("insert");
     const table::array a = array_in(values, mask, c.type, "insert into " + s.what(), nan_as_null);
     py::gil_scoped_release nogil;
     table::insert(c, pos, a, s.compact_state());
 }
 
 void erase(const Sequence &s, uint64_t first, std::optional<uint64_t> last) {
-    const table::column c = s.column();
+    const table::column c = s.writable("delete");
     table::erase(c, first, last ? *last : first + 1, s.compact_state());
 }
 
@@ -393,6 +394,7 @@ void bind_object(py::module_ &m) {
         .def("_asof_columns", &asof_columns)
         .def("delete", [](Object &o) {
             o.tx->require();
+            o.tx->require_no_streams("delete");
             velseq::detail::check(velh_obj_delete(&o.h), "deleting an object");
         });
 }
@@ -413,7 +415,7 @@ py::class_<Sequence> bind_sequence(py::module_ &m) {
         .def("insert", &insert, py::arg("pos"), py::arg("values"), py::arg("mask") = py::none(),
              py::kw_only(), py::arg("nan_as_null") = true)
         .def("delete", &erase, py::arg("first"), py::arg("last") = py::none())
-        .def("truncate", [](const Sequence &s) { table::truncate(s.column()); })
+        .def("truncate", [](const Sequence &s) { table::truncate(s.writable("truncate")); })
         .def("read", &read, py::arg("first") = 0, py::arg("last") = py::none(),
              py::arg("out") = py::none())
         .def("search", &search, py::arg("lo"), py::arg("hi"), py::arg("lo_bound") = "inclusive",

@@ -40,11 +40,13 @@ import warnings as _warnings
 import numpy as _np
 
 from ._velseq import Database as _Database
-from ._velseq import (BadInput, Error, Object, Sequence, Transaction, WrongType, _refuse,
-                      _wrong_type, kernels)
+from ._velseq import (ArrowTable, BadInput, Error, Object, Sequence, Transaction, WrongType,
+                      _refuse, _wrong_type, kernels)
 
-__all__ = ["BadInput", "Database", "Error", "LogWarning", "Object", "Sequence", "Transaction",
-           "WrongType", "kernels", "seq", "time_from_fields", "value"]
+__all__ = ["ArrowTable", "BadInput", "Database", "Error", "LogWarning", "Object", "Sequence",
+           "Transaction", "WrongType", "kernels", "seq", "time_from_fields", "value"]
+
+_PARTITIONS = {"object": 1, "day": 2, "month": 4}
 
 
 class LogWarning(UserWarning):
@@ -199,6 +201,58 @@ class Database(_Database):
             data = {f[0]: _column(o[f[0]].read(), text) for f in fields}
         df = pd.DataFrame(data)
         return df.set_index(index) if index is not None else df
+
+
+    def arrow(self, cls, columns=None, oids=None, start=None, end=None, text=True):
+        """The rows of class `cls` for any Arrow consumer (an ArrowTable, whose
+        __arrow_c_stream__ gives a PyCapsule of an Arrow C stream of struct
+        batches): an `oid` column (uint64), then `columns` (default: every
+        field; a scalar field repeated on its object's rows), objects `oids`
+        in that order (default: all, in creation order), rows whose time
+        (the first ascending datetime64 field) lies in [start, end) when
+        either is given.  Datetimes are timestamp[ns, UTC], char fields utf8
+        (text=False: fixed_size_binary).  Each stream reads the last commit
+        as of its making; Database.close() is refused until every stream
+        and batch is released."""
+        return self._arrow(cls, None if columns is None else list(columns),
+                           None if oids is None else list(oids), start, end, text)
+
+    def to_parquet(self, cls, path, *, columns=None, oids=None, start=None, end=None,
+                   partition_by=("object", "month")):
+        """Writes the rows of Database.arrow(cls, ...) to the folder `path`
+        (new or empty) as Parquet files, hive-style: a data.parquet per
+        partition of `partition_by`, any of "object" (oid=N/), "day"
+        (day=YYYY-MM-DD/) or "month" (month=YYYY-MM/), day and month of the
+        time field in UTC and not both; () writes one file.  Needs DuckDB's
+        shared library ($VELSEQ_DUCKDB, else libduckdb.so): without it Error
+        VELT_E_UNAVAILABLE says how to get it."""
+        parts = (partition_by,) if isinstance(partition_by, str) else tuple(partition_by)
+        flags = 0
+        for p in parts:
+            if p not in _PARTITIONS:
+                _refuse("VEL_E_ILLEGAL_PARAM",
+                        f"to_parquet: partition_by takes 'object', 'day' and 'month', not {p!r}")
+            flags |= _PARTITIONS[p]
+        self._to_parquet(cls, _os.fspath(path), None if columns is None else list(columns),
+                         None if oids is None else list(oids), start, end, flags)
+
+    def from_parquet(self, path, cls, *, time=None):
+        """Appends every *.parquet file under the folder `path` (or the file)
+        to class `cls` as from_arrow does, files in path order, a file's
+        object from its oid=N folder, else its oid column; returns the rows
+        imported.  A table written by to_parquet comes back with its fields,
+        types, orders and nulls.  Needs DuckDB, as to_parquet."""
+        return self._from_parquet(_os.fspath(path), cls, time)
+
+    def from_arrow(self, obj, cls, *, time=None):
+        """Appends the rows of `obj` (anything with __arrow_c_stream__: an
+        ArrowTable, a pyarrow Table, a polars DataFrame...) to class `cls`,
+        defined from the stream's schema when new (`time`: its ascending
+        field; default the first timestamp column), in one write
+        transaction; an `oid` column sends rows to new objects, one per
+        value, otherwise they make one new object.  Returns the rows
+        imported; a refusal imports nothing (a class it defined stays)."""
+        return self._from_arrow(obj, cls, time)
 
 
 def _values_of(s):
