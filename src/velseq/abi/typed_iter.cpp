@@ -51,11 +51,12 @@ template <class T> const byte *as_bytes(const T &v) { return reinterpret_cast<co
     extern "C" VEL_SEQ_API VEL_RET vel_w_seq_store_##S(                                            \
         vel_objhandle_h obj, vel_offs32_t fld_u_offset, vel_offs32_t fld_c_offset,                 \
         uint16_t fld_no, vel_seq_iterator_h src, vel_seq_order_t order) {                          \
-        return store_iter(                                                                         \
-            src, [&](const char *vals, vel_size_t n, const vel_bitmap_word_t *nulls) {             \
-                return vel_w_seq_append_##S(obj, fld_u_offset, fld_c_offset, fld_no,               \
-                                            reinterpret_cast<const T *>(vals), n, order, nulls);   \
-            });                                                                                    \
+        return store_batched(Elem_##S{}, obj, fld_u_offset, fld_c_offset, src, order,              \
+                             [&](const char *vals, vel_size_t n, const vel_bitmap_word_t *nulls) { \
+                                 return vel_w_seq_append_##S(                                      \
+                                     obj, fld_u_offset, fld_c_offset, fld_no,                      \
+                                     reinterpret_cast<const T *>(vals), n, order, nulls);          \
+                             });                                                                   \
     }                                                                                              \
                                                                                                    \
     VEL_RET vel_w_seq_map_next_##S(vel_seq_iterator_h iterator) {                                  \

@@ -4,6 +4,7 @@
 #pragma once
 
 #include <cstring>
+#include <type_traits>
 
 #include "common/trap.h"
 #include "iter/batch.h"
@@ -12,6 +13,7 @@
 #include "storage/bitmap.h"
 #include "storage/field_root.h"
 #include "storage/page_format.h"
+#include "storage/update_common.h"
 
 namespace velseq {
 
@@ -30,6 +32,103 @@ template <class Append> VEL_RET store_iter(vel_seq_iterator_h src, Append append
                     src->tile.null_bitmap);
         if (rc != VEL_S_OK)
             return rc;
+    }
+}
+
+// store_iter for the scalar families, with the same outcome tile by tile,
+// but tiles that append could take gathered and appended 8192 values at a
+// time: one root update and whole leaves filled per batch instead of one
+// per tile.  The first tile goes through append as it is (its checks against
+// the stored data on every level); a later tile is batched only when
+// append's input checks pass on it and its first value keeps the order
+// after the previous tile's last.  With a total order (integers,
+// datetimes) that is exactly when append would take it, since every key on
+// the right edge lies at or before that last value; a tile that fails is
+// appended alone after the batch, and fails as it would have.  Batching is
+// only done for a source that cannot see the target's pages change: a tree
+// scan (positional or search) whose root is not on the target's right edge,
+// the only pages an append writes in place.  Float orders (a NaN key breaks
+// transitivity) and every other source keep store_iter.  Only a failure
+// that append's checks cannot foresee (no memory, a write access refused)
+// can leave a batch's tiles out where one append per tile would have kept
+// those before the failing one.
+template <class E, class Append>
+VEL_RET store_batched(const E &e, vel_objhandle_h obj, vel_offs32_t fld_u_offset,
+                      vel_offs32_t fld_c_offset, vel_seq_iterator_h src, vel_seq_order_t order,
+                      Append append) {
+    using T = typename E::value_type;
+    if (src->next != vel_seq_next_tile ||
+        (order != VEL_SEQ_NO_ORDER && std::is_floating_point_v<T>))
+        return store_iter(src, append);
+    {
+        vel_seq_page_t *pg = nullptr;
+        VEL_RET rc = vel_seq_get_root(obj, fld_u_offset, fld_c_offset, &pg);
+        if (rc != VEL_S_OK)
+            return store_iter(src, append);
+        const vel_seq_page_t *src_root = iter_ctx(src)->stack[0].page;
+        const int32_t page_size = page_size_of(obj->con, obj->pm);
+        for (int level = 0; pg != nullptr && level <= kMaxLevel; level++) {
+            if (pg == src_root)
+                return store_iter(src, append);
+            if (page_kind(pg) != kInnerPage || pg->hdr.user < 1)
+                break;
+            pg = inner_entry(pg, page_size, pg->hdr.user - 1)->page;
+        }
+    }
+
+    constexpr int kBatch = 64 * VEL_SEQ_TILE_SIZE;
+    constexpr size_t s = sizeof(T);
+    alignas(64) byte vals[kBatch * s];
+    vel_bitmap_word_t nulls[kBatch / 64] = {};
+    byte last[s] = {}; // the last value appended or batched
+    bool first = true; // nothing appended yet
+    int n = 0;         // values batched
+    auto flush = [&]() -> VEL_RET {
+        if (n == 0)
+            return VEL_S_OK;
+        const VEL_RET rc =
+            append(reinterpret_cast<const char *>(vals), static_cast<vel_size_t>(n), nulls);
+        std::memset(nulls, 0, sizeof nulls);
+        n = 0;
+        return rc;
+    };
+    for (;;) {
+        VEL_RET rc = src->next(src);
+        if (rc != VEL_S_OK) {
+            const VEL_RET frc = flush();
+            if (frc != VEL_S_OK)
+                return frc;
+            return rc == VEL_S_CURSOR_END ? VEL_S_OK : rc;
+        }
+        const int m = src->tile_size;
+        const auto *tile = reinterpret_cast<const byte *>(src->tile.u.arr_char);
+        const bool takes = !first && m > 0 &&
+                           (order == VEL_SEQ_NO_ORDER || // append checks nothing then
+                            (check_input(e, tile, static_cast<vel_size_t>(m), order,
+                                         src->tile.null_bitmap) == VEL_S_OK &&
+                             stored_then_new_ok(e, last, tile, order)));
+        if (!takes) {
+            rc = flush();
+            if (rc == VEL_S_OK)
+                rc =
+                    append(src->tile.u.arr_char, static_cast<vel_size_t>(m), src->tile.null_bitmap);
+            if (rc != VEL_S_OK)
+                return rc;
+            first = first && m == 0;
+        } else {
+            if (n + m > kBatch) {
+                rc = flush();
+                if (rc != VEL_S_OK)
+                    return rc;
+            }
+            std::memcpy(vals + static_cast<size_t>(n) * s, tile, static_cast<size_t>(m) * s);
+            // The batch's bits start cleared: a tile without a null adds none.
+            if (vel_seq_bitmap_contains_nulls(src->tile.null_bitmap, m))
+                vel_seq_copy_bitmap(nulls, n, src->tile.null_bitmap, 0, m);
+            n += m;
+        }
+        if (m > 0)
+            std::memcpy(last, tile + static_cast<size_t>(m - 1) * s, s);
     }
 }
 

@@ -141,8 +141,16 @@ VEL_RET vel_seq_append_tile(vel_seq_iterator_h iterator) {
 
         std::memcpy(iterator->tile.u.arr_char + n * elem_size,
                     page_value(pg, elem_size, static_cast<uint64_t>(stack[i].pos)), k * elem_size);
-        vel_seq_copy_bitmap(iterator->tile.null_bitmap, static_cast<int>(n),
-                            leaf_nulls(pg, page_size, capacity), stack[i].pos, static_cast<int>(k));
+        // The tile's bits from n on are clear: a run whose mask words hold
+        // no null has nothing to copy.
+        const vel_bitmap_word_t *mask = leaf_nulls(pg, page_size, capacity);
+        bool nulls = false;
+        for (uint64_t w = static_cast<uint64_t>(stack[i].pos) / 64;
+             w <= (static_cast<uint64_t>(stack[i].pos) + k - 1) / 64; w++)
+            nulls |= mask[w] != 0;
+        if (nulls)
+            vel_seq_copy_bitmap(iterator->tile.null_bitmap, static_cast<int>(n), mask, stack[i].pos,
+                                static_cast<int>(k));
 
         iterator->next_seq_no += k;
         stack[i].pos += static_cast<int32_t>(k);

@@ -82,6 +82,11 @@ void put_values(const E &e, vel_seq_page_t *pg, vel_bitmap_word_t *mask, int at,
         copy_one_bit(mask, at, null_bitmap, null_bitmap_offs);
         return;
     }
+    // The mask lies at the page's far end, apart from the values: its first
+    // and last words are asked for before the values are copied, so that a
+    // fresh page's miss there overlaps the copy.
+    __builtin_prefetch(mask + at / 64, 1);
+    __builtin_prefetch(mask + (at + n - 1) / 64, 1);
     std::memcpy(page_value(pg, e.size(), static_cast<uint64_t>(at)), vals,
                 static_cast<size_t>(n) * e.size());
     vel_seq_copy_bitmap(mask, at, null_bitmap, null_bitmap_offs, n);

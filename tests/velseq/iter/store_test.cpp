@@ -1,0 +1,80 @@
+// Store against its definition: the same source drained by hand, one
+// append per tile, into a twin target must leave the same code, the same
+// field (values, null flags, tree) and the source at the same place.  The
+// cases reach the batched path (sources of many tiles) with nulls, order
+// breaks at a tile's start and inside one, a null in an ordered target and a
+// target that is its own source.
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <vector>
+
+#include "seq_fixture.h"
+
+namespace vstest {
+namespace {
+
+struct Case {
+    const char *name;
+    vel_seq_order_t order;
+    size_t n;                 // source values 0, 3, 6, ...
+    size_t dip;               // this one made smaller than its predecessor (0: none)
+    std::vector<size_t> null; // null positions of the source
+    bool self;                // the target's own scan is the source
+};
+
+TEST(Store, SameAsOneAppendPerTile) {
+    const Case cases[] = {
+        {"nulls, no order", VEL_SEQ_NO_ORDER, 9000, 0, {3, 64, 128, 700, 2047, 2048, 4000}, false},
+        {"ascending", VEL_SEQ_ASC_ORDER, 5000, 0, {}, false},
+        {"break at a tile start", VEL_SEQ_ASC_ORDER, 5000, 1 + 128 * 20, {}, false},
+        {"break inside a tile", VEL_SEQ_ASC_ORDER, 5000, 128 * 9 + 50, {}, false},
+        {"null in an ordered target", VEL_SEQ_ASC_ORDER, 5000, 0, {3000}, false},
+        {"own scan", VEL_SEQ_NO_ORDER, 1000, 0, {5, 900}, true},
+    };
+    SeqDb sdb{DbOptions{.seq_page_size = 512}};
+    const FieldRef f = sdb.field("int8");
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.name);
+        std::vector<vel_int8> v(c.n);
+        std::vector<vel_bitmap_word_t> nb((c.n + 63) / 64, 0);
+        for (size_t i = 0; i < c.n; i++)
+            v[i] = static_cast<vel_int8>(3 * i);
+        if (c.dip)
+            v[c.dip] = v[c.dip - 1] - 1;
+        for (size_t p : c.null)
+            nb[p / 64] |= vel_bitmap_word_t{1} << (p % 64);
+        ASSERT_EQ(sdb.begin_write(), VEL_S_OK);
+        vel_objhandle_t src = sdb.new_object(), dst = sdb.new_object(), ref = sdb.new_object();
+        // Targets start with a few values at or below the source's first.
+        const vel_int8 head[] = {-9, -5, 0};
+        for (vel_objhandle_t *o : {&dst, &ref}) {
+            ASSERT_EQ(f.append(o, head, 3, c.order, nullptr), VEL_S_OK);
+        }
+        for (vel_objhandle_t *o : c.self ? std::vector{&dst, &ref} : std::vector{&src}) {
+            ASSERT_EQ(f.append(o, v.data(), c.n, VEL_SEQ_NO_ORDER, nb.data()), VEL_S_OK);
+        }
+        vel_objhandle_t *from_store = c.self ? &dst : &src, *from_ref = c.self ? &ref : &src;
+
+        vel_seq_iterator_t a{}, b{};
+        ASSERT_EQ(f.fam->subseq(from_store, f.u_offset, f.c_offset, &a, 1, ~0ull, 8), VEL_S_OK);
+        ASSERT_EQ(f.fam->subseq(from_ref, f.u_offset, f.c_offset, &b, 1, ~0ull, 8), VEL_S_OK);
+        const VEL_RET got = f.fam->store(&dst, f.u_offset, f.c_offset, f.fld_no, &a, c.order, 8);
+        VEL_RET want;
+        while ((want = b.next(&b)) == VEL_S_OK &&
+               (want = f.append(&ref, b.tile.u.arr_char, b.tile_size, c.order,
+                                b.tile.null_bitmap)) == VEL_S_OK) {
+        }
+        EXPECT_EQ(got, want == VEL_S_CURSOR_END ? VEL_S_OK : want);
+        EXPECT_EQ(a.next_seq_no, b.next_seq_no);
+        const TreeReport rd = check_tree(&dst, f, c.order, true),
+                         rr = check_tree(&ref, f, c.order, true);
+        ASSERT_TRUE(rd.ok()) << rd.error;
+        EXPECT_EQ(diff(rr.contents, rd.contents), "");
+        EXPECT_EQ(rd.depth, rr.depth);
+        ASSERT_EQ(sdb.rollback(), VEL_S_OK);
+    }
+}
+
+} // namespace
+} // namespace vstest
