@@ -607,11 +607,17 @@ TEST_F(Cli, ParquetOutAndBackIn) {
     const char *lib = std::getenv("VELSEQ_DUCKDB");
     if (lib == nullptr || !std::ifstream(lib))
         GTEST_SKIP() << "DuckDB's library is not there: run scripts/fetch-duckdb.sh";
-    file("t.csv", "time,price,sym\n2024-01-31T23:59:59.999999999Z,1.5,AB\n"
-                  "2024-02-01T00:00:00Z,,CD\n2024-02-03T10:00:00.000000001Z,3.25,\n");
+    const std::string rows = "2024-01-31T23:59:59.999999999Z,1.5,AB\n2024-02-01T00:00:00Z,,CD\n"
+                             "2024-02-03T10:00:00.000000001Z,3.25,\n2024-03-01T00:00:00Z,-2,E\n";
+    file("t.csv", "time,price,sym\n" + rows);
     ASSERT_EQ(run("load @t.csv --db @t.vdb").code, 0);
-    Result r = run("export --db @t.vdb --parquet @out --partition object,month --window "
-                   "2024-02-01 2024-03-01");
+    // Months end at their last nanosecond; everything comes back.
+    Result r = run("export --db @t.vdb --parquet @all --partition month");
+    ASSERT_EQ(r.code, 0) << r.err;
+    ASSERT_EQ(run("import @all --db @all.vdb").code, 0);
+    EXPECT_EQ(run("head --db @all.vdb --format csv").out, "time,price,sym\n" + rows);
+    r = run("export --db @t.vdb --parquet @out --partition object,month --window "
+            "2024-02-01 2024-03-01");
     ASSERT_EQ(r.code, 0) << r.err;
     EXPECT_TRUE(std::ifstream(dir + "out/oid=1/month=2024-02/data.parquet"));
     EXPECT_FALSE(std::ifstream(dir + "out/oid=1/month=2024-01/data.parquet"));
