@@ -1,6 +1,8 @@
 // DuckDB's C library as an independent consumer of what velseq writes,
-// loaded at run time from $VELSEQ_DUCKDB (scripts/fetch-duckdb.sh); the few
-// functions used are declared with their published signatures.
+// loaded at run time from $VELSEQ_DUCKDB, else from where
+// scripts/fetch-duckdb.sh puts it (VELSEQ_DUCKDB_DEFAULT, which is then
+// set as $VELSEQ_DUCKDB for velseq's own loader and child processes); the
+// few functions used are declared with their published signatures.
 #pragma once
 
 #include <dlfcn.h>
@@ -38,6 +40,9 @@ struct api {
     static const api *get() {
         static const api *a = []() -> const api * {
             static api x;
+#ifdef VELSEQ_DUCKDB_DEFAULT
+            setenv("VELSEQ_DUCKDB", VELSEQ_DUCKDB_DEFAULT, 0);
+#endif
             const char *path = std::getenv("VELSEQ_DUCKDB");
             void *lib = path != nullptr ? dlopen(path, RTLD_NOW | RTLD_LOCAL) : nullptr;
             if (lib == nullptr)

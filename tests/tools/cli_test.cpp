@@ -604,6 +604,7 @@ TEST_F(Cli, ImageWithLog) {
 // ---- Parquet out and back in (DuckDB's library) --------------------------------
 
 TEST_F(Cli, ParquetOutAndBackIn) {
+    setenv("VELSEQ_DUCKDB", VELSEQ_DUCKDB_DEFAULT, 0); // for the program
     const char *lib = std::getenv("VELSEQ_DUCKDB");
     if (lib == nullptr || !std::ifstream(lib))
         GTEST_SKIP() << "DuckDB's library is not there: run scripts/fetch-duckdb.sh";
