@@ -103,7 +103,8 @@ void small(const duckdb_client::api *duck, const std::string &dir) {
         std::memcpy(f.data(), src.data(), n * 8);
         fresh_t.swap(f);
     });
-    std::printf("10^7 doubles (80 MB)\n\n| step | time | / memcpy (warm) | / memcpy (fresh) |\n|---|---|---|---|\n");
+    std::printf("10^7 doubles (80 MB)\n\n| step | time | / memcpy (warm) | / memcpy (fresh) "
+                "|\n|---|---|---|---|\n");
     auto row = [&](const char *what, double s) {
         std::printf("| %s | %.1f ms | %.2f | %.2f |\n", what, s * 1e3, s / mc, s / mc_fresh);
     };
@@ -153,9 +154,9 @@ void small(const duckdb_client::api *duck, const std::string &dir) {
                 st.release(&st);
                 d.run("DROP VIEW e");
             });
-            const std::string what = std::string("DuckDB's sum() over the stream, ")
-                                         .append(br == 0 ? "a batch per leaf"
-                                                         : "batches of 65536 rows");
+            const std::string what =
+                std::string("DuckDB's sum() over the stream, ")
+                    .append(br == 0 ? "a batch per leaf" : "batches of 65536 rows");
             row(what.c_str(), s);
         }
     }
@@ -201,9 +202,10 @@ void large(const duckdb_client::api *duck, uint64_t rows, const std::string &dir
     }
     database db;
     const auto ty = [](const char *n) { return *table::type_by_name(n); };
-    const table::table_info t = table::define_table(
-        db.get(), "trades",
-        {{"time", ty("datetime"), VEL_SEQ_ASC_ORDER}, {"price", ty("double")}, {"size", ty("int4")}});
+    const table::table_info t = table::define_table(db.get(), "trades",
+                                                    {{"time", ty("datetime"), VEL_SEQ_ASC_ORDER},
+                                                     {"price", ty("double")},
+                                                     {"size", ty("int4")}});
     const int objects = 4;
     const uint64_t per = rows / objects, batch = 1 << 20;
     const int64_t start = 1704067200000000000, span = 365LL * 86400 * 1000000000;
@@ -223,8 +225,8 @@ void large(const duckdb_client::api *duck, uint64_t rows, const std::string &dir
                 table::array px{ty("double"), k, std::vector<unsigned char>(k * 8), {}};
                 table::array sz{ty("int4"), k, std::vector<unsigned char>(k * 4), {}};
                 for (uint64_t i = 0; i < k; i++) {
-                    const vel_datetime v =
-                        vel_dt_from_ns(start + int64_t(double(at + i) / double(per) * double(span)));
+                    const vel_datetime v = vel_dt_from_ns(
+                        start + int64_t(double(at + i) / double(per) * double(span)));
                     const double p = double(rng() % 100000) / 4;
                     const int32_t s = int32_t(rng() % 1000);
                     std::memcpy(tm.values.data() + i * 8, &v, 8);
@@ -268,10 +270,9 @@ void large(const duckdb_client::api *duck, uint64_t rows, const std::string &dir
             vel_objhandle_t h{};
             velh_obj_open(con.get(), t.code, oid, &h);
             for (uint16_t f : {1, 2}) {
-                const table::buckets b =
-                    table::resample(table::column_of(h, db.get(), t, 0),
-                                    table::column_of(h, db.get(), t, f), calendar::months(),
-                                    std::nullopt, {"count", "sum", "min", "max"});
+                const table::buckets b = table::resample(
+                    table::column_of(h, db.get(), t, 0), table::column_of(h, db.get(), t, f),
+                    calendar::months(), std::nullopt, {"count", "sum", "min", "max"});
                 for (uint64_t k = 0; k < b.start.length; k++) {
                     char m[40], line[200];
                     vel_datetime s;
@@ -293,8 +294,9 @@ void large(const duckdb_client::api *duck, uint64_t rows, const std::string &dir
                             v[j] = double(x);
                         }
                     }
-                    std::snprintf(line, sizeof line, "%" PRIu64 "|%.7s|%d|%.17g|%.17g|%.17g|%.17g\n",
-                                  oid, m, f, v[0], v[1], v[2], v[3]);
+                    std::snprintf(line, sizeof line,
+                                  "%" PRIu64 "|%.7s|%d|%.17g|%.17g|%.17g|%.17g\n", oid, m, f, v[0],
+                                  v[1], v[2], v[3]);
                     ours += line;
                 }
             }
@@ -302,15 +304,17 @@ void large(const duckdb_client::api *duck, uint64_t rows, const std::string &dir
     }
     const double mine = since(t0);
     duckdb_client::db d(*duck);
-    const std::string files_glob = "read_parquet('" + p.string() + "/**/*.parquet', hive_partitioning=true)";
+    const std::string files_glob =
+        "read_parquet('" + p.string() + "/**/*.parquet', hive_partitioning=true)";
     std::string theirs;
     t0 = clk::now();
     for (const char *col : {"price", "size"}) {
         const std::string f = col[0] == 'p' ? "1" : "2";
-        theirs += d.rows(std::string("SELECT oid, month, ") + f + ", printf('%.17g', count(" + col +
-                         ")::DOUBLE), printf('%.17g', sum(" + col + ")::DOUBLE), printf('%.17g', min(" +
-                         col + ")::DOUBLE), printf('%.17g', max(" + col + ")::DOUBLE) FROM " +
-                         files_glob + " GROUP BY ALL ORDER BY ALL");
+        theirs +=
+            d.rows(std::string("SELECT oid, month, ") + f + ", printf('%.17g', count(" + col +
+                   ")::DOUBLE), printf('%.17g', sum(" + col + ")::DOUBLE), printf('%.17g', min(" +
+                   col + ")::DOUBLE), printf('%.17g', max(" + col + ")::DOUBLE) FROM " +
+                   files_glob + " GROUP BY ALL ORDER BY ALL");
     }
     const double duck_s = since(t0);
     // Both sorted the same way: by oid, month, then field.
