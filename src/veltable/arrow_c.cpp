@@ -1,5 +1,7 @@
 // The C face of the Arrow and Parquet functions: codes and a per-thread
 // sentence instead of exceptions.
+#include <filesystem>
+
 #include "dispatch.h"
 #include "velseq/arrow.h"
 
@@ -20,6 +22,9 @@ template <class F> VEL_RET guarded(F &&f) {
     } catch (const std::bad_alloc &) {
         t_message = "out of memory";
         return VEL_E_NOMEM;
+    } catch (const std::filesystem::filesystem_error &e) {
+        t_message = e.what();
+        return VEL_E_HOST_IO;
     } catch (const std::exception &e) {
         t_message = e.what();
         return VEL_E_ILLEGAL_PARAM;

@@ -308,7 +308,7 @@ void exporter::schema(ArrowSchema &out) const {
     hold(out, o);
 }
 
-std::unique_ptr<exporter> exporter::slice(size_t i, uint64_t first, uint64_t last) const {
+std::unique_ptr<exporter> exporter::over(std::vector<part> rows) const {
     auto e = std::make_unique<exporter>();
     e->snap = snap;
     e->db = db;
@@ -319,11 +319,11 @@ std::unique_ptr<exporter> exporter::slice(size_t i, uint64_t first, uint64_t las
     e->batch_rows = batch_rows;
     e->naive_time = naive_time;
     e->max_text = max_text;
-    e->parts = {parts[i]};
-    e->parts[0].first = first;
-    e->parts[0].last = last;
-    e->at_pos = first;
-    e->total = last - first;
+    e->parts = std::move(rows);
+    for (const part &p : e->parts)
+        e->total += p.last - p.first;
+    if (!e->parts.empty())
+        e->at_pos = e->parts[0].first;
     return e;
 }
 

@@ -71,8 +71,8 @@ struct exporter {
     // The next batch into `out`; false after the last row.
     bool next(ArrowArray &out);
     void schema(ArrowSchema &out) const;
-    // The same export over rows [first, last) of part i only.
-    std::unique_ptr<exporter> slice(size_t i, uint64_t first, uint64_t last) const;
+    // The same export over other rows of its objects, in its snapshot.
+    std::unique_ptr<exporter> over(std::vector<part> rows) const;
 
   private:
     uint64_t slice_end(const part &p, uint64_t a) const;

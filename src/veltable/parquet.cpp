@@ -6,6 +6,7 @@
 // called here are declared, with their published signatures (handles are
 // opaque pointers).
 #include <dlfcn.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cctype>
@@ -170,8 +171,10 @@ std::string bucket_folder(unsigned partition, vel_datetime start) {
 
 } // namespace
 
-void to_parquet(velh_db_t *db, const velt_export_t &opts, const std::string &dir,
-                unsigned partition) {
+namespace {
+
+void write_parquet(velh_db_t *db, const velt_export_t &opts, const std::string &dir,
+                   unsigned partition) {
     if ((partition & VELT_PARTITION_DAY) && (partition & VELT_PARTITION_MONTH))
         throw error(VEL_E_ILLEGAL_PARAM, "Parquet: partition by day or by month, not both");
     if (partition & ~unsigned(VELT_PARTITION_OBJECT | VELT_PARTITION_DAY | VELT_PARTITION_MONTH))
@@ -229,21 +232,36 @@ void to_parquet(velh_db_t *db, const velt_export_t &opts, const std::string &dir
                   "'";
     }
     kv += "}";
-    fs::create_directories(dir);
-    for (const auto &[folder, slices] : files) {
-        const fs::path path = fs::path(dir) / folder / "data.parquet";
-        fs::create_directories(path.parent_path());
-        auto sub = std::make_unique<arrow::exporter>(*e->slice(0, 0, 0));
-        sub->parts.clear();
-        sub->total = 0;
-        for (const auto &[i, a, b] : slices) {
-            sub->parts.push_back(e->parts[i]);
-            sub->parts.back().first = a;
-            sub->parts.back().last = b;
-            sub->total += b - a;
+    // Written into a folder beside DIR and renamed to DIR at the end: DIR
+    // appears whole or not at all.
+    fs::path final = fs::absolute(dir).lexically_normal();
+    if (final.filename().empty())
+        final = final.parent_path();
+    const fs::path tmp = final.parent_path() / std::string(".")
+                                                   .append(final.filename().string())
+                                                   .append(".partial-")
+                                                   .append(std::to_string(getpid()));
+    struct cleanup {
+        fs::path p;
+        bool keep = false;
+        ~cleanup() {
+            std::error_code ec;
+            if (!keep)
+                fs::remove_all(p, ec);
         }
-        sub->at_part = 0;
-        sub->at_pos = sub->parts[0].first;
+    } partial{tmp};
+    fs::remove_all(tmp);
+    fs::create_directories(tmp);
+    for (const auto &[folder, slices] : files) {
+        const fs::path path = tmp / folder / "data.parquet";
+        fs::create_directories(path.parent_path());
+        std::vector<arrow::part> ps;
+        for (const auto &[i, a, b] : slices) {
+            ps.push_back(e->parts[i]);
+            ps.back().first = a;
+            ps.back().last = b;
+        }
+        std::unique_ptr<arrow::exporter> sub = e->over(std::move(ps));
         struct progress_t {
             const velt_export_t &opts;
             uint64_t base, total;
@@ -271,7 +289,13 @@ void to_parquet(velh_db_t *db, const velt_export_t &opts, const std::string &dir
               " (FORMAT parquet, " + kv + ")");
         d.run("DROP VIEW velseq_export");
     }
+    if (fs::exists(final, ec))
+        fs::remove(final); // an empty folder
+    fs::rename(tmp, final);
+    partial.keep = true;
 }
+
+} // namespace
 
 namespace {
 
@@ -441,7 +465,9 @@ template <class F> int caught(ArrowArrayStream *s, F &&f) {
 
 } // namespace
 
-uint64_t from_parquet(velh_db_t *db, const velt_import_t &opts, const std::string &dir) {
+namespace {
+
+uint64_t read_parquet(velh_db_t *db, const velt_import_t &opts, const std::string &dir) {
     auto src = std::make_unique<file_stream>();
     std::error_code ec;
     if (fs::is_regular_file(dir, ec)) {
@@ -545,6 +571,29 @@ uint64_t from_parquet(velh_db_t *db, const velt_import_t &opts, const std::strin
         s->release = nullptr;
     };
     return import_arrow(db, opts, &st, hints);
+}
+
+} // namespace
+
+namespace {
+
+// Folders and files that cannot be made or read are the host's I/O errors.
+template <class F> auto io(F &&f) {
+    try {
+        return f();
+    } catch (const fs::filesystem_error &e) {
+        throw error(VEL_E_HOST_IO, std::string("Parquet: ").append(e.what()));
+    }
+}
+} // namespace
+
+void to_parquet(velh_db_t *db, const velt_export_t &opts, const std::string &dir,
+                unsigned partition) {
+    io([&] { write_parquet(db, opts, dir, partition); });
+}
+
+uint64_t from_parquet(velh_db_t *db, const velt_import_t &opts, const std::string &dir) {
+    return io([&] { return read_parquet(db, opts, dir); });
 }
 
 } // namespace velseq::table

@@ -403,6 +403,18 @@ TEST_F(Arrow, RefusalsChangeNothing) {
     some.oid_column = "";
     EXPECT_EQ(import("narrow", some, [](ArrowArrayStream &) {}), VEL_E_ILLEGAL_PARAM);
     EXPECT_NE(std::string(velt_error_message()).find("does not fit char(2)"), std::string::npos);
+    // Pages that cannot be had, each in turn: the import fails whole.
+    for (uint64_t nth : {1u, 7u, 40u}) {
+        velh_fail_page_alloc(db.get(), nth, 0);
+        const VEL_RET rc = import("ticks4", options(), [](ArrowArrayStream &) {});
+        velh_fail_page_alloc(db.get(), 0, 0);
+        EXPECT_TRUE(rc == VEL_E_NOMEM || rc == VEL_E_HOST_TRANS_FAILED) << rc;
+        ASSERT_EQ(velh_begin(con.get(), VELH_READ_ONLY), VEL_S_OK);
+        EXPECT_EQ(velh_obj_count(con.get(), table::find_table(db.get(), "ticks4")->code, &n),
+                  VEL_S_OK);
+        EXPECT_EQ(n, 0u) << nth;
+        velh_rollback(con.get());
+    }
     // A stream that fails half-way.
     EXPECT_EQ(import("ticks3", options(10),
                      [](ArrowArrayStream &s) {
