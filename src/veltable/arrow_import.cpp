@@ -22,7 +22,7 @@ namespace {
 struct source_type {
     column_type type;
     int64_t ns_per_unit = 0; // timestamps
-    int offset_bytes = 0;    // utf8: 4 ("u") or 8 ("U")
+    int offset_bytes = 0;    // utf8 or binary: 4 ("u", "z") or 8 ("U", "Z")
 };
 
 std::optional<source_type> source_of(std::string_view f) {
@@ -47,8 +47,8 @@ std::optional<source_type> source_of(std::string_view f) {
         if (unit != 0)
             return source_type{{VEL_DD_SEQUENCE_DATETIME, 8}, unit};
     }
-    if (f == "u" || f == "U")
-        return source_type{{VEL_DD_SEQUENCE_CHAR, 0}, 0, f == "u" ? 4 : 8};
+    if (f == "u" || f == "U" || f == "z" || f == "Z") // text or binary: bytes of any length
+        return source_type{{VEL_DD_SEQUENCE_CHAR, 0}, 0, f == "u" || f == "z" ? 4 : 8};
     if (f.substr(0, 2) == "w:") {
         unsigned w = 0;
         const auto [end, ec] = std::from_chars(f.data() + 2, f.data() + f.size(), w);

@@ -522,14 +522,15 @@ uint64_t read_parquet(velh_db_t *db, const velt_import_t &opts, const std::strin
         list += "]";
         std::vector<std::string> names;
         for (int64_t k = 0; k < s.n_children; k++)
-            if ((std::string_view(s.children[k]->format) == "u" ||
-                 std::string_view(s.children[k]->format) == "U") &&
-                widths.count(s.children[k]->name) == 0) {
+            if (std::string_view("uUzZ").find(s.children[k]->format[0]) != std::string::npos &&
+                s.children[k]->format[1] == '\0' && widths.count(s.children[k]->name) == 0) {
                 names.emplace_back(s.children[k]->name);
                 std::string id = "\"";
                 for (char c : names.back())
                     id += c == '"' ? std::string("\"\"") : std::string(1, c);
-                cols += (cols.empty() ? "" : ", ") + ("max(strlen(" + id + "\"))");
+                const bool text = std::tolower(s.children[k]->format[0]) == 'u';
+                cols += (cols.empty() ? "" : ", ") +
+                        ((text ? "max(strlen(" : "max(octet_length(") + id + "\"))");
             }
         s.release(&s);
         if (!names.empty()) {

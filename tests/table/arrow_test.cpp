@@ -292,6 +292,13 @@ TEST_F(Arrow, RoundTripsKeepEveryValueInItsPosition) {
     EXPECT_EQ(c.columns[c.field("time")].order, VEL_SEQ_ASC_ORDER);
     EXPECT_TRUE(c.columns[c.field("venue")].scalar);
 
+    // Text as fixed-size binary: bytes as they are.
+    o.char_as_binary = 1;
+    in.table = "copyb";
+    ASSERT_EQ(velt_export_arrow(db.get(), &o, &s), VEL_S_OK);
+    ASSERT_EQ(velt_import_arrow(db.get(), &in, &s, &rows), VEL_S_OK) << velt_error_message();
+    expect_equal_to_model("copyb");
+
     // Parquet, by object and month: DuckDB reads the folder as one table,
     // and it comes back whole.
     const fs::path dir = fs::temp_directory_path() / ("velseq-arrow-" + std::to_string(getpid()));
