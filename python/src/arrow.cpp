@@ -226,22 +226,23 @@ struct ArrowTable {
     export_spec spec;
 };
 
+using names_arg = std::optional<std::vector<std::string>>;
+using oids_arg = std::optional<std::vector<uint64_t>>;
+
 export_spec spec_of(const std::shared_ptr<db_state> &db, const std::string &cls,
-                    const py::object &columns, const py::object &oids, const py::object &start,
+                    const names_arg &columns, const oids_arg &oids, const py::object &start,
                     const py::object &end, bool text, const std::string &what) {
     export_spec s;
     s.table = cls;
     const table::table_info t = db->table_named(cls);
-    if (!columns.is_none()) {
-        if (py::isinstance<py::str>(columns))
-            throw error(VEL_E_ILLEGAL_PARAM, what + ": columns is a list of field names");
-        s.columns = columns.cast<std::vector<std::string>>();
-        for (const std::string &c : s.columns)
+    if (columns) {
+        for (const std::string &c : *columns)
             t.field(c); // an unknown name raises now, not at the consumer
+        s.columns = *columns;
         s.all_columns = false;
     }
-    if (!oids.is_none()) {
-        s.oids = oids.cast<std::vector<uint64_t>>();
+    if (oids) {
+        s.oids = *oids;
         s.all_oids = false;
     }
     s.by_time = !start.is_none() || !end.is_none();
@@ -278,11 +279,13 @@ void require_no_writer(db_state &db, const char *what) {
                                              "import runs one of its own, after it ends"));
 }
 
-velt_import_t import_options(const std::string &cls, const std::optional<std::string> &time) {
+velt_import_t import_options(const std::string &cls, const std::optional<std::string> &time,
+                             uint16_t char_width) {
     velt_import_t o;
     velt_import_init(&o);
     o.table = cls.c_str();
     o.time = time ? time->c_str() : nullptr;
+    o.char_width = char_width;
     return o;
 }
 
@@ -334,14 +337,14 @@ void bind_arrow(py::module_ &m) {
         },
         py::arg("requested_schema") = py::none());
     method(database, "_arrow",
-           [](const py::object &self, const std::string &cls, const py::object &columns,
-              const py::object &oids, const py::object &start, const py::object &end, bool text) {
+           [](const py::object &self, const std::string &cls, const names_arg &columns,
+              const oids_arg &oids, const py::object &start, const py::object &end, bool text) {
                std::shared_ptr<db_state> db = state_of(self);
                return ArrowTable{db, spec_of(db, cls, columns, oids, start, end, text, "arrow")};
            });
     method(database, "_to_parquet",
            [](const py::object &self, const std::string &cls, const std::string &path,
-              const py::object &columns, const py::object &oids, const py::object &start,
+              const names_arg &columns, const oids_arg &oids, const py::object &start,
               const py::object &end, unsigned partition) {
                std::shared_ptr<db_state> db = state_of(self);
                const export_spec s =
@@ -358,11 +361,11 @@ void bind_arrow(py::module_ &m) {
            });
     method(database, "_from_parquet",
            [](const py::object &self, const std::string &path, const std::string &cls,
-              const std::optional<std::string> &time) {
+              const std::optional<std::string> &time, uint16_t char_width) {
                std::shared_ptr<db_state> db = state_of(self);
                db_state::in_call using_db(*db);
                require_no_writer(*db, "from_parquet");
-               const velt_import_t o = import_options(cls, time);
+               const velt_import_t o = import_options(cls, time, char_width);
                try {
                    py::gil_scoped_release nogil;
                    return table::from_parquet(db->get(), o, path);
@@ -372,7 +375,7 @@ void bind_arrow(py::module_ &m) {
            });
     method(database, "_from_arrow",
            [](const py::object &self, const py::object &source, const std::string &cls,
-              const std::optional<std::string> &time) {
+              const std::optional<std::string> &time, uint16_t char_width) {
                std::shared_ptr<db_state> db = state_of(self);
                db_state::in_call using_db(*db);
                require_no_writer(*db, "from_arrow");
@@ -391,7 +394,7 @@ void bind_arrow(py::module_ &m) {
                                "capsule");
                ArrowArrayStream in = *p; // moved out: the import releases it
                p->release = nullptr;
-               const velt_import_t o = import_options(cls, time);
+               const velt_import_t o = import_options(cls, time, char_width);
                py::gil_scoped_release nogil;
                return table::import_arrow(db->get(), o, &in);
            });

@@ -214,8 +214,7 @@ class Database(_Database):
         (text=False: fixed_size_binary).  Each stream reads the last commit
         as of its making; Database.close() is refused until every stream
         and batch is released."""
-        return self._arrow(cls, None if columns is None else list(columns),
-                           None if oids is None else list(oids), start, end, text)
+        return self._arrow(cls, _names(columns), _oids(oids), start, end, text)
 
     def to_parquet(self, cls, path, *, columns=None, oids=None, start=None, end=None,
                    partition_by=("object", "month")):
@@ -233,26 +232,38 @@ class Database(_Database):
                 _refuse("VEL_E_ILLEGAL_PARAM",
                         f"to_parquet: partition_by takes 'object', 'day' and 'month', not {p!r}")
             flags |= _PARTITIONS[p]
-        self._to_parquet(cls, _os.fspath(path), None if columns is None else list(columns),
-                         None if oids is None else list(oids), start, end, flags)
+        self._to_parquet(cls, _os.fspath(path), _names(columns), _oids(oids), start, end, flags)
 
-    def from_parquet(self, path, cls, *, time=None):
+    def from_parquet(self, path, cls, *, time=None, char_width=0):
         """Appends every *.parquet file under the folder `path` (or the file)
         to class `cls` as from_arrow does, files in path order, a file's
         object from its oid=N folder, else its oid column; returns the rows
         imported.  A table written by to_parquet comes back with its fields,
         types, orders and nulls.  Needs DuckDB, as to_parquet."""
-        return self._from_parquet(_os.fspath(path), cls, time)
+        return self._from_parquet(_os.fspath(path), cls, time, char_width)
 
-    def from_arrow(self, obj, cls, *, time=None):
+    def from_arrow(self, obj, cls, *, time=None, char_width=0):
         """Appends the rows of `obj` (anything with __arrow_c_stream__: an
         ArrowTable, a pyarrow Table, a polars DataFrame...) to class `cls`,
         defined from the stream's schema when new (`time`: its ascending
         field; default the first timestamp column), in one write
         transaction; an `oid` column sends rows to new objects, one per
-        value, otherwise they make one new object.  Returns the rows
+        value, otherwise they make one new object.  A new class's char
+        fields are as wide as the stream's "velseq.width" metadata says, else
+        `char_width` (0: such a text column is refused).  Returns the rows
         imported; a refusal imports nothing (a class it defined stays)."""
-        return self._from_arrow(obj, cls, time)
+        return self._from_arrow(obj, cls, time, char_width)
+
+
+def _names(columns):
+    """A list of field names, or None; one bare name is refused."""
+    if isinstance(columns, (str, bytes)):
+        _refuse("VEL_E_ILLEGAL_PARAM", f"columns is a list of field names, not {columns!r}")
+    return None if columns is None else list(columns)
+
+
+def _oids(oids):
+    return None if oids is None else list(oids)
 
 
 def _values_of(s):

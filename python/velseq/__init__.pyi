@@ -1,5 +1,6 @@
 # Typed stubs of the velseq package (the _velseq extension and __init__.py).
 import datetime
+import os
 from typing import Any, Literal, Optional, Sequence as Seq, Tuple, TypedDict, Union
 
 import numpy as np
@@ -79,6 +80,13 @@ class Aggregates(TypedDict, total=False):
     argmax: Optional[int]
 
 Sync = Literal["commit", "group", "none"]
+Partition = Literal["object", "day", "month"]
+
+class ArrowTable:
+    """Rows of a table for Arrow consumers (Database.arrow)."""
+    def __arrow_c_stream__(self, requested_schema: None = None) -> Any:
+        """A PyCapsule "arrow_array_stream" of struct batches, reading the last
+        commit as of this call; requested_schema other than None is refused."""
 
 class Database:
     """A database in memory, new or opened from files; a context manager that closes it."""
@@ -116,12 +124,41 @@ class Database:
     def to_pandas(self, cls: str, oid: int, index: Optional[str] = None,
                   text: bool = True) -> pd.DataFrame:
         """Nulls as NA, NaT or None; char fields as str (text=False: bytes)."""
+    def arrow(self, cls: str, columns: Optional[Seq[str]] = None,
+              oids: Optional[Seq[int]] = None, start: Optional[TimeLike] = None,
+              end: Optional[TimeLike] = None, text: bool = True) -> ArrowTable:
+        """An oid column (uint64), then `columns` (default: every field, a scalar
+        repeated per row) of objects `oids` (default: all), rows with start <=
+        time < end of the first ascending datetime field when either is given;
+        timestamp[ns, UTC], char as utf8 (text=False: fixed_size_binary).
+        close() is refused while a stream or batch of it is alive."""
+    def to_parquet(self, cls: str, path: Union[str, os.PathLike[str]], *,
+                   columns: Optional[Seq[str]] = None, oids: Optional[Seq[int]] = None,
+                   start: Optional[TimeLike] = None, end: Optional[TimeLike] = None,
+                   partition_by: Union[Partition, Seq[Partition]] = ("object", "month")) -> None:
+        """The rows of arrow(cls, ...) as Parquet files under the new or empty
+        folder `path`, a data.parquet per partition (oid=N/, day=YYYY-MM-DD/ or
+        month=YYYY-MM/; day and month exclusive; (): one file).  Needs DuckDB's
+        library ($VELSEQ_DUCKDB, else libduckdb.so): Error VELT_E_UNAVAILABLE."""
+    def from_parquet(self, path: Union[str, os.PathLike[str]], cls: str, *,
+                     time: Optional[str] = None, char_width: int = 0) -> int:
+        """Appends every *.parquet file under `path` as from_arrow does, in path
+        order; the rows imported.  Needs DuckDB, as to_parquet."""
+    def from_arrow(self, obj: Any, cls: str, *, time: Optional[str] = None,
+                   char_width: int = 0) -> int:
+        """Appends the rows of an object with __arrow_c_stream__ to class `cls`
+        (defined from the schema when new; `time` its ascending field; text
+        columns without "velseq.width" metadata char(char_width)) in one write
+        transaction: new objects, one per value of an `oid` column, else one.
+        The rows imported; a refusal imports nothing."""
     def __enter__(self) -> Database: ...
     def __exit__(self, *exc: Any) -> bool: ...
 
 class Transaction:
     """Bound to the thread that began it.  `with` commits a write transaction
-    when the block ends normally and rolls back when an exception leaves it."""
+    when the block ends normally and rolls back when an exception leaves it.
+    While an Arrow stream of one of its objects or sequences (or a batch of
+    it) is alive, commit, rollback and writes raise Error VEL_E_HOST_BUSY."""
     is_open: bool
     is_write: bool
     def commit(self) -> None: ...
@@ -148,6 +185,9 @@ class Object:
         """A Sequence for a sequence field, the value of a scalar field."""
     def __setitem__(self, field: str, value: Any) -> None: ...
     def delete(self) -> None: ...
+    def __arrow_c_stream__(self, requested_schema: None = None) -> Any:
+        """Its fields as a table (a scalar repeated per row), as its
+        transaction sees them: a PyCapsule "arrow_array_stream"."""
     def resample(self, time: str, field: str, width: TimedeltaLike,
                  start: Optional[TimeLike] = None, end: Optional[TimeLike] = None,
                  origin: Optional[TimeLike] = None,
@@ -164,6 +204,9 @@ class Sequence:
     dtype: np.dtype
     order: Order
     def __len__(self) -> int: ...
+    def __arrow_c_stream__(self, requested_schema: None = None) -> Any:
+        """A stream of plain arrays of the field's type (not struct batches),
+        as its transaction sees it."""
     # NaN in float values is a null unless nan_as_null=False.
     def append(self, values: Values, mask: Optional[npt.NDArray[np.bool_]] = None, *,
                nan_as_null: bool = True) -> None: ...
