@@ -30,6 +30,11 @@ and bytes.  Every refused call raises velseq.Error (with .code and .name;
 velseq.BadInput, also a ValueError, when the values were refused;
 velseq.WrongType, also a TypeError, when an argument is of a Python type
 the call does not take) and changes nothing.
+
+Arrow: Database.arrow(cls), an Object and a Sequence give Arrow C streams
+to any consumer (__arrow_c_stream__); Database.from_arrow takes any such
+source; to_parquet and from_parquet go through DuckDB's shared library,
+loaded at run time ($VELSEQ_DUCKDB, else libduckdb.so).
 """
 
 import functools as _functools
