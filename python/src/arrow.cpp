@@ -86,8 +86,9 @@ wrapped_stream *of(ArrowArrayStream *s) { return static_cast<wrapped_stream *>(s
 // interface lets a consumer take a child and release the parent.
 template <class T> int take_single(T *root, wrapped_stream &w) {
     if (root->n_children != 1) {
-        w.error =
-            "velseq: a single-column export gave " + std::to_string(root->n_children) + " columns";
+        w.error = std::string("velseq: a single-column export gave ")
+                      .append(std::to_string(root->n_children))
+                      .append(" columns");
         root->release(root);
         root->release = nullptr;
         return EINVAL;
@@ -381,8 +382,9 @@ void bind_arrow(py::module_ &m) {
                require_no_writer(*db, "from_arrow");
                if (!py::hasattr(source, "__arrow_c_stream__"))
                    throw error(VEL_E_ILLEGAL_TYPE,
-                               "from_arrow: " + std::string(py::str(py::type::of(source))) +
-                                   " has no __arrow_c_stream__");
+                               std::string("from_arrow: ")
+                                   .append(std::string(py::str(py::type::of(source))))
+                                   .append(" has no __arrow_c_stream__"));
                const py::object cap = source.attr("__arrow_c_stream__")();
                auto *p = static_cast<ArrowArrayStream *>(
                    PyCapsule_IsValid(cap.ptr(), stream_capsule)
