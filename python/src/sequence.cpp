@@ -226,18 +226,104 @@ probe_view probes_in(const table::column &keys, const py::object &probes, const 
     return v;
 }
 
+// Ascending datetime64[ns] probes, the shape of a time-series join, are
+// answered a block at a time: each block turned into raw datetimes in a
+// buffer that stays in cache, so that no buffer as long as the probes is
+// made (the first touch of that much fresh memory costs more than the
+// join).  answer(block, at) gets the probes [at, at + block.length), at a
+// multiple of 8 (validity bytes start there).  From the first block that
+// does not ascend (NaT aside) on, the rest goes in one call, so that the
+// layer orders them once.  Called without the GIL.
+constexpr uint64_t kProbeBlock = 1 << 14;
+
+struct probe_blocks {
+    const table::column &keys;
+    py::array src;         // the probes, when in_place
+    bool in_place = false; // datetime64[ns], 1-d, contiguous, native
+    probe_view whole;      // otherwise
+
+    probe_blocks(const table::column &k, const py::object &probes, const std::string &what)
+        : keys(k) {
+        static auto *masked = new py::object(numpy().attr("ma").attr("MaskedArray"));
+        if (k.type.code == VEL_DD_SEQUENCE_DATETIME && py::isinstance<py::array>(probes) &&
+            !py::isinstance(probes, *masked)) {
+            const auto a = py::reinterpret_borrow<py::array>(probes);
+            if (a.ndim() == 1 && (a.flags() & py::array::c_style) &&
+                a.dtype().equal(dtype_of(k.type)) && a.dtype().attr("isnative").cast<bool>()) {
+                src = a;
+                in_place = true;
+            }
+        }
+        if (!in_place)
+            whole = probes_in(k, probes, what);
+    }
+    uint64_t length() const {
+        return in_place ? static_cast<uint64_t>(src.size()) : whole.length();
+    }
+    template <class F> void each(F &&answer) {
+        if (!in_place) {
+            answer(whole.buf, uint64_t(0));
+            return;
+        }
+        const auto *ns = static_cast<const int64_t *>(src.data());
+        const uint64_t n = length();
+        constexpr int64_t nat = std::numeric_limits<int64_t>::min();
+        uint64_t raw[kProbeBlock];
+        uint8_t valid[kProbeBlock / 8];
+        int64_t last = nat;
+        for (uint64_t at = 0; at < n; at += kProbeBlock) {
+            const uint64_t m = std::min(kProbeBlock, n - at);
+            bool up = true, any_nat = false;
+            for (uint64_t i = 0; i < m; i++) {
+                const int64_t t = ns[at + i];
+                if (t != nat) { // NaT is answered null wherever it stands
+                    up &= t >= last;
+                    last = t;
+                }
+                any_nat |= t == nat;
+                raw[i] = vel_dt_from_ns(t);
+            }
+            if (!up) { // from here on in one call
+                std::unique_ptr<uint64_t[]> rest(new uint64_t[n - at]);
+                std::vector<uint8_t> rv((n - at + 7) / 8, 0xFF);
+                bool rest_nat = false;
+                for (uint64_t i = 0; i < n - at; i++) {
+                    rest[i] = vel_dt_from_ns(ns[at + i]);
+                    if (ns[at + i] == nat) {
+                        rest_nat = true;
+                        rv[i / 8] &= static_cast<uint8_t>(~(1u << (i % 8)));
+                    }
+                }
+                answer(table::const_buffer{keys.type, n - at, rest.get(),
+                                           rest_nat ? rv.data() : nullptr},
+                       at);
+                return;
+            }
+            if (any_nat) {
+                std::memset(valid, 0xFF, (m + 7) / 8);
+                for (uint64_t i = 0; i < m; i++)
+                    if (ns[at + i] == nat)
+                        valid[i / 8] &= static_cast<uint8_t>(~(1u << (i % 8)));
+            }
+            answer(table::const_buffer{keys.type, m, raw, any_nat ? valid : nullptr}, at);
+        }
+    }
+};
+
 // Positions of the as-of matches of the probes in this ascending field, as
 // int64 written in place; masked where none matches.
 py::object asof(const Sequence &s, const py::object &probes, const std::string &dir, bool strict,
                 const py::object &tolerance) {
     const table::column keys = s.column();
     const table::asof_options opt = asof_options_of(keys, dir, strict, tolerance);
-    const probe_view p = probes_in(keys, probes, "asof on " + s.what());
+    probe_blocks p(keys, probes, "asof on " + s.what());
     numpy_column pos({VEL_DD_SEQUENCE_INT8, 8}, p.length());
+    auto *out = static_cast<uint64_t *>(pos.values.mutable_data());
     {
         py::gil_scoped_release nogil;
-        table::asof(keys, p.buf, opt, static_cast<uint64_t *>(pos.values.mutable_data()),
-                    pos.validity.data());
+        p.each([&](const table::const_buffer &b, uint64_t at) {
+            table::asof(keys, b, opt, out + at, pos.validity.data() + at / 8);
+        });
     }
     return pos.finish();
 }
@@ -295,14 +381,27 @@ py::dict asof_columns(const Object &o, const std::string &keys, const py::object
     const std::vector<uint16_t> fields = sequence_fields(*o.t, columns);
     const std::vector<table::column> cols = columns_of(o, fields);
     const table::asof_options opt = asof_options_of(kc, dir, strict, tolerance);
-    const probe_view p = probes_in(kc, probes, "asof_join on " + o.t->name + "." + keys);
+    probe_blocks p(kc, probes, "asof_join on " + o.t->name + "." + keys);
     join_out jo(*o.t, fields, p.length());
-    std::unique_ptr<uint64_t[]> pos(new uint64_t[p.length()]); // the layer writes each
-    std::vector<uint8_t> valid((p.length() + 7) / 8);
     {
         py::gil_scoped_release nogil;
-        table::asof_join(kc, p.buf, opt, pos.get(), valid.data(), cols.data(), jo.bufs.data(),
-                         cols.size());
+        std::unique_ptr<uint64_t[]> pos; // the layer writes each
+        std::vector<uint8_t> valid;
+        std::vector<table::buffer> out(jo.bufs.size());
+        p.each([&](const table::const_buffer &b, uint64_t at) {
+            if (valid.size() < (b.length + 7) / 8) {
+                pos.reset(new uint64_t[b.length]);
+                valid.resize((b.length + 7) / 8);
+            }
+            for (size_t c = 0; c < out.size(); c++) {
+                const table::buffer &w = jo.bufs[c];
+                out[c] = {w.type, b.length,
+                          static_cast<unsigned char *>(w.values) + at * w.type.width,
+                          w.validity + at / 8};
+            }
+            table::asof_join(kc, b, opt, pos.get(), valid.data(), cols.data(), out.data(),
+                             cols.size());
+        });
     }
     return jo.finish(columns);
 }

@@ -138,18 +138,25 @@ def quotes():
 def test_asof_against_merge_asof(quotes, direction, strict, tolerance):
     db, oid, df = quotes
     rng = np.random.default_rng(1)
-    # ascending probes, many of them equal to stored times, some outside
-    probes = np.sort(np.concatenate([df["ts"].to_numpy()[rng.integers(0, N, 300)],
-                                     at(rng.integers(-5000, 50 * N + 10000, 700), "s")]))
+    # ascending probes, many of them equal to stored times, some outside,
+    # more than two blocks of 16384 (answered a block at a time); NaT ones
+    # answered null, the others as pandas answers them
+    probes = np.sort(np.concatenate([df["ts"].to_numpy()[rng.integers(0, N, 12000)],
+                                     at(rng.integers(-5000, 50 * N + 10000, 28000), "s")]))
     want = pd.merge_asof(pd.DataFrame({"ts": probes}), df, on="ts", direction=direction,
                          allow_exact_matches=not strict,
                          tolerance=tolerance and pd.Timedelta(tolerance))
-    nat = rng.random(len(probes)) < 0.05  # NaT probes: answered null, the others as pandas
+    nat = rng.random(len(probes)) < 0.05
     with db.read() as tx:
         got = tx.open("q", oid).asof_join("ts", np.where(nat, np.datetime64("NaT"), probes),
                                           ["px", "n"], direction=direction, strict=strict,
                                           tolerance=tolerance)
         assert tx.open("q", oid)["ts"].asof(np.full(3, np.datetime64("NaT"), "M8[ns]")).mask.all()
+        if (direction, strict, tolerance) == ("backward", False, None):
+            pos = tx.open("q", oid)["ts"].asof(probes.astype("M8[ns]"))
+            keys = df["ts"].to_numpy()
+            np.testing.assert_array_equal(np.ma.filled(pos, -1),
+                                          np.searchsorted(keys, probes, side="right") - 1)
     assert got[nat].isna().all().all()
     pd.testing.assert_frame_equal(got[~nat].reset_index(),
                                   want[~nat].reset_index(drop=True).astype({"n": "Int64"}),

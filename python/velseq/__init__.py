@@ -442,7 +442,8 @@ def _asof_join(self, keys, probes, columns, direction="backward", strict=False,
 
     got = self._asof_columns(keys, probes, list(columns), direction, strict, tolerance)
     data = {c: _column(got[c]) for c in columns}
-    df = pd.DataFrame(data, index=pd.Index(_np.asarray(probes), name=keys))
+    # The columns are new arrays: the frame takes them as they are.
+    df = pd.DataFrame(data, index=pd.Index(_np.asarray(probes), name=keys), copy=False)
     return df.ffill() if fill_forward else df
 
 

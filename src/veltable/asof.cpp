@@ -589,10 +589,12 @@ void match(const P &p, const column &keys, uint64_t n, const const_buffer &probe
     // when they ascend, otherwise in value order.
     auto live = [&](uint64_t i) { return valid_at(probes.validity, i) && !p.is_nan(p.at(pv, i)); };
     bool ascending = true;
-    uint64_t live_n = 0; // of the rows that ascend
-    for (uint64_t i = 0, last = kNone; i < probes.length && ascending; i++)
+    uint64_t live_n = 0;                       // of the rows that ascend
+    uint64_t first_live = kNone, last = kNone; // the rows of the least and greatest
+    for (uint64_t i = 0; i < probes.length && ascending; i++)
         if (live(i)) {
             ascending = last == kNone || !p.before(pv + i * w, pv + last * w);
+            first_live = first_live == kNone ? i : first_live;
             last = i;
             live_n++;
         }
@@ -620,14 +622,37 @@ void match(const P &p, const column &keys, uint64_t n, const const_buffer &probe
     }
     if (!ascending)
         live_n = rows.size();
+    // Dense: few keys on average between neighbouring probes, over the keys
+    // the probes span, which two searches count when the keys are many (a
+    // batch of a long ascending run of probes spans few of them).
+    bool dense = live_n > 0 && n / live_n < kDenseGap;
+    if constexpr (std::is_arithmetic_v<typename P::value>) {
+        using T = typename P::value;
+        if (!dense && live_n >= 64 && opt.dir != direction::nearest) {
+            T lo, hi;
+            if (ascending) {
+                lo = p.at(pv, first_live);
+                hi = p.at(pv, last);
+            } else {
+                lo = from_ordered_bits<T>(by_value.front().first);
+                hi = from_ordered_bits<T>(by_value.back().first);
+            }
+            tile_cursor<P> c(p, keys, n);
+            const uint64_t a =
+                c.search(reinterpret_cast<const unsigned char *>(&lo), VEL_SEQ_BOUNDARY_INCLUSIVE);
+            const uint64_t b =
+                c.search(reinterpret_cast<const unsigned char *>(&hi), VEL_SEQ_BOUNDARY_EXCLUSIVE);
+            dense = (b - a) / live_n < kDenseGap;
+        }
+    }
     // The merge of dense ascending probes writes every position itself.
     if (!(std::is_arithmetic_v<typename P::value> && opt.dir != direction::nearest && ascending &&
-          live_n > 0 && n / live_n < kDenseGap))
+          dense))
         std::fill(positions, positions + probes.length, kNone);
     if constexpr (std::is_arithmetic_v<typename P::value>) {
         if (opt.dir != direction::nearest) {
             using T = typename P::value;
-            if (live_n > 0 && n / live_n < kDenseGap) {
+            if (dense) {
                 if (ascending)
                     merge_dense<true>(
                         p, keys, n, probes.length,
