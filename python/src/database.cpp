@@ -28,10 +28,32 @@ table::table_info db_state::table_named(const std::string &name) const {
 }
 
 const std::shared_ptr<const uint64_t> &this_thread_token() {
+    // Kept in the Python thread state's dict, which CPython clears before a
+    // join of the thread returns; a C++ thread_local lives until the thread
+    // itself exits, after the join, so the transaction of a thread just
+    // joined could still look alive.  Called with the GIL held.
+    using token_t = std::shared_ptr<const uint64_t>;
     static std::atomic<uint64_t> next{1};
-    thread_local const std::shared_ptr<const uint64_t> token =
-        std::make_shared<const uint64_t>(next++);
-    return token;
+    static const char *const kKey = "velseq.thread_token";
+    PyObject *d = PyThreadState_GetDict();
+    if (d == nullptr)
+        throw error(VEL_E_HOST_BUSY, "a call without the interpreter's lock");
+    PyObject *cap = PyDict_GetItemString(d, kKey); // borrowed
+    if (cap == nullptr) {
+        auto *t = new token_t(std::make_shared<const uint64_t>(next++));
+        cap = PyCapsule_New(t, kKey, [](PyObject *c) {
+            delete static_cast<token_t *>(PyCapsule_GetPointer(c, kKey));
+        });
+        if (cap == nullptr) {
+            delete t;
+            throw py::error_already_set();
+        }
+        const int rc = PyDict_SetItemString(d, kKey, cap);
+        Py_DECREF(cap); // the dict holds it
+        if (rc != 0)
+            throw py::error_already_set();
+    }
+    return *static_cast<token_t *>(PyCapsule_GetPointer(cap, kKey));
 }
 
 tx_state::tx_state(std::shared_ptr<db_state> d, bool w) : db(std::move(d)), write(w) {

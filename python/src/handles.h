@@ -32,8 +32,9 @@ namespace table = velseq::table;
 using velseq::error;
 
 // The calling thread's token: a serial no other thread gets, alive (for
-// weak_ptr) until the thread ends.  std::thread::id values are reused once a
-// thread has ended, so they cannot bind a transaction to its thread.
+// weak_ptr) until the thread ends (by the time a join of it returns).
+// std::thread::id values are reused once a thread has ended, so they cannot
+// bind a transaction to its thread.
 const std::shared_ptr<const uint64_t> &this_thread_token();
 
 struct db_state {
