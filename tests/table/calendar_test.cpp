@@ -1,8 +1,9 @@
 // Calendar buckets and civil times against a model built on the C
 // library's calendar (gmtime_r, timegm): random instants over 1700..2200 and
 // the ends of the datetime range, every unit, weekday, a few counts, UTC
-// offsets (negative ones too) and origins; then resample() through the C++
-// API against the rows grouped by the model.
+// offsets (negative ones too) and origins.  Resample and aggregate over
+// these buckets, and civil times from fields, are checked against pandas by
+// the Python package's tests.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -103,89 +104,6 @@ TEST(Calendar, BucketsAgainstTheCLibrary) {
     }
 }
 
-// One object of an ascending time field ts and a value field v of T, in
-// a write transaction.
-template <class T> struct series {
-    database db;
-    schema s{"series"};
-    field<datetime> ts = s.seq<datetime>("ts", order::ascending);
-    field<T> v = s.seq<T>("v");
-    connection con{(db.define(s), db)};
-    transaction tx{con, transaction::write};
-    object o = tx.create(s);
-};
-
-TEST(Calendar, ResampleGroupsAsTheModel) {
-    series<int64_t> w;
-    auto &[db, s, ts, v, con, tx, o] = w;
-    std::mt19937_64 rng(11);
-    std::vector<datetime> times;
-    std::vector<std::optional<int64_t>> vals;
-    for (int64_t ns = -8520336000 * kNs; ns < 7289654400 * kNs;
-         ns += static_cast<int64_t>(rng() % (40 * 86400)) * kNs + 1)
-        times.push_back(datetime::from_ns(ns)),
-            vals.push_back(rng() % 5 ? std::optional<int64_t>(int64_t(rng() % 1000) - 500)
-                                     : std::nullopt);
-    o[ts].append(times);
-    o[v].append(vals);
-    for (calendar c : {calendar::years(), calendar::quarters(), calendar::months(2),
-                       calendar::weeks(1, weekday::sunday), calendar::days(10)}) {
-        c.utc_offset_ns = -5 * 3600 * kNs;
-        std::vector<bar<int64_t>> want;
-        for (size_t i = 0; i < times.size(); i++) {
-            const vel_datetime start = clamp(model_days(c, times[i].raw()).first * 86400 * kNs -
-                                             __int128(c.utc_offset_ns));
-            if (want.empty() || want.back().start.raw() != start)
-                want.emplace_back().start = datetime::from_raw(start);
-            bar<int64_t> &b = want.back();
-            b.rows++;
-            if (!vals[i])
-                continue;
-            b.count++, b.sum += *vals[i], b.last = vals[i];
-            b.first = b.first ? b.first : vals[i];
-        }
-        const std::vector<bar<int64_t>> got = resample(o[ts], o[v], c);
-        ASSERT_EQ(got.size(), want.size());
-        for (size_t i = 0; i < got.size(); i++) {
-            EXPECT_EQ(got[i].start.raw(), want[i].start.raw()) << i;
-            EXPECT_EQ(
-                std::tie(got[i].rows, got[i].count, got[i].sum, got[i].first, got[i].last),
-                std::tie(want[i].rows, want[i].count, want[i].sum, want[i].first, want[i].last))
-                << i;
-        }
-    }
-}
-
-// aggregate() over time windows: nulls, argmin, argmax and their times.
-TEST(Calendar, SummaryPositionsAndTimes) {
-    series<double> w;
-    auto &[db, s, ts, v, con, tx, o] = w;
-    std::mt19937_64 rng(13);
-    std::vector<datetime> times;
-    std::vector<std::optional<double>> vals;
-    for (int i = 0; i < 2000; i++)
-        times.push_back(datetime::from_ns((i - 1000) * 86400 * kNs)),
-            vals.push_back(rng() % 4 ? std::optional<double>(double(rng() % 50)) : std::nullopt);
-    o[ts].append(times);
-    o[v].append(vals);
-    for (int k = 0; k < 50; k++) {
-        size_t a = rng() % 2000, b = rng() % 2000;
-        std::tie(a, b) = std::minmax(a, b);
-        std::optional<size_t> lo, hi;
-        for (size_t i = a; i < b; i++)
-            if (vals[i]) {
-                lo = !lo || *vals[i] < *vals[*lo] ? i : *lo;
-                hi = !hi || *vals[i] > *vals[*hi] ? i : *hi;
-            }
-        const summary<double> m = aggregate(o[v], o[ts], times[a], times[b]);
-        EXPECT_EQ(m.nulls(), size_t(std::count(vals.begin() + a, vals.begin() + b, std::nullopt)));
-        EXPECT_EQ(m.argmin, lo);
-        EXPECT_EQ(m.argmax, hi);
-        EXPECT_EQ(m.argmin_time, lo ? std::optional(times[*lo]) : std::nullopt);
-        EXPECT_EQ(m.argmax_time, hi ? std::optional(times[*hi]) : std::nullopt);
-    }
-}
-
 TEST(Calendar, ParsesUnitsAndRefusesBadOnes) {
     struct {
         const char *text;
@@ -220,33 +138,6 @@ TEST(Calendar, ParsesUnitsAndRefusesBadOnes) {
     c.utc_offset_ns = 86400 * kNs;
     EXPECT_THROW(table::calendar_bucket(c, 0), error);
     EXPECT_THROW(table::calendar_bucket(calendar::years(0), 0), error);
-}
-
-TEST(Calendar, CivilTimesAgainstTheCLibrary) {
-    std::mt19937_64 rng(3);
-    for (int i = 0; i < 20000; i++) {
-        const int64_t y = 1678 + int64_t(rng() % 584), m = 1 + int64_t(rng() % 12),
-                      d = 1 + int64_t(rng() % 31);
-        tm x{};
-        x.tm_year = static_cast<int>(y - 1900), x.tm_mon = static_cast<int>(m - 1);
-        x.tm_mday = static_cast<int>(d);
-        const int64_t sec = timegm(&x);
-        if (x.tm_mday != d) { // normalised into the next month: no such day
-            EXPECT_THROW(table::civil_time(y, m, d), error) << y << "-" << m << "-" << d;
-            continue;
-        }
-        if (y == 2262 && (m > 4 || (m == 4 && d > 11)))
-            continue;
-        EXPECT_EQ(table::civil_time(y, m, d, -3600 * kNs), vel_dt_from_ns((sec + 3600) * kNs))
-            << y << "-" << m << "-" << d;
-    }
-    EXPECT_THROW(table::civil_time(1677, 9, 21), error);
-    EXPECT_EQ(table::civil_time(1677, 9, 22), datetime::parse("1677-09-22").raw());
-    EXPECT_EQ(table::civil_time(2262, 4, 11), datetime::parse("2262-04-11").raw());
-    EXPECT_THROW(table::civil_time(2262, 4, 12), error);
-    EXPECT_THROW(table::civil_time(1900, 2, 29), error);
-    EXPECT_THROW(table::civil_time(2024, 13, 1), error);
-    EXPECT_THROW(table::civil_time(INT64_MAX, 1, 1), error);
 }
 
 } // namespace

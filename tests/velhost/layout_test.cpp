@@ -10,23 +10,6 @@
 
 namespace {
 
-// A field that ends exactly at the object page end (104 data bytes of a
-// 128-byte page) stays there.
-TEST(LayoutTest, FieldEndingAtThePageEndStays) {
-    velh_config_t cfg;
-    velh_config_init(&cfg);
-    cfg.object_page_size = 128;
-    velh_db_t *db;
-    ASSERT_EQ(velh_db_open(&cfg, &db), VEL_S_OK);
-    const velh_field_def_t f[] = {{"x", VEL_DD_CHAR, 96, 0}, {"s", VEL_DD_SEQUENCE_INT1, 0, 0}};
-    uint16_t code;
-    ASSERT_EQ(velh_class_define(db, "c", f, 2, 0, VELH_PM_INMEM, &code), VEL_S_OK);
-    velh_field_info_t fi;
-    ASSERT_EQ(velh_field_info(db, code, 1, &fi), VEL_S_OK);
-    EXPECT_EQ(fi.u_offset, 96u);
-    ASSERT_EQ(velh_db_close(db), VEL_S_OK);
-}
-
 // Random classes on random page sizes and object headers; the page test
 // takes the object's position (mo) as the module does.
 TEST(LayoutProperty, RandomClassesKeepEveryInvariant) {
