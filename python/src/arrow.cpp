@@ -144,7 +144,7 @@ void capsule_release(PyObject *capsule) {
 }
 
 // What an export reads: the options of velt_export_t that Python sets.
-struct export_spec {
+struct export_request {
     std::string table;
     std::vector<std::string> columns; // empty: every field
     bool all_columns = true;
@@ -187,18 +187,18 @@ void refuse_requested(const py::object &requested_schema) {
                     "None); cast in the consumer");
 }
 
-// A capsule of a new stream of `spec`, in tx's transaction when given.
+// A capsule of a new stream of `req`, in tx's transaction when given.
 py::object open_capsule(const std::shared_ptr<db_state> &db, const tx_ptr &tx,
-                        const export_spec &spec) {
+                        const export_request &req) {
     db->require_open();
     std::vector<const char *> names;
-    velt_export_t o = spec.options(names);
+    velt_export_t o = req.options(names);
     if (tx) {
         tx->require();
         o.con = tx->tx->connection_handle();
     }
     auto w = std::make_unique<wrapped_stream>();
-    w->single = spec.single;
+    w->single = req.single;
     w->held = std::make_shared<lease>(db, tx);
     table::export_arrow(db->get(), o, &w->inner);
     auto *s = new ArrowArrayStream{&stream_schema, &stream_next, &stream_error, &stream_release,
@@ -224,16 +224,16 @@ int64_t ns_of(const py::handle &t, const std::string &what) {
 // read transaction of its own.
 struct ArrowTable {
     std::shared_ptr<db_state> db;
-    export_spec spec;
+    export_request req;
 };
 
 using names_arg = std::optional<std::vector<std::string>>;
 using oids_arg = std::optional<std::vector<uint64_t>>;
 
-export_spec spec_of(const std::shared_ptr<db_state> &db, const std::string &cls,
-                    const names_arg &columns, const oids_arg &oids, const py::object &start,
-                    const py::object &end, bool text, const std::string &what) {
-    export_spec s;
+export_request request_of(const std::shared_ptr<db_state> &db, const std::string &cls,
+                          const names_arg &columns, const oids_arg &oids, const py::object &start,
+                          const py::object &end, bool text, const std::string &what) {
+    export_request s;
     s.table = cls;
     const table::table_info t = db->table_named(cls);
     if (columns) {
@@ -300,7 +300,7 @@ void bind_arrow(py::module_ &m) {
             "__arrow_c_stream__",
             [](const ArrowTable &a, const py::object &requested_schema) {
                 refuse_requested(requested_schema);
-                return open_capsule(a.db, nullptr, a.spec);
+                return open_capsule(a.db, nullptr, a.req);
             },
             py::arg("requested_schema") = py::none());
 
@@ -314,7 +314,7 @@ void bind_arrow(py::module_ &m) {
         object, "__arrow_c_stream__",
         [](const Object &o, const py::object &requested_schema) {
             refuse_requested(requested_schema);
-            export_spec s;
+            export_request s;
             s.table = o.t->name;
             s.oids = {o.h.oid};
             s.all_oids = false;
@@ -326,7 +326,7 @@ void bind_arrow(py::module_ &m) {
         sequence, "__arrow_c_stream__",
         [](const Sequence &q, const py::object &requested_schema) {
             refuse_requested(requested_schema);
-            export_spec s;
+            export_request s;
             s.table = q.t->name;
             s.columns = {q.def().name};
             s.all_columns = false;
@@ -341,15 +341,15 @@ void bind_arrow(py::module_ &m) {
            [](const py::object &self, const std::string &cls, const names_arg &columns,
               const oids_arg &oids, const py::object &start, const py::object &end, bool text) {
                std::shared_ptr<db_state> db = state_of(self);
-               return ArrowTable{db, spec_of(db, cls, columns, oids, start, end, text, "arrow")};
+               return ArrowTable{db, request_of(db, cls, columns, oids, start, end, text, "arrow")};
            });
     method(database, "_to_parquet",
            [](const py::object &self, const std::string &cls, const std::string &path,
               const names_arg &columns, const oids_arg &oids, const py::object &start,
               const py::object &end, unsigned partition) {
                std::shared_ptr<db_state> db = state_of(self);
-               const export_spec s =
-                   spec_of(db, cls, columns, oids, start, end, true, "to_parquet");
+               const export_request s =
+                   request_of(db, cls, columns, oids, start, end, true, "to_parquet");
                std::vector<const char *> names;
                const velt_export_t o = s.options(names);
                db_state::in_call using_db(*db);

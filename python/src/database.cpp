@@ -161,7 +161,7 @@ constexpr const char *old_catalogue = "velseq.catalog";
 
 // ---- the database -----------------------------------------------------------------
 
-using field_spec = std::tuple<std::string, std::string, py::object, std::string>;
+using field_def = std::tuple<std::string, std::string, py::object, std::string>;
 // A column of from_pandas: name, values, mask (None: nulls as the values say).
 using column_in = std::tuple<std::string, py::object, py::object>;
 
@@ -177,7 +177,7 @@ struct Database {
 
     // fields: (name, "seq" | "value", dtype, order), defined as one class in
     // the host's catalogue.
-    void define(const std::string &name, const std::vector<field_spec> &fields) {
+    void define(const std::string &name, const std::vector<field_def> &fields) {
         db_state::in_call using_db(*st); // dtypes are NumPy's: Python may run
         std::vector<table::column_def> cols;
         for (const auto &[fname, kind, dtype, ord] : fields) {

@@ -241,29 +241,4 @@ inline uint64_t count_of(const column &c) {
     return n;
 }
 
-// The next tile of a column, for walking two columns side by side.
-template <class P> struct tile_reader {
-    iter_ptr it{new vel_seq_iterator_t()};
-    size_t off = 0; // first value of the tile not yet used
-    tile_reader(const P &p, const column &c, uint64_t first, uint64_t last) {
-        vel_objhandle_t obj = c.obj;
-        velseq::detail::check(p.subseq(&obj, c.field, it.get(), first, last - 1), "scanning");
-    }
-    size_t left() const { return it->tile_size - off; }
-    const unsigned char *values() const {
-        return reinterpret_cast<const unsigned char *>(it->tile.u.arr_char);
-    }
-    // Refills an used-up tile; false at the end.
-    bool ready() {
-        if (off < it->tile_size)
-            return true;
-        const VEL_RET rc = it->next(it.get());
-        if (rc == VEL_S_CURSOR_END)
-            return false;
-        velseq::detail::check(rc, "reading a tile");
-        off = 0;
-        return true;
-    }
-};
-
 } // namespace velseq::table::detail

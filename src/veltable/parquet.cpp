@@ -488,7 +488,8 @@ uint64_t read_parquet(velh_db_t *db, const velt_import_t &opts, const std::strin
     // table it came from, else the longest value of each text column.
     import_hints hints;
     std::map<std::string, uint16_t> &widths = hints.widths;
-    if (!find_table(db, opts.table != nullptr ? opts.table : "")) {
+    const bool new_table = !find_table(db, opts.table != nullptr ? opts.table : "");
+    if (new_table) {
         duck_result r{};
         const std::string q = "SELECT decode(key), decode(value) FROM parquet_kv_metadata(" +
                               sql_text(src->files[0].string()) + ")";
@@ -512,7 +513,7 @@ uint64_t read_parquet(velh_db_t *db, const velt_import_t &opts, const std::strin
         }
         src->d.api.destroy_result(&r);
     }
-    if (!find_table(db, opts.table != nullptr ? opts.table : "") && opts.char_width == 0) {
+    if (new_table && opts.char_width == 0) {
         ArrowSchema s{};
         src->schema(s);
         src->close_file();
