@@ -16,10 +16,9 @@ namespace velseq::table::arrow {
 
 // Strings and children of a schema tree.
 struct schema_owner {
-    std::vector<std::string> strings;      // format, name, metadata of each node
+    std::vector<std::string> strings;      // format, name, metadata of each child
     std::vector<ArrowSchema> children;     // the root's children
     std::vector<ArrowSchema *> child_ptrs; // root.children
-    std::vector<std::string> child_format, child_name, child_meta;
     std::string format = "+s";
 };
 
