@@ -636,7 +636,11 @@ py::object numpy_column::finish() {
         nulls = validity[b] != 0xFF;
     for (uint64_t i = n / 8 * 8; i < n && !nulls; i++)
         nulls = !valid(i);
-    py::array_t<bool> mask(nulls ? static_cast<py::ssize_t>(n) : 0);
+    // np.zeros: pages the kernel gives zeroed on first touch, so that only
+    // the stretches holding a null are ever written.
+    py::array_t<bool> mask =
+        nulls ? py::array_t<bool>(numpy().attr("zeros")(n, numpy().attr("bool_")))
+              : py::array_t<bool>(0);
     bool *m = nulls ? mask.mutable_data() : nullptr;
     {
         py::gil_scoped_release nogil;
@@ -656,7 +660,8 @@ py::object numpy_column::finish() {
                 return t;
             }();
             for (uint64_t b = 0; b < n / 8; b++)
-                std::memcpy(m + 8 * b, &kMask[validity[b]], 8);
+                if (validity[b] != 0xFF)
+                    std::memcpy(m + 8 * b, &kMask[validity[b]], 8);
             for (uint64_t i = n / 8 * 8; i < n; i++)
                 m[i] = !valid(i);
         }

@@ -241,9 +241,11 @@ TEST(Columns, AsofAndGatherPaths) {
     const table::column cc = table::column_of(*o.handle(), db.get(), t, t.field("ck"));
     const table::column vc = table::column_of(*o.handle(), db.get(), t, t.field("v"));
 
-    std::vector<std::vector<int64_t>> sets(6);
+    std::vector<std::vector<int64_t>> sets(7);
     for (int64_t x = keys[keys.size() / 3] + 1; x <= keys.back() + 2; x++)
         sets[0].insert(sets[0].end(), 16, x); // denser than the keys: merged
+    for (int64_t x = keys.front() - 2; x <= keys.back() + 2; x++)
+        sets[6].insert(sets[6].end(), 16, x); // merged, before the first key and past the last
     for (size_t i = 0; i < keys.size(); i += 1 + rng() % 40)
         sets[1].push_back(keys[i] + int64_t(rng() % 3) - 1);
     std::sort(sets[1].begin(), sets[1].end());
@@ -268,7 +270,7 @@ TEST(Columns, AsofAndGatherPaths) {
     };
     for (size_t s = 0; s < sets.size(); s++) {
         std::vector<std::optional<int64_t>> probes(sets[s].begin(), sets[s].end());
-        for (size_t i = 3; s % 5 == 0 && i < probes.size(); i += 13)
+        for (size_t i = 3; (s % 5 == 0 || s == 1) && i < probes.size(); i += 13)
             probes[i].reset(); // null probes match nothing
         std::vector<std::optional<chars<8>>> cprobes;
         for (const std::optional<int64_t> &x : probes)
