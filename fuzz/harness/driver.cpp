@@ -799,6 +799,35 @@ bool Driver::op_search(Src &s) {
     return true;
 }
 
+// The context stack a map tile leaves: the path of the tile's last descent,
+// replayed here by a positional set-up from the root.  The positions
+// descended to are found as map finds them: a position outside the leaf
+// reached last (none at the tile's start) descends.
+std::string Driver::map_stack_mismatch(const FieldSpec &fs, const FieldLoc &l,
+                                       const vel_seq_iterator_t &it, const uint64_t *p, size_t n) {
+    auto ref = std::make_unique<vel_seq_iterator_t>();
+    const auto *ctx = reinterpret_cast<const vel_seq_iterator_context_t *>(it.context);
+    const auto *rctx = reinterpret_cast<const vel_seq_iterator_context_t *>(ref->context);
+    uint64_t leaf_pos = 0, leaf_size = 0;
+    for (size_t t = 0; t < n; ++t) {
+        if (p[t] - leaf_pos < leaf_size)
+            continue;
+        if (fs.fam.subseq(env_.obj(), l.u, l.c, ref.get(), p[t], p[t], fs.fam.width) != VEL_S_OK)
+            return "no descent to a delivered position";
+        const auto &top = rctx->stack[rctx->stack_size - 1];
+        leaf_pos = p[t] - static_cast<uint64_t>(top.pos);
+        leaf_size = static_cast<uint64_t>(top.page->hdr.user);
+    }
+    if (n == 0)
+        return "";
+    if (ctx->stack_size != rctx->stack_size)
+        return fmt("stack of %u levels, expected %u", ctx->stack_size, rctx->stack_size);
+    for (int i = 0; i < ctx->stack_size; ++i)
+        if (ctx->stack[i].page != rctx->stack[i].page || ctx->stack[i].pos != rctx->stack[i].pos)
+            return fmt("stack level %d differs from the last descent's path", i);
+    return "";
+}
+
 bool Driver::op_map(Src &s) {
     int fi = pick_field(s, false);
     const FieldSpec &fs = f_[fi];
@@ -855,6 +884,8 @@ bool Driver::op_map(Src &s) {
             for (size_t t = 0; t < want_n; ++t)
                 if (std::string e = tile_mismatch(fs.fam, *it, t, m, p[k + t]); !e.empty())
                     return fail(std::string("map of ") + fs.fam.name + " " + e);
+            if (std::string e = map_stack_mismatch(fs, l, *it, p.data() + k, want_n); !e.empty())
+                return fail("map of " + std::string(fs.fam.name) + ": " + e);
             st_.elements_compared += want_n;
             k += want_n;
         }

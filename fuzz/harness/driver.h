@@ -68,6 +68,8 @@ class Driver {
     bool op_scan(Src &s);
     bool op_search(Src &s);
     bool op_map(Src &s);
+    std::string map_stack_mismatch(const FieldSpec &fs, const FieldLoc &l,
+                                   const vel_seq_iterator_t &it, const uint64_t *p, size_t n);
     bool op_join(Src &s);
     bool op_store(Src &s);
     bool op_commit(Src &s);

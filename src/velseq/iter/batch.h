@@ -24,6 +24,15 @@ namespace velseq {
 inline constexpr int kBatchGroup = 16;
 
 inline void prefetch(const void *p) { __builtin_prefetch(p, 0, 3); }
+// A prefetch the optimiser keeps: GCC drops a call, or a loop, whose only
+// effect is __builtin_prefetch (it counts as no effect at all).
+inline void prefetch_kept(const void *p) {
+#if defined(__x86_64__) || defined(__i386__)
+    asm volatile("prefetcht0 %0" : : "m"(*static_cast<const char *>(p)));
+#else
+    __builtin_prefetch(p, 0, 3);
+#endif
+}
 
 // Join: for each of the n values at `vals` (element size e.size()), the
 // position of the first element not before it (inclusive bound, `order`)
@@ -253,6 +262,36 @@ struct PathFinger {
             depth = level;
             return true;
         }
+    }
+
+    // Writes the path of the last descent that succeeded (to `leaf`, index
+    // `idx`) into the iterator's stack, as vel_seq_subseq_page would have.
+    // Valid only when no descent has failed since.
+    void write_stack(vel_seq_iterator_context_t *ctx, vel_seq_page_t *leaf, int32_t idx) const {
+        for (int level = 0; level < depth; level++) {
+            ctx->stack[level].page = page[level];
+            ctx->stack[level].pos = child[level];
+        }
+        ctx->stack[depth].page = leaf;
+        ctx->stack[depth].pos = idx;
+        ctx->stack_size = static_cast<uint8_t>(depth + 1);
+    }
+
+    // Asks for every line of the leaf after the last one found, when it has
+    // the same parent: positions that go on ascending read it next, and the
+    // hardware prefetcher stops at a page's end.
+    void prefetch_next_leaf(int32_t page_size) const {
+        if (depth < 1)
+            return;
+        vel_seq_page_t *parent = page[depth - 1];
+        if (child[depth - 1] + 1 >= parent->hdr.user)
+            return;
+        const auto *b = reinterpret_cast<const char *>(
+            inner_entry(parent, page_size, child[depth - 1] + 1)->page);
+        if (b == nullptr)
+            return;
+        for (int32_t off = 0; off < page_size; off += 64)
+            prefetch_kept(b + off);
     }
 };
 

@@ -226,8 +226,14 @@ template <class E> VEL_RET map_next(const E &e, vel_seq_iterator_h iterator) {
     uint64_t prev_page_pos = 0;
     uint64_t prev_page_size = 0;
     PathFinger finger;
+    // The tile's null bits of slots 64 * (i / 64) .. i - 1, stored a word at
+    // a time (the tile's bitmap starts cleared).
+    vel_bitmap_word_t nulls = 0;
     bool stale = false;
     vel_seq_no_t stale_pos = 0;
+    bool by_finger = false; // the stale descent was the finger's (it failed none since)
+    vel_seq_page_t *finger_leaf = nullptr;
+    int32_t finger_idx = 0;
     for (uint64_t i = 0; i < n; i++) {
         const uint64_t next_pos = pos[i];
         if (next_pos - prev_page_pos >= prev_page_size) {
@@ -241,6 +247,9 @@ template <class E> VEL_RET map_next(const E &e, vel_seq_iterator_h iterator) {
                 in_leaf = static_cast<uint64_t>(at);
                 stale = true;
                 stale_pos = next_pos;
+                by_finger = !found[i];
+                finger_leaf = leaf;
+                finger_idx = at;
             } else {
                 if (stale) {
                     stale = false;
@@ -248,8 +257,10 @@ template <class E> VEL_RET map_next(const E &e, vel_seq_iterator_h iterator) {
                     VEL_SEQ_CHECK(rc == VEL_S_OK);
                 }
                 rc = vel_seq_subseq_page(ctx->con, ctx->pm, iterator, root, next_pos, 0);
-                if (rc != VEL_S_OK)
+                if (rc != VEL_S_OK) {
+                    iterator->tile.null_bitmap[i / 64] = nulls; // the bits gathered so far
                     return rc;
+                }
                 const vel_seq_iterator_stack_item_t &top = ctx->stack[ctx->stack_size - 1];
                 leaf = top.page;
                 in_leaf = static_cast<uint64_t>(top.pos);
@@ -257,13 +268,25 @@ template <class E> VEL_RET map_next(const E &e, vel_seq_iterator_h iterator) {
             prev_page_pos = next_pos - in_leaf;
             prev_page_size = leaf->hdr.user;
             VEL_SEQ_CHECK(next_pos - prev_page_pos < prev_page_size);
+            // Positions that move forward a few leaves in this tile most
+            // likely go on into the next leaf: its lines (its null mask
+            // among them) are fetched while this one is read.
+            if (!found[i] && pos[n - 1] - next_pos < 4 * capacity)
+                finger.prefetch_next_leaf(page_size);
         }
         const uint64_t idx = next_pos - prev_page_pos;
         std::memcpy(iterator->tile.u.arr_char + i * size, page_value(leaf, size, idx), size);
-        copy_one_bit(iterator->tile.null_bitmap, static_cast<int>(i),
-                     leaf_nulls(leaf, page_size, capacity), static_cast<int>(idx));
+        nulls |= ((leaf_nulls(leaf, page_size, capacity)[idx / 64] >> (idx % 64)) & 1) << (i % 64);
+        if (i % 64 == 63) {
+            iterator->tile.null_bitmap[i / 64] = nulls;
+            nulls = 0;
+        }
     }
-    if (stale) {
+    if (n % 64 != 0)
+        iterator->tile.null_bitmap[n / 64] = nulls;
+    if (stale && by_finger) { // the finger holds that very path
+        finger.write_stack(ctx, finger_leaf, finger_idx);
+    } else if (stale) {
         rc = vel_seq_subseq_page(ctx->con, ctx->pm, iterator, root, stale_pos, 0);
         VEL_SEQ_CHECK(rc == VEL_S_OK);
     }
