@@ -3,6 +3,7 @@
 // join (positions of values in an ordered field) and from_cursor.
 #pragma once
 
+#include <algorithm>
 #include <cstring>
 #include <type_traits>
 
@@ -33,6 +34,27 @@ template <class Append> VEL_RET store_iter(vel_seq_iterator_h src, Append append
         if (rc != VEL_S_OK)
             return rc;
     }
+}
+
+// Values of whole tiles (a multiple of 128, at most `room`) that the leaf in
+// hand of tree scan `src` still holds, short of the last tile of the scan's
+// range (whose null bits the scan keeps when it ends there); 0 when there
+// are none, or when the next tile fill would fail.
+inline uint64_t whole_tiles_in_leaf(vel_seq_iterator_h src, uint64_t room) {
+    const vel_seq_iterator_context_t *ctx = iter_ctx(src);
+    if (ctx->stack_size < 1 || src->next_seq_no > src->last_seq_no ||
+        ctx->con->trans.error_code != 0)
+        return 0;
+    const vel_seq_iterator_stack_item_t &top = ctx->stack[ctx->stack_size - 1];
+    if (top.page == nullptr || page_kind(top.page) != kLeafPage || top.pos < 0 ||
+        top.pos >= top.page->hdr.user)
+        return 0;
+    uint64_t k = static_cast<uint64_t>(top.page->hdr.user - top.pos);
+    const uint64_t range = src->last_seq_no - src->next_seq_no; // values in it, less one
+    if (range < VEL_SEQ_TILE_SIZE)
+        return 0;
+    k = std::min({k, range + 1 - VEL_SEQ_TILE_SIZE, room});
+    return k / VEL_SEQ_TILE_SIZE * VEL_SEQ_TILE_SIZE;
 }
 
 // store_iter for the scalar families, with the same outcome tile by tile,
@@ -93,6 +115,25 @@ VEL_RET store_batched(const E &e, vel_objhandle_h obj, vel_offs32_t fld_u_offset
         return rc;
     };
     for (;;) {
+        if (!first && order == VEL_SEQ_NO_ORDER && src->elem_size == s) {
+            // Whole tiles straight from the source's leaf into the batch
+            // (append takes any values then): runs that end where tiles end
+            // leave the scan where tile fills would, and the range's last
+            // tile is left to a tile fill.
+            const uint64_t k = whole_tiles_in_leaf(src, static_cast<uint64_t>(kBatch - n));
+            if (k > 0) {
+                uint64_t m = static_cast<uint64_t>(n);
+                const VEL_RET rc = fill_runs(src, reinterpret_cast<char *>(vals), nulls, m, m + k);
+                VEL_SEQ_CHECK(rc == VEL_S_OK && m == static_cast<uint64_t>(n) + k);
+                n = static_cast<int>(m);
+                if (n == kBatch) {
+                    const VEL_RET frc = flush();
+                    if (frc != VEL_S_OK)
+                        return frc;
+                }
+                continue;
+            }
+        }
         VEL_RET rc = src->next(src);
         if (rc != VEL_S_OK) {
             const VEL_RET frc = flush();

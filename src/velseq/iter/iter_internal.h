@@ -35,6 +35,10 @@ inline vel_seq_iterator_context_t *iter_ctx(vel_seq_iterator_h it) {
     return reinterpret_cast<vel_seq_iterator_context_t *>(it->context);
 }
 
+// The tile fill's copy loop, into any buffer (tile.cpp).
+VEL_RET fill_runs(vel_seq_iterator_h iterator, char *dst, vel_bitmap_word_t *dst_nulls, uint64_t &n,
+                  uint64_t limit);
+
 } // namespace velseq
 
 // Tile filling and the shared next/reset slots.

@@ -68,27 +68,23 @@ void prefetch_next_sibling(const vel_seq_iterator_stack_item_t &at, int32_t page
 
 } // namespace
 
-// Appends runs of leaf values behind the tile's tile_size elements until the
-// tile holds 128, the range ends or the tree does.  The whole tile null
-// bitmap is cleared first, so a second call into a non-empty tile loses the
-// null flags of what was already there; the cross-object scan relies on this
-// as it stands.
-VEL_RET vel_seq_append_tile(vel_seq_iterator_h iterator) {
+namespace velseq {
+
+// Copies runs of leaf values into `dst` (elements) and `dst_nulls` (bits,
+// which must be clear from `n` on) behind its first `n` elements until it
+// holds `limit`, the range ends or the tree does, moving the scan on as it
+// goes; `n` is left at the new count.  VEL_S_CURSOR_END when the tree ended
+// (its stack then empty), VEL_E_NOMEM for a missing page, VEL_S_OK
+// otherwise.  A run of `limit` = k * 128 leaves the scan exactly where k
+// tile fills would: runs join only inside a leaf or across its end.
+VEL_RET fill_runs(vel_seq_iterator_h iterator, char *dst, vel_bitmap_word_t *dst_nulls, uint64_t &n,
+                  uint64_t limit) {
     vel_seq_iterator_context_t *ctx = iter_ctx(iterator);
     int i = ctx->stack_size - 1;
-    if (i < 0)
-        return VEL_S_CURSOR_END;
-    if (iterator->next_seq_no > iterator->last_seq_no)
-        return VEL_S_CURSOR_END;
-    if (ctx->con->trans.error_code != 0)
-        return ctx->con->trans.error_code;
-    vel_seq_reset_null_bitmap(iterator);
-
     const int32_t page_size = static_cast<int32_t>(ctx->page_size);
     const size_t elem_size = iterator->elem_size;
     const uint64_t capacity = leaf_capacity_by_size(page_size, elem_size);
     vel_seq_iterator_stack_item_t *stack = ctx->stack;
-    uint64_t n = iterator->tile_size;
     int step = 0; // 1 after a pop: the parent moves to its next child
 
     for (;;) {
@@ -103,10 +99,7 @@ VEL_RET vel_seq_append_tile(vel_seq_iterator_h iterator) {
                 break;
             if (--i < 0) {
                 ctx->stack_size = 0;
-                if (n == 0)
-                    return VEL_S_CURSOR_END;
-                iterator->tile_size = static_cast<uint16_t>(n);
-                return VEL_S_OK;
+                return VEL_S_CURSOR_END;
             }
             step = 1;
         }
@@ -136,31 +129,54 @@ VEL_RET vel_seq_append_tile(vel_seq_iterator_h iterator) {
         // Written as k - 1 > last - next so that an unbounded last cannot overflow.
         if (k - 1 > iterator->last_seq_no - iterator->next_seq_no)
             k = iterator->last_seq_no - iterator->next_seq_no + 1;
-        if (VEL_SEQ_TILE_SIZE - n < k)
-            k = VEL_SEQ_TILE_SIZE - n;
+        if (limit - n < k)
+            k = limit - n;
 
-        std::memcpy(iterator->tile.u.arr_char + n * elem_size,
+        std::memcpy(dst + n * elem_size,
                     page_value(pg, elem_size, static_cast<uint64_t>(stack[i].pos)), k * elem_size);
-        // The tile's bits from n on are clear: a run whose mask words hold
-        // no null has nothing to copy.
+        // The destination's bits from n on are clear: a run whose mask
+        // words hold no null has nothing to copy.
         const vel_bitmap_word_t *mask = leaf_nulls(pg, page_size, capacity);
         bool nulls = false;
         for (uint64_t w = static_cast<uint64_t>(stack[i].pos) / 64;
              w <= (static_cast<uint64_t>(stack[i].pos) + k - 1) / 64; w++)
             nulls |= mask[w] != 0;
         if (nulls)
-            vel_seq_copy_bitmap(iterator->tile.null_bitmap, static_cast<int>(n), mask, stack[i].pos,
+            vel_seq_copy_bitmap(dst_nulls, static_cast<int>(n), mask, stack[i].pos,
                                 static_cast<int>(k));
 
         iterator->next_seq_no += k;
         stack[i].pos += static_cast<int32_t>(k);
         ctx->stack_size = static_cast<uint8_t>(i + 1);
         n += k;
-        if (n == VEL_SEQ_TILE_SIZE || iterator->next_seq_no > iterator->last_seq_no) {
-            iterator->tile_size = static_cast<uint16_t>(n);
+        if (n == limit || iterator->next_seq_no > iterator->last_seq_no)
             return VEL_S_OK;
-        }
     }
+}
+
+} // namespace velseq
+
+// Appends runs of leaf values behind the tile's tile_size elements until the
+// tile holds 128, the range ends or the tree does.  The whole tile null
+// bitmap is cleared first, so a second call into a non-empty tile loses the
+// null flags of what was already there; the cross-object scan relies on this
+// as it stands.
+VEL_RET vel_seq_append_tile(vel_seq_iterator_h iterator) {
+    vel_seq_iterator_context_t *ctx = iter_ctx(iterator);
+    if (ctx->stack_size < 1)
+        return VEL_S_CURSOR_END;
+    if (iterator->next_seq_no > iterator->last_seq_no)
+        return VEL_S_CURSOR_END;
+    if (ctx->con->trans.error_code != 0)
+        return ctx->con->trans.error_code;
+    vel_seq_reset_null_bitmap(iterator);
+    uint64_t n = iterator->tile_size;
+    const VEL_RET rc = fill_runs(iterator, iterator->tile.u.arr_char, iterator->tile.null_bitmap, n,
+                                 VEL_SEQ_TILE_SIZE);
+    if (rc == VEL_E_NOMEM || (rc == VEL_S_CURSOR_END && n == 0))
+        return rc;
+    iterator->tile_size = static_cast<uint16_t>(n);
+    return VEL_S_OK;
 }
 
 VEL_RET vel_seq_next_tile(vel_seq_iterator_h iterator) {

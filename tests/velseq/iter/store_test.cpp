@@ -2,8 +2,10 @@
 // append per tile, into a twin target must leave the same code, the same
 // field (values, null flags, tree) and the source at the same place.  The
 // cases reach the batched path (sources of many tiles) with nulls, order
-// breaks at a tile's start and inside one, a null in an ordered target and a
-// target that is its own source.
+// breaks at a tile's start and inside one, a null in an ordered target, a
+// target that is its own source, a range that ends inside a leaf and a
+// source of narrower elements, on small pages and on pages whose leaves
+// hold many tiles (the runs copied straight from the source's leaves).
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -21,6 +23,8 @@ struct Case {
     size_t dip;               // this one made smaller than its predecessor (0: none)
     std::vector<size_t> null; // null positions of the source
     bool self;                // the target's own scan is the source
+    uint64_t till = ~0ull;    // the source scan's last position
+    bool narrow = false;      // an int4 source (its tiles read as int8)
 };
 
 TEST(Store, SameAsOneAppendPerTile) {
@@ -31,49 +35,67 @@ TEST(Store, SameAsOneAppendPerTile) {
         {"break inside a tile", VEL_SEQ_ASC_ORDER, 5000, 128 * 9 + 50, {}, false},
         {"null in an ordered target", VEL_SEQ_ASC_ORDER, 5000, 0, {3000}, false},
         {"own scan", VEL_SEQ_NO_ORDER, 1000, 0, {5, 900}, true},
+        {"range ending inside a leaf", VEL_SEQ_NO_ORDER, 9000, 0, {5000, 5990}, false, 128 * 47},
+        {"narrower source", VEL_SEQ_NO_ORDER, 3000, 0, {}, false, ~0ull, true},
     };
-    SeqDb sdb{DbOptions{.seq_page_size = 512}};
-    const FieldRef f = sdb.field("int8");
-    for (const Case &c : cases) {
-        SCOPED_TRACE(c.name);
-        std::vector<vel_int8> v(c.n);
-        std::vector<vel_bitmap_word_t> nb((c.n + 63) / 64, 0);
-        for (size_t i = 0; i < c.n; i++)
-            v[i] = static_cast<vel_int8>(3 * i);
-        if (c.dip)
-            v[c.dip] = v[c.dip - 1] - 1;
-        for (size_t p : c.null)
-            nb[p / 64] |= vel_bitmap_word_t{1} << (p % 64);
-        ASSERT_EQ(sdb.begin_write(), VEL_S_OK);
-        vel_objhandle_t src = sdb.new_object(), dst = sdb.new_object(), ref = sdb.new_object();
-        // Targets start with a few values at or below the source's first.
-        const vel_int8 head[] = {-9, -5, 0};
-        for (vel_objhandle_t *o : {&dst, &ref}) {
-            ASSERT_EQ(f.append(o, head, 3, c.order, nullptr), VEL_S_OK);
-        }
-        for (vel_objhandle_t *o : c.self ? std::vector{&dst, &ref} : std::vector{&src}) {
-            ASSERT_EQ(f.append(o, v.data(), c.n, VEL_SEQ_NO_ORDER, nb.data()), VEL_S_OK);
-        }
-        vel_objhandle_t *from_store = c.self ? &dst : &src, *from_ref = c.self ? &ref : &src;
+    for (uint32_t page : {512u, 8192u})
+        for (const Case &c : cases) {
+            SCOPED_TRACE(testing::Message() << c.name << ", pages of " << page);
+            SeqDb sdb{DbOptions{.seq_page_size = page}};
+            const FieldRef f = sdb.field("int8"), s = c.narrow ? sdb.field("int4") : f;
+            std::vector<vel_int8> v(c.n);
+            std::vector<vel_bitmap_word_t> nb((c.n + 63) / 64, 0);
+            for (size_t i = 0; i < c.n; i++)
+                v[i] = static_cast<vel_int8>(3 * i);
+            if (c.dip)
+                v[c.dip] = v[c.dip - 1] - 1;
+            for (size_t p : c.null)
+                nb[p / 64] |= vel_bitmap_word_t{1} << (p % 64);
+            ASSERT_EQ(sdb.begin_write(), VEL_S_OK);
+            vel_objhandle_t src = sdb.new_object(), dst = sdb.new_object(), ref = sdb.new_object();
+            // Targets start with a few values at or below the source's first.
+            const vel_int8 head[] = {-9, -5, 0};
+            for (vel_objhandle_t *o : {&dst, &ref}) {
+                ASSERT_EQ(f.append(o, head, 3, c.order, nullptr), VEL_S_OK);
+            }
+            std::vector<int32_t> v4(v.begin(), v.end());
+            for (vel_objhandle_t *o : c.self ? std::vector{&dst, &ref} : std::vector{&src}) {
+                ASSERT_EQ(s.append(o, c.narrow ? static_cast<const void *>(v4.data()) : v.data(),
+                                   c.n, VEL_SEQ_NO_ORDER, nb.data()),
+                          VEL_S_OK);
+            }
+            vel_objhandle_t *from_store = c.self ? &dst : &src, *from_ref = c.self ? &ref : &src;
 
-        vel_seq_iterator_t a{}, b{};
-        ASSERT_EQ(f.fam->subseq(from_store, f.u_offset, f.c_offset, &a, 1, ~0ull, 8), VEL_S_OK);
-        ASSERT_EQ(f.fam->subseq(from_ref, f.u_offset, f.c_offset, &b, 1, ~0ull, 8), VEL_S_OK);
-        const VEL_RET got = f.fam->store(&dst, f.u_offset, f.c_offset, f.fld_no, &a, c.order, 8);
-        VEL_RET want;
-        while ((want = b.next(&b)) == VEL_S_OK &&
-               (want = f.append(&ref, b.tile.u.arr_char, b.tile_size, c.order,
-                                b.tile.null_bitmap)) == VEL_S_OK) {
+            vel_seq_iterator_t a{}, b{};
+            ASSERT_EQ(
+                s.fam->subseq(from_store, s.u_offset, s.c_offset, &a, 1, c.till, s.fam->width),
+                VEL_S_OK);
+            ASSERT_EQ(s.fam->subseq(from_ref, s.u_offset, s.c_offset, &b, 1, c.till, s.fam->width),
+                      VEL_S_OK);
+            const VEL_RET got =
+                f.fam->store(&dst, f.u_offset, f.c_offset, f.fld_no, &a, c.order, 8);
+            VEL_RET want;
+            while ((want = b.next(&b)) == VEL_S_OK &&
+                   (want = f.append(&ref, b.tile.u.arr_char, b.tile_size, c.order,
+                                    b.tile.null_bitmap)) == VEL_S_OK) {
+            }
+            EXPECT_EQ(got, want == VEL_S_CURSOR_END ? VEL_S_OK : want);
+            EXPECT_EQ(a.next_seq_no, b.next_seq_no);
+            EXPECT_EQ(
+                std::memcmp(a.tile.null_bitmap, b.tile.null_bitmap, sizeof a.tile.null_bitmap), 0);
+            const auto *ca = reinterpret_cast<const vel_seq_iterator_context_t *>(a.context);
+            const auto *cb = reinterpret_cast<const vel_seq_iterator_context_t *>(b.context);
+            ASSERT_EQ(ca->stack_size, cb->stack_size);
+            for (int l = 0; !c.self && l < ca->stack_size; l++) // the same pages: the same path
+                EXPECT_TRUE(ca->stack[l].page == cb->stack[l].page &&
+                            ca->stack[l].pos == cb->stack[l].pos);
+            const TreeReport rd = check_tree(&dst, f, c.order, true),
+                             rr = check_tree(&ref, f, c.order, true);
+            ASSERT_TRUE(rd.ok()) << rd.error;
+            EXPECT_EQ(diff(rr.contents, rd.contents), "");
+            EXPECT_EQ(rd.depth, rr.depth);
+            ASSERT_EQ(sdb.rollback(), VEL_S_OK);
         }
-        EXPECT_EQ(got, want == VEL_S_CURSOR_END ? VEL_S_OK : want);
-        EXPECT_EQ(a.next_seq_no, b.next_seq_no);
-        const TreeReport rd = check_tree(&dst, f, c.order, true),
-                         rr = check_tree(&ref, f, c.order, true);
-        ASSERT_TRUE(rd.ok()) << rd.error;
-        EXPECT_EQ(diff(rr.contents, rd.contents), "");
-        EXPECT_EQ(rd.depth, rr.depth);
-        ASSERT_EQ(sdb.rollback(), VEL_S_OK);
-    }
 }
 
 } // namespace
