@@ -108,9 +108,14 @@ VEL_RET store_batched(const E &e, vel_objhandle_h obj, vel_offs32_t fld_u_offset
     auto flush = [&]() -> VEL_RET {
         if (n == 0)
             return VEL_S_OK;
-        const VEL_RET rc =
-            append(reinterpret_cast<const char *>(vals), static_cast<vel_size_t>(n), nulls);
-        std::memset(nulls, 0, sizeof nulls);
+        vel_bitmap_word_t any = 0;
+        for (int w = 0; w < (n + 63) / 64; w++)
+            any |= nulls[w];
+        // No null: no bitmap, which append's leaves take as a cleared run.
+        const VEL_RET rc = append(reinterpret_cast<const char *>(vals), static_cast<vel_size_t>(n),
+                                  any != 0 ? nulls : nullptr);
+        if (any != 0)
+            std::memset(nulls, 0, sizeof nulls);
         n = 0;
         return rc;
     };
