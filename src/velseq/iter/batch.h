@@ -136,18 +136,30 @@ void join_batch(const E &e, vel_seq_page_t *root, int32_t page_size, const byte 
 // Map: for each i with want[i], the leaf holding element pos[i] and the
 // element's index in it (ok[i] = 1), or ok[i] = 0 when the scalar descent
 // must decide.  The value's line and its null-mask word are prefetched.
+// The positions are taken in the order of `order` (slots), which need not
+// be sorted: a walk over an inner page goes on from where the one before
+// it on the same page stopped when the position lies at or past that
+// child's start (it passes the same entries the walk from the first entry
+// would), so that positions in rising order walk each page once.
 inline void map_batch(vel_seq_page_t *root, int32_t page_size, size_t elem_size,
                       uint64_t leaf_capacity, const vel_seq_no_t *pos, const uint8_t *want,
-                      uint64_t n, vel_seq_page_t **leaf, int32_t *idx, uint8_t *ok) {
+                      const uint8_t *order, uint64_t n, vel_seq_page_t **leaf, int32_t *idx,
+                      uint8_t *ok) {
+    struct Walked {
+        vel_seq_page_t *page = nullptr;
+        int child = 0;
+        vel_seq_no_t before = 0; // the counts of the entries before `child`
+    };
+    Walked walked[kMaxLevel + 1];
     uint64_t g = 0;
     while (g < n) {
         // Gather up to kBatchGroup wanted positions.
         int slot[kBatchGroup];
         int m = 0;
         for (; g < n && m < kBatchGroup; g++)
-            if (want[g]) {
-                ok[g] = 0;
-                slot[m++] = static_cast<int>(g);
+            if (want[order[g]]) {
+                ok[order[g]] = 0;
+                slot[m++] = order[g];
             }
         if (m == 0)
             break;
@@ -170,7 +182,16 @@ inline void map_batch(vel_seq_page_t *root, int32_t page_size, size_t elem_size,
                     continue;
                 }
                 if (page_kind(pg[i]) == kInnerPage) {
-                    const int c = child_by_position(pg[i], page_size, nn, &from[i]);
+                    Walked &w = walked[level];
+                    const vel_seq_no_t f = from[i];
+                    int c;
+                    if (w.page == pg[i] && f >= w.before) {
+                        from[i] = f - w.before;
+                        c = child_by_position(pg[i], page_size, nn, &from[i], w.child);
+                    } else {
+                        c = child_by_position(pg[i], page_size, nn, &from[i]);
+                    }
+                    w = {pg[i], c, f - from[i]};
                     vel_seq_page_t *child =
                         c < nn ? inner_entry(pg[i], page_size, c)->page : nullptr;
                     pg[i] = child;

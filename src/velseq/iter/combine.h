@@ -261,8 +261,24 @@ template <class E> VEL_RET map_next(const E &e, vel_seq_iterator_h iterator) {
         want[i] = d >= capacity;
         n_want += want[i];
     }
-    if (n_want > 1)
-        map_batch(root, page_size, size, capacity, pos, want, n, found_leaf, found_idx, found);
+    if (n_want > 1) {
+        // The far positions in rising order of their top eight bits (a
+        // counting sort), so that those under one inner page meet there.
+        uint8_t order[VEL_SEQ_TILE_SIZE];
+        vel_seq_no_t top = 0;
+        for (uint64_t i = 0; i < n; i++)
+            top |= want[i] ? pos[i] : 0;
+        const int shift = top >> 8 == 0 ? 0 : 56 - __builtin_clzll(top);
+        uint16_t start[257] = {};
+        for (uint64_t i = 0; i < n; i++)
+            start[(pos[i] >> shift & 255) + 1]++;
+        for (int b = 0; b < 256; b++)
+            start[b + 1] += start[b];
+        for (uint64_t i = 0; i < n; i++)
+            order[start[pos[i] >> shift & 255]++] = static_cast<uint8_t>(i);
+        map_batch(root, page_size, size, capacity, pos, want, order, n, found_leaf, found_idx,
+                  found);
+    }
 
     // The copy loop makes the scalar descents' choices.  A batched result,
     // or one found from the previous descent's path, stands in for a
