@@ -467,6 +467,13 @@ void match_by_join(const P &p, const column &keys, uint64_t n, const unsigned ch
     }
 }
 
+// Sets validity bits 0..count-1 (the bits after them stay).
+inline void mark_rows_valid(uint8_t *validity, uint64_t count) {
+    std::memset(validity, 0xFF, count / 8);
+    if (count % 8 != 0)
+        validity[count / 8] = static_cast<uint8_t>(validity[count / 8] | ((1u << (count % 8)) - 1));
+}
+
 // Probes closer together than this many keys on average are answered by
 // merge_dense, which reads every key between the first and the last probe.
 constexpr uint64_t kDenseGap = 8;
@@ -488,12 +495,8 @@ void merge_dense(const P &p, const column &keys, uint64_t n, uint64_t count, Pro
     T v{};
     // With Fill the rows are 0..count-1 and start out valid; a miss clears
     // its bit (one store per miss, not one read-modify-write per row).
-    if constexpr (Fill) {
-        std::memset(validity, 0xFF, count / 8);
-        if (count % 8 != 0)
-            validity[count / 8] =
-                static_cast<uint8_t>(validity[count / 8] | ((1u << (count % 8)) - 1));
-    }
+    if constexpr (Fill)
+        mark_rows_valid(validity, count);
     while (q < count && !probe(q, row, v))
         q++;
     if (q == count)
@@ -565,9 +568,7 @@ void merge_ascending(const P &p, const column &keys, uint64_t n, const unsigned 
                      uint64_t count, uint64_t *positions, uint8_t *validity) {
     using T = typename P::value;
     auto beyond = [](T k, T v) { return Upper ? v < k : !(k < v); }; // k is at or past the bound
-    std::memset(validity, 0xFF, count / 8);
-    if (count % 8 != 0)
-        validity[count / 8] = static_cast<uint8_t>(validity[count / 8] | ((1u << (count % 8)) - 1));
+    mark_rows_valid(validity, count);
     auto miss = [&](uint64_t q) {
         positions[q] = kNone;
         validity[q / 8] = static_cast<uint8_t>(validity[q / 8] & ~(1u << (q % 8)));

@@ -24,15 +24,6 @@ namespace velseq {
 inline constexpr int kBatchGroup = 16;
 
 inline void prefetch(const void *p) { __builtin_prefetch(p, 0, 3); }
-// A prefetch the optimiser keeps: GCC drops a call, or a loop, whose only
-// effect is __builtin_prefetch (it counts as no effect at all).
-inline void prefetch_kept(const void *p) {
-#if defined(__x86_64__) || defined(__i386__)
-    asm volatile("prefetcht0 %0" : : "m"(*static_cast<const char *>(p)));
-#else
-    __builtin_prefetch(p, 0, 3);
-#endif
-}
 
 // Join: for each of the n values at `vals` (element size e.size()), the
 // position of the first element not before it (inclusive bound, `order`)
@@ -233,6 +224,8 @@ struct PathFinger {
     int child[kMaxLevel + 1];
     vel_seq_no_t before[kMaxLevel + 1]; // counts of the entries before `child`
     vel_seq_count_t count[kMaxLevel + 1];
+    vel_seq_page_t *last_leaf = nullptr; // where the last descent that succeeded ended
+    int32_t last_idx = 0;
 
     // The leaf holding `pos` and its index there, as vel_seq_subseq_page
     // would find them; false where that descent would fail or trap.
@@ -278,41 +271,31 @@ struct PathFinger {
             }
             if (page_kind(pg) != kLeafPage || static_cast<vel_seq_no_t>(n) <= f)
                 return false;
-            *leaf = pg;
-            *idx = static_cast<int32_t>(f);
+            *leaf = last_leaf = pg;
+            *idx = last_idx = static_cast<int32_t>(f);
             depth = level;
             return true;
         }
     }
 
-    // Writes the path of the last descent that succeeded (to `leaf`, index
-    // `idx`) into the iterator's stack, as vel_seq_subseq_page would have.
-    // Valid only when no descent has failed since.
-    void write_stack(vel_seq_iterator_context_t *ctx, vel_seq_page_t *leaf, int32_t idx) const {
+    // Writes the path of the last descent, which succeeded, into the
+    // iterator's stack, as vel_seq_subseq_page would have.  Valid only when
+    // no descent has failed since.
+    void write_stack(vel_seq_iterator_context_t *ctx) const {
         for (int level = 0; level < depth; level++) {
             ctx->stack[level].page = page[level];
             ctx->stack[level].pos = child[level];
         }
-        ctx->stack[depth].page = leaf;
-        ctx->stack[depth].pos = idx;
+        ctx->stack[depth].page = last_leaf;
+        ctx->stack[depth].pos = last_idx;
         ctx->stack_size = static_cast<uint8_t>(depth + 1);
     }
 
-    // Asks for every line of the leaf after the last one found, when it has
-    // the same parent: positions that go on ascending read it next, and the
-    // hardware prefetcher stops at a page's end.
+    // The leaf after the last one found, when it has the same parent:
+    // positions that go on ascending read it next.
     void prefetch_next_leaf(int32_t page_size) const {
-        if (depth < 1)
-            return;
-        vel_seq_page_t *parent = page[depth - 1];
-        if (child[depth - 1] + 1 >= parent->hdr.user)
-            return;
-        const auto *b = reinterpret_cast<const char *>(
-            inner_entry(parent, page_size, child[depth - 1] + 1)->page);
-        if (b == nullptr)
-            return;
-        for (int32_t off = 0; off < page_size; off += 64)
-            prefetch_kept(b + off);
+        if (depth >= 1)
+            prefetch_next_child(page[depth - 1], child[depth - 1], page_size);
     }
 };
 

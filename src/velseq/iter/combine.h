@@ -294,8 +294,6 @@ template <class E> VEL_RET map_next(const E &e, vel_seq_iterator_h iterator) {
     bool stale = false;
     vel_seq_no_t stale_pos = 0;
     bool by_finger = false; // the stale descent was the finger's (it failed none since)
-    vel_seq_page_t *finger_leaf = nullptr;
-    int32_t finger_idx = 0;
     for (uint64_t i = 0; i < n; i++) {
         const uint64_t next_pos = pos[i];
         if (next_pos - prev_page_pos >= prev_page_size) {
@@ -310,8 +308,6 @@ template <class E> VEL_RET map_next(const E &e, vel_seq_iterator_h iterator) {
                 stale = true;
                 stale_pos = next_pos;
                 by_finger = !found[i];
-                finger_leaf = leaf;
-                finger_idx = at;
             } else {
                 if (stale) {
                     stale = false;
@@ -347,7 +343,7 @@ template <class E> VEL_RET map_next(const E &e, vel_seq_iterator_h iterator) {
     if (n % 64 != 0)
         iterator->tile.null_bitmap[n / 64] = nulls;
     if (stale && by_finger) { // the finger holds that very path
-        finger.write_stack(ctx, finger_leaf, finger_idx);
+        finger.write_stack(ctx);
     } else if (stale) {
         rc = vel_seq_subseq_page(ctx->con, ctx->pm, iterator, root, stale_pos, 0);
         VEL_SEQ_CHECK(rc == VEL_S_OK);

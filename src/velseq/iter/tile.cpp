@@ -53,21 +53,6 @@ VEL_SEQ_API vel_bool vel_seq_is_rle(void) { return 0; }
 
 } // extern "C"
 
-namespace {
-
-// Every line of the page after `at`'s current child, when it has one.
-void prefetch_next_sibling(const vel_seq_iterator_stack_item_t &at, int32_t page_size) {
-    vel_seq_page_t *parent = at.page;
-    if (at.pos + 1 >= parent->hdr.user)
-        return;
-    const auto *b =
-        reinterpret_cast<const char *>(inner_entry(parent, page_size, at.pos + 1)->page);
-    for (int32_t off = 0; off < page_size; off += 64)
-        __builtin_prefetch(b + off);
-}
-
-} // namespace
-
 namespace velseq {
 
 // Copies runs of leaf values into `dst` (elements) and `dst_nulls` (bits,
@@ -124,7 +109,7 @@ VEL_RET fill_runs(vel_seq_iterator_h iterator, char *dst, vel_bitmap_word_t *dst
         // while this one is copied (the hardware prefetcher stops at a
         // page's end).
         if (stack[i].pos == 0 && i > 0)
-            prefetch_next_sibling(stack[i - 1], page_size);
+            prefetch_next_child(stack[i - 1].page, stack[i - 1].pos, page_size);
         uint64_t k = static_cast<uint64_t>(pg->hdr.user - stack[i].pos);
         // Written as k - 1 > last - next so that an unbounded last cannot overflow.
         if (k - 1 > iterator->last_seq_no - iterator->next_seq_no)
