@@ -21,7 +21,9 @@
 # 60), JOBS (build parallelism, default 2), FAULTS_FIRST and FAULTS_LAST
 # (program names to run before and after the others, in the order given: put
 # the suite's core first and a candidate for removal last, and its catches
-# that nothing else makes are exactly the faults it is named for).  A patch that does not apply or
+# that nothing else makes are exactly the faults it is named for), FAULTS_ONLY
+# (the only programs to run and build; with --full, a map of what each of
+# their tests catches).  A patch that does not apply or
 # does not build is reported as BROKEN and counts as neither.
 set -uo pipefail
 ROOT="$(cd "$(dirname "$0")/.." && pwd)"
@@ -34,7 +36,7 @@ for a in "$@"; do
     case "$a" in
     --full) FULL=1 ;;
     -h | --help)
-        sed -n '2,25p' "$0"
+        sed -n '2,27p' "$0"
         exit 0
         ;;
     *) patterns+=("$a") ;;
@@ -149,6 +151,15 @@ if [ ${#PROGRAMS[@]} -eq 0 ] || ! grep -q '^gtest' <(printf '%s\n' "${PROGRAMS[@
         exit 1
     }
     mapfile -t PROGRAMS < <(list_programs)
+fi
+# FAULTS_ONLY: run these programs alone (a catch map of the tests being cut).
+if [ -n "${FAULTS_ONLY:-}" ]; then
+    kept=()
+    for line in "${PROGRAMS[@]}"; do
+        IFS=$'\t' read -r -a parts <<<"$line"
+        for n in $FAULTS_ONLY; do [ "$n" = "$(basename "${parts[1]}")" ] && kept+=("$line"); done
+    done
+    PROGRAMS=("${kept[@]}")
 fi
 declare -A GTEST ARGS
 for i in "${!PROGRAMS[@]}"; do

@@ -136,43 +136,14 @@ template <class Ops> void bind_ops(Family &f) {
     f.join = Ops::join;
 }
 
-uint8_t seq_code_of(uint8_t dd) {
-    switch (dd) {
-    case VEL_DD_UINT1:
-        return VEL_DD_SEQUENCE_UINT1;
-    case VEL_DD_UINT2:
-        return VEL_DD_SEQUENCE_UINT2;
-    case VEL_DD_UINT4:
-        return VEL_DD_SEQUENCE_UINT4;
-    case VEL_DD_UINT8:
-        return VEL_DD_SEQUENCE_UINT8;
-    case VEL_DD_INT1:
-        return VEL_DD_SEQUENCE_INT1;
-    case VEL_DD_INT2:
-        return VEL_DD_SEQUENCE_INT2;
-    case VEL_DD_INT4:
-        return VEL_DD_SEQUENCE_INT4;
-    case VEL_DD_INT8:
-        return VEL_DD_SEQUENCE_INT8;
-    case VEL_DD_FLOAT:
-        return VEL_DD_SEQUENCE_FLOAT;
-    case VEL_DD_DOUBLE:
-        return VEL_DD_SEQUENCE_DOUBLE;
-    case VEL_DD_DATETIME:
-        return VEL_DD_SEQUENCE_DATETIME;
-    default:
-        return VEL_DD_SEQUENCE_CHAR;
-    }
-}
-
 std::vector<Family> make_scalars() {
     std::vector<Family> v;
-#define X(S, T, CODE)                                                                              \
+#define X(S, T, DD)                                                                                \
     {                                                                                              \
         Family f{};                                                                                \
         f.name = #S;                                                                               \
-        f.elem_type = CODE;                                                                        \
-        f.seq_code = seq_code_of(CODE);                                                            \
+        f.elem_type = VEL_DD_##DD;                                                                 \
+        f.seq_code = VEL_DD_SEQUENCE_##DD;                                                         \
         f.width = sizeof(T);                                                                       \
         f.is_char = false;                                                                         \
         f.is_float = std::is_floating_point_v<T>;                                                  \
@@ -181,7 +152,7 @@ std::vector<Family> make_scalars() {
         bind_ops<Ops_##S>(f);                                                                      \
         v.push_back(f);                                                                            \
     }
-#include "elem/elem_types.def"
+    VEL_SEQ_SCALAR_TYPES(X)
 #undef X
     return v;
 }
@@ -237,28 +208,18 @@ std::string show(const Family &f, const void *elem) {
         }
         return s + "'";
     }
-    switch (f.elem_type) {
-    case VEL_DD_INT1:
-        return std::to_string(ld<int8_t>(p));
-    case VEL_DD_INT2:
-        return std::to_string(ld<int16_t>(p));
-    case VEL_DD_INT4:
-        return std::to_string(ld<int32_t>(p));
-    case VEL_DD_INT8:
-        return std::to_string(ld<int64_t>(p));
-    case VEL_DD_UINT1:
-        return std::to_string(ld<uint8_t>(p));
-    case VEL_DD_UINT2:
-        return std::to_string(ld<uint16_t>(p));
-    case VEL_DD_UINT4:
-        return std::to_string(ld<uint32_t>(p));
-    case VEL_DD_FLOAT:
-    case VEL_DD_DOUBLE:
+    if (f.is_float) {
         std::snprintf(buf, sizeof buf, "%g", f.width == 4 ? ld<float>(p) : ld<double>(p));
         return buf;
-    default:
-        return std::to_string(ld<uint64_t>(p)); // uint8, datetime
     }
+    switch (f.elem_type) {
+#define X(S, T, DD)                                                                                \
+    case VEL_DD_##DD:                                                                              \
+        return std::to_string(ld<T>(p));
+        VEL_SEQ_SCALAR_TYPES(X)
+#undef X
+    }
+    return "?";
 }
 
 } // namespace velrel
