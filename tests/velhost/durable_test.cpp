@@ -14,18 +14,26 @@ using namespace durtest;
 const velh_config_t kConfigs[] = {config(256), config(4096, nullptr, VELH_LOG_SYNC_COMMIT, 16),
                                   config(512, nullptr, VELH_LOG_SYNC_COMMIT, 8, 1)};
 
-// Save, load (sizes come from the image, not from the config), compare; then
-// the same transactions keep the original and the loaded copy equal while a
-// thread saves the copy: that image opens as the state of one commit, whole.
-TEST(DurableImage, RoundTripsRandomDatabases) {
-    for (const auto &c : kConfigs)
-        for (uint64_t seed = 1; seed <= 4; ++seed) {
-            SCOPED_TRACE(testing::Message() << "page " << c.seq_page_size << " seed " << seed);
+// Every log mode and config: the log replayed from the empty database, and a
+// saved image (sizes come from the image, not from the config), open as the
+// writer; the same transactions then keep the writer and the image's copy
+// equal while a thread saves the copy, and that image opens as the state of
+// one commit, whole.  After a checkpoint the writer reopens as image and log,
+// reporting the records it replayed, and goes on logging where the log ended.
+TEST(DurableImage, RoundTripsRandomDatabasesAndTheirLogs) {
+    for (int mode : {VELH_LOG_SYNC_COMMIT, VELH_LOG_SYNC_GROUP, VELH_LOG_SYNC_NONE})
+        for (const auto &c : kConfigs) {
+            SCOPED_TRACE(testing::Message() << "page " << c.seq_page_size << " mode " << mode);
             TempDir dir;
-            const std::string img = dir.file("db.img"), img2 = dir.file("db2.img");
-            std::unique_ptr<Db> a = open_db(c);
+            const std::string log = dir.file("db.log"), copy = dir.file("copy.log"),
+                              img = dir.file("db.img"), img2 = dir.file("db2.img");
+            velh_config_t cfg = c, copy_cfg = c;
+            cfg.log_path = log.c_str();
+            copy_cfg.log_path = copy.c_str();
+            cfg.log_sync = copy_cfg.log_sync = mode;
+            std::unique_ptr<Db> a = open_db(cfg);
             ASSERT_TRUE(a);
-            Workload w(seed);
+            Workload w(100 + uint64_t(mode) * 7 + c.seq_page_size);
             w.setup({a.get()});
             // Appends to compacted trees of 1, 17, 33, ... values: at some
             // length the inner pages on the right edge are full (in 256-byte
@@ -44,9 +52,16 @@ TEST(DurableImage, RoundTripsRandomDatabases) {
                               VEL_S_OK);
             }
             ASSERT_EQ(velh_commit(a->con), VEL_S_OK);
-            w.txns({a.get()}, 100);
-            ASSERT_EQ(velh_db_save(a->db, img.c_str()), VEL_S_OK) << velh_error_message();
+            w.txns({a.get()}, 80);
+            write_file(copy, read_file(log));
+            std::string state;
             velh_open_stats_t st{};
+            ASSERT_EQ(load(copy_cfg, nullptr, &state, &st), VEL_S_OK);
+            EXPECT_EQ(state, dump(*a));
+            EXPECT_EQ(st.log_replayed, w.commits() + 4); // and 3 class records, the trees
+            EXPECT_EQ(st.log_cut_records, 0u);
+
+            ASSERT_EQ(velh_db_save(a->db, img.c_str()), VEL_S_OK) << velh_error_message();
             std::unique_ptr<Db> b = open_db(config(), img.c_str(), &st);
             ASSERT_TRUE(b);
             EXPECT_EQ(dump(*b), dump(*a));
@@ -55,7 +70,6 @@ TEST(DurableImage, RoundTripsRandomDatabases) {
             velh_page_stats_t ps;
             ASSERT_EQ(velh_page_stats(b->db, VELH_PM_ALL, &ps), VEL_S_OK);
             EXPECT_EQ(ps.live, st.image_pages);
-
             std::vector<std::string> states{dump(*a)};
             std::atomic<bool> saved{false};
             std::thread saver([&] {
@@ -63,7 +77,7 @@ TEST(DurableImage, RoundTripsRandomDatabases) {
                     EXPECT_EQ(velh_db_save(b->db, img2.c_str()), VEL_S_OK);
                 saved = true;
             });
-            for (int i = 0; i < 30 || !saved; ++i) {
+            for (int i = 0; i < 20 || !saved; ++i) {
                 const bool saving = !saved; // then this commit's state may be the saved one
                 w.txn({a.get(), b.get()});
                 if (saving)
@@ -71,46 +85,16 @@ TEST(DurableImage, RoundTripsRandomDatabases) {
             }
             saver.join();
             EXPECT_EQ(dump(*b), dump(*a));
-            std::string state;
             ASSERT_EQ(load(config(), img2.c_str(), &state), VEL_S_OK);
             EXPECT_NE(std::find(states.begin(), states.end(), state), states.end());
-        }
-}
-
-// Every log mode and config: a database replayed from its log (from the
-// empty database, or from a checkpoint image) equals the one that wrote it,
-// the open reports the records it replayed, and the reopened database goes
-// on logging where the log ended.
-TEST(DurableLog, ReplayEqualsTheWriter) {
-    for (int mode : {VELH_LOG_SYNC_COMMIT, VELH_LOG_SYNC_GROUP, VELH_LOG_SYNC_NONE})
-        for (const auto &c : kConfigs) {
-            SCOPED_TRACE(testing::Message() << "page " << c.seq_page_size << " mode " << mode);
-            TempDir dir;
-            const std::string log = dir.file("db.log"), copy = dir.file("copy.log"),
-                              img = dir.file("db.img");
-            velh_config_t cfg = c, copy_cfg = c;
-            cfg.log_path = log.c_str();
-            copy_cfg.log_path = copy.c_str();
-            cfg.log_sync = copy_cfg.log_sync = mode;
-            std::unique_ptr<Db> a = open_db(cfg);
-            ASSERT_TRUE(a);
-            Workload w(100 + mode);
-            w.setup({a.get()});
-            w.txns({a.get()}, 30);
-            write_file(copy, read_file(log));
-            std::string state;
-            velh_open_stats_t st{};
-            ASSERT_EQ(load(copy_cfg, nullptr, &state, &st), VEL_S_OK);
-            EXPECT_EQ(state, dump(*a));
-            EXPECT_EQ(st.log_replayed, w.commits() + 3); // and 3 class records
-            EXPECT_EQ(st.log_cut_records, 0u);
+            b.reset(); // the checkpoint replaces its image
 
             ASSERT_EQ(velh_checkpoint(a->db, img.c_str()), VEL_S_OK) << velh_error_message();
             const uint64_t before = w.commits();
             w.txns({a.get()}, 20);
             const std::string expect = dump(*a);
             a.reset();
-            std::unique_ptr<Db> b = open_db(cfg, img.c_str(), &st);
+            b = open_db(cfg, img.c_str(), &st);
             ASSERT_TRUE(b);
             EXPECT_EQ(dump(*b), expect);
             EXPECT_EQ(st.log_replayed, w.commits() - before);

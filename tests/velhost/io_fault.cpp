@@ -106,7 +106,7 @@ void start(const std::string &dir, long sync_delay_us) {
 
 void mark(uint64_t tag, uint64_t value) {
     std::lock_guard<std::mutex> lock(mu);
-    add({Event::kMark, tag, value, {}, {}, 0});
+    add({Event::kMark, tag, value});
 }
 
 std::vector<Event> stop() {
@@ -131,9 +131,9 @@ void opened(const char *path, int flags, int fd, int64_t before) {
         return;
     if (before == 2 || id_of.count(st.st_ino) == 0) {
         id_of[st.st_ino] = ++files;
-        add({Event::kCreate, files, 0, name, {}, 0});
+        add({Event::kCreate, files, 0, name});
     } else if (flags & O_TRUNC) {
-        add({Event::kTruncate, id_of[st.st_ino], 0, {}, {}, 0});
+        add({Event::kTruncate, id_of[st.st_ino], 0});
     }
 }
 
@@ -143,19 +143,15 @@ void wrote(int fd, const void *b, ssize_t n, int64_t off) {
     std::lock_guard<std::mutex> lock(mu);
     const int64_t f = on && n > 0 ? file_of(fd) : -1;
     if (f > 0)
-        add({Event::kWrite,
-             uint64_t(f),
-             uint64_t(off),
-             std::string(static_cast<const char *>(b), size_t(n)),
-             {},
-             0});
+        add({Event::kWrite, uint64_t(f), uint64_t(off),
+             std::string(static_cast<const char *>(b), size_t(n))});
 }
 
 void truncated(int fd, int r, off_t n) {
     std::lock_guard<std::mutex> lock(mu);
     const int64_t f = on && r == 0 ? file_of(fd) : -1;
     if (f > 0)
-        add({Event::kTruncate, uint64_t(f), uint64_t(n), {}, {}, 0});
+        add({Event::kTruncate, uint64_t(f), uint64_t(n)});
 }
 
 // The index of the sync's begin event, -1 when untracked.
@@ -166,7 +162,7 @@ int64_t sync_begin(int fd, bool data_only) {
         const int64_t f = on ? file_of(fd) : -1;
         if (f < 0)
             return -1;
-        at = int64_t(add({Event::kSyncBegin, uint64_t(f), 0, {}, {}, 0}));
+        at = int64_t(add({Event::kSyncBegin, uint64_t(f), 0}));
     }
     if (data_only && delay_us > 0 && std::this_thread::get_id() != starter)
         ::usleep(useconds_t(delay_us));
@@ -177,7 +173,7 @@ void synced(int fd, int r, int64_t begin) {
     std::lock_guard<std::mutex> lock(mu);
     const int64_t f = on && r == 0 && begin >= 0 ? file_of(fd) : -1;
     if (f >= 0)
-        add({Event::kSyncEnd, uint64_t(f), uint64_t(begin), {}, {}, 0});
+        add({Event::kSyncEnd, uint64_t(f), uint64_t(begin)});
 }
 
 void renamed(const char *a, const char *b, int r) {
@@ -189,7 +185,7 @@ void renamed(const char *a, const char *b, int r) {
 void unlinked(const char *path, int r) {
     std::lock_guard<std::mutex> lock(mu);
     if (on && r == 0 && name_in(path))
-        add({Event::kUnlink, 0, 0, name_in(path), {}, 0});
+        add({Event::kUnlink, 0, 0, name_in(path)});
 }
 
 } // namespace journal

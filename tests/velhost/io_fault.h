@@ -43,10 +43,10 @@ struct Event {
         kMark
     };
     Kind kind;
-    uint64_t file = 0;    // kMark: the test's tag
-    uint64_t at = 0;      // kWrite offset, kTruncate size, kSyncEnd index of its begin, kMark value
-    std::string data, to; // kWrite bytes; kCreate, kUnlink, kRename names (kRename: data -> to)
-    int64_t ns = 0;       // steady clock
+    uint64_t file = 0; // kMark: the test's tag
+    uint64_t at = 0;   // kWrite offset, kTruncate size, kSyncEnd index of its begin, kMark value
+    std::string data{}, to{}; // kWrite bytes; kCreate, kUnlink, kRename names (kRename: data -> to)
+    int64_t ns = 0;           // steady clock
 };
 // Journals the calls on files in `folder` (absolute, no trailing slash) from
 // now on; each fdatasync made off this thread first sleeps `sync_delay_us`,

@@ -1,11 +1,16 @@
-// Sequence pages and versions: reference counts and prune, the commit's depth
-// limit and sweep of unlinked pages, the tree checker, a walk that skips
-// subtrees seen before, and write conflicts.
+// Object layouts and sequence pages.  Layouts: in both every field is
+// aligned at its absolute position, lies inside one object page and overlaps
+// no other field.  Pages and versions: reference counts and prune, the
+// commit's depth limit and sweep of unlinked pages, the tree checker, a walk
+// that skips subtrees seen before, and write conflicts.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <map>
+#include <random>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "seq_walk.h"
 #include "velembed.h"
@@ -73,14 +78,21 @@ class PagesTest : public ::testing::Test {
 
 // A page shared with the committed version cannot be freed, and prune only
 // drops this version's reference; a decrement reports the count left and
-// refuses to go below zero.
+// refuses to go below zero.  An inner page that a transaction made and no
+// tree links (a split's sibling detached by a failed update) is freed at
+// commit and releases the references it holds.
 TEST_F(PagesTest, ReferenceCountsRegardSharing) {
     ASSERT_EQ(velh_begin(con, VELH_READ_WRITE), VEL_S_OK);
-    new_tree();
+    vel_seq_page_t *root = new_tree();
     ASSERT_EQ(velh_commit(con), VEL_S_OK);
     ASSERT_EQ(velh_begin(con, VELH_READ_WRITE), VEL_S_OK);
+    vel_seq_page_t *leaf = entry(root, 0)->page;
+    *entry(new_page(2, 1), 0) = {leaf, 3};
+    ASSERT_EQ(vel_seq_increment_ref_count(con, obj.pm, leaf), VEL_S_OK);
+    ASSERT_EQ(velh_commit(con), VEL_S_OK);
+    EXPECT_EQ(leaf->ref_count, 1u);
+    ASSERT_EQ(velh_begin(con, VELH_READ_WRITE), VEL_S_OK);
     vel_seq_page_t **slot = root_slot();
-    vel_seq_page_t *root = *slot;
     EXPECT_EQ(root->ref_count, 2u);
     EXPECT_EQ(vel_seq_free_page(con, obj.pm, root), VEL_E_HOST_BAD_ARG);
     ASSERT_EQ(vel_seq_prune(con, obj.pm, root), VEL_S_OK);
@@ -94,27 +106,6 @@ TEST_F(PagesTest, ReferenceCountsRegardSharing) {
     EXPECT_EQ(vel_seq_decrement_ref_count(con, obj.pm, pg, &count), VEL_E_HOST_BAD_ARG);
     ASSERT_EQ(velh_commit(con), VEL_S_OK);
     EXPECT_EQ(live_pages(), 0u) << "no version references the tree any more";
-}
-
-// An inner page that a transaction made and no tree links (a split's
-// sibling detached by a failed update) is freed at commit and releases the
-// references it holds: the committed leaf it shared goes with its tree.
-TEST_F(PagesTest, OrphanInnerPageReleasesItsChildren) {
-    ASSERT_EQ(velh_begin(con, VELH_READ_WRITE), VEL_S_OK);
-    vel_seq_page_t *root = new_tree();
-    ASSERT_EQ(velh_commit(con), VEL_S_OK);
-    ASSERT_EQ(velh_begin(con, VELH_READ_WRITE), VEL_S_OK);
-    vel_seq_page_t *leaf = entry(root, 0)->page;
-    *entry(new_page(2, 1), 0) = {leaf, 3};
-    ASSERT_EQ(vel_seq_increment_ref_count(con, obj.pm, leaf), VEL_S_OK);
-    ASSERT_EQ(velh_commit(con), VEL_S_OK);
-    EXPECT_EQ(leaf->ref_count, 1u);
-    ASSERT_EQ(velh_begin(con, VELH_READ_WRITE), VEL_S_OK);
-    vel_seq_page_t **slot = root_slot();
-    ASSERT_EQ(vel_seq_prune(con, obj.pm, *slot), VEL_S_OK);
-    *slot = nullptr;
-    ASSERT_EQ(velh_commit(con), VEL_S_OK);
-    EXPECT_EQ(live_pages(), 0u);
 }
 
 // Commit refuses a tree one level deeper than an iterator's stack, rolling
@@ -237,6 +228,66 @@ TEST_F(PagesTest, FirstUpdaterWins) {
     EXPECT_EQ(velh_obj_delete(&o), VEL_E_HOST_CONFLICT);
     ASSERT_EQ(velh_rollback(other), VEL_S_OK);
     ASSERT_EQ(velh_disconnect(other), VEL_S_OK);
+}
+
+// Random classes on random page sizes and object headers; the page test
+// takes the object's position (mo) as the module does.
+TEST(LayoutProperty, RandomClassesKeepEveryInvariant) {
+    std::mt19937 rng(20261122);
+    const uint8_t scalars[] = {VEL_DD_UINT1, VEL_DD_UINT2,  VEL_DD_UINT4,   VEL_DD_UINT8,
+                               VEL_DD_INT1,  VEL_DD_INT2,   VEL_DD_INT4,    VEL_DD_INT8,
+                               VEL_DD_FLOAT, VEL_DD_DOUBLE, VEL_DD_DATETIME};
+    for (int round = 0; round < 40; ++round) {
+        SCOPED_TRACE(::testing::Message() << "round " << round);
+        velh_config_t cfg;
+        velh_config_init(&cfg);
+        cfg.object_page_size = static_cast<uint16_t>(128 + 8 * (rng() % 64));
+        cfg.additional_object_field_size = static_cast<uint16_t>(rng() % 40);
+        const uint32_t d = cfg.object_page_size - 24u, afs = cfg.additional_object_field_size;
+        velh_db_t *db;
+        ASSERT_EQ(velh_db_open(&cfg, &db), VEL_S_OK);
+        std::vector<velh_field_def_t> defs(1 + rng() % 30);
+        for (auto &f : defs) {
+            const uint32_t k = rng() % 14;
+            if (k < 11)
+                f = {nullptr, scalars[k], 0, 0};
+            else if (k == 11)
+                f = {nullptr, VEL_DD_CHAR, static_cast<uint16_t>(1 + rng() % 60), 0};
+            else
+                f = {nullptr, static_cast<uint8_t>(VEL_DD_SEQUENCE_UINT1 + rng() % 12), 0, 0};
+            if (f.type == VEL_DD_SEQUENCE_CHAR)
+                f.width = 5;
+        }
+        const uint16_t n = static_cast<uint16_t>(defs.size());
+        uint16_t code;
+        ASSERT_EQ(velh_class_define(db, "r", defs.data(), n, (rng() & 1) ? VEL_CLASS_COMPACT : 0,
+                                    VELH_PM_INMEM, &code),
+                  VEL_S_OK);
+        vel_db_connection_h con;
+        ASSERT_EQ(velh_connect(db, &con), VEL_S_OK);
+        ASSERT_EQ(velh_begin(con, VELH_READ_WRITE), VEL_S_OK);
+        vel_objhandle_t obj;
+        ASSERT_EQ(velh_obj_create(con, code, &obj), VEL_S_OK);
+        for (int layout = 0; layout < 2; ++layout) {
+            std::vector<std::pair<uint32_t, uint32_t>> spans;
+            for (uint16_t i = 0; i < n; ++i) {
+                velh_field_info_t fi;
+                ASSERT_EQ(velh_field_info(db, code, i, &fi), VEL_S_OK);
+                const uint32_t off = layout ? fi.c_offset : fi.u_offset;
+                const bool seq = fi.type >= VEL_DD_SEQUENCE_UINT1;
+                const uint32_t align = seq ? 8 : (fi.type == VEL_DD_CHAR ? 1 : fi.size);
+                EXPECT_EQ((afs + off) % align, 0u) << "field " << i;
+                EXPECT_LE((obj.mo + off + afs) % d + fi.size, d) << "field " << i;
+                spans.emplace_back(off, off + fi.size);
+            }
+            std::sort(spans.begin(), spans.end());
+            for (size_t i = 1; i < spans.size(); ++i)
+                EXPECT_LE(spans[i - 1].second, spans[i].first) << "overlap in layout " << layout;
+        }
+        ASSERT_EQ(velh_commit(con), VEL_S_OK);
+        ASSERT_EQ(velh_disconnect(con), VEL_S_OK);
+        ASSERT_EQ(velh_db_close(db), VEL_S_OK);
+    }
 }
 
 } // namespace
