@@ -140,7 +140,10 @@ inline std::string dump(const Db &d) {
             continue;
         for (VEL_RET r = vel_cursor_first(tr, &cur); r == VEL_S_OK; r = vel_cursor_next(tr, &cur)) {
             vel_objhandle_t obj;
-            EXPECT_EQ(vel_w_obj_from_cursor(tr, &cur, code, &obj), VEL_S_OK);
+            if (vel_w_obj_from_cursor(tr, &cur, code, &obj) != VEL_S_OK) { // not its pages
+                ADD_FAILURE() << "class " << code << ": a listed object does not open";
+                continue;
+            }
             out += " oid " + std::to_string(obj.oid) + "\n";
             for (uint16_t k = 0; k < cs.fields.size(); ++k) {
                 const velh_field_def_t &f = cs.fields[k];
