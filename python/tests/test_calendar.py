@@ -1,16 +1,13 @@
 """Calendar buckets against pandas over 1700..2200 (leap years, dates before
-1970, UTC offsets), and the mean per calendar year of a weekly CSV asked of
-the program, of Python and of pandas."""
+1970, UTC offsets), and times made of year, quarter, month and day fields."""
 import datetime as dt
-import os
-import subprocess
 
 import numpy as np
 import pandas as pd
 import pytest
 import velseq
 
-AGGS = ["count", "sum", "first", "last", "min", "max"]
+AGGS = ["count", "sum", "mean", "first", "last", "min", "max"]
 
 
 @pytest.fixture(scope="module")
@@ -66,32 +63,6 @@ def test_calendar_rules_refused(series):
                 o.resample("time", "v", bad, **kw)
 
 
-def test_mean_per_calendar_year_of_a_weekly_csv(tmp_path):
-    days = pd.date_range("1961-01-06", "2023-12-29", freq="W-FRI")
-    weekly = pd.DataFrame({"date": days.strftime("%Y%m%d"),
-                           "value": np.round(np.sin(np.arange(len(days))) * 100, 2)})
-    path = tmp_path / "weekly.csv"
-    weekly.to_csv(path, index=False)
-    theirs = pd.read_csv(path, parse_dates=["date"], index_col="date")["value"].resample(
-        "YS").mean()
-
-    db = velseq.Database()
-    oid = db.from_pandas(pd.read_csv(path, parse_dates=["date"], index_col="date"), "weekly")
-    with db.read() as tx:
-        ours = tx.open("weekly", oid).resample("date", "value", "YS", aggs=["mean"])["mean"]
-    pd.testing.assert_series_equal(ours, theirs, check_names=False, check_freq=False,
-                                   check_dtype=False)
-
-    program = os.environ.get("VELSEQ_PROGRAM")
-    if not program:
-        pytest.skip("the velseq program is not built")
-    out = subprocess.run([program, "resample", str(path), "1Y", "--agg", "mean",
-                          "--format", "csv"], capture_output=True, text=True, check=True).stdout
-    rows = [line.split(",") for line in out.splitlines()[1:]]
-    assert [pd.Timestamp(r[0]).tz_localize(None) for r in rows] == list(theirs.index)
-    assert [float(r[1]) for r in rows] == pytest.approx(list(theirs), rel=1e-12)
-
-
 def test_time_from_fields_against_pandas():
     rng = np.random.default_rng(9)
     y, m, d = rng.integers(1678, 2262, 5000), rng.integers(1, 13, 5000), rng.integers(1, 32, 5000)
@@ -110,44 +81,3 @@ def test_time_from_fields_against_pandas():
     for kw in bad:
         with pytest.raises(velseq.BadInput):
             velseq.time_from_fields(**kw)
-
-
-def test_the_program_takes_years_and_quarters_as_time(tmp_path):
-    program = os.environ.get("VELSEQ_PROGRAM")
-    if not program:
-        pytest.skip("the velseq program is not built")
-    (tmp_path / "sunspots.csv").write_text(
-        "year,spots\n" + "".join(f"{1700 + i},{i % 11}\n" for i in range(300)))
-    (tmp_path / "gdp.csv").write_text("year,quarter,gdp\n1947,Q1,243.1\n1947,2,246.3\n"
-                                      "1947,Q3,250.1\n1948,Q1,265.7\n")
-
-    def run(*args):
-        return subprocess.run([program, *args, "--format", "csv"], capture_output=True,
-                              text=True, check=True).stdout.splitlines()
-
-    assert run("load", str(tmp_path / "sunspots.csv"))[1] == "year,datetime,300,0,time (ascending)"
-    # centuries counted from 1970; the first begins before the first instant a datetime holds
-    assert run("resample", str(tmp_path / "sunspots.csv"), "100Y", "--agg", "count")[1:] == [
-        "1677-09-21T00:12:43.145224192Z,70", "1770-01-01T00:00:00Z,100",
-        "1870-01-01T00:00:00Z,100", "1970-01-01T00:00:00Z,30"]
-    gdp = pd.read_csv(tmp_path / "gdp.csv")
-    times = pd.DatetimeIndex(velseq.time_from_fields(gdp["year"], quarter=gdp["quarter"]))
-    assert run("head", str(tmp_path / "gdp.csv"), "--time", "year,quarter", "--cols", "time") == [
-        "time"] + list(times.strftime("%Y-%m-%dT%H:%M:%SZ"))
-
-
-def test_nulls_sum_and_the_times_of_the_extremes(series):
-    db, oid, s = series
-    rng = np.random.default_rng(2)
-    with db.read() as tx:
-        o = tx.open("s", oid)
-        for a, b in np.sort(rng.integers(0, len(s), (30, 2)), axis=1):
-            w = s.iloc[a:b]
-            got = o["v"].aggregate_window(o["time"], s.index[a], s.index[b],
-                                          aggs=["nulls", "sum", "argmax", "argmin_time",
-                                                "argmax_time"])
-            some = w.notna().any()
-            assert got["nulls"] == w.isna().sum() and got["sum"] == pytest.approx(w.sum())
-            assert got["argmin_time"] == (w.idxmin() if some else None)
-            assert got["argmax_time"] == (w.idxmax() if some else None)
-            assert got["argmax"] == (s.index.get_loc(w.idxmax()) if some else None)

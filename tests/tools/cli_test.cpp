@@ -12,6 +12,7 @@
 #include <charconv>
 #include <cmath>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <optional>
 #include <random>
@@ -76,6 +77,11 @@ class Cli : public ::testing::Test {
         const int status = std::system(cmd.c_str());
         return {WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status),
                 slurp(dir + "stdout"), slurp(dir + "stderr")};
+    }
+    void TearDown() override {
+        for (const auto &e : std::filesystem::directory_iterator(::testing::TempDir()))
+            if (e.path().string().rfind(dir, 0) == 0)
+                std::filesystem::remove_all(e.path());
     }
 };
 
@@ -374,6 +380,15 @@ TEST_F(Cli, BadInputAndOptions) {
         {"year,month,v\n1700,2,1\n1700,3,2\n2000,2,3\n",
          "head @in.csv --time year,month --cols time,v", 0,
          "time,v\n1700-02-01T00:00:00Z,1\n1700-03-01T00:00:00Z,2\n2000-02-01T00:00:00Z,3\n", ""},
+        {"year,quarter,v\n1947,Q1,1\n1947,2,2\n1948,Q3,3\n",
+         "head @in.csv --time year,quarter --cols time", 0,
+         "time\n1947-01-01T00:00:00Z\n1947-04-01T00:00:00Z\n1948-07-01T00:00:00Z\n", ""},
+        // a column of years is the time; centuries counted from 1970, the first
+        // beginning before the first instant a datetime holds
+        {"year,v\n1700,1\n1769,2\n1770,3\n1969,4\n1970,5\n", "resample @in.csv 100Y --agg count", 0,
+         "start,v.count\n1677-09-21T00:12:43.145224192Z,2\n1770-01-01T00:00:00Z,1\n"
+         "1870-01-01T00:00:00Z,1\n1970-01-01T00:00:00Z,1\n",
+         ""},
         {"year,month,v\n1700,13,1\n", "load @in.csv --time year,month", 3, "",
          "line 2: columns year,month: 1700-13-1 is no calendar day"},
         {"year,v\n1700,1\n", "load @in.csv --time year,v", 2, "", "cannot tell what 'v' holds"},
@@ -397,8 +412,10 @@ TEST_F(Cli, BadInputAndOptions) {
     }
 }
 
-// A probe file told its types, and the matched rows' positions.
-TEST_F(Cli, AsofProbeTypesAndRowNumbers) {
+// A probe file told its types, and the matched rows' positions; --by matches
+// within a symbol (rows and probes without one match nothing) and numbers the
+// rows of the whole table.
+TEST_F(Cli, AsofProbeTypesRowNumbersAndBy) {
     file("t.csv", "date,v\n20240101,1\n20240105,2\n20240110,3\n");
     file("p.csv", "when,q\n20231231,7\n20240106,8\n20240110,9\n");
     Result r = run("asof @t.csv @p.csv --cols v --row-numbers --format csv");
@@ -408,47 +425,14 @@ TEST_F(Cli, AsofProbeTypesAndRowNumbers) {
                      "2024-01-10T00:00:00Z,9,2,3\n")
         << r.err;
     EXPECT_EQ(run("asof @t.csv @p.csv --other-type when").code, 2);
-}
-
-// asof --by against a brute-force merge_asof(by=): random rows of three
-// symbols (some with none), probes of those and of one with no rows.
-TEST_F(Cli, AsofBySymbol) {
-    std::mt19937_64 rng(7);
-    const char *syms[] = {"A", "B", "C", "", "D"};
-    std::vector<int64_t> t;
-    std::vector<int> sym;
-    std::string csv = "time,sym,px\n";
-    for (int64_t now = 0, i = 0; i < 300; i++) {
-        now += int64_t(rng() % 3) * VEL_DT_NS_PER_SEC; // runs of equal times
-        t.push_back(now);
-        sym.push_back(int(rng() % 4));
-        csv += iso(now) + "," + syms[sym.back()] + "," + std::to_string(i) + "\n";
-    }
-    file("t.csv", csv);
-    std::string pcsv = "when,sym\n";
-    std::vector<std::pair<int64_t, int>> probes;
-    for (int i = 0; i < 200; i++)
-        probes.emplace_back(int64_t(rng() % 700) * VEL_DT_NS_PER_SEC - 50, int(rng() % 5));
-    std::sort(probes.begin(), probes.end()); // the program's time columns ascend
-    for (const auto &[p, s] : probes)
-        pcsv += iso(p) + "," + syms[s] + "\n";
-    file("p.csv", pcsv);
-    const Result r = run("asof @t.csv @p.csv --by sym --row-numbers --format csv");
-    ASSERT_EQ(r.code, 0) << r.err;
-    const std::vector<std::string> got = split(r.out, '\n');
-    ASSERT_EQ(got.size(), probes.size() + 1);
-    EXPECT_EQ(got[0], "when,sym,row,time,px");
-    for (size_t i = 0; i < probes.size(); i++) {
-        const auto [p, s] = probes[i];
-        std::optional<size_t> m; // the last row of the probe's symbol at or before it
-        for (size_t k = 0; k < t.size() && t[k] <= p; k++)
-            if (sym[k] == s && s != 3)
-                m = k;
-        EXPECT_EQ(
-            got[i + 1],
-            iso(p) + "," + syms[s] + "," +
-                (m ? std::to_string(*m) + "," + iso(t[*m]) + "," + std::to_string(*m) : ",,"));
-    }
+    file("b.csv", "time,sym,px\n2024-01-01,A,1\n2024-01-02,,2\n2024-01-03,B,3\n2024-01-04,A,4\n");
+    file("q.csv",
+         "when,sym\n2024-01-03,A\n2024-01-03,\n2024-01-05,A\n2024-01-05,B\n2024-01-05,C\n");
+    r = run("asof @b.csv @q.csv --by sym --row-numbers --format csv");
+    EXPECT_EQ(r.out, "when,sym,row,time,px\n2024-01-03T00:00:00Z,A,0,2024-01-01T00:00:00Z,1\n"
+                     "2024-01-03T00:00:00Z,,,,\n2024-01-05T00:00:00Z,A,3,2024-01-04T00:00:00Z,4\n"
+                     "2024-01-05T00:00:00Z,B,2,2024-01-03T00:00:00Z,3\n2024-01-05T00:00:00Z,C,,,\n")
+        << r.err;
 }
 
 // ---- images cross between the program and the table layer ---------------------
@@ -554,7 +538,6 @@ TEST_F(Cli, ImagesCross) {
 // the rows before it and sets the rest aside.
 TEST_F(Cli, ImageWithLog) {
     file("t.csv", "time,x\n2024-01-01,0\n");
-    std::remove((dir + "t.log").c_str()); // of an earlier run
     ASSERT_EQ(run("load @t.csv --db @t.vdb").code, 0);
     { // a row per commit through the log, as an application that keeps the table would
         velseq::config cfg;
@@ -590,7 +573,6 @@ TEST_F(Cli, ImageWithLog) {
     bad[at + 30] ^= 1;
     file("t.log", bad);
     const std::string aside = "t.log.damaged-" + std::to_string(at);
-    std::remove((dir + aside).c_str());
     r = run(tail);
     EXPECT_EQ(r.code, 1);
     EXPECT_NE(r.err.find("opens with --recover)"), std::string::npos) << r.err; // BAD_LOG

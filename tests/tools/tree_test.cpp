@@ -1,6 +1,7 @@
 // Tree statistics and dump on trees whose shape follows from the append
 // rule (pages fill left to right, a new page opens only when the last one is
-// full), cross-checked with the host's own tree check and page accounting.
+// full), cross-checked with the host's own tree check and page accounting;
+// and the depth limit that every walk of a tree shares.
 #include <gtest/gtest.h>
 
 #include <cstdio>
@@ -10,6 +11,7 @@
 #include <vector>
 
 #include "harness/families.h"
+#include "harness/tree_check.h"
 #include "seq_root.h"
 #include "veltools.h"
 
@@ -243,6 +245,52 @@ TEST(TreeDump, KeysCountsPreviewsAndDamage) {
     EXPECT_EQ(velt_tree_stats(&d.obj, &d.field, &st, &err), VELT_E_BAD_TREE);
     EXPECT_NE(std::string(err.message).find("leaf holds 0 values"), std::string::npos);
     leaf->hdr.user = user;
+}
+
+// The depth limit of the one tree walk, as every user of it reports it: a
+// chain of single-child inner pages over a leaf is sound at 14 levels and
+// refused at 15 by the host's checker and compaction, the tools' statistics
+// and the harness's checker alike.
+TEST(TreeWalk, EveryWalkRefusesALevelBelowTheDeepest) {
+    constexpr int32_t kPage = 256;
+    for (int levels : {VEL_SEQ_MAX_DEPTH, VEL_SEQ_MAX_DEPTH + 1}) {
+        SCOPED_TRACE(levels);
+        const bool sound = levels <= VEL_SEQ_MAX_DEPTH;
+        FieldDb d({VEL_DD_INT4, 4}, VEL_SEQ_NO_ORDER, kPage);
+        vel_seq_page_t *root = nullptr;
+        for (int l = 0; l < levels; ++l) {
+            vel_seq_page_t *pg = nullptr, *slot = nullptr;
+            ASSERT_EQ(vel_seq_create_page(d.con, d.obj.pm, &pg, &slot, l == 0 ? 3 : 2), VEL_S_OK);
+            pg->hdr.user = l == 0 ? 3 : 1;
+            if (l > 0)
+                *reinterpret_cast<vel_seq_node_t *>(reinterpret_cast<char *>(pg) + kPage -
+                                                    16) = {root, 3};
+            root = pg;
+        }
+        velh_field_info_t fi{};
+        ASSERT_EQ(velh_field_info(d.db, d.cls, 0, &fi), VEL_S_OK);
+        VEL_WRK w;
+        ASSERT_EQ(vel_writing(&d.obj, &w, 0, fi.fld_no), 0);
+        *static_cast<vel_seq_page_t **>(vel_obj_pos(w.pobj, d.con, w.pm, d.obj.mo + fi.offset, 1)) =
+            root;
+        vel_end_writing(&d.obj, &w);
+
+        velh_tree_report_t rep;
+        ASSERT_EQ(velh_check_tree(&d.obj, 0, VEL_SEQ_NO_ORDER, 0, &rep), VEL_S_OK);
+        EXPECT_EQ(rep.ok != 0, sound) << rep.message;
+        EXPECT_EQ(rep.depth, sound ? uint32_t(levels) : 0u);
+        velt_tree_stats_t st;
+        velt_error_t err{};
+        EXPECT_EQ(velt_tree_stats(&d.obj, &d.field, &st, &err), sound ? VELT_OK : VELT_E_BAD_TREE);
+        EXPECT_EQ(err.index, sound ? 0u : uint64_t(VEL_SEQ_MAX_DEPTH)) << err.message;
+        velrel::TreeInfo info;
+        const std::string bad = velrel::check_tree(velrel::family_of(VEL_DD_INT4), VEL_SEQ_NO_ORDER,
+                                                   root, kPage, true, &info);
+        EXPECT_EQ(bad.empty(), sound) << bad;
+        EXPECT_EQ(velh_compact(&d.obj, 0, VEL_SEQ_NO_ORDER),
+                  sound ? VEL_S_OK : VEL_E_HOST_TREE_DEPTH);
+        ASSERT_EQ(velh_rollback(d.con), VEL_S_OK);
+    }
 }
 
 } // namespace
