@@ -78,6 +78,26 @@ class Cli : public ::testing::Test {
         return {WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status),
                 slurp(dir + "stdout"), slurp(dir + "stderr")};
     }
+    struct Case {
+        std::string text; // written to in.csv ("": no file)
+        std::string args; // words; @in.csv names the file, "-" reads it from standard input
+        int code;
+        std::string out; // exact standard output ("*": not checked)
+        std::string err; // part of standard error
+    };
+    void check(const Case &c) {
+        SCOPED_TRACE(c.args);
+        if (!c.text.empty())
+            file("in.csv", c.text);
+        const Result r = run(c.args, c.args.find(" - ") != std::string::npos ? "in.csv" : "");
+        EXPECT_EQ(r.code, c.code) << r.err;
+        if (c.out != "*") {
+            EXPECT_EQ(r.out, c.out);
+        }
+        EXPECT_NE(r.err.find(c.err), std::string::npos) << r.err;
+        std::remove((dir + "in.csv").c_str());
+        EXPECT_FALSE(c.code != 0 && std::remove((dir + "in.vdb").c_str()) == 0); // no image
+    }
     void TearDown() override {
         for (const auto &e : std::filesystem::directory_iterator(::testing::TempDir()))
             if (e.path().string().rfind(dir, 0) == 0)
@@ -267,13 +287,6 @@ TEST_F(Cli, BadInputAndOptions) {
     big_line.append(size_t(1) << 20, '7');
     const std::string stats_head = "column,type,count,nulls,sum,min,max,mean,first,last,argmin,"
                                    "argmax,argmin_time,argmax_time\n";
-    struct Case {
-        std::string text; // written to in.csv ("": no file)
-        std::string args; // words; @in.csv names the file, "-" reads it from standard input
-        int code;
-        std::string out; // exact standard output ("*": not checked)
-        std::string err; // part of standard error
-    };
     const Case cases[] = {
         {"\n", "load @in.csv", 1, "", "is empty"},
         {"time,x\n", "load @in.csv", 1, "", "header but no rows"},
@@ -397,19 +410,8 @@ TEST_F(Cli, BadInputAndOptions) {
         {"time,v\n1700,5\n", "stats @in.csv --columns a,b --agg argmax_time", 2, "", "time column"},
         {good, "head @in.csv --log @in.log", 2, "", "go with --db IMAGE"},
     };
-    for (const Case &c : cases) {
-        SCOPED_TRACE(c.args);
-        if (!c.text.empty())
-            file("in.csv", c.text);
-        const Result r = run(c.args, c.args.find(" - ") != std::string::npos ? "in.csv" : "");
-        EXPECT_EQ(r.code, c.code) << r.err;
-        if (c.out != "*") {
-            EXPECT_EQ(r.out, c.out);
-        }
-        EXPECT_NE(r.err.find(c.err), std::string::npos) << r.err;
-        std::remove((dir + "in.csv").c_str());
-        EXPECT_FALSE(c.code != 0 && std::remove((dir + "in.vdb").c_str()) == 0); // no image
-    }
+    for (const Case &c : cases)
+        check(c);
 }
 
 // A probe file told its types, and the matched rows' positions; --by matches
@@ -501,34 +503,26 @@ TEST_F(Cli, ImagesCross) {
         velseq::save_image(db, dir + "q.vdb");
     }
     const std::string mean = cell(std::optional<double>((double(0.1f) + 2.5 - 0.25 + 7) / 4));
-    const struct {
-        std::string args;
-        int code;
-        std::string out, err;
-    } cases[] = {
-        {"head --db @q.vdb --table quotes", 0,
+    const Case cases[] = {
+        {"", "head --db @q.vdb --table quotes", 0,
          "px,tag,k\n0.1,a,1\n,bb,2\n2.5,,2\n-0.25,abcdefgh,5\n7,x,9\n", ""},
-        {"stats --db @q.vdb --table quotes --agg count,nulls,min,max,mean,first,last", 0,
+        {"", "stats --db @q.vdb --table quotes --agg count,nulls,min,max,mean,first,last", 0,
          "column,type,count,nulls,min,max,mean,first,last\npx,float,4,1,-0.25,7," + mean +
              ",0.1,7\ntag,char(8),4,1,a,x,,a,x\nk,int4,5,0,1,9,3.8,1,9\n",
          ""},
-        {"window --db @q.vdb --table quotes 2 5 --cols k,tag", 0, "k,tag\n2,bb\n2,\n", ""},
-        {"resample --db @q.vdb --table other 1h --agg sum,argmax", 0,
+        {"", "window --db @q.vdb --table quotes 2 5 --cols k,tag", 0, "k,tag\n2,bb\n2,\n", ""},
+        {"", "resample --db @q.vdb --table other 1h --agg sum,argmax", 0,
          "start,seq.sum,seq.argmax,v.sum,v.argmax\n2024-01-01T00:00:00Z,3,1,4,1\n"
          "2024-01-01T01:00:00Z,3,2,0,\n",
          ""},
-        {"head --db @q.vdb", 2, "",
+        {"", "head --db @q.vdb", 2, "",
          "holds 3 tables: name one with --table (tables: quotes, other, old)"},
-        {"head --db @q.vdb --table nope", 2, "", "no table 'nope'"},
-        {"head --db @q.vdb --table old", 1, "", "written by an older velseq; load the CSV again"},
+        {"", "head --db @q.vdb --table nope", 2, "", "no table 'nope'"},
+        {"", "head --db @q.vdb --table old", 1, "",
+         "written by an older velseq; load the CSV again"},
     };
-    for (const auto &c : cases) {
-        SCOPED_TRACE(c.args);
-        const Result r = run(c.args + " --format csv");
-        EXPECT_EQ(r.code, c.code) << r.err;
-        EXPECT_EQ(r.out, c.out);
-        EXPECT_NE(r.err.find(c.err), std::string::npos) << r.err;
-    }
+    for (const Case &c : cases) // csv: standard output is no terminal
+        check(c);
 }
 
 // ---- an image with the commit log that follows it ---------------------------------
