@@ -159,6 +159,10 @@ if [ -n "${FAULTS_ONLY:-}" ]; then
         IFS=$'\t' read -r -a parts <<<"$line"
         for n in $FAULTS_ONLY; do [ "$n" = "$(basename "${parts[1]}")" ] && kept+=("$line"); done
     done
+    if [ ${#kept[@]} -eq 0 ]; then
+        echo "faults.sh: FAULTS_ONLY names no test program ($FAULTS_ONLY)" >&2
+        exit 2
+    fi
     PROGRAMS=("${kept[@]}")
 fi
 declare -A GTEST ARGS
