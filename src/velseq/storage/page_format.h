@@ -86,8 +86,16 @@ inline int child_by_position(vel_seq_page_t *pg, int32_t page_size, int n, vel_s
         vel_seq_count_t s01, s23, s;
         if (__builtin_add_overflow(e[-i].count, e[-i - 1].count, &s01) ||
             __builtin_add_overflow(e[-i - 2].count, e[-i - 3].count, &s23) ||
-            __builtin_add_overflow(s01, s23, &s) || f < s)
+            __builtin_add_overflow(s01, s23, &s))
             break;
+        if (f < s) {
+            // Inside these four: the choice among them by selects, not
+            // branches (where a walk ends is a coin toss).
+            const vel_seq_count_t a = e[-i].count, b = s01, c = s01 + e[-i - 2].count;
+            const int j = (f >= a) + (f >= b) + (f >= c);
+            *from = f - (j == 0 ? 0 : j == 1 ? a : j == 2 ? b : c);
+            return i + j;
+        }
         f -= s;
     }
     for (; i < n; i++) {
