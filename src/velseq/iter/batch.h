@@ -124,6 +124,45 @@ void join_batch(const E &e, vel_seq_page_t *root, int32_t page_size, const byte 
     }
 }
 
+// The inner pages of one map tile whose entries but the last all hold one
+// count k (every page of an appended tree), found by reading those counts
+// once.  On such a page the child holding element f is min(f / k, n - 1),
+// at f - k * child in it: the walk's answer wherever the walk finds one,
+// without its chain of dependent steps.  A position past the page's end
+// gets the last child, and the level below, where it lies past that child's
+// end too, leaves it to the scalar descent, as the walk would have.
+struct EvenPages {
+    static constexpr int kSlots = 64;
+    vel_seq_page_t *page[kSlots] = {};
+    vel_seq_count_t k[kSlots] = {}; // the count of the entries but the last; 0: not even
+
+    vel_seq_count_t count(vel_seq_page_t *pg, int32_t page_size, int n) {
+        const auto h = static_cast<int>((reinterpret_cast<uintptr_t>(pg) >> 12) % kSlots);
+        if (page[h] != pg) {
+            page[h] = pg;
+            k[h] = even_count(pg, page_size, n);
+        }
+        return k[h];
+    }
+
+    // Reads four counts at a time and stops at the first four that differ.
+    static vel_seq_count_t even_count(vel_seq_page_t *pg, int32_t page_size, int n) {
+        const vel_seq_node_t *e = inner_entry(pg, page_size, 0);
+        const vel_seq_count_t k0 = e[0].count;
+        if (k0 == 0 || k0 > ~vel_seq_count_t{0} / static_cast<vel_seq_count_t>(n))
+            return 0;
+        int j = 1;
+        for (; j + 4 <= n - 1; j += 4)
+            if (((e[-j].count ^ k0) | (e[-j - 1].count ^ k0) | (e[-j - 2].count ^ k0) |
+                 (e[-j - 3].count ^ k0)) != 0)
+                return 0;
+        for (; j < n - 1; j++)
+            if (e[-j].count != k0)
+                return 0;
+        return k0;
+    }
+};
+
 // Map: for each i with want[i], the leaf holding element pos[i] and the
 // element's index in it (ok[i] = 1), or ok[i] = 0 when the scalar descent
 // must decide.  The value's line and its null-mask word are prefetched.
@@ -142,6 +181,7 @@ inline void map_batch(vel_seq_page_t *root, int32_t page_size, size_t elem_size,
         vel_seq_no_t before = 0; // the counts of the entries before `child`
     };
     Walked walked[kMaxLevel + 1];
+    EvenPages even;
     uint64_t g = 0;
     while (g < n) {
         // Gather up to kBatchGroup wanted positions.
@@ -176,7 +216,12 @@ inline void map_batch(vel_seq_page_t *root, int32_t page_size, size_t elem_size,
                     Walked &w = walked[level];
                     const vel_seq_no_t f = from[i];
                     int c;
-                    if (w.page == pg[i] && f >= w.before) {
+                    const vel_seq_count_t k = even.count(pg[i], page_size, nn);
+                    if (k != 0) {
+                        const vel_seq_no_t q = f / k;
+                        c = q < static_cast<vel_seq_no_t>(nn - 1) ? static_cast<int>(q) : nn - 1;
+                        from[i] = f - static_cast<vel_seq_no_t>(c) * k;
+                    } else if (w.page == pg[i] && f >= w.before) {
                         from[i] = f - w.before;
                         c = child_by_position(pg[i], page_size, nn, &from[i], w.child);
                     } else {

@@ -46,10 +46,11 @@ VEL_RET search_page(const E &e, vel_db_connection_h con, vel_page_manager_t *pm,
     if (low_boundary != VEL_SEQ_BOUNDARY_OPEN) {
         int r = n;
         // A halving step waits for the line it reads.  The lines of the
-        // first three steps are asked for at once, and each step asks for
-        // both lines the next step may read, so the misses overlap.
-        for (int k = 1; k < 8; k++)
-            __builtin_prefetch(page_value(page, size, static_cast<uint64_t>(n * k / 8)));
+        // first five steps (a leaf of 64-bit keys: the steps that leave
+        // the line) are asked for at once, and each step asks for both
+        // lines the next step may read, so the misses overlap.
+        for (int k = 1; k < 32; k++)
+            __builtin_prefetch(page_value(page, size, static_cast<uint64_t>(n * k / 32)));
         while (l < r) {
             int m = (l + r) / 2;
             __builtin_prefetch(page_value(page, size, static_cast<uint64_t>((l + m) / 2)));

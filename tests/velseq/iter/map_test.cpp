@@ -1,0 +1,72 @@
+// Map by positions in no order (the batched descents) over trees whose
+// inner pages hold one count on every entry but one: a delete inside one
+// leaf makes each child of a level-one page odd in turn, and deletes in two
+// of the root's children leave its last child the largest.  Every value and
+// null bit must be the element the model holds at that position.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <numeric>
+#include <random>
+#include <vector>
+
+#include "seq_fixture.h"
+
+namespace vstest {
+namespace {
+
+TEST(Map, PagesOfOneCountButOne) {
+    // Pages of 256 bytes: int4 leaves of 60 values, inner pages of 15
+    // children, a root of three.
+    const size_t leaf = 60, fan = 15, n = leaf * fan * 3;
+    std::vector<std::vector<size_t>> cases;
+    for (size_t j = 0; j < fan * 3; j++)
+        cases.push_back({j * leaf + 7});
+    cases.push_back({7, leaf * fan + 7});
+    std::mt19937 rng(7);
+    for (const std::vector<size_t> &gone : cases) {
+        SCOPED_TRACE(testing::Message() << "deleted at " << gone[0]);
+        SeqDb sdb{DbOptions{.seq_page_size = 256}};
+        const FieldRef f = sdb.field("int4"), p = sdb.field("uint8");
+        std::vector<int32_t> v(n);
+        std::iota(v.begin(), v.end(), 0);
+        std::vector<vel_bitmap_word_t> nb((n + 63) / 64, 0);
+        for (size_t i = 0; i < n; i += 97)
+            nb[i / 64] |= vel_bitmap_word_t{1} << (i % 64);
+        ASSERT_EQ(sdb.begin_write(), VEL_S_OK);
+        vel_objhandle_t obj = sdb.new_object();
+        ASSERT_EQ(f.append(&obj, v.data(), n, VEL_SEQ_NO_ORDER, nb.data()), VEL_S_OK);
+        std::vector<int32_t> model = v; // values; a value v is null when v % 97 == 0
+        for (size_t k = gone.size(); k-- > 0;) {
+            ASSERT_EQ(f.fam->del(&obj, f.u_offset, f.c_offset, f.fld_no, gone[k], gone[k],
+                                 VEL_SEQ_NO_ORDER, 4),
+                      VEL_S_OK);
+            model.erase(model.begin() + static_cast<std::ptrdiff_t>(gone[k]));
+        }
+        std::vector<vel_uint8> pos(model.size());
+        std::iota(pos.begin(), pos.end(), 0);
+        std::shuffle(pos.begin(), pos.end(), rng);
+        ASSERT_EQ(p.append(&obj, pos.data(), pos.size(), VEL_SEQ_NO_ORDER, nullptr), VEL_S_OK);
+
+        vel_seq_iterator_t src{}, map{};
+        ASSERT_EQ(p.fam->subseq(&obj, p.u_offset, p.c_offset, &src, 0, ~0ull, 8), VEL_S_OK);
+        ASSERT_EQ(f.fam->map(&obj, f.u_offset, f.c_offset, &map, &src, 4), VEL_S_OK);
+        size_t k = 0;
+        VEL_RET rc;
+        while ((rc = map.next(&map)) == VEL_S_OK)
+            for (int t = 0; t < map.tile_size; t++, k++) {
+                const int32_t want = model[pos[k]];
+                const bool null = (map.tile.null_bitmap[t / 64] >> (t % 64)) & 1;
+                ASSERT_EQ(null, want % 97 == 0) << "position " << pos[k];
+                if (!null) {
+                    ASSERT_EQ(map.tile.u.arr_int4[t], want) << "position " << pos[k];
+                }
+            }
+        EXPECT_EQ(rc, VEL_S_CURSOR_END);
+        EXPECT_EQ(k, pos.size());
+        ASSERT_EQ(sdb.rollback(), VEL_S_OK);
+    }
+}
+
+} // namespace
+} // namespace vstest
