@@ -16,9 +16,11 @@ namespace vstest {
 namespace {
 
 TEST(Map, PagesOfOneCountButOne) {
-    // Pages of 256 bytes: int4 leaves of 60 values, inner pages of 15
-    // children, a root of three.
-    const size_t leaf = 60, fan = 15, n = leaf * fan * 3;
+    // Pages of 256 bytes, a root of three full level-one pages.
+    const velrel::Family fam = velrel::family_of(VEL_DD_INT4);
+    const size_t leaf = fam.leaf_capacity(256),
+                 fan = static_cast<size_t>(fam.inner_capacity(256, VEL_SEQ_NO_ORDER)),
+                 n = leaf * fan * 3;
     std::vector<std::vector<size_t>> cases;
     for (size_t j = 0; j < fan * 3; j++)
         cases.push_back({j * leaf + 7});
@@ -46,6 +48,8 @@ TEST(Map, PagesOfOneCountButOne) {
         std::vector<vel_uint8> pos(model.size());
         std::iota(pos.begin(), pos.end(), 0);
         std::shuffle(pos.begin(), pos.end(), rng);
+        // The last position opens a tile: its descent is batched for sure.
+        std::swap(*std::find(pos.begin(), pos.end(), pos.size() - 1), pos[0]);
         ASSERT_EQ(p.append(&obj, pos.data(), pos.size(), VEL_SEQ_NO_ORDER, nullptr), VEL_S_OK);
 
         vel_seq_iterator_t src{}, map{};
