@@ -126,11 +126,10 @@ void join_batch(const E &e, vel_seq_page_t *root, int32_t page_size, const byte 
 
 // The inner pages of one map tile whose entries but the last all hold one
 // count k (every page of an appended tree), found by reading those counts
-// once.  On such a page the child holding element f is min(f / k, n - 1),
-// at f - k * child in it: the walk's answer wherever the walk finds one,
-// without its chain of dependent steps.  A position past the page's end
-// gets the last child, and the level below, where it lies past that child's
-// end too, leaves it to the scalar descent, as the walk would have.
+// once.  On such a page the child holding element f is f / k, at f % k in
+// it, or the last child when f lies past the others, if it lies inside that
+// child's count: the walk's own answer, for any counts, without the walk's
+// chain of dependent steps.
 struct EvenPages {
     static constexpr int kSlots = 64;
     vel_seq_page_t *page[kSlots] = {};
@@ -221,6 +220,14 @@ inline void map_batch(vel_seq_page_t *root, int32_t page_size, size_t elem_size,
                         const vel_seq_no_t q = f / k;
                         c = q < static_cast<vel_seq_no_t>(nn - 1) ? static_cast<int>(q) : nn - 1;
                         from[i] = f - static_cast<vel_seq_no_t>(c) * k;
+                        if (c == nn - 1) {
+                            const vel_seq_count_t last =
+                                inner_entry(pg[i], page_size, nn - 1)->count;
+                            if (from[i] >= last) { // past the page's end
+                                c = nn;
+                                from[i] -= last;
+                            }
+                        }
                     } else if (w.page == pg[i] && f >= w.before) {
                         from[i] = f - w.before;
                         c = child_by_position(pg[i], page_size, nn, &from[i], w.child);

@@ -11,6 +11,8 @@
 #include <vector>
 
 #include "seq_fixture.h"
+#include "storage/field_root.h"
+#include "storage/page_format.h"
 
 namespace vstest {
 namespace {
@@ -70,6 +72,39 @@ TEST(Map, PagesOfOneCountButOne) {
         EXPECT_EQ(k, pos.size());
         ASSERT_EQ(sdb.rollback(), VEL_S_OK);
     }
+}
+
+// A root whose last count says one element fewer than its child holds: the
+// last element lies past the counts, and map must refuse it as it refuses
+// any position past the end, not read it from the child.
+TEST(Map, LastCountUnderstated) {
+    SeqDb sdb{DbOptions{.seq_page_size = 256}};
+    const FieldRef f = sdb.field("int4"), p = sdb.field("uint8");
+    const size_t n = f.fam->leaf_capacity(256) * 40;
+    std::vector<int32_t> v(n, 1);
+    ASSERT_EQ(sdb.begin_write(), VEL_S_OK);
+    vel_objhandle_t obj = sdb.new_object();
+    ASSERT_EQ(f.append(&obj, v.data(), n, VEL_SEQ_NO_ORDER, nullptr), VEL_S_OK);
+    // Positions 0 and `at`: two far positions, so that they are batched.
+    auto map_one = [&](vel_uint8 at) {
+        EXPECT_EQ(p.fam->del(&obj, p.u_offset, p.c_offset, p.fld_no, 0, ~0ull, VEL_SEQ_NO_ORDER, 8),
+                  VEL_S_OK);
+        const vel_uint8 two[] = {0, at};
+        EXPECT_EQ(p.append(&obj, two, 2, VEL_SEQ_NO_ORDER, nullptr), VEL_S_OK);
+        vel_seq_iterator_t src{}, map{};
+        EXPECT_EQ(p.fam->subseq(&obj, p.u_offset, p.c_offset, &src, 0, ~0ull, 8), VEL_S_OK);
+        EXPECT_EQ(f.fam->map(&obj, f.u_offset, f.c_offset, &map, &src, 4), VEL_S_OK);
+        return map.next(&map);
+    };
+    const VEL_RET past = map_one(n);
+    EXPECT_NE(past, VEL_S_OK);
+    vel_seq_page_t *root = nullptr;
+    ASSERT_EQ(vel_seq_get_root(&obj, f.u_offset, f.c_offset, &root), VEL_S_OK);
+    ASSERT_EQ(velseq::page_kind(root), velseq::kInnerPage);
+    velseq::inner_entry(root, 256, root->hdr.user - 1)->count -= 1;
+    EXPECT_EQ(map_one(n - 2), VEL_S_OK);
+    EXPECT_EQ(map_one(n - 1), past);
+    ASSERT_EQ(sdb.rollback(), VEL_S_OK);
 }
 
 } // namespace
