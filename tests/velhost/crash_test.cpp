@@ -1,16 +1,3 @@
-// Crash tests with real processes: a child commits random transactions to a
-// database with a log (checkpointing and saving a second image now and then)
-// and reports on a pipe the state digest of each commit before it commits
-// ('P', k, digest) and that it returned ('C', k), and likewise of each save
-// ('T', k, digest; 'D', k); the parent kills it with SIGKILL at a random moment,
-// reopens the files and checks:
-//   every-commit flush: the state is that of the last reported commit or of
-//     the one in flight, whole;
-//   grouped flush: the state is that of some reported commit (a prefix);
-//   the saved image opens as the state of its last finished save or of the
-//     one in flight.
-// VELSEQ_CRASH_KILLS sets the kills per mode (default 5).
-//
 // Power loss: a workload (commits, checkpoints, saves of a second image)
 // runs with every write, sync, creation, rename and unlink in its folder
 // journaled (io_fault.h).  At crash points (next to every sync and rename,
@@ -28,11 +15,9 @@
 // period after the commit returned, or the end of the flush running then.
 // VELSEQ_POWERLOSS_RUNS sets the runs (seeds) per mode (default 1).
 #include <algorithm>
-#include <csignal>
 #include <cstdlib>
 #include <map>
 #include <set>
-#include <sys/wait.h>
 
 #include "durable_util.h"
 #include "io_fault.h"
@@ -44,83 +29,8 @@ namespace {
 
 uint64_t digest(const std::string &s) { return std::hash<std::string>()(s); }
 
-// An environment variable's count, else `dflt`.
-int count_from(const char *name, int dflt) {
-    const char *env = std::getenv(name);
-    return env != nullptr && *env ? std::atoi(env) : dflt;
-}
-
-struct Line {
-    char what;
-    uint64_t k, digest;
-};
-
-[[noreturn]] void child(const TempDir &dir, int mode, uint64_t seed, int out) {
-    const std::string log = dir.file("db.log"), img = dir.file("db.img"),
-                      snap = dir.file("snap.img");
-    std::unique_ptr<Db> t = open_db(config(256, log.c_str(), mode));
-    if (!t)
-        _exit(2);
-    auto say = [&](char what, uint64_t k, bool state) {
-        const Line l{what, k, state ? digest(dump(*t)) : 0};
-        if (::write(out, &l, sizeof l) != sizeof l) // below PIPE_BUF: a kill cuts none
-            _exit(3);
-    };
-    Workload w(seed);
-    w.setup({t.get()}, false);
-    say('P', 0, true);
-    say('C', 0, false);
-    for (uint64_t k = 1;;) {
-        if (!w.txn({t.get()}, [&](Db *) { say('P', k, true); }))
-            continue;
-        say('C', k, false);
-        if (k % 9 == 0 && velh_checkpoint(t->db, img.c_str()) != VEL_S_OK)
-            _exit(4);
-        if (k % 4 == 0) {
-            say('T', k, true);
-            if (velh_db_save(t->db, snap.c_str()) != VEL_S_OK)
-                _exit(5);
-            say('D', k, false);
-        }
-        ++k;
-    }
-}
-
-// What the child reported, of commits [0] and of saves [1]: the digest of
-// each one begun, and the last one finished (-1: none).
-struct Report {
-    std::map<uint64_t, uint64_t> begun[2];
-    int64_t done[2] = {-1, -1};
-
-    bool read(int fd) {
-        Line l;
-        if (::read(fd, &l, sizeof l) != sizeof l)
-            return false;
-        const int i = l.what == 'T' || l.what == 'D';
-        if (l.what == 'P' || l.what == 'T')
-            begun[i][l.k] = l.digest;
-        else
-            done[i] = int64_t(l.k);
-        return true;
-    }
-    // Whether `h` is the digest of the last one finished or of the one begun
-    // after it.
-    bool last_or_next(int i, uint64_t h) const {
-        auto last = begun[i].find(uint64_t(done[i]));
-        auto next = begun[i].upper_bound(uint64_t(std::max<int64_t>(done[i], 0)));
-        return (last != begun[i].end() && last->second == h) ||
-               (next != begun[i].end() && next->second == h);
-    }
-};
-
-// The digest of the state the files open as.
-uint64_t state_of(const char *log, const char *image) {
-    std::string s;
-    EXPECT_EQ(load(config(4096, log), image, &s), VEL_S_OK) << velh_error_message();
-    return digest(s);
-}
-
-enum Tag : uint64_t { kBegin, kAck, kSaveBegin, kSaveAck, kCheckpointAck };
+// Journal marks, and the events that covered each commit (see record()).
+enum Tag : uint64_t { kBegin, kAck, kSaveBegin, kSaveAck, kCheckpointAck, kCovered, kTags };
 enum Model { kDrop, kPrefix, kPages };
 constexpr size_t kNone = SIZE_MAX;
 
@@ -132,25 +42,18 @@ struct Mode {
 };
 
 // What a run did.  States: 0 the empty database, 1..3 its classes, then one
-// per commit; begin/ack: journal index of their marks (kNone: none).
+// per commit; at[tag][i]: journal index of state (or save) i's mark (kNone:
+// none).
 struct Journaled {
     Mode mode;
     std::vector<Event> ev;
     std::vector<uint64_t> state, saved;
-    std::vector<size_t> begin, ack, checkpoint, covered, save_begin, save_ack;
+    std::vector<size_t> at[kTags];
     std::set<uint64_t> logs; // the files commits were written to
 };
 
 Journaled record(const Mode &m, uint64_t seed, const TempDir &dir) {
-    Journaled r{m, {}, {}, {}, {}, {}, {}, {}, {}, {}, {}};
-    {
-        std::unique_ptr<Db> s = open_db(config(256));
-        r.state.push_back(digest(dump(*s)));
-        for (size_t c = 0; c < 3; ++c) {
-            EXPECT_EQ(define_class(s->db, c), VEL_S_OK);
-            r.state.push_back(digest(dump(*s)));
-        }
-    }
+    Journaled r{m, {}, {}, {}, {}, {}};
     const std::string log = dir.file("db.log"), img = dir.file("db.img"),
                       snap = dir.file("snap.img");
     velh_config_t cfg = config(256, log.c_str(), m.sync);
@@ -159,11 +62,16 @@ Journaled record(const Mode &m, uint64_t seed, const TempDir &dir) {
     io_fault::journal::start(dir.path, std::max(m.flush_delay_us, 0L));
     {
         std::unique_ptr<Db> t = open_db(cfg);
+        r.state.push_back(digest(dump(*t)));
         mark(kAck, 0);
-        Workload w(seed);
         mark(kBegin, 3);
-        w.setup({t.get()}, false);
+        for (size_t c = 0; c < 3; ++c) {
+            EXPECT_EQ(define_class(t->db, c), VEL_S_OK);
+            r.state.push_back(digest(dump(*t)));
+        }
         mark(kAck, 3);
+        Workload w(seed);
+        w.setup({}, false); // the classes are there
         for (int k = 1; k <= m.commits;) {
             const uint64_t i = r.state.size();
             if (!w.txn({t.get()}, [&](Db *) {
@@ -189,37 +97,30 @@ Journaled record(const Mode &m, uint64_t seed, const TempDir &dir) {
     r.ev = io_fault::journal::stop();
 
     const size_t n = r.ev.size();
-    r.begin.assign(r.state.size(), kNone);
-    r.ack = r.checkpoint = r.covered = r.begin;
-    r.save_begin.assign(r.saved.size(), kNone);
-    r.save_ack = r.save_begin;
-    for (size_t e = 0; e < n; ++e) {
-        const Event &x = r.ev[e];
-        if (x.kind == Event::kMark)
-            (x.file == kBegin       ? r.begin
-             : x.file == kAck       ? r.ack
-             : x.file == kSaveBegin ? r.save_begin
-             : x.file == kSaveAck   ? r.save_ack
-                                    : r.checkpoint)[x.at] = e;
-    }
-    r.begin[0] = 0;
-    r.begin[1] = r.begin[2] = r.begin[3];
+    for (std::vector<size_t> &v : r.at)
+        v.assign(r.state.size(), kNone);
+    for (size_t e = 0; e < n; ++e)
+        if (r.ev[e].kind == Event::kMark)
+            r.at[r.ev[e].file][r.ev[e].at] = e;
+    r.at[kBegin][0] = 0;
+    r.at[kBegin][1] = r.at[kBegin][2] = r.at[kBegin][3];
     // Covered: a sync of its record's file that began after the record was
     // written has ended, or a checkpoint after it returned.
     for (size_t i = r.state.size(); i-- > 1;) {
-        r.covered[i] = std::min(r.checkpoint[i], i + 1 < r.state.size() ? r.covered[i + 1] : kNone);
-        if (r.ack[i] == kNone)
+        r.at[kCovered][i] = std::min(r.at[kCheckpointAck][i],
+                                     i + 1 < r.state.size() ? r.at[kCovered][i + 1] : kNone);
+        if (r.at[kAck][i] == kNone)
             continue;
-        size_t w = r.ack[i];
-        while (w > r.begin[i] && r.ev[w].kind != Event::kWrite)
+        size_t w = r.at[kAck][i];
+        while (w > r.at[kBegin][i] && r.ev[w].kind != Event::kWrite)
             --w;
         EXPECT_EQ(r.ev[w].kind, Event::kWrite) << "commit " << i << " wrote nothing";
         r.logs.insert(r.ev[w].file);
-        for (size_t e = w; e < n && e < r.covered[i]; ++e)
+        for (size_t e = w; e < n && e < r.at[kCovered][i]; ++e)
             if (r.ev[e].kind == Event::kSyncEnd && r.ev[e].file == r.ev[w].file && r.ev[e].at > w)
-                r.covered[i] = e;
+                r.at[kCovered][i] = e;
     }
-    r.covered[0] = 0;
+    r.at[kCovered][0] = 0;
     return r;
 }
 
@@ -342,7 +243,7 @@ void check_window(const Journaled &r) {
     constexpr double kSlackMs = 100;
     const std::vector<Event> &ev = r.ev;
     for (size_t i = 4; i < r.state.size(); ++i) {
-        const size_t a = r.ack[i], c = r.covered[i];
+        const size_t a = r.at[kAck][i], c = r.at[kCovered][i];
         if (a == kNone || c == kNone || ev[c].kind != Event::kSyncEnd)
             continue; // covered by a checkpoint first
         double due = double(ev[a].ns) / 1e6 + r.mode.period_ms;
@@ -385,9 +286,10 @@ void check_crashes(const Journaled &r, bool all_models, uint64_t seed) {
             const Opened &o = it->second;
             if (!o.ok)
                 continue;
-            const int64_t acked = last_before(r.ack, k), begun = last_before(r.begin, k),
-                          need = r.mode.sync == VELH_LOG_SYNC_COMMIT ? acked
-                                                                     : last_before(r.covered, k);
+            const int64_t acked = last_before(r.at[kAck], k), begun = last_before(r.at[kBegin], k),
+                          need = r.mode.sync == VELH_LOG_SYNC_COMMIT
+                                     ? acked
+                                     : last_before(r.at[kCovered], k);
             int64_t got = -1;
             for (auto [at, end] = index.equal_range(o.db); at != end; ++at)
                 if (at->second <= begun)
@@ -397,7 +299,8 @@ void check_crashes(const Journaled &r, bool all_models, uint64_t seed) {
             ASSERT_NE(index.count(o.db), 0u) << "the state is no commit's";
             ASSERT_GE(got, 0) << "a commit not yet begun is there";
             EXPECT_GE(got, need) << "a covered commit is lost";
-            const int64_t saved = last_before(r.save_ack, k), saving = last_before(r.save_begin, k);
+            const int64_t saved = last_before(r.at[kSaveAck], k),
+                          saving = last_before(r.at[kSaveBegin], k);
             EXPECT_TRUE(o.snap == 0 ? saved < 0
                                     : (saved >= 0 && o.snap == r.saved[size_t(saved)]) ||
                                           (saving > saved && o.snap == r.saved[size_t(saving)]))
@@ -407,59 +310,9 @@ void check_crashes(const Journaled &r, bool all_models, uint64_t seed) {
 
 } // namespace
 
-TEST(DurableCrash, KilledWriterLeavesWholeCommits) {
-    const int kills = count_from("VELSEQ_CRASH_KILLS", 5);
-    std::mt19937_64 rng(20261123);
-    for (int mode : {VELH_LOG_SYNC_COMMIT, VELH_LOG_SYNC_GROUP, VELH_LOG_SYNC_NONE}) {
-        for (int i = 0; i < kills; ++i) {
-            SCOPED_TRACE("mode " + std::to_string(mode) + " kill " + std::to_string(i));
-            TempDir dir;
-            int fds[2];
-            ASSERT_EQ(::pipe(fds), 0);
-            const uint64_t seed = rng();
-            const pid_t pid = ::fork();
-            ASSERT_GE(pid, 0);
-            if (pid == 0) {
-                ::close(fds[0]);
-                child(dir, mode, seed, fds[1]);
-            }
-            ::close(fds[1]);
-            // Let it reach a random commit, then kill it a moment later.
-            const int64_t target = int64_t(rng() % 40);
-            Report rep;
-            while (rep.done[0] < target && rep.read(fds[0])) {
-            }
-            ::usleep(useconds_t(rng() % 4000));
-            ::kill(pid, SIGKILL);
-            int status = 0;
-            ::waitpid(pid, &status, 0);
-            ASSERT_TRUE(WIFSIGNALED(status)) << "the child stopped by itself: " << status;
-            while (rep.read(fds[0])) {
-            }
-            ::close(fds[0]);
-            ASSERT_GE(rep.done[0], 0);
-
-            const std::string img = dir.file("db.img"), snap = dir.file("snap.img");
-            const uint64_t h = state_of(dir.file("db.log").c_str(),
-                                        std::filesystem::exists(img) ? img.c_str() : nullptr);
-            if (mode == VELH_LOG_SYNC_COMMIT) {
-                EXPECT_TRUE(rep.last_or_next(0, h))
-                    << "state is neither commit " << rep.done[0] << " nor the next";
-            } else {
-                EXPECT_TRUE(std::any_of(rep.begun[0].begin(), rep.begun[0].end(),
-                                        [h](const auto &p) { return p.second == h; }))
-                    << "state is no commit's";
-            }
-            if (std::filesystem::exists(snap)) {
-                EXPECT_TRUE(rep.last_or_next(1, state_of(nullptr, snap.c_str())))
-                    << "the saved image is neither the last save nor the one in flight";
-            }
-        }
-    }
-}
-
 TEST(DurablePowerLoss, CrashStatesOpenAtACoveredCommit) {
-    const int runs = count_from("VELSEQ_POWERLOSS_RUNS", 1);
+    const char *env = std::getenv("VELSEQ_POWERLOSS_RUNS");
+    const int runs = env != nullptr && *env ? std::atoi(env) : 1;
     // Grouped: a flush slower than the period (a slow device under the
     // flusher), so that a late flush start shows beyond the slack.
     // The long form adds the grouped mode at its default period on the disk.

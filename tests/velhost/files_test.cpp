@@ -6,13 +6,9 @@
 // failing at open refuses the open and changes no file.
 //
 // Openers: a writer excludes every other open (in this process or another),
-// read-only opens share and write nothing; class definitions (names up to
-// VELH_MAX_NAME bytes) racing checkpoints never leave files that refuse to
-// open.
-#include <atomic>
+// read-only opens share and write nothing.
 #include <csignal>
 #include <sys/wait.h>
-#include <thread>
 
 #include "durable_util.h"
 #include "io_fault.h"
@@ -193,46 +189,4 @@ TEST(DurableLock, OneWriterOrSharedReaders) {
     EXPECT_EQ(define_class(t->db, 2, "later"), VEL_S_OK);
     t.reset();
     EXPECT_TRUE(open_db(ro, img.c_str()));
-}
-
-// Each class defined as the next of a loop of checkpoints begins lands in the
-// image or in the log that follows it, never in both or neither; one with
-// names of VELH_MAX_NAME bytes too, while a byte more is refused.
-TEST(DurableLock, ClassesDefinedDuringCheckpoints) {
-    TempDir dir;
-    const std::string log = dir.file("db.log"), img = dir.file("db.img");
-    const std::string name(VELH_MAX_NAME, 'n'), over(VELH_MAX_NAME + 1, 'o');
-    const velh_config_t cfg = config(4096, log.c_str(), VELH_LOG_SYNC_NONE);
-    const int n = 40;
-    auto define = [&](velh_db_t *db, const std::string &cls, const std::string &fld) {
-        const velh_field_def_t f{fld.c_str(), VEL_DD_SEQUENCE_INT4, 0, 0};
-        uint16_t code;
-        return velh_class_define(db, cls.c_str(), &f, 1, 0, VELH_PM_INMEM, &code);
-    };
-    {
-        std::unique_ptr<Db> w = open_db(cfg);
-        EXPECT_EQ(define(w->db, "c", over), VEL_E_ILLEGAL_PARAM);
-        EXPECT_EQ(define(w->db, over, "f"), VEL_E_ILLEGAL_PARAM);
-        std::atomic<int> checkpoints{0};
-        std::atomic<bool> done{false};
-        std::thread cp([&] {
-            for (; !done; ++checkpoints)
-                EXPECT_EQ(velh_checkpoint(w->db, img.c_str()), VEL_S_OK);
-        });
-        for (int i = 1; i <= n; ++i) {
-            for (const int seen = checkpoints; seen == checkpoints;)
-                std::this_thread::yield();
-            EXPECT_EQ(i == n / 2 ? define(w->db, name, name)
-                                 : define(w->db, std::to_string(i), "v"),
-                      VEL_S_OK);
-        }
-        done = true;
-        cp.join();
-    }
-    velh_open_stats_t st{};
-    const std::unique_ptr<Db> t = open_db(cfg, img.c_str(), &st);
-    velh_field_info_t fi;
-    ASSERT_TRUE(t);
-    EXPECT_EQ(st.classes, uint64_t(n));
-    EXPECT_EQ(velh_field_by_name(t->db, n / 2, name.c_str(), &fi), VEL_S_OK);
 }

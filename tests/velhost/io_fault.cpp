@@ -1,5 +1,6 @@
-// See io_fault.h.  open64 and friends are the same calls under the names a
-// build with 64-bit file offsets binds to.
+// See io_fault.h.  Only the names the host library binds to (nm -D) are
+// defined: a build with 64-bit file offsets on a 32-bit system would need
+// open64 and friends too.
 #include "io_fault.h"
 
 #include <cerrno>
@@ -137,8 +138,6 @@ void opened(const char *path, int flags, int fd, int64_t before) {
     }
 }
 
-int64_t tell(int fd) { return ::lseek(fd, 0, SEEK_CUR); }
-
 void wrote(int fd, const void *b, ssize_t n, int64_t off) {
     std::lock_guard<std::mutex> lock(mu);
     const int64_t f = on && n > 0 ? file_of(fd) : -1;
@@ -211,37 +210,29 @@ using namespace io_fault::journal;
     }
 FORWARD(kRead, ssize_t, read, (int fd, void *b, size_t n), (fd, b, n), 0, (void)0)
 FORWARD(kPread, ssize_t, pread, (int fd, void *b, size_t n, off_t o), (fd, b, n, o), 0, (void)0)
-FORWARD(kPread, ssize_t, pread64, (int fd, void *b, size_t n, off_t o), (fd, b, n, o), 0, (void)0)
-FORWARD(kWrite, ssize_t, write, (int fd, const void *b, size_t n), (fd, b, n), tell(fd),
-        wrote(fd, b, r, j))
+FORWARD(kWrite, ssize_t, write, (int fd, const void *b, size_t n), (fd, b, n),
+        ::lseek(fd, 0, SEEK_CUR), wrote(fd, b, r, j))
 FORWARD(kPwrite, ssize_t, pwrite, (int fd, const void *b, size_t n, off_t o), (fd, b, n, o), 0,
-        wrote(fd, b, r, o))
-FORWARD(kPwrite, ssize_t, pwrite64, (int fd, const void *b, size_t n, off_t o), (fd, b, n, o), 0,
         wrote(fd, b, r, o))
 FORWARD(kFdatasync, int, fdatasync, (int fd), (fd), sync_begin(fd, true), synced(fd, r, j))
 FORWARD(kFsync, int, fsync, (int fd), (fd), sync_begin(fd, false), synced(fd, r, j))
 FORWARD(kRename, int, rename, (const char *a, const char *b), (a, b), 0, renamed(a, b, r), noexcept)
-FORWARD(kLink, int, link, (const char *a, const char *b), (a, b), 0, (void)0, noexcept)
 FORWARD(kFtruncate, int, ftruncate, (int fd, off_t n), (fd, n), 0, truncated(fd, r, n), noexcept)
-FORWARD(kFtruncate, int, ftruncate64, (int fd, off_t n), (fd, n), 0, truncated(fd, r, n), noexcept)
 FORWARD(kOps, int, unlink, (const char *p), (p), 0, unlinked(p, r), noexcept) // never fails
 
 // The mode is there only with O_CREAT or O_TMPFILE.
-#define OPEN(name)                                                                                 \
-    extern "C" int name(const char *path, int flags, ...) {                                        \
-        static const auto real = next<int (*)(const char *, int, ...)>(#name);                     \
-        va_list ap;                                                                                \
-        va_start(ap, flags);                                                                       \
-        const mode_t mode = flags & (O_CREAT | O_TMPFILE) ? va_arg(ap, mode_t) : 0;                \
-        va_end(ap);                                                                                \
-        if (hit(kOpen))                                                                            \
-            return -1;                                                                             \
-        const bool journal = on;                                                                   \
-        const int64_t j = journal ? before_open(path, flags) : 0;                                  \
-        const int fd = real(path, flags, mode);                                                    \
-        if (journal)                                                                               \
-            opened(path, flags, fd, j);                                                            \
-        return fd;                                                                                 \
-    }
-OPEN(open)
-OPEN(open64)
+extern "C" int open(const char *path, int flags, ...) {
+    static const auto real = next<int (*)(const char *, int, ...)>("open");
+    va_list ap;
+    va_start(ap, flags);
+    const mode_t mode = flags & (O_CREAT | O_TMPFILE) ? va_arg(ap, mode_t) : 0;
+    va_end(ap);
+    if (hit(kOpen))
+        return -1;
+    const bool journal = on;
+    const int64_t j = journal ? before_open(path, flags) : 0;
+    const int fd = real(path, flags, mode);
+    if (journal)
+        opened(path, flags, fd, j);
+    return fd;
+}

@@ -13,9 +13,9 @@
 namespace io_fault {
 
 // clang-format off
-enum Op { kOpen, kRead, kPread, kWrite, kPwrite, kFdatasync, kFsync, kRename, kLink, kFtruncate, kOps };
+enum Op { kOpen, kRead, kPread, kWrite, kPwrite, kFdatasync, kFsync, kRename, kFtruncate, kOps };
 inline constexpr const char *kNames[kOps] = {"open", "read", "pread", "write", "pwrite",
-                                             "fdatasync", "fsync", "rename", "link", "ftruncate"};
+                                             "fdatasync", "fsync", "rename", "ftruncate"};
 // clang-format on
 
 // From now on the n-th call (1 = the next) of `op`, in any thread, fails
