@@ -154,29 +154,3 @@ TEST(DurableBadFile, LogTailsAreCutDamageIsNot) {
     EXPECT_EQ(load(config(4096, wr.bad.c_str()), wr.img.c_str()), VEL_E_HOST_BAD_LOG);
     EXPECT_TRUE(says("another image")) << velh_error_message();
 }
-
-// Two whole blocks of pages swapped (each checksum still right for its
-// payload) make another tree: refused.
-TEST(DurableBadFile, SwappedBlocksRefused) {
-    TempDir dir;
-    const std::string img = dir.file("db.img");
-    {
-        std::unique_ptr<Db> t = open_db(config(4096));
-        uint64_t oid = 0;
-        ASSERT_EQ(define_class(t->db, 0), VEL_S_OK);
-        ASSERT_EQ(append_ticks(*t, &oid, 400000, 7), VEL_S_OK); // ~800 pages, 256 a block
-        ASSERT_EQ(velh_db_save(t->db, img.c_str()), VEL_S_OK);
-    }
-    std::string b = read_file(img);
-    std::vector<size_t> full; // page blocks of the longest length
-    for (uint64_t p = 128, len; p + 24 <= b.size(); p += 24 + len) {
-        std::memcpy(&len, b.data() + p + 8, 8);
-        if (b[p] == 2 && len >= 1 << 20)
-            full.push_back(p);
-    }
-    ASSERT_GE(full.size(), 2u);
-    std::rotate(b.begin() + long(full[0]), b.begin() + long(full[1]),
-                b.begin() + long(2 * full[1] - full[0]));
-    write_file(img, b);
-    EXPECT_EQ(load(config(), img.c_str()), VEL_E_HOST_BAD_IMAGE);
-}

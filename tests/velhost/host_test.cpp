@@ -13,6 +13,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <functional>
 #include <map>
 #include <random>
 #include <string>
@@ -300,6 +301,12 @@ TEST(LayoutProperty, RandomClassesKeepEveryInvariant) {
 
 enum : uint16_t { kRound, kVals, kA, kB };
 
+int32_t get(vel_objhandle_t *o, uint16_t k) {
+    int32_t v = 0;
+    EXPECT_EQ(velh_get(o, k, &v, 4), VEL_S_OK);
+    return v;
+}
+
 void run(vel_bool concurrent, int writers, int rounds) {
     velh_config_t cfg;
     velh_config_init(&cfg);
@@ -315,111 +322,104 @@ void run(vel_bool concurrent, int writers, int rounds) {
     ASSERT_EQ(velh_class_define(db, "t", f, 4, 0, VELH_PM_INMEM, &cls), VEL_S_OK);
     velh_field_info_t vals{};
     ASSERT_EQ(velh_field_info(db, cls, kVals, &vals), VEL_S_OK);
-    vel_db_connection_h con = nullptr;
-    ASSERT_EQ(velh_connect(db, &con), VEL_S_OK);
-    std::vector<uint64_t> oids; // the shared object, then one per writer
-    ASSERT_EQ(velh_begin(con, VELH_READ_WRITE), VEL_S_OK);
-    for (int i = 0; i <= writers; ++i) {
-        vel_objhandle_t o;
-        const int32_t half = i == 0 ? 500 : 0;
-        ASSERT_EQ(velh_obj_create(con, cls, &o), VEL_S_OK);
-        ASSERT_EQ(velh_set(&o, kA, &half, 4), VEL_S_OK);
-        ASSERT_EQ(velh_set(&o, kB, &half, 4), VEL_S_OK);
-        oids.push_back(o.oid);
-    }
-    ASSERT_EQ(velh_commit(con), VEL_S_OK);
-
-    // One round of writer w: 7 values `round` appended, the counter set, and
-    // w + 1 moved from a to b.
-    auto round_of = [&](vel_db_connection_h c, int w, int32_t round) {
-        vel_objhandle_t own, shared;
-        VEL_RET r = velh_obj_open(c, cls, oids[w + 1], &own);
-        const std::vector<int32_t> v(7, round);
-        if (r == VEL_S_OK)
-            r = vel_w_seq_append_int4(&own, vals.u_offset, vals.c_offset, kVals, v.data(), 7,
-                                      VEL_SEQ_NO_ORDER, nullptr);
-        if (r == VEL_S_OK)
-            r = velh_set(&own, kRound, &round, 4);
-        int32_t a = 0, b = 0;
-        if (r == VEL_S_OK && (r = velh_obj_open(c, cls, oids[0], &shared)) == VEL_S_OK &&
-            (r = velh_get(&shared, kA, &a, 4)) == VEL_S_OK &&
-            (r = velh_get(&shared, kB, &b, 4)) == VEL_S_OK) {
-            a -= w + 1, b += w + 1;
-            if ((r = velh_set(&shared, kA, &a, 4)) == VEL_S_OK)
-                r = velh_set(&shared, kB, &b, 4);
+    // Runs body in transactions of `mode` on connection c until one commits:
+    // a conflict rolls back and tries again.
+    auto txns = [](vel_db_connection_h c, int mode,
+                   const std::function<VEL_RET(vel_db_connection_h)> &body) {
+        for (VEL_RET r = VEL_E_HOST_CONFLICT; r == VEL_E_HOST_CONFLICT; std::this_thread::yield()) {
+            ASSERT_EQ(velh_begin(c, mode), VEL_S_OK);
+            if ((r = body(c)) == VEL_S_OK)
+                ASSERT_EQ(velh_commit(c), VEL_S_OK);
+            else
+                ASSERT_TRUE(r == VEL_E_HOST_CONFLICT && velh_rollback(c) == VEL_S_OK) << r;
         }
-        return r;
     };
+    // A connection for each thread, the last for this one.
+    std::vector<vel_db_connection_h> cons(size_t(writers) + 3);
+    for (auto &c : cons)
+        ASSERT_EQ(velh_connect(db, &c), VEL_S_OK);
+    std::vector<uint64_t> oids; // the shared object (a + b = 1000), then one per writer
+    txns(cons.back(), VELH_READ_WRITE, [&](vel_db_connection_h c) {
+        for (int i = 0; i <= writers; ++i) {
+            vel_objhandle_t o;
+            const int32_t half = i == 0 ? 500 : 0;
+            EXPECT_EQ(velh_obj_create(c, cls, &o), VEL_S_OK);
+            EXPECT_TRUE(velh_set(&o, kA, &half, 4) == 0 && velh_set(&o, kB, &half, 4) == 0);
+            oids.push_back(o.oid);
+        }
+        return VEL_S_OK;
+    });
+
+    // Writer w's rounds: 7 values `round` appended, the counter set, and w + 1
+    // moved from a to b.
     std::atomic<int> writers_left{writers};
     std::vector<std::thread> threads;
     for (int w = 0; w < writers; ++w)
         threads.emplace_back([&, w] {
-            vel_db_connection_h c;
-            ASSERT_EQ(velh_connect(db, &c), VEL_S_OK);
             for (int32_t round = 1; round <= rounds; ++round)
-                for (;;) {
-                    ASSERT_EQ(velh_begin(c, VELH_READ_WRITE), VEL_S_OK);
-                    const VEL_RET r = round_of(c, w, round);
-                    if (r == VEL_S_OK) {
-                        ASSERT_EQ(velh_commit(c), VEL_S_OK);
-                        break;
+                txns(cons[size_t(w)], VELH_READ_WRITE, [&](vel_db_connection_h c) {
+                    vel_objhandle_t own, shared;
+                    const std::vector<int32_t> v(7, round);
+                    VEL_RET r = velh_obj_open(c, cls, oids[w + 1], &own);
+                    if (r == VEL_S_OK)
+                        r = vel_w_seq_append_int4(&own, vals.u_offset, vals.c_offset, kVals,
+                                                  v.data(), 7, VEL_SEQ_NO_ORDER, nullptr);
+                    if (r == VEL_S_OK)
+                        r = velh_set(&own, kRound, &round, 4);
+                    if (r == VEL_S_OK && (r = velh_obj_open(c, cls, oids[0], &shared)) == 0) {
+                        const int32_t a = get(&shared, kA) - w - 1, b = get(&shared, kB) + w + 1;
+                        if ((r = velh_set(&shared, kA, &a, 4)) == VEL_S_OK)
+                            r = velh_set(&shared, kB, &b, 4);
                     }
-                    ASSERT_EQ(r, VEL_E_HOST_CONFLICT);
-                    ASSERT_EQ(velh_rollback(c), VEL_S_OK);
-                    std::this_thread::yield();
-                }
-            velh_disconnect(c);
+                    return r;
+                });
             writers_left--;
         });
+    // Readers: every snapshot whole (the balance sums up, each sequence holds
+    // exactly the rounds its counter says, its last value that round's).
     for (int rdr = 0; rdr < 2; ++rdr)
-        threads.emplace_back([&] {
-            vel_db_connection_h c;
-            ASSERT_EQ(velh_connect(db, &c), VEL_S_OK);
-            do {
-                ASSERT_EQ(velh_begin(c, VELH_READ_ONLY), VEL_S_OK);
-                vel_objhandle_t o;
-                int32_t a = 0, b = 0, round = 0;
-                ASSERT_EQ(velh_obj_open(c, cls, oids[0], &o), VEL_S_OK);
-                ASSERT_EQ(velh_get(&o, kA, &a, 4), VEL_S_OK);
-                ASSERT_EQ(velh_get(&o, kB, &b, 4), VEL_S_OK);
-                ASSERT_EQ(a + b, 1000) << "a torn snapshot";
-                for (size_t i = 1; i < oids.size(); ++i) {
-                    ASSERT_EQ(velh_obj_open(c, cls, oids[i], &o), VEL_S_OK);
-                    ASSERT_EQ(velh_get(&o, kRound, &round, 4), VEL_S_OK);
-                    velh_tree_report_t rep;
-                    ASSERT_EQ(velh_check_tree(&o, kVals, VEL_SEQ_NO_ORDER, 0, &rep), VEL_S_OK);
-                    ASSERT_TRUE(rep.ok) << rep.message;
-                    ASSERT_EQ(rep.elements, 7u * static_cast<uint64_t>(round));
-                    vel_int4 last = 0;
-                    if (round > 0) {
-                        ASSERT_EQ(vel_w_seq_last_int4(&o, vals.u_offset, vals.c_offset, &last),
-                                  VEL_S_OK);
-                        ASSERT_EQ(last, round) << "pages of another version";
+        threads.emplace_back([&, rdr] {
+            bool whole = true;
+            do
+                txns(cons[size_t(writers + rdr)], VELH_READ_ONLY, [&](vel_db_connection_h c) {
+                    vel_objhandle_t o;
+                    EXPECT_EQ(velh_obj_open(c, cls, oids[0], &o), VEL_S_OK);
+                    EXPECT_EQ(get(&o, kA) + get(&o, kB), 1000) << "a torn snapshot";
+                    for (size_t i = 1; i < oids.size(); ++i) {
+                        EXPECT_EQ(velh_obj_open(c, cls, oids[i], &o), VEL_S_OK);
+                        const int32_t round = get(&o, kRound);
+                        velh_tree_report_t rep;
+                        EXPECT_EQ(velh_check_tree(&o, kVals, VEL_SEQ_NO_ORDER, 0, &rep), 0);
+                        EXPECT_TRUE(rep.ok) << rep.message;
+                        EXPECT_EQ(rep.elements, 7u * static_cast<uint64_t>(round));
+                        vel_int4 last = 0;
+                        EXPECT_TRUE(round == 0 || (vel_w_seq_last_int4(&o, vals.u_offset,
+                                                                       vals.c_offset, &last) == 0 &&
+                                                   last == round))
+                            << "pages of another version";
                     }
-                }
-                ASSERT_EQ(velh_commit(c), VEL_S_OK);
-            } while (writers_left.load() > 0);
-            velh_disconnect(c);
+                    whole = !::testing::Test::HasFailure();
+                    return VEL_S_OK;
+                });
+            while (whole && writers_left.load() > 0);
         });
     for (auto &t : threads)
         t.join();
 
     // No update lost; once every object is gone no page is left.
-    ASSERT_EQ(velh_begin(con, VELH_READ_WRITE), VEL_S_OK);
-    vel_objhandle_t o;
-    int32_t a = 0;
-    ASSERT_EQ(velh_obj_open(con, cls, oids[0], &o), VEL_S_OK);
-    ASSERT_EQ(velh_get(&o, kA, &a, 4), VEL_S_OK);
-    EXPECT_EQ(a, 500 - rounds * writers * (writers + 1) / 2) << "a lost update";
-    for (uint64_t oid : oids) {
-        ASSERT_EQ(velh_obj_open(con, cls, oid, &o), VEL_S_OK);
-        ASSERT_EQ(velh_obj_delete(&o), VEL_S_OK);
-    }
-    ASSERT_EQ(velh_commit(con), VEL_S_OK);
+    txns(cons.back(), VELH_READ_WRITE, [&](vel_db_connection_h c) {
+        vel_objhandle_t o;
+        EXPECT_EQ(velh_obj_open(c, cls, oids[0], &o), VEL_S_OK);
+        EXPECT_EQ(get(&o, kA), 500 - rounds * writers * (writers + 1) / 2) << "a lost update";
+        for (uint64_t oid : oids)
+            EXPECT_TRUE(velh_obj_open(c, cls, oid, &o) == 0 && velh_obj_delete(&o) == 0);
+        return VEL_S_OK;
+    });
     velh_page_stats_t st;
     ASSERT_EQ(velh_page_stats(db, VELH_PM_ALL, &st), VEL_S_OK);
     EXPECT_EQ(st.live, 0u);
-    EXPECT_EQ(velh_disconnect(con), VEL_S_OK);
+    for (auto c : cons)
+        EXPECT_EQ(velh_disconnect(c), VEL_S_OK);
     EXPECT_EQ(velh_db_close(db), VEL_S_OK);
 }
 
