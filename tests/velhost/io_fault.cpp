@@ -138,19 +138,15 @@ void opened(const char *path, int flags, int fd, int64_t before) {
     }
 }
 
-void wrote(int fd, const void *b, ssize_t n, int64_t off) {
+// A write (of n bytes at b), truncation or sync end that succeeded (`ok`) on
+// the file open on fd.
+void changed(Event::Kind kind, int fd, bool ok, int64_t at, const void *b = nullptr,
+             ssize_t n = 0) {
     std::lock_guard<std::mutex> lock(mu);
-    const int64_t f = on && n > 0 ? file_of(fd) : -1;
-    if (f > 0)
-        add({Event::kWrite, uint64_t(f), uint64_t(off),
-             std::string(static_cast<const char *>(b), size_t(n))});
-}
-
-void truncated(int fd, int r, off_t n) {
-    std::lock_guard<std::mutex> lock(mu);
-    const int64_t f = on && r == 0 ? file_of(fd) : -1;
-    if (f > 0)
-        add({Event::kTruncate, uint64_t(f), uint64_t(n)});
+    const int64_t f = on && ok ? file_of(fd) : -1;
+    if (f >= 0)
+        add({kind, uint64_t(f), uint64_t(at),
+             b ? std::string(static_cast<const char *>(b), size_t(n)) : std::string()});
 }
 
 // The index of the sync's begin event, -1 when untracked.
@@ -168,23 +164,11 @@ int64_t sync_begin(int fd, bool data_only) {
     return at;
 }
 
-void synced(int fd, int r, int64_t begin) {
+// A rename (a -> b) or unlink (a) in the folder that succeeded.
+void named(Event::Kind kind, const char *a, const char *b, int r) {
     std::lock_guard<std::mutex> lock(mu);
-    const int64_t f = on && r == 0 && begin >= 0 ? file_of(fd) : -1;
-    if (f >= 0)
-        add({Event::kSyncEnd, uint64_t(f), uint64_t(begin)});
-}
-
-void renamed(const char *a, const char *b, int r) {
-    std::lock_guard<std::mutex> lock(mu);
-    if (on && r == 0 && name_in(a) && name_in(b))
-        add({Event::kRename, 0, 0, name_in(a), name_in(b), 0});
-}
-
-void unlinked(const char *path, int r) {
-    std::lock_guard<std::mutex> lock(mu);
-    if (on && r == 0 && name_in(path))
-        add({Event::kUnlink, 0, 0, name_in(path)});
+    if (on && r == 0 && name_in(a) && (b == nullptr || name_in(b)))
+        add({kind, 0, 0, name_in(a), b ? name_in(b) : "", 0});
 }
 
 } // namespace journal
@@ -211,14 +195,19 @@ using namespace io_fault::journal;
 FORWARD(kRead, ssize_t, read, (int fd, void *b, size_t n), (fd, b, n), 0, (void)0)
 FORWARD(kPread, ssize_t, pread, (int fd, void *b, size_t n, off_t o), (fd, b, n, o), 0, (void)0)
 FORWARD(kWrite, ssize_t, write, (int fd, const void *b, size_t n), (fd, b, n),
-        ::lseek(fd, 0, SEEK_CUR), wrote(fd, b, r, j))
+        ::lseek(fd, 0, SEEK_CUR), changed(Event::kWrite, fd, r > 0, j, b, r))
 FORWARD(kPwrite, ssize_t, pwrite, (int fd, const void *b, size_t n, off_t o), (fd, b, n, o), 0,
-        wrote(fd, b, r, o))
-FORWARD(kFdatasync, int, fdatasync, (int fd), (fd), sync_begin(fd, true), synced(fd, r, j))
-FORWARD(kFsync, int, fsync, (int fd), (fd), sync_begin(fd, false), synced(fd, r, j))
-FORWARD(kRename, int, rename, (const char *a, const char *b), (a, b), 0, renamed(a, b, r), noexcept)
-FORWARD(kFtruncate, int, ftruncate, (int fd, off_t n), (fd, n), 0, truncated(fd, r, n), noexcept)
-FORWARD(kOps, int, unlink, (const char *p), (p), 0, unlinked(p, r), noexcept) // never fails
+        changed(Event::kWrite, fd, r > 0, o, b, r))
+FORWARD(kFdatasync, int, fdatasync, (int fd), (fd), sync_begin(fd, true),
+        changed(Event::kSyncEnd, fd, r == 0 && j >= 0, j))
+FORWARD(kFsync, int, fsync, (int fd), (fd), sync_begin(fd, false),
+        changed(Event::kSyncEnd, fd, r == 0 && j >= 0, j))
+FORWARD(kRename, int, rename, (const char *a, const char *b), (a, b), 0,
+        named(Event::kRename, a, b, r), noexcept)
+FORWARD(kFtruncate, int, ftruncate, (int fd, off_t n), (fd, n), 0,
+        changed(Event::kTruncate, fd, r == 0, n), noexcept)
+FORWARD(kOps, int, unlink, (const char *p), (p), 0, named(Event::kUnlink, p, nullptr, r),
+        noexcept) // never fails
 
 // The mode is there only with O_CREAT or O_TMPFILE.
 extern "C" int open(const char *path, int flags, ...) {
