@@ -1,7 +1,7 @@
 // The catalogue (class and field names, declared orders) survives images
 // and log replay, definitions racing checkpoints included; refused
-// definitions change nothing; files written before
-// declared orders open with order 0; every code has a name.
+// definitions change nothing; files written before declared orders open
+// with order 0; every code has a name.
 #include <atomic>
 #include <set>
 #include <sstream>
@@ -14,23 +14,10 @@ using namespace durtest;
 
 namespace {
 
-struct FieldRow {
-    const char *name;
-    uint8_t type;
-    uint16_t width;
-    uint8_t order;
-};
-struct ClassRow {
-    const char *name;
-    uint32_t flags;
-    int pm;
-    std::vector<FieldRow> fields;
-};
-
 // Named and unnamed classes and fields, both orders, char(N) scalars and
 // sequences, both layouts and page managers, names of VELH_MAX_NAME bytes.
 const std::string kLong(VELH_MAX_NAME, 'n');
-const std::vector<ClassRow> kClasses = {
+const std::vector<ClassSpec> kClasses = {
     {"quote",
      0,
      VELH_PM_INMEM,
@@ -49,27 +36,18 @@ const std::vector<ClassRow> kClasses = {
     {kLong.c_str(), 0, VELH_PM_INMEM, {{kLong.c_str(), VEL_DD_SEQUENCE_INT4, 0, 0}}},
 };
 
-VEL_RET define(velh_db_t *db, const ClassRow &c) {
-    std::vector<velh_field_def_t> defs;
-    for (const FieldRow &f : c.fields)
-        defs.push_back({f.name, f.type, f.width, f.order});
-    uint16_t code;
-    return velh_class_define(db, c.name, defs.data(), static_cast<uint16_t>(defs.size()), c.flags,
-                             c.pm, &code);
-}
-
 // The catalogue of kClasses defined in order and then unnamed classes up to
 // n in all, each named class found by its name.
 void expect_table(velh_db_t *db, size_t n) {
     ASSERT_EQ(velh_class_count(db), n);
     for (uint16_t code = 1; code <= kClasses.size(); ++code) {
-        const ClassRow &c = kClasses[code - 1];
+        const ClassSpec &c = kClasses[code - 1];
         velh_class_info_t ci, by{};
         ASSERT_EQ(velh_class_info(db, code, &ci), VEL_S_OK);
         ASSERT_EQ(std::tuple(ci.code, std::string(ci.name), ci.flags, ci.pm, size_t(ci.n_fields)),
                   std::tuple(code, std::string(c.name), c.flags, c.pm, c.fields.size()));
         for (uint16_t k = 0; k < ci.n_fields; ++k) {
-            const FieldRow &f = c.fields[k];
+            const velh_field_def_t &f = c.fields[k];
             velh_field_info_t fi;
             ASSERT_EQ(velh_field_info(db, code, k, &fi), VEL_S_OK);
             EXPECT_EQ(
@@ -109,7 +87,7 @@ TEST(DurableImage, CatalogueRoundTripsThroughRacingCheckpoints) {
             for (const int seen = checkpoints; seen == checkpoints;)
                 std::this_thread::yield();
             ASSERT_EQ(define(a->db, i < kClasses.size() ? kClasses[i]
-                                                        : ClassRow{"", 0, VELH_PM_INMEM, {}}),
+                                                        : ClassSpec{"", 0, VELH_PM_INMEM, {}}),
                       VEL_S_OK)
                 << i;
         }
@@ -121,7 +99,7 @@ TEST(DurableImage, CatalogueRoundTripsThroughRacingCheckpoints) {
         const std::string before = read_file(log);
         // Each refused, the message naming the culprit where given; names
         // longer than VELH_MAX_NAME bytes are illegal parameters.
-        const std::pair<ClassRow, std::string> refusals[] = {
+        const std::pair<ClassSpec, std::string> refusals[] = {
             {{"quotes", 0, VELH_PM_INMEM, {}}, "quotes"},
             {{"q", 0, VELH_PM_INMEM, {{"a", VEL_DD_INT4, 0, 0}, {"a", VEL_DD_INT8, 0, 0}}},
              "named a"},
@@ -184,8 +162,8 @@ TEST(Catalogue, OldFormatsOpenWithOrderZero) {
     }
     ASSERT_EQ(velh_rollback(d->con), VEL_S_OK);
 
-    const ClassRow plain = {"plain", 0, VELH_PM_INMEM, {{"v", VEL_DD_SEQUENCE_INT4, 0, 0}}};
-    const ClassRow ordered = {
+    const ClassSpec plain = {"plain", 0, VELH_PM_INMEM, {{"v", VEL_DD_SEQUENCE_INT4, 0, 0}}};
+    const ClassSpec ordered = {
         "ordered", 0, VELH_PM_INMEM, {{"v", VEL_DD_SEQUENCE_INT4, 0, VEL_SEQ_DESC_ORDER}}};
     EXPECT_EQ(define(d->db, ordered), VEL_E_HOST_BAD_ARG);
     EXPECT_TRUE(says("format version 1")) << velh_error_message();

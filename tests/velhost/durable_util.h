@@ -30,10 +30,6 @@ struct ClassSpec {
     uint32_t flags;
     int pm;
     std::vector<velh_field_def_t> fields;
-    int ordered = -1; // the field kept in ascending order, if any
-    vel_seq_order_t order(int k) const {
-        return k == ordered ? VEL_SEQ_ASC_ORDER : VEL_SEQ_NO_ORDER;
-    }
 };
 
 // Classes 1 and 2 exist from the start; class 3 is defined after some
@@ -46,15 +42,11 @@ inline const std::vector<ClassSpec> &classes() {
           {"prices", VEL_DD_SEQUENCE_DOUBLE, 0, 0}, {"tags", VEL_DD_SEQUENCE_CHAR, 5, 0}}},
         {"series", VEL_CLASS_COMPACT, VELH_PM_ALT,
          {{"u", VEL_DD_UINT2, 0, 0}, {"vals", VEL_DD_SEQUENCE_INT4, 0, VEL_SEQ_ASC_ORDER}, {"f", VEL_DD_FLOAT, 0, 0},
-          {"small", VEL_DD_SEQUENCE_UINT1, 0, 0}, {"when", VEL_DD_SEQUENCE_DATETIME, 0, 0}}, 1},
+          {"small", VEL_DD_SEQUENCE_UINT1, 0, 0}, {"when", VEL_DD_SEQUENCE_DATETIME, 0, 0}}},
         {"late", 0, VELH_PM_INMEM,
          {{"x", VEL_DD_INT8, 0, 0}, {"s", VEL_DD_SEQUENCE_FLOAT, 0, 0}, {"c", VEL_DD_SEQUENCE_CHAR, 32, 0}}}};
     // clang-format on
     return c;
-}
-
-inline bool is_seq(uint8_t t) {
-    return t >= VEL_DD_SEQUENCE_UINT1 && t <= VEL_DD_SEQUENCE_DATETIME;
 }
 
 inline velh_config_t config(uint32_t seq_page_size = 4096, const char *log = nullptr,
@@ -148,7 +140,7 @@ inline std::string dump(const Db &d) {
             for (uint16_t k = 0; k < cs.fields.size(); ++k) {
                 const velh_field_def_t &f = cs.fields[k];
                 EXPECT_EQ(velh_field_info(d.db, code, k, &fi), VEL_S_OK);
-                if (!is_seq(f.type)) {
+                if (f.type < VEL_DD_SEQUENCE_UINT1) {
                     std::vector<uint8_t> v(fi.size);
                     EXPECT_EQ(velh_get(&obj, k, v.data(), v.size()), VEL_S_OK);
                     out += "  " + hex(v.data(), v.size()) + "\n";
@@ -161,8 +153,8 @@ inline std::string dump(const Db &d) {
                             sizeof root);
                 velrel::TreeInfo ti;
                 const velrel::Family fam = velrel::family_of(f.type, f.width);
-                EXPECT_EQ(velrel::check_tree(fam, cs.order(k), root, obj.pm->large_page_size(d.con),
-                                             false, &ti),
+                EXPECT_EQ(velrel::check_tree(fam, vel_seq_order_t(f.order), root,
+                                             obj.pm->large_page_size(d.con), false, &ti),
                           "")
                     << "class " << code << " oid " << obj.oid << " field " << k;
                 out += "  ";
@@ -190,12 +182,14 @@ inline VEL_RET load(const velh_config_t &cfg, const char *image, std::string *st
     return r;
 }
 
-// Defines classes()[c].
-inline VEL_RET define_class(velh_db_t *db, size_t c, const char *name = nullptr) {
-    const ClassSpec &s = classes()[c];
+// Defines class s (under `name` if given), or classes()[c].
+inline VEL_RET define(velh_db_t *db, const ClassSpec &s, const char *name = nullptr) {
     uint16_t code = 0;
     return velh_class_define(db, name ? name : s.name, s.fields.data(), uint16_t(s.fields.size()),
                              s.flags, s.pm, &code);
+}
+inline VEL_RET define_class(velh_db_t *db, size_t c, const char *name = nullptr) {
+    return define(db, classes()[c], name);
 }
 
 // Commits n values v appended to "ticks" of the class 1 object *oid (0: a new
@@ -311,13 +305,13 @@ class Workload {
         const velh_field_def_t &f = cs.fields[fld];
         velh_field_info_t fi;
         ASSERT_EQ(velh_field_info(t->db, code, fld, &fi), VEL_S_OK);
-        if (!is_seq(f.type)) {
+        if (f.type < VEL_DD_SEQUENCE_UINT1) {
             const std::vector<uint8_t> v = bytes(fi.size);
             EXPECT_EQ(velh_set(&obj, fld, v.data(), v.size()), VEL_S_OK);
             return;
         }
         const velrel::Family fam = velrel::family_of(f.type, f.width);
-        const vel_seq_order_t order = cs.order(fld);
+        const vel_seq_order_t order = vel_seq_order_t(f.order);
         vel_seq_no_t len = 0;
         ASSERT_EQ(vel_w_seq_count(&obj, fi.u_offset, fi.c_offset, &len), VEL_S_OK);
         if (kind == kCompact) { // the host rebuilds the tree
