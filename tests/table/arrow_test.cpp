@@ -10,7 +10,7 @@
 #include <filesystem>
 #include <random>
 
-#include "duckdb_client.h"
+#include "duck.h"
 #include "velseq.hpp"
 #include "velseq/calendar.hpp"
 #include "velseq/datetime.h"
@@ -43,46 +43,68 @@ std::string literal(const array &a, uint64_t i) {
     if (!a.valid(i))
         return "NULL";
     const unsigned char *p = a.values.data() + i * a.type.width;
-    auto get = [&](auto v) {
+    auto get = [&](auto v, const char *sql) {
         std::memcpy(&v, p, sizeof v);
-        return "(" + std::to_string(v) + ")";
+        return "(" + std::to_string(v) + ")::" + sql;
     };
-    switch (a.type.code) {
-    case VEL_DD_SEQUENCE_INT1:
-        return get(int8_t()) + "::TINYINT";
-    case VEL_DD_SEQUENCE_INT2:
-        return get(int16_t()) + "::SMALLINT";
-    case VEL_DD_SEQUENCE_INT4:
-        return get(int32_t()) + "::INTEGER";
-    case VEL_DD_SEQUENCE_INT8:
-        return get(int64_t()) + "::BIGINT";
-    case VEL_DD_SEQUENCE_UINT1:
-        return get(uint8_t()) + "::UTINYINT";
-    case VEL_DD_SEQUENCE_UINT2:
-        return get(uint16_t()) + "::USMALLINT";
-    case VEL_DD_SEQUENCE_UINT4:
-        return get(uint32_t()) + "::UINTEGER";
-    case VEL_DD_SEQUENCE_UINT8:
-        return get(uint64_t()) + "::UBIGINT";
-    case VEL_DD_SEQUENCE_FLOAT:
-        return get(float()) + "::REAL";
-    case VEL_DD_SEQUENCE_DOUBLE:
-        return get(double()) + "::DOUBLE";
-    case VEL_DD_SEQUENCE_DATETIME: {
+    const unsigned c = a.type.code;
+    if (c == VEL_DD_SEQUENCE_DATETIME) {
         uint64_t v;
         std::memcpy(&v, p, 8);
         return "make_timestamp_ns(" + std::to_string(vel_dt_to_ns(v)) + ")";
     }
-    default: {
+    if (c == VEL_DD_SEQUENCE_CHAR) {
         std::string s(reinterpret_cast<const char *>(p), a.type.width);
-        s.erase(s.find_last_not_of('\0') + 1);
-        return "'" + s + "'";
+        return "'" + s.erase(s.find_last_not_of('\0') + 1) + "'";
     }
+    return c == VEL_DD_SEQUENCE_INT1    ? get(int8_t(), "TINYINT")
+           : c == VEL_DD_SEQUENCE_INT2  ? get(int16_t(), "SMALLINT")
+           : c == VEL_DD_SEQUENCE_INT4  ? get(int32_t(), "INTEGER")
+           : c == VEL_DD_SEQUENCE_INT8  ? get(int64_t(), "BIGINT")
+           : c == VEL_DD_SEQUENCE_UINT1 ? get(uint8_t(), "UTINYINT")
+           : c == VEL_DD_SEQUENCE_UINT2 ? get(uint16_t(), "USMALLINT")
+           : c == VEL_DD_SEQUENCE_UINT4 ? get(uint32_t(), "UINTEGER")
+           : c == VEL_DD_SEQUENCE_UINT8 ? get(uint64_t(), "UBIGINT")
+           : c == VEL_DD_SEQUENCE_FLOAT ? get(float(), "REAL")
+                                        : get(double(), "DOUBLE");
+}
+
+// DuckDB's library as velseq loads it (from $VELSEQ_DUCKDB, by default where
+// scripts/fetch-duckdb.sh puts it), or nullptr when it does not load.
+const table::duck_api *duckdb_or_null() {
+    setenv("VELSEQ_DUCKDB", VELSEQ_DUCKDB_DEFAULT, 0);
+    try {
+        return &table::duckdb();
+    } catch (const error &) {
+        return nullptr;
     }
 }
 
+// An in-memory database; rows() answers a query as text cells, "NULL" for
+// null, one row per line and cells split by '|'.
+struct client : table::duck {
+    std::string rows(const std::string &sql) {
+        table::duck_result r{};
+        const std::string text = "SELECT COLUMNS(*)::VARCHAR FROM (" + sql + ")";
+        if (api.query(con, text.c_str(), &r) != 0) {
+            const std::string m = api.result_error(&r);
+            api.destroy_result(&r);
+            throw std::runtime_error("duckdb: " + m + "\n" + sql);
+        }
+        std::string out;
+        for (uint64_t row = 0, n = api.row_count(&r); row < n; row++)
+            for (uint64_t col = 0, m = api.column_count(&r); col < m; col++) {
+                char *cell = api.value_varchar(&r, col, row); // nullptr: null
+                out.append(cell != nullptr ? cell : "NULL").append(col + 1 < m ? "|" : "\n");
+                api.free(cell);
+            }
+        api.destroy_result(&r);
+        return out;
+    }
+};
+
 struct Arrow : ::testing::Test {
-    const duckdb_client::api *duck = duckdb_client::api::get();
+    const table::duck_api *duck = duckdb_or_null();
     database db{small_pages()};
     table::table_info t;
     std::vector<model_col> cols;
@@ -158,7 +180,7 @@ struct Arrow : ::testing::Test {
     }
 
     // The model as a DuckDB table.
-    void load_model(duckdb_client::db &d) {
+    void load_model(client &d) {
         std::string sql = "CREATE TABLE model AS SELECT * FROM (VALUES ";
         bool first = true;
         for (size_t o = 0; o < oids.size(); o++)
@@ -222,14 +244,14 @@ struct Arrow : ::testing::Test {
 };
 
 TEST_F(Arrow, DuckDBReadsTheStreamAsTheModelHoldsIt) {
-    duckdb_client::db d(*duck);
+    client d;
     load_model(d);
     // One leaf per batch (the pages' own values), and batches across leaves.
     for (uint32_t batch_rows : {0u, 97u}) {
         velt_export_t o = options(batch_rows);
         ArrowArrayStream s{};
         ASSERT_EQ(velt_export_arrow(db.get(), &o, &s), VEL_S_OK) << velt_error_message();
-        ASSERT_EQ(duck->arrow_scan(d.c, "e", &s), 0);
+        ASSERT_EQ(duck->arrow_scan(d.con, "e", &s), 0);
         d.run("CREATE OR REPLACE TABLE got AS SELECT * FROM e");
         s.release(&s);
         d.run("DROP VIEW e");
@@ -312,7 +334,7 @@ TEST_F(Arrow, RoundTripsKeepEveryValueInItsPosition) {
         << velt_error_message();
     EXPECT_TRUE(
         fs::exists(dir / ("oid=" + std::to_string(oids[2])) / "month=2024-02" / "data.parquet"));
-    duckdb_client::db d(*duck);
+    client d;
     load_model(d);
     const std::string files =
         "read_parquet('" + dir.string() + "/**/*.parquet', hive_partitioning=true)";

@@ -9,69 +9,15 @@
 #include <cmath>
 #include <random>
 
+#include "model.h"
 #include "velseq.hpp"
-#include "velseq/table.hpp"
 
 namespace {
 
 using namespace velseq;
 using table::array;
 
-template <class T> array array_of(const std::vector<std::optional<T>> &v, table::column_type t) {
-    array a;
-    a.type = t;
-    a.length = v.size();
-    a.values.resize(v.size() * sizeof(T));
-    for (size_t i = 0; i < v.size(); i++) {
-        if (v[i])
-            std::memcpy(a.values.data() + i * sizeof(T), &*v[i], sizeof(T));
-        else {
-            a.validity.resize((v.size() + 7) / 8, 0xFF);
-            a.validity[i / 8] &= uint8_t(~(1u << (i % 8)));
-        }
-    }
-    return a;
-}
-
-template <class T> std::vector<std::optional<T>> values_of(const array &a) {
-    std::vector<std::optional<T>> v(a.length);
-    for (size_t i = 0; i < a.length; i++)
-        if (a.valid(i)) {
-            T x;
-            std::memcpy(&x, a.values.data() + i * sizeof(T), sizeof x);
-            v[i] = x;
-        }
-    return v;
-}
-
-int code_of(const std::function<void()> &f) {
-    try {
-        f();
-    } catch (const error &e) {
-        return e.code();
-    }
-    return 0;
-}
-
-// The as-of match of probe p by binary searches over the ascending keys.
-std::optional<uint64_t> model_asof(const std::vector<int64_t> &keys, int64_t p,
-                                   const table::asof_options &opt) {
-    const auto b = opt.strict ? std::lower_bound(keys.begin(), keys.end(), p)
-                              : std::upper_bound(keys.begin(), keys.end(), p);
-    const auto f = opt.strict ? std::upper_bound(keys.begin(), keys.end(), p)
-                              : std::lower_bound(keys.begin(), keys.end(), p);
-    std::optional<uint64_t> back, fwd;
-    if (opt.dir != table::direction::forward && b != keys.begin())
-        back = uint64_t(b - keys.begin() - 1);
-    if (opt.dir != table::direction::backward && f != keys.end())
-        fwd = uint64_t(f - keys.begin());
-    std::optional<uint64_t> pick = back ? back : fwd;
-    if (back && fwd && keys[*fwd] - p < p - keys[*back])
-        pick = fwd;
-    if (pick && opt.tolerance && std::llabs(keys[*pick] - p) > *opt.tolerance)
-        pick = std::nullopt;
-    return pick;
-}
+using model::array_of, model::code_of, model::values_of;
 
 TEST(Columns, FollowAModel) {
     database db;
@@ -288,7 +234,7 @@ TEST(Columns, AsofAndGatherPaths) {
                     std::vector<std::optional<uint64_t>> model(probes.size());
                     for (size_t i = 0; i < probes.size(); i++)
                         if (probes[i])
-                            model[i] = model_asof(keys, *probes[i], opt);
+                            model[i] = model::asof(keys, *probes[i], opt);
                     EXPECT_TRUE(matches(kc, array_of(probes, kc.type), opt, model));
                     if (opt.dir != table::direction::nearest && !opt.tolerance) {
                         EXPECT_TRUE(matches(cc, array_of(cprobes, cc.type), opt, model));
@@ -331,7 +277,7 @@ TEST(Columns, AsofAndGatherPaths) {
         std::vector<std::optional<int32_t>> wantv(many.size());
         std::vector<std::optional<int64_t>> wantk(many.size());
         for (size_t i = 0; i < many.size(); i++) {
-            want[i] = model_asof(keys, many[i], topt);
+            want[i] = model::asof(keys, many[i], topt);
             wantv[i] = want[i] ? vals[*want[i]] : std::nullopt;
             wantk[i] = want[i] ? std::optional(keys[*want[i]]) : std::nullopt;
         }
@@ -350,7 +296,7 @@ TEST(Columns, AsofAndGatherPaths) {
     const auto runs_end = asof(o[k], o[k]);
     std::vector<std::optional<int32_t>> filled(vals.size());
     for (size_t i = 0; i < keys.size(); i++) {
-        ASSERT_EQ(runs_end[i], model_asof(keys, keys[i], {})) << i;
+        ASSERT_EQ(runs_end[i], model::asof(keys, keys[i], {})) << i;
         filled[i] = vals[i] ? vals[i] : i > 0 ? filled[i - 1] : std::nullopt;
     }
     EXPECT_EQ(read_filled(o[v], {0, vals.size()}), filled);
@@ -396,7 +342,7 @@ TEST(Columns, AsofByGroups) {
                                        span<const int64_t>(probes), opt, v);
         for (size_t i = 0; i < probes.size(); i++) {
             const auto at =
-                group[i] == kNoGroup ? std::nullopt : model_asof(keys[group[i]], probes[i], topt);
+                group[i] == kNoGroup ? std::nullopt : model::asof(keys[group[i]], probes[i], topt);
             ASSERT_EQ(px[i], at ? vals[group[i]][*at] : std::nullopt) << i;
         }
     }

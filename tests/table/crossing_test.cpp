@@ -5,8 +5,8 @@
 
 #include <filesystem>
 
+#include "model.h"
 #include "velseq/image.hpp"
-#include "velseq/table.hpp"
 
 namespace {
 
@@ -67,14 +67,7 @@ TEST(Crossing, ImagesKeepNamesTypesAndOrders) {
         attach(*db, s);
         return s;
     };
-    auto code = [&](auto f) {
-        try {
-            f();
-        } catch (const error &e) {
-            return e.code();
-        }
-        return 0;
-    };
+    const auto code = model::code_of;
     EXPECT_EQ(code([&] { bind("quote", order::ascending, true); }), VEL_E_HOST_WRONG_FIELD);
     EXPECT_EQ(code([&] { bind("quote", order::descending, false); }), VEL_E_HOST_WRONG_FIELD);
     EXPECT_EQ(code([&] { bind("quote", order::descending, true, "place"); }),
@@ -85,15 +78,10 @@ TEST(Crossing, ImagesKeepNamesTypesAndOrders) {
     ASSERT_EQ(velh_begin(con.get(), VELH_READ_ONLY), VEL_S_OK);
     vel_objhandle_t h{};
     ASSERT_EQ(velh_obj_open(con.get(), q.code, oid, &h), VEL_S_OK);
-    const table::array px = table::read(table::column_of(h, db->get(), q, 2), 0, 2);
-    float v[2];
-    std::memcpy(v, px.values.data(), sizeof v);
-    EXPECT_EQ(v[0], 2.5f);
-    EXPECT_EQ(v[1], 1.5f);
-    const table::array lot = table::get_scalar(h, q, 3);
-    int16_t l;
-    std::memcpy(&l, lot.values.data(), 2);
-    EXPECT_EQ(l, 100);
+    EXPECT_EQ(model::values_of<float>(table::read(table::column_of(h, db->get(), q, 2), 0, 2)),
+              (std::vector<std::optional<float>>{2.5f, 1.5f}));
+    EXPECT_EQ(model::values_of<int16_t>(table::get_scalar(h, q, 3)),
+              std::vector<std::optional<int16_t>>{100});
     velh_rollback(con.get());
     std::filesystem::remove(img);
 }

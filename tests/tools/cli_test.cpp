@@ -20,8 +20,8 @@
 #include <string>
 #include <vector>
 
+#include "model.h"
 #include "velseq/image.hpp"
-#include "velseq/table.hpp"
 
 namespace {
 
@@ -119,27 +119,16 @@ template <class T> std::string cell(const std::optional<T> &v) {
 }
 
 // count, nulls, min, max, mean, first, last of the column values [b, e).
-template <class It> std::vector<std::string> model_stats(It b, It e) {
-    uint64_t count = 0;
-    double sum = 0;
-    std::optional<typename It::value_type::value_type> lo, hi, first, last;
-    for (It i = b; i != e; ++i) {
-        if (!*i)
-            continue;
-        count++;
-        sum += double(**i);
-        lo = lo ? std::min(*lo, **i) : **i;
-        hi = hi ? std::max(*hi, **i) : **i;
-        first = first ? first : *i;
-        last = *i;
-    }
-    return {std::to_string(count),
-            std::to_string(e - b - count),
-            cell(lo),
-            cell(hi),
-            count ? cell(std::optional<double>(sum / double(count))) : "",
-            cell(first),
-            cell(last)};
+template <class T>
+std::vector<std::string> model_stats(const std::vector<std::optional<T>> &v, size_t b, size_t e) {
+    const model::summary<T> s = model::summarize(v, b, e);
+    return {std::to_string(s.count),
+            std::to_string(s.rows - s.count),
+            cell(s.min),
+            cell(s.max),
+            cell(s.mean()),
+            cell(s.first),
+            cell(s.last)};
 }
 
 // Compares a printed line with the model's cells; the mean (cell 6 in stats
@@ -204,10 +193,10 @@ TEST_F(Cli, AnswersMatchModel) {
         ASSERT_EQ(r.code, 0) << r.err;
         const std::vector<std::string> got = split(r.out, '\n');
         ASSERT_EQ(got.size(), 3u) << r.out;
-        std::vector<std::string> want = model_stats(x.begin() + p, x.begin() + q);
+        std::vector<std::string> want = model_stats(x, p, q);
         want.insert(want.begin(), {"x", "double"});
         expect_line(got[1], want);
-        want = model_stats(n.begin() + p, n.begin() + q);
+        want = model_stats(n, p, q);
         want.insert(want.begin(), {"n", "int8"});
         expect_line(got[2], want);
     }
@@ -223,7 +212,7 @@ TEST_F(Cli, AnswersMatchModel) {
         for (size_t i = 0; i < rows; line++) {
             const int64_t w = secs * VEL_DT_NS_PER_SEC, start = t[i] / w * w;
             const size_t j = lower(start + w);
-            const auto s = model_stats(x.begin() + i, x.begin() + j);
+            const auto s = model_stats(x, i, j);
             ASSERT_LT(line, got.size());
             expect_line(got[line], {iso(start), s[5], s[3], s[2], s[6], s[0], s[4]});
             i = j;
@@ -241,30 +230,24 @@ TEST_F(Cli, AnswersMatchModel) {
     for (size_t i = 0; i < probes.size(); i++)
         pcsv += iso(probes[i]) + "," + std::to_string(i) + "\n";
     file("p.csv", pcsv);
-    for (const std::string way : {"backward", "forward", "nearest"})
+    const char *const ways[] = {"backward", "forward", "nearest"};
+    for (int way = 0; way < 3; way++)
         for (const std::string tol : {"", " --tolerance 2s"}) {
-            const Result r =
-                run("asof @t.csv @p.csv --direction " + way + tol + " --format csv --cols t,x");
+            const Result r = run("asof @t.csv @p.csv --direction " + std::string(ways[way]) + tol +
+                                 " --format csv --cols t,x");
             ASSERT_EQ(r.code, 0) << r.err;
             const std::vector<std::string> got = split(r.out, '\n');
             ASSERT_EQ(got.size(), probes.size() + 1);
             EXPECT_EQ(got[0], "when,id,t,x");
+            velseq::table::asof_options opt;
+            opt.dir = velseq::table::direction(way);
+            if (!tol.empty())
+                opt.tolerance = 2 * VEL_DT_NS_PER_SEC;
             for (size_t i = 0; i < probes.size(); i++) {
-                const int64_t p = probes[i];
-                // The last row at or before p, the first at or after it.
-                const size_t up = std::upper_bound(t.begin(), t.end(), p) - t.begin();
-                const std::optional<size_t> back =
-                    up ? std::optional<size_t>(up - 1) : std::nullopt;
-                const std::optional<size_t> fwd =
-                    lower(p) < rows ? std::optional<size_t>(lower(p)) : std::nullopt;
-                std::optional<size_t> pick = way == "forward" ? fwd : back;
-                if (way == "nearest" && (!back || (fwd && t[*fwd] - p < p - t[*back])))
-                    pick = fwd;
-                if (pick && !tol.empty() && std::llabs(t[*pick] - p) > 2 * VEL_DT_NS_PER_SEC)
-                    pick.reset();
-                ASSERT_EQ(got[i + 1], iso(p) + "," + std::to_string(i) + "," +
+                const std::optional<uint64_t> pick = model::asof(t, probes[i], opt);
+                ASSERT_EQ(got[i + 1], iso(probes[i]) + "," + std::to_string(i) + "," +
                                           (pick ? iso(t[*pick]) + "," + cell(x[*pick]) : ","))
-                    << way << tol;
+                    << ways[way] << tol;
             }
         }
 }
@@ -441,24 +424,7 @@ TEST_F(Cli, AsofProbeTypesRowNumbersAndBy) {
 
 namespace tbl = velseq::table;
 
-// An array of type t (char(N): T = std::string); nullopt is a null.
-template <class T> tbl::array array_of(tbl::column_type t, const std::vector<std::optional<T>> &v) {
-    tbl::array a;
-    a.type = t;
-    a.length = v.size();
-    a.values.resize(v.size() * t.width);
-    a.validity.assign((v.size() + 7) / 8, 0);
-    for (size_t i = 0; i < v.size(); i++) {
-        if (!v[i])
-            continue;
-        a.validity[i / 8] = uint8_t(a.validity[i / 8] | 1u << (i % 8));
-        if constexpr (std::is_same_v<T, std::string>)
-            std::memcpy(a.values.data() + i * t.width, v[i]->data(), v[i]->size());
-        else
-            std::memcpy(a.values.data() + i * t.width, &*v[i], sizeof(T));
-    }
-    return a;
-}
+using model::array_of;
 
 // Tables written through the table layer, of other types and several to an
 // image, are read by the program, which chooses one with --table.  (The
@@ -482,14 +448,14 @@ TEST_F(Cli, ImagesCross) {
             {{"time", type("datetime"), VEL_SEQ_ASC_ORDER}, {"velseq.table", type("char(32)")}});
         const int64_t hour = 3600 * VEL_DT_NS_PER_SEC, day = 1704067200 * VEL_DT_NS_PER_SEC;
         const std::vector<tbl::array> rows[] = {
-            {array_of<float>(type("float"), {0.1f, std::nullopt, 2.5f, -0.25f, 7.0f}),
-             array_of<std::string>(type("char(8)"), {"a", "bb", std::nullopt, "abcdefgh", "x"}),
-             array_of<int32_t>(type("int4"), {1, 2, 2, 5, 9})},
-            {array_of<int64_t>(type("int8"), {1, 2, 3}),
-             array_of<vel_datetime>(type("datetime"),
-                                    {vel_dt_from_ns(day), vel_dt_from_ns(day + hour / 2),
-                                     vel_dt_from_ns(day + hour + 1)}),
-             array_of<double>(type("double"), {1.5, 2.5, std::nullopt})},
+            {array_of<float>({0.1f, std::nullopt, 2.5f, -0.25f, 7.0f}, type("float")),
+             array_of<std::string>({"a", "bb", std::nullopt, "abcdefgh", "x"}, type("char(8)")),
+             array_of<int32_t>({1, 2, 2, 5, 9}, type("int4"))},
+            {array_of<int64_t>({1, 2, 3}, type("int8")),
+             array_of<vel_datetime>({vel_dt_from_ns(day), vel_dt_from_ns(day + hour / 2),
+                                     vel_dt_from_ns(day + hour + 1)},
+                                    type("datetime")),
+             array_of<double>({1.5, 2.5, std::nullopt}, type("double"))},
         };
         velseq::connection con(db);
         velseq::transaction tx(con, velseq::transaction::write);
