@@ -7,9 +7,11 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 #include <string>
 #include <vector>
 
+#include "harness/env.h"
 #include "harness/families.h"
 #include "harness/tree_check.h"
 #include "seq_root.h"
@@ -17,35 +19,23 @@
 
 namespace {
 
-// A velhost database with one object whose only field is a sequence of the
-// type under test, in an open read-write transaction.
+// A database with one object whose first field is a sequence of the type
+// under test (the harness's environment), in an open read-write transaction.
 struct FieldDb {
-    velh_db_t *db = nullptr;
-    vel_db_connection_h con = nullptr;
-    vel_objhandle_t obj{};
-    velt_field_t field{};
-    uint16_t cls = 0;
+    VEL_RET rc = VEL_S_OK;
+    std::unique_ptr<velrel::Env> env;
+    velh_db_t *db;
+    vel_db_connection_h con;
+    vel_objhandle_t &obj;
+    uint16_t cls;
+    velt_field_t field;
 
-    FieldDb(velt_type_t type, vel_seq_order_t order, uint32_t page_size) {
-        velh_config_t cfg;
-        velh_config_init(&cfg);
-        cfg.seq_page_size = page_size;
-        EXPECT_EQ(velh_db_open(&cfg, &db), VEL_S_OK);
-        const velh_field_def_t def{
-            "v", velt_sequence_code(type),
-            static_cast<uint16_t>(type.elem_type == VEL_DD_CHAR ? type.elem_size : 0), 0};
-        EXPECT_EQ(velh_class_define(db, "c", &def, 1, 0, VELH_PM_INMEM, &cls), VEL_S_OK);
-        velh_field_info_t fi{};
-        EXPECT_EQ(velh_field_info(db, cls, 0, &fi), VEL_S_OK);
-        EXPECT_EQ(velh_connect(db, &con), VEL_S_OK);
-        EXPECT_EQ(velh_begin(con, VELH_READ_WRITE), VEL_S_OK);
-        EXPECT_EQ(velh_obj_create(con, cls, &obj), VEL_S_OK);
-        field = {fi.u_offset, fi.c_offset, fi.fld_no, type, order};
-    }
-    ~FieldDb() {
-        velh_disconnect(con);
-        velh_db_close(db);
-    }
+    FieldDb(velt_type_t type, vel_seq_order_t order, uint32_t page_size)
+        : env(velrel::Env::open({int32_t(page_size)},
+                                {{velrel::family_of(type.elem_type, type.elem_size), order}}, &rc)),
+          db(env->db()), con(env->con()), obj(*env->obj()),
+          cls(env->class_code()), field{env->loc(0).u, env->loc(0).c, env->loc(0).fld_no, type,
+                                        order} {}
 
     // Appends n values of the field's type (nulls: a bitmap or nullptr).
     void append(const void *vals, uint64_t n, const vel_bitmap_word_t *nulls = nullptr) {
@@ -63,11 +53,7 @@ struct FieldDb {
     }
     // Commits and reopens the object: its pages are shared with the
     // committed version until written.
-    void commit_and_reopen() {
-        ASSERT_EQ(velh_commit(con), VEL_S_OK);
-        ASSERT_EQ(velh_begin(con, VELH_READ_WRITE), VEL_S_OK);
-        ASSERT_EQ(velh_obj_open(con, cls, obj.oid, &obj), VEL_S_OK);
-    }
+    void commit_and_reopen() { ASSERT_EQ(env->commit_and_begin(), VEL_S_OK); }
     // The statistics, which must agree with the host's own check of the tree.
     velt_tree_stats_t stats() {
         velt_tree_stats_t st;
