@@ -1,18 +1,16 @@
 // Tables out through the Arrow C stream and Parquet, read by a consumer
 // written elsewhere (DuckDB's C library), and back in: a random table of
-// every element type with nulls is kept as a model, DuckDB's copy of what
-// was exported must equal the model row for row, DuckDB's aggregates over it
-// must equal velseq's own, and every round trip must give the same values
-// in the same positions.  Skipped, saying why, without DuckDB's library.
+// every element type with nulls is kept as a model, the Parquet files that
+// DuckDB writes from the exported stream must hold the model row for row,
+// and every round trip must give the same values in the same positions.
+// Skipped, saying why, without DuckDB's library.
 #include <gtest/gtest.h>
 
-#include <charconv>
 #include <filesystem>
 #include <random>
 
 #include "duck.h"
 #include "velseq.hpp"
-#include "velseq/calendar.hpp"
 #include "velseq/datetime.h"
 #include "velseq/table.hpp"
 
@@ -242,60 +240,6 @@ struct Arrow : ::testing::Test {
         return o;
     }
 };
-
-TEST_F(Arrow, DuckDBReadsTheStreamAsTheModelHoldsIt) {
-    client d;
-    load_model(d);
-    // One leaf per batch (the pages' own values), and batches across leaves.
-    for (uint32_t batch_rows : {0u, 97u}) {
-        velt_export_t o = options(batch_rows);
-        ArrowArrayStream s{};
-        ASSERT_EQ(velt_export_arrow(db.get(), &o, &s), VEL_S_OK) << velt_error_message();
-        ASSERT_EQ(duck->arrow_scan(d.con, "e", &s), 0);
-        d.run("CREATE OR REPLACE TABLE got AS SELECT * FROM e");
-        s.release(&s);
-        d.run("DROP VIEW e");
-        EXPECT_EQ(d.rows("SELECT count(*) FROM got"), d.rows("SELECT count(*) FROM model"));
-        EXPECT_EQ(d.rows("SELECT * FROM got EXCEPT ALL SELECT * FROM model"), "") << batch_rows;
-        EXPECT_EQ(d.rows("SELECT * FROM model EXCEPT ALL SELECT * FROM got"), "") << batch_rows;
-    }
-    // Count, min and max (and sum of floats) of every number column per
-    // object and month, velseq's and DuckDB's, as doubles to the bit.
-    for (size_t c = 1; c + 1 < cols.size(); c++) {
-        const std::string name = cols[c].def.name;
-        const bool floats = name == "c_float" || name == "c_double";
-        std::vector<std::string> ks = {"count", "min", "max"};
-        if (floats)
-            ks.push_back("sum");
-        std::string ours, sql = "SELECT oid, strftime(time, '%Y-%m')";
-        for (const std::string &k : ks)
-            sql += ", printf('%.17g', " + k + "(" + name + ")::DOUBLE)";
-        for (size_t o = 0; o < oids.size(); o++) {
-            connection con(db);
-            ASSERT_EQ(velh_begin(con.get(), VELH_READ_ONLY), VEL_S_OK);
-            vel_objhandle_t h{};
-            ASSERT_EQ(velh_obj_open(con.get(), t.code, oids[o], &h), VEL_S_OK);
-            const table::buckets b = table::resample(table::column_of(h, db.get(), t, 0),
-                                                     table::column_of(h, db.get(), t, uint16_t(c)),
-                                                     calendar::months(), std::nullopt, ks);
-            for (uint64_t k = 0; k < b.start.length; k++) {
-                char month[40], num[40];
-                vel_datetime s;
-                std::memcpy(&s, b.start.values.data() + k * 8, 8);
-                vel_dt_format(s, month, sizeof month);
-                ours += std::to_string(oids[o]) + "|" + std::string(month, 7);
-                for (const array &a : b.answers) {
-                    // "(value)::TYPE" read back as the double nearest it
-                    std::snprintf(num, sizeof num, "%.17g",
-                                  std::strtod(literal(a, k).c_str() + 1, nullptr));
-                    ours += std::string("|") + (a.valid(k) ? num : "NULL");
-                }
-                ours += "\n";
-            }
-        }
-        EXPECT_EQ(d.rows(sql + " FROM got GROUP BY ALL ORDER BY ALL"), ours) << name;
-    }
-}
 
 TEST_F(Arrow, RoundTripsKeepEveryValueInItsPosition) {
     // Arrow: the default export (utf8 text, times with their zone) into a
