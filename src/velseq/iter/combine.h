@@ -224,19 +224,6 @@ VEL_RET map_setup(const E &e, vel_objhandle_h obj, vel_offs32_t fld_u_offset,
     return VEL_S_OK;
 }
 
-// No null bit set among a leaf's `user` values (the bits above them may be
-// stale).
-inline bool leaf_without_nulls(vel_seq_page_t *leaf, int32_t page_size, uint64_t capacity) {
-    const vel_bitmap_word_t *mask = leaf_nulls(leaf, page_size, capacity);
-    const uint64_t n = leaf->hdr.user;
-    vel_bitmap_word_t any = 0;
-    for (uint64_t w = 0; w < n / 64; w++)
-        any |= mask[w];
-    if (n % 64 != 0)
-        any |= mask[n / 64] & ((vel_bitmap_word_t{1} << (n % 64)) - 1);
-    return any == 0;
-}
-
 // One map tile: the field's values (and null bits) at the positions of the
 // positions iterator's next tile, in its order.  The leaf in hand serves
 // every following position inside it; any other position descends from the
@@ -347,7 +334,8 @@ template <class E> VEL_RET map_next(const E &e, vel_seq_iterator_h iterator) {
                 finger.prefetch_next_leaf(page_size);
             // Positions near each other (not batched) read many values of
             // one leaf: a leaf without a null spares them the bit each.
-            clean = !found[i] && leaf_without_nulls(leaf, page_size, capacity);
+            clean = !found[i] && !vel_seq_bitmap_contains_nulls(
+                                     leaf_nulls(leaf, page_size, capacity), leaf->hdr.user);
         }
         const uint64_t idx = next_pos - prev_page_pos;
         std::memcpy(iterator->tile.u.arr_char + i * size, page_value(leaf, size, idx), size);
