@@ -51,7 +51,7 @@ template <class T> const byte *as_bytes(const T &v) { return reinterpret_cast<co
     extern "C" VEL_SEQ_API VEL_RET vel_w_seq_store_##S(                                            \
         vel_objhandle_h obj, vel_offs32_t fld_u_offset, vel_offs32_t fld_c_offset,                 \
         uint16_t fld_no, vel_seq_iterator_h src, vel_seq_order_t order) {                          \
-        return store_batched(Elem_##S{}, obj, fld_u_offset, fld_c_offset, src, order,              \
+        return store_batched(Elem_##S{}, obj, fld_u_offset, fld_c_offset, fld_no, src, order,      \
                              [&](const char *vals, vel_size_t n, const vel_bitmap_word_t *nulls) { \
                                  return vel_w_seq_append_##S(                                      \
                                      obj, fld_u_offset, fld_c_offset, fld_no,                      \

@@ -5,12 +5,14 @@
 
 #include <algorithm>
 #include <cstring>
+#include <iterator>
 #include <type_traits>
 
 #include "common/trap.h"
 #include "iter/batch.h"
 #include "iter/iter_internal.h"
 #include "iter/search.h"
+#include "storage/append.h"
 #include "storage/bitmap.h"
 #include "storage/field_root.h"
 #include "storage/page_format.h"
@@ -57,6 +59,46 @@ inline uint64_t whole_tiles_in_leaf(vel_seq_iterator_h src, uint64_t room) {
     return k / VEL_SEQ_TILE_SIZE * VEL_SEQ_TILE_SIZE;
 }
 
+// A run of values that a store hands to append: lent by a leaf of the
+// source scan, or copied from tiles into the store's own buffer; the null
+// bits go with them.
+struct StoreRun {
+    const byte *vals;
+    const vel_bitmap_word_t *nulls;
+    int nulls_offs;
+    int n;
+};
+
+// Append's values as a list of non-empty runs, read in order.
+template <class E> struct RunValues {
+    const E &e;
+    const StoreRun *run; // the current run
+    int taken;           // values of *run already appended
+
+    const byte *first() const { return run->vals + static_cast<size_t>(taken) * e.size(); }
+    void put(vel_seq_page_t *pg, vel_bitmap_word_t *mask, int at, int n) const {
+        const StoreRun *r = run;
+        for (int t = taken; n > 0; r++, t = 0) {
+            const int k = std::min(n, r->n - t);
+            put_values(e, pg, mask, at, r->vals + static_cast<size_t>(t) * e.size(), k, r->nulls,
+                       r->nulls_offs + t);
+            at += k;
+            n -= k;
+        }
+    }
+    void advance(vel_size_t n) {
+        for (auto left = static_cast<int>(n); left > 0;) {
+            const int k = std::min(left, run->n - taken);
+            left -= k;
+            taken += k;
+            if (taken == run->n) {
+                run++;
+                taken = 0;
+            }
+        }
+    }
+};
+
 // store_iter for the scalar families, with the same outcome tile by tile,
 // but tiles that append could take gathered and appended 8192 values at a
 // time: one root update and whole leaves filled per batch instead of one
@@ -74,21 +116,27 @@ inline uint64_t whole_tiles_in_leaf(vel_seq_iterator_h src, uint64_t room) {
 // that append's checks cannot foresee (no memory, a write access refused)
 // can leave a batch's tiles out where one append per tile would have kept
 // those before the failing one.
+//
+// Into a field without order (append checks nothing then) the whole tiles
+// that the scan's current leaf still holds are not copied at all: the leaf
+// lends them, and the batch's append copies them straight into the target's
+// leaves.  The source's pages stay as they are until then, since the
+// append writes only pages of the target's right edge and new ones.
 template <class E, class Append>
 VEL_RET store_batched(const E &e, vel_objhandle_h obj, vel_offs32_t fld_u_offset,
-                      vel_offs32_t fld_c_offset, vel_seq_iterator_h src, vel_seq_order_t order,
-                      Append append) {
+                      vel_offs32_t fld_c_offset, uint16_t fld_no, vel_seq_iterator_h src,
+                      vel_seq_order_t order, Append append) {
     using T = typename E::value_type;
     if (src->next != vel_seq_next_tile ||
         (order != VEL_SEQ_NO_ORDER && std::is_floating_point_v<T>))
         return store_iter(src, append);
+    const int32_t page_size = page_size_of(obj->con, obj->pm);
     {
         vel_seq_page_t *pg = nullptr;
         VEL_RET rc = vel_seq_get_root(obj, fld_u_offset, fld_c_offset, &pg);
         if (rc != VEL_S_OK)
             return store_iter(src, append);
         const vel_seq_page_t *src_root = iter_ctx(src)->stack[0].page;
-        const int32_t page_size = page_size_of(obj->con, obj->pm);
         for (int level = 0; pg != nullptr && level <= kMaxLevel; level++) {
             if (pg == src_root)
                 return store_iter(src, append);
@@ -100,38 +148,56 @@ VEL_RET store_batched(const E &e, vel_objhandle_h obj, vel_offs32_t fld_u_offset
 
     constexpr int kBatch = 64 * VEL_SEQ_TILE_SIZE;
     constexpr size_t s = sizeof(T);
-    alignas(64) byte vals[kBatch * s];
+    const bool lend = order == VEL_SEQ_NO_ORDER && src->elem_size == s;
+    alignas(64) byte vals[kBatch * s]; // tiles' values, copied
     vel_bitmap_word_t nulls[kBatch / 64] = {};
+    StoreRun runs[kBatch / VEL_SEQ_TILE_SIZE + 2];
+    int n_runs = 0;
     byte last[s] = {}; // the last value appended or batched
     bool first = true; // nothing appended yet
     int n = 0;         // values batched
+    int copied = 0;    // of them in `vals`
     auto flush = [&]() -> VEL_RET {
         if (n == 0)
             return VEL_S_OK;
-        vel_bitmap_word_t any = 0;
-        for (int w = 0; w < (n + 63) / 64; w++)
-            any |= nulls[w];
-        // No null: no bitmap, which append's leaves take as a cleared run.
-        const VEL_RET rc = append(reinterpret_cast<const char *>(vals), static_cast<vel_size_t>(n),
-                                  any != 0 ? nulls : nullptr);
-        if (any != 0)
-            std::memset(nulls, 0, sizeof nulls);
-        n = 0;
+        VEL_RET rc;
+        if (lend) {
+            VEL_WRK w;
+            vel_seq_page_t **slot = nullptr;
+            rc = vel_seq_begin_root_update(obj, fld_u_offset, fld_c_offset, fld_no, &w, &slot);
+            if (rc == VEL_S_OK) {
+                rc = append_values(e, obj->con, obj->pm, page_size, slot, RunValues<E>{e, runs, 0},
+                                   static_cast<vel_size_t>(n), order);
+                vel_seq_end_root_update(obj, &w, slot);
+            }
+        } else {
+            vel_bitmap_word_t any = 0;
+            for (int w = 0; w < (n + 63) / 64; w++)
+                any |= nulls[w];
+            // No null: no bitmap, which append's leaves take as a cleared run.
+            rc = append(reinterpret_cast<const char *>(vals), static_cast<vel_size_t>(n),
+                        any != 0 ? nulls : nullptr);
+        }
+        std::memset(nulls, 0, sizeof(vel_bitmap_word_t) * static_cast<size_t>((copied + 63) / 64));
+        n = copied = n_runs = 0;
         return rc;
     };
     for (;;) {
-        if (!first && order == VEL_SEQ_NO_ORDER && src->elem_size == s) {
-            // Whole tiles straight from the source's leaf into the batch
-            // (append takes any values then): runs that end where tiles end
-            // leave the scan where tile fills would, and the range's last
-            // tile is left to a tile fill.
+        if (!first && lend) {
+            // Runs that end where tiles end leave the scan where tile fills
+            // would, and the range's last tile is left to a tile fill.
             const uint64_t k = whole_tiles_in_leaf(src, static_cast<uint64_t>(kBatch - n));
             if (k > 0) {
-                uint64_t m = static_cast<uint64_t>(n);
-                const VEL_RET rc = fill_runs(src, reinterpret_cast<char *>(vals), nulls, m, m + k);
-                VEL_SEQ_CHECK(rc == VEL_S_OK && m == static_cast<uint64_t>(n) + k);
-                n = static_cast<int>(m);
-                if (n == kBatch) {
+                vel_seq_iterator_context_t *ctx = iter_ctx(src);
+                vel_seq_iterator_stack_item_t &top = ctx->stack[ctx->stack_size - 1];
+                const uint64_t capacity = leaf_capacity_by_size(page_size, s);
+                runs[n_runs++] = {page_value(top.page, s, static_cast<uint64_t>(top.pos)),
+                                  leaf_nulls(top.page, page_size, capacity), top.pos,
+                                  static_cast<int>(k)};
+                top.pos += static_cast<int32_t>(k);
+                src->next_seq_no += k;
+                n += static_cast<int>(k);
+                if (n == kBatch || n_runs == static_cast<int>(std::size(runs))) {
                     const VEL_RET frc = flush();
                     if (frc != VEL_S_OK)
                         return frc;
@@ -162,15 +228,23 @@ VEL_RET store_batched(const E &e, vel_objhandle_h obj, vel_offs32_t fld_u_offset
                 return rc;
             first = first && m == 0;
         } else {
-            if (n + m > kBatch) {
+            if (n + m > kBatch || n_runs == static_cast<int>(std::size(runs))) {
                 rc = flush();
                 if (rc != VEL_S_OK)
                     return rc;
             }
-            std::memcpy(vals + static_cast<size_t>(n) * s, tile, static_cast<size_t>(m) * s);
-            // The batch's bits start cleared: a tile without a null adds none.
+            byte *to = vals + static_cast<size_t>(copied) * s;
+            std::memcpy(to, tile, static_cast<size_t>(m) * s);
+            // The buffer's bits start cleared: a tile without a null adds none.
             if (vel_seq_bitmap_contains_nulls(src->tile.null_bitmap, m))
-                vel_seq_copy_bitmap(nulls, n, src->tile.null_bitmap, 0, m);
+                vel_seq_copy_bitmap(nulls, copied, src->tile.null_bitmap, 0, m);
+            // A tile right after the buffer's last run joins it.
+            if (n_runs > 0 && runs[n_runs - 1].nulls == nulls &&
+                runs[n_runs - 1].vals + static_cast<size_t>(runs[n_runs - 1].n) * s == to)
+                runs[n_runs - 1].n += m;
+            else
+                runs[n_runs++] = {to, nulls, copied, m};
+            copied += m;
             n += m;
         }
         if (m > 0)

@@ -103,11 +103,10 @@ VEL_RET vel_seq_append_page(const E &e, vel_db_connection_h con, vel_page_manage
 // from the deepest level.  The child references live in `path`, as the
 // recursion keeps them in its frames: a page made at some level replaces the
 // reference one level up.
-template <class E>
+template <class E, class V>
 VEL_RET append_turn(const E &e, vel_db_connection_h con, vel_page_manager_t *pm,
-                    vel_seq_page_t **root_page, const byte *vals, vel_size_t *n_vals_ptr,
-                    vel_seq_order_t order, const vel_bitmap_word_t *null_bitmap,
-                    int null_bitmap_offs) {
+                    vel_seq_page_t **root_page, const V &src, vel_size_t *n_vals_ptr,
+                    vel_seq_order_t order) {
     struct Level {
         vel_seq_page_t *pg;
         vel_seq_node_t *last;
@@ -118,6 +117,7 @@ VEL_RET append_turn(const E &e, vel_db_connection_h con, vel_page_manager_t *pm,
     Level path[kMaxLevel + 1];
     const auto n_vals = static_cast<int32_t>(*n_vals_ptr);
     const size_t s = e.size();
+    const byte *vals = src.first();
     vel_seq_page_t **slot = root_page;
     int level = 0;
     VEL_RET rc;
@@ -159,8 +159,7 @@ VEL_RET append_turn(const E &e, vel_db_connection_h con, vel_page_manager_t *pm,
             const auto n = static_cast<int32_t>(max_items < static_cast<uint64_t>(n_vals)
                                                     ? max_items
                                                     : static_cast<uint64_t>(n_vals));
-            put_values(e, np, leaf_nulls(np, page_size, max_items), 0, vals, n, null_bitmap,
-                       null_bitmap_offs);
+            src.put(np, leaf_nulls(np, page_size, max_items), 0, n);
             np->hdr.user = static_cast<uint16_t>(n);
             *n_vals_ptr -= static_cast<vel_size_t>(n);
             rc = VEL_S_OVERFLOW;
@@ -168,8 +167,7 @@ VEL_RET append_turn(const E &e, vel_db_connection_h con, vel_page_manager_t *pm,
         }
         const int32_t room = static_cast<int32_t>(max_items) - n_items;
         const int32_t n = room < n_vals ? room : n_vals;
-        put_values(e, pg, leaf_nulls(pg, page_size, max_items), n_items, vals, n, null_bitmap,
-                   null_bitmap_offs);
+        src.put(pg, leaf_nulls(pg, page_size, max_items), n_items, n);
         pg->hdr.user = static_cast<uint16_t>(n_items + n);
         *n_vals_ptr -= static_cast<vel_size_t>(n);
         rc = VEL_S_OK;
@@ -207,6 +205,41 @@ VEL_RET append_turn(const E &e, vel_db_connection_h con, vel_page_manager_t *pm,
     return rc;
 }
 
+// The wrapper's loop, between the opening and the closing of the root
+// update at `slot`: every value of `src` goes to the end of the field, one
+// leaf per turn.
+template <class E, class V>
+VEL_RET append_values(const E &e, vel_db_connection_h con, vel_page_manager_t *pm,
+                      int32_t page_size, vel_seq_page_t **slot, V src, vel_size_t n_vals,
+                      vel_seq_order_t order) {
+    VEL_RET rc = VEL_S_OK;
+    while (n_vals > 0) {
+        vel_seq_page_t *root_page = load_ref(slot);
+        if (root_page == nullptr) {
+            vel_size_t n = 0;
+            rc = create_root_leaf(e, con, pm, page_size, slot, src, n_vals, &n);
+            if (rc != VEL_S_OK)
+                break;
+            src.advance(n);
+            n_vals -= n;
+            continue;
+        }
+        vel_size_t n_added = n_vals;
+        const byte *first = src.first();
+        rc = append_turn(e, con, pm, &root_page, src, &n_vals, order);
+        n_added -= n_vals;
+        if (rc == VEL_S_OVERFLOW) {
+            rc = grow_root(e, con, pm, page_size, slot, root_page, n_added, first, order);
+            if (rc != VEL_S_OK)
+                break;
+        } else if (rc != VEL_S_OK) {
+            break;
+        }
+        src.advance(n_added);
+    }
+    return rc;
+}
+
 // The wrapper; each turn runs append_turn, the loop form of the family's
 // named page worker.
 template <class E>
@@ -214,12 +247,7 @@ VEL_RET vel_seq_append(const E &e, vel_objhandle_h obj, vel_offs32_t fld_u_offse
                        vel_offs32_t fld_c_offset, uint16_t fld_no, const byte *vals,
                        vel_size_t n_vals, vel_seq_order_t order,
                        const vel_bitmap_word_t *null_bitmap) {
-    vel_db_connection_h con = obj->con;
-    vel_page_manager_t *pm = obj->pm;
-    const int32_t page_size = page_size_of(con, pm);
-    const size_t s = e.size();
-    int null_bitmap_offs = 0;
-
+    const int32_t page_size = page_size_of(obj->con, obj->pm);
     VEL_WRK w;
     vel_seq_page_t **slot = nullptr;
     VEL_RET rc = vel_seq_begin_root_update(obj, fld_u_offset, fld_c_offset, fld_no, &w, &slot);
@@ -229,34 +257,8 @@ VEL_RET vel_seq_append(const E &e, vel_objhandle_h obj, vel_offs32_t fld_u_offse
     rc = check_input(e, vals, n_vals, order, null_bitmap);
     if (rc != VEL_S_OK)
         return rc;
-
-    while (n_vals > 0) {
-        vel_seq_page_t *root_page = load_ref(slot);
-        if (root_page == nullptr) {
-            vel_size_t n = 0;
-            rc = create_root_leaf(e, con, pm, page_size, slot, vals, n_vals, null_bitmap,
-                                  null_bitmap_offs, &n);
-            if (rc != VEL_S_OK)
-                break;
-            null_bitmap_offs += static_cast<int>(n);
-            n_vals -= n;
-            vals += n * s;
-            continue;
-        }
-        vel_size_t n_added = n_vals;
-        rc = append_turn(e, con, pm, &root_page, vals, &n_vals, order, null_bitmap,
-                         null_bitmap_offs);
-        n_added -= n_vals;
-        if (rc == VEL_S_OVERFLOW) {
-            rc = grow_root(e, con, pm, page_size, slot, root_page, n_added, vals, order);
-            if (rc != VEL_S_OK)
-                break;
-        } else if (rc != VEL_S_OK) {
-            break;
-        }
-        vals += n_added * s;
-        null_bitmap_offs += static_cast<int>(n_added);
-    }
+    rc = append_values(e, obj->con, obj->pm, page_size, slot,
+                       FlatValues<E>{e, vals, null_bitmap, 0}, n_vals, order);
     vel_seq_end_root_update(obj, &w, slot);
     return rc;
 }

@@ -255,8 +255,9 @@ VEL_RET vel_seq_insert(const E &e, Worker worker, vel_objhandle_h obj, vel_offs3
                 break;
             }
             vel_size_t n = 0;
-            rc = create_root_leaf(e, con, pm, page_size, slot, vals, n_vals, null_bitmap,
-                                  null_bitmap_offs, &n);
+            rc =
+                create_root_leaf(e, con, pm, page_size, slot,
+                                 FlatValues<E>{e, vals, null_bitmap, null_bitmap_offs}, n_vals, &n);
             if (rc != VEL_S_OK)
                 break;
             vals += n * s;

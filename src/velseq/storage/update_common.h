@@ -92,21 +92,41 @@ void put_values(const E &e, vel_seq_page_t *pg, vel_bitmap_word_t *mask, int at,
     vel_seq_copy_bitmap(mask, at, null_bitmap, null_bitmap_offs, n);
 }
 
+// Values handed to an update as one buffer, their null bits read from
+// `null_bitmap` at `null_bitmap_offs` (a null bitmap clears them).  Append
+// takes its values through this interface: `first` is the value at the
+// current position, `put` copies the next `n` values and bits into a leaf
+// without moving on, `advance` moves on.
+template <class E> struct FlatValues {
+    const E &e;
+    const byte *vals;
+    const vel_bitmap_word_t *null_bitmap;
+    int null_bitmap_offs;
+
+    const byte *first() const { return vals; }
+    void put(vel_seq_page_t *pg, vel_bitmap_word_t *mask, int at, int n) const {
+        put_values(e, pg, mask, at, vals, n, null_bitmap, null_bitmap_offs);
+    }
+    void advance(vel_size_t n) {
+        vals += n * e.size();
+        null_bitmap_offs += static_cast<int>(n);
+    }
+};
+
 // Empty field: a leaf becomes the root, holding the first min(n_vals,
-// capacity) values.  Returns the count stored in *n, or the creation error.
-template <class E>
+// capacity) values of `src`.  Returns the count stored in *n, or the
+// creation error.
+template <class E, class V>
 VEL_RET create_root_leaf(const E &e, vel_db_connection_h con, vel_page_manager_t *pm,
-                         int32_t page_size, vel_seq_page_t **slot, const byte *vals,
-                         vel_size_t n_vals, const vel_bitmap_word_t *null_bitmap,
-                         int null_bitmap_offs, vel_size_t *n) {
+                         int32_t page_size, vel_seq_page_t **slot, const V &src, vel_size_t n_vals,
+                         vel_size_t *n) {
     vel_seq_page_t *leaf = nullptr;
     VEL_RET rc = vel_seq_create_page(con, pm, &leaf, slot, kLeafPage);
     if (rc != VEL_S_OK)
         return rc;
     uint64_t cap = e.leaf_capacity(page_size);
     *n = n_vals < cap ? n_vals : cap;
-    put_values(e, leaf, leaf_nulls(leaf, page_size, cap), 0, vals, static_cast<int>(*n),
-               null_bitmap, null_bitmap_offs);
+    src.put(leaf, leaf_nulls(leaf, page_size, cap), 0, static_cast<int>(*n));
     leaf->hdr.user = static_cast<uint16_t>(*n);
     return VEL_S_OK;
 }
