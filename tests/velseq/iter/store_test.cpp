@@ -36,7 +36,7 @@ TEST(Store, SameAsOneAppendPerTile) {
         {"null in an ordered target", VEL_SEQ_ASC_ORDER, 5000, 0, {3000}, false},
         {"own scan", VEL_SEQ_NO_ORDER, 1000, 0, {5, 900}, true},
         {"range ending inside a leaf", VEL_SEQ_NO_ORDER, 9000, 0, {5000, 5990}, false, 128 * 47},
-        {"narrower source", VEL_SEQ_NO_ORDER, 3000, 0, {}, false, ~0ull, true},
+        {"narrower source", VEL_SEQ_NO_ORDER, 3000, 0, {70, 2500}, false, ~0ull, true},
     };
     for (uint32_t page : {512u, 8192u})
         for (const Case &c : cases) {
