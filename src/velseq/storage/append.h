@@ -250,11 +250,8 @@ VEL_RET vel_seq_append(const E &e, vel_objhandle_h obj, vel_offs32_t fld_u_offse
     const int32_t page_size = page_size_of(obj->con, obj->pm);
     VEL_WRK w;
     vel_seq_page_t **slot = nullptr;
-    VEL_RET rc = vel_seq_begin_root_update(obj, fld_u_offset, fld_c_offset, fld_no, &w, &slot);
-    if (rc != VEL_S_OK)
-        return rc;
-    // These failures leave the root update open.
-    rc = check_input(e, vals, n_vals, order, null_bitmap);
+    VEL_RET rc = begin_update(e, obj, fld_u_offset, fld_c_offset, fld_no, vals, n_vals, order,
+                              null_bitmap, &w, &slot);
     if (rc != VEL_S_OK)
         return rc;
     rc = append_values(e, obj->con, obj->pm, page_size, slot,

@@ -55,6 +55,20 @@ VEL_RET check_input(const E &e, const byte *vals, vel_size_t n_vals, vel_seq_ord
     return VEL_S_OK;
 }
 
+// Opens the root update of an append or an insert and checks its input.
+// On any failure the code is returned and the update, if it was opened,
+// stays open.
+template <class E>
+VEL_RET begin_update(const E &e, vel_objhandle_h obj, vel_offs32_t fld_u_offset,
+                     vel_offs32_t fld_c_offset, uint16_t fld_no, const byte *vals,
+                     vel_size_t n_vals, vel_seq_order_t order, const vel_bitmap_word_t *null_bitmap,
+                     VEL_WRK *w, vel_seq_page_t ***slot) {
+    const VEL_RET rc = vel_seq_begin_root_update(obj, fld_u_offset, fld_c_offset, fld_no, w, slot);
+    if (rc != VEL_S_OK)
+        return rc;
+    return check_input(e, vals, n_vals, order, null_bitmap);
+}
+
 // A new value against a stored one: succeeds only when `stored` <= `val`
 // (ascending) or >= (descending), so a NaN on either side fails.  Order
 // values other than 0, 1 and 2 always fail.
