@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <cstring>
 #include <limits>
+#include <utility>
 
 #include "harness/tree_check.h"
 #include "seq_root.h"
@@ -39,16 +40,30 @@ std::string tile_mismatch(const Family &f, const vel_seq_iterator_t &it, size_t 
 
 constexpr uint64_t kAll = ~uint64_t{0};
 
+namespace {
+using Counter = std::pair<const char *, uint64_t DriverStats::*>;
+const Counter kCounters[] = {{"ops", &DriverStats::ops},
+                             {"updates", &DriverStats::updates},
+                             {"refusals", &DriverStats::refusals},
+                             {"codes", &DriverStats::codes_checked},
+                             {"tree checks", &DriverStats::tree_checks},
+                             {"elements compared", &DriverStats::elements_compared},
+                             {"commits", &DriverStats::commits},
+                             {"rollbacks", &DriverStats::rollbacks},
+                             {"snapshot checks", &DriverStats::snapshot_checks}};
+} // namespace
+
 void DriverStats::add(const DriverStats &o) {
-    ops += o.ops;
-    updates += o.updates;
-    refusals += o.refusals;
-    codes_checked += o.codes_checked;
-    tree_checks += o.tree_checks;
-    elements_compared += o.elements_compared;
-    commits += o.commits;
-    rollbacks += o.rollbacks;
-    snapshot_checks += o.snapshot_checks;
+    for (const Counter &c : kCounters)
+        this->*c.second += o.*c.second;
+}
+
+std::string DriverStats::str() const {
+    std::string out;
+    for (const Counter &c : kCounters)
+        out += fmt("%s%s %llu", out.empty() ? "" : ", ", c.first,
+                   (unsigned long long)(this->*c.second));
+    return out;
 }
 
 std::vector<FieldSpec> driver_fields() {
@@ -89,16 +104,8 @@ struct Driver::Src {
     bool coin() { return u8() & 1; }
     // A batch size: mostly small, sometimes spanning several leaves.
     size_t size() {
-        switch (u8() & 3) {
-        case 0:
-            return below(4);
-        case 1:
-            return below(24);
-        case 2:
-            return below(200);
-        default:
-            return below(700);
-        }
+        static const uint32_t limits[] = {4, 24, 200, 700};
+        return below(limits[u8() & 3]);
     }
 };
 
@@ -148,7 +155,7 @@ void VecIter::setup(uint8_t elem_type, uint16_t elem_size) {
 
 // ---- driver ------------------------------------------------------------------
 
-Driver::Driver(Env &env, std::vector<FieldSpec> fields) : env_(env), f_(std::move(fields)) {
+Driver::Driver(Env &env) : env_(env), f_(env.fields()) {
     for (const auto &fs : f_) {
         SeqModel m;
         m.w = fs.fam.width;
@@ -181,8 +188,7 @@ bool Driver::expect_rc(const char *op, int fi, VEL_RET got, VEL_RET want) {
 
 bool Driver::root_is_leaf(int fi) {
     vel_seq_page_t *root = nullptr;
-    const FieldLoc &l = env_.loc(fi);
-    if (vel_seq_get_root(env_.obj(), l.u, l.c, &root) != VEL_S_OK || !root)
+    if (env_.field(fi).root(&root) != VEL_S_OK || !root)
         return false;
     return (root->hdr.kind & 15) == 3;
 }
@@ -192,31 +198,21 @@ bool Driver::check_field(int fi, vel_objhandle_h obj, const SeqModel &m, bool tr
     const FieldSpec &fs = f_[fi];
     const FieldLoc &l = env_.loc(fi);
     if (tree) {
-        vel_seq_page_t *root = nullptr;
-        VEL_RET rc = vel_seq_get_root(obj, l.u, l.c, &root);
-        if (rc != VEL_S_OK)
-            return expect_rc("root fetch", fi, rc, VEL_S_OK);
         TreeInfo ti;
-        std::string e = check_tree(fs.fam, fs.order, root, env_.page_size(), m.keys_exact, &ti);
+        std::string e = env_.field(fi, obj).check(m.keys_exact, &ti);
         ++st_.tree_checks;
         if (!e.empty())
             return fail("tree check: " + e);
         // The host's own checker also sees the reference counts.
         velh_tree_report_t rep{};
-        rc = velh_check_tree(obj, l.fld_no, fs.order, m.keys_exact, &rep);
+        VEL_RET rc = velh_check_tree(obj, l.fld_no, fs.order, m.keys_exact, &rep);
         if (rc != VEL_S_OK || !rep.ok || rep.elements != m.size())
             return fail(std::string("host tree check on field ") + std::to_string(fi) + ": " +
                         rep.message + " (code " + std::to_string(rc) + ", elements " +
                         std::to_string(rep.elements) + ")");
-        if (ti.content.size() != m.size())
-            return fail(fmt("field %d (%s): tree holds %zu elements, model %zu", fi, fs.fam.name,
-                            ti.content.size(), m.size()));
-        for (size_t i = 0; i < m.size(); ++i)
-            if (std::memcmp(ti.content.at(i), m.at(i), m.w) != 0 ||
-                ti.content.nulls[i] != m.nulls[i])
-                return fail(fmt("field %d (%s) element %zu: stored %s null=%d, model %s null=%d",
-                                fi, fs.fam.name, i, show(fs.fam, ti.content.at(i)).c_str(),
-                                ti.content.nulls[i], show(fs.fam, m.at(i)).c_str(), m.nulls[i]));
+        if (!(ti.content == m))
+            return fail(fmt("field %d (%s): stored values or null flags differ from the model", fi,
+                            fs.fam.name));
         st_.elements_compared += m.size();
     }
     vel_seq_no_t cnt = 12345;
@@ -358,9 +354,8 @@ bool Driver::op_append(Src &s) {
     if (with_nulls)
         nb = gen_nulls(n, s, ordered ? 1 : 3);
     const vel_bitmap_word_t *nbp = with_nulls ? nb.data() : nullptr;
-    const FieldLoc &l = env_.loc(fi);
     VEL_RET want = model_append(fs.fam, fs.order, m, v.data(), n, nbp, 0);
-    VEL_RET got = fs.fam.append(env_.obj(), l.u, l.c, l.fld_no, v.data(), n, fs.order, nbp, w);
+    VEL_RET got = env_.field(fi).append(v.data(), n, nbp);
     ++st_.updates;
     st_.refusals += want != VEL_S_OK;
     return expect_rc("append", fi, got, want) && check_field(fi, env_.obj(), m, true);
@@ -445,23 +440,12 @@ bool Driver::op_insert(Src &s) {
     // ahead of its values; only refusals are tried then.
     if (ordered && want == VEL_S_OK && n > 0 && cnt > 0 && !m.keys_exact)
         return true;
-    const FieldLoc &l = env_.loc(fi);
-    VEL_RET got = fs.fam.insert(env_.obj(), l.u, l.c, l.fld_no, pos, v.data(), n, fs.order, nbp, w);
+    VEL_RET got = env_.field(fi).insert(pos, v.data(), n, nbp);
     ++st_.updates;
     st_.refusals += want != VEL_S_OK;
-    if (got != want) {
-        std::string d = "insert at " + std::to_string(pos) + " of " + std::to_string(n) + " into " +
-                        std::to_string(cnt) + " elements, first " +
-                        (n ? show(fs.fam, v.data()) : std::string("-"));
-        if (n > 1)
-            d += ", last " + show(fs.fam, &v[(n - 1) * w]);
-        if (pos > 0 && pos <= cnt)
-            d += ", left " + show(fs.fam, m.at(pos - 1));
-        if (pos < cnt)
-            d += ", right " + show(fs.fam, m.at(pos));
-        expect_rc("insert", fi, got, want);
-        return fail(err_.substr(err_.find(": ") + 2) + " (" + d + ")");
-    }
+    if (got != want)
+        return fail(fmt("insert of %zu at %llu into %zu elements: code %d, model says %d", n,
+                        (unsigned long long)pos, cnt, (int)got, (int)want));
     if (want == VEL_S_OK && n > 0)
         m.insert(pos, v.data(), n, nbp, 0);
     return expect_rc("insert", fi, got, want) && check_field(fi, env_.obj(), m, true);
@@ -503,8 +487,7 @@ bool Driver::op_late_inserts(Src &s) {
             gen_value(fs.fam, true, s, v.data());
             null = s.below(4) == 0;
         }
-        VEL_RET got =
-            fs.fam.insert(env_.obj(), l.u, l.c, l.fld_no, pos, v.data(), 1, fs.order, &null, w);
+        VEL_RET got = env_.field(fi).insert(pos, v.data(), 1, &null);
         ++st_.updates;
         if (!expect_rc("late insert", fi, got, VEL_S_OK))
             return false;
@@ -549,24 +532,15 @@ bool Driver::op_delete(Src &s) {
     SeqModel &m = cur_[fi];
     size_t cnt = m.size();
     uint64_t from = s.below(static_cast<uint32_t>(cnt + 3));
-    uint64_t till;
-    switch (s.below(4)) {
-    case 0:
-        till = kAll;
-        break;
-    case 1:
-        till = from == 0 ? kAll : from - 1;
-        break; // inverted (or everything)
-    default:
-        till = from + s.below(static_cast<uint32_t>(cnt / 2 + 3));
-        break;
-    }
+    const uint32_t kind = s.below(4); // everything, inverted (or everything), a range
+    const uint64_t till = kind == 0   ? kAll
+                          : kind == 1 ? (from == 0 ? kAll : from - 1)
+                                      : from + s.below(static_cast<uint32_t>(cnt / 2 + 3));
     // A root leaf traps on a start more than one past its end; a taller tree
     // finds no child and deletes nothing.  Only the latter is a valid call.
     if (from > cnt && root_is_leaf(fi))
         from = cnt;
-    const FieldLoc &l = env_.loc(fi);
-    VEL_RET got = fs.fam.del(env_.obj(), l.u, l.c, l.fld_no, from, till, fs.order, fs.fam.width);
+    VEL_RET got = env_.field(fi).del(from, till);
     ++st_.updates;
     if (till >= from && from < cnt) {
         uint64_t t = std::min<uint64_t>(till, cnt - 1);
@@ -653,18 +627,10 @@ bool Driver::op_scan(Src &s) {
     const SeqModel &m = cur_[fi];
     size_t cnt = m.size();
     uint64_t from = s.below(static_cast<uint32_t>(cnt + 2));
-    uint64_t till;
-    switch (s.below(4)) {
-    case 0:
-        till = kAll;
-        break;
-    case 1:
-        till = from == 0 ? 0 : from - 1;
-        break;
-    default:
-        till = from + s.below(300);
-        break;
-    }
+    const uint32_t kind = s.below(4);
+    const uint64_t till = kind == 0   ? kAll
+                          : kind == 1 ? (from == 0 ? 0 : from - 1)
+                                      : from + s.below(300);
     bool use_snapshot = s.coin() && env_.snapshot_is_open(0);
     vel_objhandle_h obj = use_snapshot ? env_.snapshot_obj(0) : env_.obj();
     const SeqModel &mm = use_snapshot ? snap_[0][fi] : m;
@@ -675,8 +641,7 @@ bool Driver::op_scan(Src &s) {
     }
     auto it = std::make_unique<vel_seq_iterator_t>();
     std::memset(it.get(), 0x5A, sizeof *it);
-    const FieldLoc &l = env_.loc(fi);
-    VEL_RET rc = fs.fam.subseq(obj, l.u, l.c, it.get(), from, till, fs.fam.width);
+    VEL_RET rc = env_.field(fi, obj).subseq(it.get(), from, till);
     bool ok = till >= from && from < cnt;
     if (!expect_rc("subseq", fi, rc, ok ? VEL_S_OK : VEL_S_NOTFOUND))
         return false;
@@ -760,9 +725,8 @@ bool Driver::op_search(Src &s) {
     }
     auto it = std::make_unique<vel_seq_iterator_t>();
     std::memset(it.get(), 0x5A, sizeof *it);
-    const FieldLoc &l = env_.loc(fi);
-    VEL_RET rc = fs.fam.search(env_.obj(), l.u, l.c, it.get(), low, (vel_seq_boundary_kind_t)lk,
-                               high, (vel_seq_boundary_kind_t)hk, fs.order, w);
+    VEL_RET rc = env_.field(fi).search(it.get(), low, (vel_seq_boundary_kind_t)lk, high,
+                                       (vel_seq_boundary_kind_t)hk);
     if (!expect_rc("search", fi, rc, want))
         return false;
     std::string e = range_mismatch(*it, first, next, last);
@@ -779,9 +743,8 @@ bool Driver::op_search(Src &s) {
         const SeqModel &pm = cur_[pj];
         auto dst = std::make_unique<vel_seq_iterator_t>();
         std::memset(dst.get(), 0x5A, sizeof *dst);
-        const FieldLoc &pl = env_.loc(pj);
         vel_seq_iterator_t before_src = *it;
-        rc = ps.fam.project(env_.obj(), pl.u, pl.c, dst.get(), it.get(), ps.fam.width);
+        rc = env_.field(pj).project(dst.get(), it.get());
         uint64_t from = it->next_seq_no, till = it->last_seq_no;
         bool ok = till >= from && from < pm.size();
         if (!expect_rc("project", pj, rc, ok ? VEL_S_OK : VEL_S_NOTFOUND))
@@ -803,8 +766,8 @@ bool Driver::op_search(Src &s) {
 // replayed here by a positional set-up from the root.  The positions
 // descended to are found as map finds them: a position outside the leaf
 // reached last (none at the tile's start) descends.
-std::string Driver::map_stack_mismatch(const FieldSpec &fs, const FieldLoc &l,
-                                       const vel_seq_iterator_t &it, const uint64_t *p, size_t n) {
+std::string Driver::map_stack_mismatch(int fi, const vel_seq_iterator_t &it, const uint64_t *p,
+                                       size_t n) {
     auto ref = std::make_unique<vel_seq_iterator_t>();
     const auto *ctx = reinterpret_cast<const vel_seq_iterator_context_t *>(it.context);
     const auto *rctx = reinterpret_cast<const vel_seq_iterator_context_t *>(ref->context);
@@ -812,7 +775,7 @@ std::string Driver::map_stack_mismatch(const FieldSpec &fs, const FieldLoc &l,
     for (size_t t = 0; t < n; ++t) {
         if (p[t] - leaf_pos < leaf_size)
             continue;
-        if (fs.fam.subseq(env_.obj(), l.u, l.c, ref.get(), p[t], p[t], fs.fam.width) != VEL_S_OK)
+        if (env_.field(fi).subseq(ref.get(), p[t], p[t]) != VEL_S_OK)
             return "no descent to a delivered position";
         const auto &top = rctx->stack[rctx->stack_size - 1];
         leaf_pos = p[t] - static_cast<uint64_t>(top.pos);
@@ -851,8 +814,7 @@ bool Driver::op_map(Src &s) {
         pos->chunks.push_back(static_cast<uint16_t>(s.below(129)));
     auto it = std::make_unique<vel_seq_iterator_t>();
     std::memset(it.get(), 0x5A, sizeof *it);
-    const FieldLoc &l = env_.loc(fi);
-    VEL_RET rc = fs.fam.map(env_.obj(), l.u, l.c, it.get(), &pos->it, fs.fam.width);
+    VEL_RET rc = env_.field(fi).map(it.get(), &pos->it);
     if (!expect_rc("map", fi, rc, VEL_S_OK))
         return false;
     if (!pos->it.bounded)
@@ -884,7 +846,7 @@ bool Driver::op_map(Src &s) {
             for (size_t t = 0; t < want_n; ++t)
                 if (std::string e = tile_mismatch(fs.fam, *it, t, m, p[k + t]); !e.empty())
                     return fail(std::string("map of ") + fs.fam.name + " " + e);
-            if (std::string e = map_stack_mismatch(fs, l, *it, p.data() + k, want_n); !e.empty())
+            if (std::string e = map_stack_mismatch(fi, *it, p.data() + k, want_n); !e.empty())
                 return fail("map of " + std::string(fs.fam.name) + ": " + e);
             st_.elements_compared += want_n;
             k += want_n;
@@ -920,8 +882,7 @@ bool Driver::op_join(Src &s) {
         vals->chunks.push_back(static_cast<uint16_t>(1 + s.below(128)));
     auto it = std::make_unique<vel_seq_iterator_t>();
     std::memset(it.get(), 0x5A, sizeof *it);
-    const FieldLoc &l = env_.loc(fi);
-    VEL_RET rc = fs.fam.join(env_.obj(), l.u, l.c, it.get(), &vals->it, fs.order);
+    VEL_RET rc = env_.field(fi).join(it.get(), &vals->it);
     if (!expect_rc("join", fi, rc, cnt ? VEL_S_OK : VEL_S_NOTFOUND))
         return false;
     if (!vals->it.bounded)
@@ -935,8 +896,7 @@ bool Driver::op_join(Src &s) {
     std::unique_ptr<vel_seq_iterator_t> mit;
     if (mf >= 0) {
         mit = std::make_unique<vel_seq_iterator_t>();
-        const FieldLoc &ml = env_.loc(mf);
-        rc = f_[mf].fam.map(env_.obj(), ml.u, ml.c, mit.get(), it.get(), f_[mf].fam.width);
+        rc = env_.field(mf).map(mit.get(), it.get());
         if (!expect_rc("map over join", mf, rc, VEL_S_OK))
             return false;
     }
@@ -1002,7 +962,6 @@ bool Driver::op_store(Src &s) {
     if (pairs.empty())
         return true;
     auto [src, dst] = pairs[s.below(static_cast<uint32_t>(pairs.size()))];
-    const FieldSpec &ss = f_[src];
     const FieldSpec &ds = f_[dst];
     SeqModel &sm = cur_[src];
     SeqModel &dm = cur_[dst];
@@ -1010,8 +969,7 @@ bool Driver::op_store(Src &s) {
     uint64_t from = s.below(static_cast<uint32_t>(cnt + 1));
     uint64_t till = s.coin() ? kAll : from + s.below(400);
     auto it = std::make_unique<vel_seq_iterator_t>();
-    const FieldLoc &sl = env_.loc(src), &dl = env_.loc(dst);
-    VEL_RET rc = ss.fam.subseq(env_.obj(), sl.u, sl.c, it.get(), from, till, ss.fam.width);
+    VEL_RET rc = env_.field(src).subseq(it.get(), from, till);
     if (!expect_rc("subseq for store", src, rc, from < cnt ? VEL_S_OK : VEL_S_NOTFOUND))
         return false;
     std::vector<uint64_t> idx = range_idx(from, till, cnt);
@@ -1029,7 +987,7 @@ bool Driver::op_store(Src &s) {
         }
         want = model_append(ds.fam, ds.order, dm, v.data(), n, nb, 0);
     }
-    rc = ds.fam.store(env_.obj(), dl.u, dl.c, dl.fld_no, it.get(), ds.order, ds.fam.width);
+    rc = env_.field(dst).store(it.get());
     ++st_.updates;
     st_.refusals += want != VEL_S_OK;
     return expect_rc("store", dst, rc, want) && check_field(dst, env_.obj(), dm, true);

@@ -25,6 +25,7 @@ struct DriverStats {
     uint64_t rollbacks = 0;
     uint64_t snapshot_checks = 0;
     void add(const DriverStats &o);
+    std::string str() const; // "ops N, updates N, ..."
 };
 
 // The fields the driver works on: several families, all three orders.
@@ -36,7 +37,7 @@ EnvConfig config_from_byte(uint8_t b);
 
 class Driver {
   public:
-    explicit Driver(Env &env, std::vector<FieldSpec> fields);
+    explicit Driver(Env &env); // over the environment's fields
     // Runs the operations encoded in data; returns "" or a description of
     // the first mismatch (the operation number and what differed).
     std::string run(const uint8_t *data, size_t size);
@@ -68,8 +69,8 @@ class Driver {
     bool op_scan(Src &s);
     bool op_search(Src &s);
     bool op_map(Src &s);
-    std::string map_stack_mismatch(const FieldSpec &fs, const FieldLoc &l,
-                                   const vel_seq_iterator_t &it, const uint64_t *p, size_t n);
+    std::string map_stack_mismatch(int fi, const vel_seq_iterator_t &it, const uint64_t *p,
+                                   size_t n);
     bool op_join(Src &s);
     bool op_store(Src &s);
     bool op_commit(Src &s);

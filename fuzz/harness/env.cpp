@@ -5,6 +5,13 @@
 
 namespace velrel {
 
+std::string Field::check(bool keys_exact, TreeInfo *ti, int o) const {
+    vel_seq_page_t *r = nullptr;
+    if (VEL_RET rc = root(&r); rc != VEL_S_OK)
+        return "root fetch failed with " + std::to_string(rc);
+    return check_tree(s.fam, ord(o), r, page_size, keys_exact, ti);
+}
+
 Reader::Reader(Env &env) : env_(env) {
     if (velh_connect(env.db_, &con_) != VEL_S_OK)
         con_ = nullptr;
@@ -44,10 +51,13 @@ void Reader::end() {
 std::unique_ptr<Env> Env::open(const EnvConfig &cfg, const std::vector<FieldSpec> &fields,
                                VEL_RET *rc) {
     std::unique_ptr<Env> e(new Env);
+    e->fields_ = fields;
     velh_config_t hc;
     velh_config_init(&hc);
     hc.seq_page_size = static_cast<uint32_t>(cfg.seq_page_size);
     hc.concurrent_write_transactions = cfg.concurrent ? 1 : 0;
+    hc.object_page_size = cfg.object_page_size;
+    hc.additional_object_field_size = cfg.additional_object_field_size;
     if ((*rc = velh_db_open(&hc, &e->db_)) != VEL_S_OK)
         return nullptr;
     std::vector<velh_field_def_t> defs;

@@ -5,9 +5,12 @@
 #pragma once
 
 #include <memory>
+#include <string>
 #include <vector>
 
 #include "harness/families.h"
+#include "harness/tree_check.h"
+#include "seq_root.h"
 #include "velembed.h"
 
 namespace velrel {
@@ -28,6 +31,60 @@ struct EnvConfig {
     bool alt_pm = false;     // class in the second page manager
     bool concurrent = false; // concurrent_write_transactions
     int n_objects = 1;
+    uint16_t object_page_size = 4096;
+    uint16_t additional_object_field_size = 0;
+};
+
+// One field of one object with its family's calls bound to it; `o` < 0 means
+// the declared order.
+struct Field {
+    vel_objhandle_h obj;
+    const FieldSpec &s;
+    const FieldLoc &l;
+    int32_t page_size;
+    size_t w() const { return s.fam.width; }
+    vel_seq_order_t ord(int o) const { return o < 0 ? s.order : static_cast<vel_seq_order_t>(o); }
+    VEL_RET append(const void *v, size_t n, const vel_bitmap_word_t *nb = nullptr,
+                   int o = -1) const {
+        return s.fam.append(obj, l.u, l.c, l.fld_no, v, n, ord(o), nb, w());
+    }
+    VEL_RET append(const std::vector<uint8_t> &v, const vel_bitmap_word_t *nb = nullptr,
+                   int o = -1) const {
+        return append(v.data(), v.size() / w(), nb, o);
+    }
+    VEL_RET insert(uint64_t pos, const void *v, size_t n, const vel_bitmap_word_t *nb = nullptr,
+                   int o = -1) const {
+        return s.fam.insert(obj, l.u, l.c, l.fld_no, pos, v, n, ord(o), nb, w());
+    }
+    VEL_RET insert(uint64_t pos, const std::vector<uint8_t> &v,
+                   const vel_bitmap_word_t *nb = nullptr, int o = -1) const {
+        return insert(pos, v.data(), v.size() / w(), nb, o);
+    }
+    VEL_RET del(uint64_t from, uint64_t till) const {
+        return s.fam.del(obj, l.u, l.c, l.fld_no, from, till, s.order, w());
+    }
+    VEL_RET subseq(vel_seq_iterator_t *it, uint64_t from, uint64_t till) const {
+        return s.fam.subseq(obj, l.u, l.c, it, from, till, w());
+    }
+    VEL_RET search(vel_seq_iterator_t *it, const void *lo, vel_seq_boundary_kind_t lk,
+                   const void *hi, vel_seq_boundary_kind_t hk) const {
+        return s.fam.search(obj, l.u, l.c, it, lo, lk, hi, hk, s.order, w());
+    }
+    VEL_RET project(vel_seq_iterator_t *dst, vel_seq_iterator_t *src) const {
+        return s.fam.project(obj, l.u, l.c, dst, src, w());
+    }
+    VEL_RET store(vel_seq_iterator_t *src, int o = -1) const {
+        return s.fam.store(obj, l.u, l.c, l.fld_no, src, ord(o), w());
+    }
+    VEL_RET map(vel_seq_iterator_t *it, vel_seq_iterator_t *pos) const {
+        return s.fam.map(obj, l.u, l.c, it, pos, w());
+    }
+    VEL_RET join(vel_seq_iterator_t *it, vel_seq_iterator_t *with) const {
+        return s.fam.join(obj, l.u, l.c, it, with, s.order);
+    }
+    VEL_RET root(vel_seq_page_t **r) const { return vel_seq_get_root(obj, l.u, l.c, r); }
+    // The tree checker on the field's pages: "" or what is wrong.
+    std::string check(bool keys_exact, TreeInfo *ti, int o = -1) const;
 };
 
 class Env;
@@ -56,6 +113,12 @@ class Env {
     static std::unique_ptr<Env> open(const EnvConfig &cfg, const std::vector<FieldSpec> &fields,
                                      VEL_RET *rc);
     ~Env();
+
+    // Field f of `o` (the writer's first object when null).
+    Field field(int f, vel_objhandle_h o = nullptr) {
+        return {o ? o : obj(), fields_[f], locs_[f], page_size_};
+    }
+    const std::vector<FieldSpec> &fields() const { return fields_; }
 
     int32_t page_size() const { return page_size_; }
     const FieldLoc &loc(int f) const { return locs_[f]; }
@@ -87,6 +150,7 @@ class Env {
     VEL_RET open_objects();
     velh_db_t *db_ = nullptr;
     int32_t page_size_ = 0;
+    std::vector<FieldSpec> fields_;
     uint16_t class_code_ = 0, tag_fld_ = 0;
     std::vector<FieldLoc> locs_;
     vel_db_connection_h con_ = nullptr;

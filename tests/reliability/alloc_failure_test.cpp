@@ -8,7 +8,7 @@
 #include <functional>
 
 #include "harness/driver.h"
-#include "rel_util.h"
+#include "seq_fixture.h"
 
 namespace velrel {
 namespace {
@@ -20,7 +20,7 @@ const std::vector<FieldSpec> kFields = {{family_of(VEL_DD_INT4), VEL_SEQ_ASC_ORD
                                         {family_of(VEL_DD_DOUBLE), VEL_SEQ_NO_ORDER},
                                         {family_of(VEL_DD_INT4), VEL_SEQ_NO_ORDER}};
 
-Field at(Env &e, int fi) { return {e.obj(), kFields[fi], e.loc(fi)}; }
+Field at(Env &e, int fi) { return e.field(fi); }
 
 // n values from the from-th on, in runs of 7 equal ones.
 std::vector<uint8_t> run_of(int fi, int from, int n) {
@@ -64,8 +64,8 @@ const Step kSteps[] = {
          const auto lo = kth(kFields[F_ASC].fam, 10);
          VEL_RET rc;
          (void)((rc = at(e, F_NONE).subseq(it.get(), 5, 50)) == VEL_S_OK &&
-                (rc = at(e, F_ASC).search(it.get(), lo, VEL_SEQ_BOUNDARY_INCLUSIVE, lo,
-                                          VEL_SEQ_BOUNDARY_OPEN)) == VEL_S_OK &&
+                (rc = at(e, F_ASC).search(it.get(), lo.data(), VEL_SEQ_BOUNDARY_INCLUSIVE,
+                                          lo.data(), VEL_SEQ_BOUNDARY_OPEN)) == VEL_S_OK &&
                 (rc = at(e, F_NONE).project(it2.get(), it.get())) == VEL_S_OK &&
                 (rc = at(e, F_NONE).map(it.get(), &pos.it)) == VEL_S_OK &&
                 (rc = it->next(it.get())) == VEL_S_OK &&
@@ -81,7 +81,8 @@ const Step kSteps[] = {
      }},
     {"truncate", true, false,
      [](Env &e) {
-         return vel_w_seq_truncate(e.obj(), e.loc(F_CHAR).u, e.loc(F_CHAR).c, e.loc(F_CHAR).fld_no);
+         const FieldLoc &l = e.loc(F_CHAR);
+         return vel_w_seq_truncate(e.obj(), l.u, l.c, l.fld_no);
      }},
 };
 
@@ -105,32 +106,28 @@ TEST(AllocFailure, SweepEveryAllocationOfTheScenario) {
         for (uint64_t nth = 1;; ++nth) {
             SCOPED_TRACE("variant " + std::to_string(variant) + ", allocation " +
                          std::to_string(nth));
-            EnvConfig cfg;
-            cfg.seq_page_size = 256;
-            cfg.alt_pm = variant == 1;
-            VEL_RET rc;
-            auto env = Env::open(cfg, kFields, &rc);
-            ASSERT_TRUE(env) << rc;
+            auto env = must_open({.seq_page_size = 256, .alt_pm = variant == 1}, kFields);
             build_base(*env);
             if (HasFatalFailure())
                 return;
-            const std::vector<SeqModel> base = read_all(*env, kFields, true);
+            const std::vector<SeqModel> base = read_all(*env, true);
             velh_fail_page_alloc(env->db(), nth, 0);
             std::vector<SeqModel> before = base; // content before the running step
             size_t k = 0;
+            VEL_RET rc = VEL_S_OK;
             for (; k < n_steps && (rc = kSteps[k].run(*env)) == VEL_S_OK; ++k)
                 if (nth % 2 == 1)
-                    before = read_all(*env, kFields, false);
+                    before = read_all(*env, false);
             velh_fail_page_alloc(env->db(), 0, 0);
             if (k == n_steps) { // the injected failure was never reached: done
                 EXPECT_GT(nth, 10u) << "scenario allocates suspiciously few pages";
-                read_all(*env, kFields, false);
+                read_all(*env, false);
             } else {
                 ++failures[k];
                 SCOPED_TRACE(std::string("failing step: ") + kSteps[k].name);
                 EXPECT_EQ(rc, VEL_E_NOMEM);
                 if (kSteps[k].sound_after_failure)
-                    read_all(*env, kFields, false);
+                    read_all(*env, false);
                 // The failed step changed nothing (a copy refused before the
                 // module ran) or it dooms the transaction: the commit keeps
                 // the content before the step or rolls back to the base.
@@ -141,8 +138,7 @@ TEST(AllocFailure, SweepEveryAllocationOfTheScenario) {
                     kept = rc == VEL_S_OK;
                 }
                 ASSERT_EQ(env->rollback_and_begin(), VEL_S_OK);
-                EXPECT_TRUE(read_all(*env, kFields, !kept) == (kept ? before : base))
-                    << "not as committed";
+                EXPECT_TRUE(read_all(*env, !kept) == (kept ? before : base)) << "not as committed";
             }
             EXPECT_EQ(env->release_all(), VEL_S_OK);
             EXPECT_EQ(env->live_pages(), 0u);
@@ -162,28 +158,22 @@ TEST(AllocFailure, SweepEveryAllocationOfTheScenario) {
     std::printf("\n");
 }
 
-struct Trapped {};
-
 // Single inserts at one spot deepen the tree until it can grow no more and
 // the module traps before the split.  With a handler that unwinds, the
 // transaction must not commit, and nothing may outlive its release.
 TEST(AllocFailure, TrapInAnInsertDoomsItsTransaction) {
     const std::vector<FieldSpec> field = {{family_of(VEL_DD_INT4), VEL_SEQ_NO_ORDER}};
-    EnvConfig cfg;
-    cfg.seq_page_size = 128;
-    VEL_RET rc;
-    auto env = Env::open(cfg, field, &rc);
-    ASSERT_TRUE(env) << rc;
-    Field f{env->obj(), field[0], env->loc(0)};
+    auto env = must_open({.seq_page_size = 128}, field);
+    const Field f = env->field(0);
     ASSERT_EQ(f.append(run_of(F_EMPTY, 0, 2000)), VEL_S_OK);
     ASSERT_EQ(env->commit_and_begin(), VEL_S_OK);
-    const std::vector<SeqModel> base = read_all(*env, field, true);
-    velh_set_trap_handler([](int, const char *, int, void *) { throw Trapped{}; }, nullptr);
+    const std::vector<SeqModel> base = read_all(*env, true);
+    velh_set_trap_handler(throwing_trap, nullptr);
     int inserts = 0;
     try {
         for (; inserts < 1000000; ++inserts)
             ASSERT_EQ(f.insert(1000, run_of(F_EMPTY, inserts, 1)), VEL_S_OK);
-    } catch (const Trapped &) {
+    } catch (const TrapHit &) {
     }
     velh_set_trap_handler(nullptr, nullptr);
     ASSERT_LT(inserts, 1000000) << "the tree never reached its depth limit";
@@ -191,16 +181,14 @@ TEST(AllocFailure, TrapInAnInsertDoomsItsTransaction) {
     SeqModel now = base[0];
     for (int i = 0; i < inserts; ++i)
         now.insert(1000, run_of(F_EMPTY, i, 1).data(), 1, nullptr, 0);
-    vel_seq_page_t *root = nullptr;
-    ASSERT_EQ(vel_seq_get_root(env->obj(), env->loc(0).u, env->loc(0).c, &root), VEL_S_OK);
-    TreeInfo ti;
-    ASSERT_EQ(check_tree(field[0].fam, field[0].order, root, env->page_size(), true, &ti), "");
+    const TreeInfo ti = checked(f, true);
     EXPECT_EQ(ti.depth, VEL_SEQ_MAX_DEPTH);
-    EXPECT_EQ(root->hdr.user, field[0].fam.inner_capacity(env->page_size(), field[0].order));
+    EXPECT_EQ(ti.page_list[0]->hdr.user,
+              field[0].fam.inner_capacity(env->page_size(), field[0].order));
     EXPECT_TRUE(ti.content == now);
     EXPECT_EQ(env->commit_and_begin(), VEL_E_HOST_TRANS_FAILED);
     ASSERT_EQ(env->rollback_and_begin(), VEL_S_OK);
-    EXPECT_TRUE(read_all(*env, field, true) == base);
+    EXPECT_TRUE(read_all(*env, true) == base);
     EXPECT_EQ(env->release_all(), VEL_S_OK);
     EXPECT_EQ(env->live_pages(), 0u);
 }

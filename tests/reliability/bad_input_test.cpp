@@ -9,7 +9,7 @@
 #include <cstdio>
 
 #include "harness/driver.h"
-#include "rel_util.h"
+#include "seq_fixture.h"
 
 namespace velrel {
 namespace {
@@ -41,11 +41,10 @@ const Update kUpdates[] = {
 struct Ctx {
     Env &env;
     const Family &f;
-    const std::vector<FieldSpec> &fields;
     vel_seq_iterator_t it{};
     std::unique_ptr<VecIter> opd;
 
-    Field operator[](int i) { return {env.obj(), fields[i], env.loc(i)}; }
+    Field operator[](int i) { return env.field(i); }
     vel_seq_iterator_t *operand(const Family &of, std::vector<int> ks, uint8_t type, bool bound) {
         opd = std::make_unique<VecIter>();
         opd->setup(type, static_cast<uint16_t>(of.width));
@@ -87,21 +86,19 @@ TEST_P(BadInputCatalogue, EveryRefusalKeepsTheField) {
     std::vector<FieldSpec> fields;
     for (auto o : {VEL_SEQ_ASC_ORDER, VEL_SEQ_DESC_ORDER, VEL_SEQ_NO_ORDER})
         fields.push_back({f, o});
-    VEL_RET rc;
-    auto env = Env::open(EnvConfig{}, fields, &rc);
-    ASSERT_TRUE(env) << "database could not be made: " << rc;
-    Ctx c{*env, f, fields, {}, {}};
+    auto env = must_open({}, fields);
+    Ctx c{*env, f, {}, {}};
     const vel_bitmap_word_t mid_null[1] = {2};
     ASSERT_EQ(c[ASC].append(pack(f, {10, 20, 30})), VEL_S_OK);
     ASSERT_EQ(c[DESC].append(pack(f, {30, 20, 10})), VEL_S_OK);
     ASSERT_EQ(c[NONE].append(pack(f, {10, 20, 30}), mid_null), VEL_S_OK);
     ASSERT_EQ(env->commit_and_begin(), VEL_S_OK);
-    const std::vector<SeqModel> before = read_all(*env, fields, true);
+    const std::vector<SeqModel> before = read_all(*env, true);
     ASSERT_EQ(before[NONE].nulls, (std::vector<uint8_t>{0, 1, 0}));
     int checked = 0;
     auto unchanged = [&] {
         ++checked;
-        EXPECT_TRUE(read_all(*env, fields, true) == before) << "a field changed";
+        EXPECT_TRUE(read_all(*env, true) == before) << "a field changed";
         ASSERT_EQ(env->rollback_and_begin(), VEL_S_OK);
     };
 

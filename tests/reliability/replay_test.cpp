@@ -4,7 +4,7 @@
 #include <random>
 
 #include "harness/driver.h"
-#include "rel_util.h"
+#include "seq_fixture.h"
 
 namespace velrel {
 namespace {
@@ -17,23 +17,14 @@ TEST(DifferentialReplay, RandomOperationStrings) {
         std::vector<uint8_t> in(1500 + rng() % 2500);
         for (auto &b : in)
             b = static_cast<uint8_t>(rng());
-        VEL_RET rc;
-        auto env = Env::open(config_from_byte(in[0]), driver_fields(), &rc);
-        ASSERT_TRUE(env) << "database could not be made: " << rc;
-        Driver d(*env, driver_fields());
+        auto env = must_open(config_from_byte(in[0]), driver_fields());
+        Driver d(*env);
         ASSERT_EQ(d.run(in.data() + 1, in.size() - 1), "") << "seed " << seed;
         total.add(d.stats());
     }
     EXPECT_GT(total.refusals, 0u);
     EXPECT_GT(total.commits + total.rollbacks, 0u);
-    std::printf("[replay] seeds %llu, ops %llu, updates %llu, refusals %llu, codes %llu, tree "
-                "checks %llu, elements compared %llu, commits %llu, rollbacks %llu, snapshot "
-                "checks %llu\n",
-                (unsigned long long)seeds, (unsigned long long)total.ops,
-                (unsigned long long)total.updates, (unsigned long long)total.refusals,
-                (unsigned long long)total.codes_checked, (unsigned long long)total.tree_checks,
-                (unsigned long long)total.elements_compared, (unsigned long long)total.commits,
-                (unsigned long long)total.rollbacks, (unsigned long long)total.snapshot_checks);
+    std::printf("[replay] seeds %llu, %s\n", (unsigned long long)seeds, total.str().c_str());
 }
 
 } // namespace

@@ -13,7 +13,7 @@
 #include <thread>
 
 #include "harness/driver.h"
-#include "rel_util.h"
+#include "seq_fixture.h"
 
 namespace velrel {
 namespace {
@@ -22,9 +22,7 @@ TEST(SnapshotStress, HeldSnapshotsStayWholeWhileTheDriverWrites) {
     const uint64_t commits = env_u64("VELSEQ_STRESS_COMMITS", 300);
     const int n_readers = static_cast<int>(env_u64("VELSEQ_STRESS_READERS", 2));
     const std::vector<FieldSpec> fields = driver_fields();
-    VEL_RET rc;
-    auto env = Env::open(EnvConfig{}, fields, &rc);
-    ASSERT_TRUE(env) << rc;
+    auto env = must_open({}, fields);
 
     std::mutex mu;
     std::string failure;
@@ -42,10 +40,10 @@ TEST(SnapshotStress, HeldSnapshotsStayWholeWhileTheDriverWrites) {
             if (VEL_RET b = rd.begin(); b != VEL_S_OK)
                 return fail("reader begin: " + std::to_string(b));
             // Read it, then re-read it while the writer goes on.
-            const std::vector<SeqModel> first = read_all(*env, fields, false, rd.obj());
+            const std::vector<SeqModel> first = read_all(*env, false, rd.obj());
             for (int k = 0; k < 3 && !done; ++k) {
                 std::this_thread::yield();
-                if (read_all(*env, fields, false, rd.obj()) != first)
+                if (read_all(*env, false, rd.obj()) != first)
                     return fail("a snapshot changed while held");
             }
             rd.end();
@@ -64,7 +62,7 @@ TEST(SnapshotStress, HeldSnapshotsStayWholeWhileTheDriverWrites) {
         std::vector<uint8_t> in(1500 + rng() % 2500);
         for (auto &b : in)
             b = static_cast<uint8_t>(rng());
-        Driver d(*env, fields);
+        Driver d(*env);
         if (std::string e = d.run(in.data(), in.size()); !e.empty())
             fail("driver: " + e);
         total.add(d.stats());

@@ -1,99 +1,95 @@
-// A velhost database for storage and iterator tests: one class whose fields
-// are an id (field 0) and one sequence field per scalar element family, in
-// the harness's order (fields 1..11).  Traps are turned into C++
-// exceptions.  A FieldRef calls the family's exported functions on its field;
-// check_tree walks a field's tree with the harness's checker.
+// Shared by the module's tests: the differential harness's database (Env,
+// Field, the tree checker, the model), values of any family by rank, every
+// field read through the tree checker, and a trap handler that throws.
 #pragma once
 
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
-#include "harness/families.h"
+#include "harness/env.h"
 #include "harness/model.h"
 #include "harness/tree_check.h"
-#include "velembed.h"
+#include "seq_root.h"
 
-namespace vstest {
+namespace velrel {
 
-using velrel::SeqModel;
-
-// What vel_stop__ reported; thrown by the handler that SeqDb installs.
+// What the host's trap reported; thrown by throwing_trap.
 struct TrapHit {
     int code;
     std::string file;
     int line;
 };
+inline void throwing_trap(int code, const char *file, int line, void *) {
+    throw TrapHit{code, file != nullptr ? file : "", line};
+}
 
-struct FieldRef {
-    uint16_t fld_no = 0;
-    vel_offs32_t u_offset = 0;
-    vel_offs32_t c_offset = 0;
-    const velrel::Family *fam = nullptr;
+// An environment, or an exception (a test failure) naming the host's code.
+inline std::unique_ptr<Env> must_open(const EnvConfig &cfg, const std::vector<FieldSpec> &fields) {
+    VEL_RET rc;
+    auto env = Env::open(cfg, fields, &rc);
+    if (!env)
+        throw std::runtime_error("database could not be made: " + std::to_string(rc));
+    return env;
+}
 
-    VEL_RET append(vel_objhandle_h obj, const void *vals, vel_size_t n, vel_seq_order_t order,
-                   const vel_bitmap_word_t *nulls) const {
-        return fam->append(obj, u_offset, c_offset, fld_no, vals, n, order, nulls, fam->width);
+// The k-th value of a family in ascending order (k >= 0; below 128 for int1);
+// k < 0 gives NaN in float families.
+inline std::vector<uint8_t> kth(const Family &f, int k) {
+    std::vector<uint8_t> v(f.width);
+    if (f.is_char) {
+        char buf[32];
+        std::snprintf(buf, sizeof buf, "%0*d", static_cast<int>(f.width), k);
+        std::memcpy(v.data(), buf, f.width);
+    } else if (f.elem_type == VEL_DD_FLOAT) {
+        float x = k < 0 ? std::nanf("") : static_cast<float>(k);
+        std::memcpy(v.data(), &x, 4);
+    } else if (f.elem_type == VEL_DD_DOUBLE) {
+        double x = k < 0 ? std::nan("") : k;
+        std::memcpy(v.data(), &x, 8);
+    } else {
+        uint64_t x = static_cast<uint64_t>(k);
+        std::memcpy(v.data(), &x, f.width);
     }
-    VEL_RET insert(vel_objhandle_h obj, vel_seq_no_t pos, const void *vals, vel_size_t n,
-                   vel_seq_order_t order, const vel_bitmap_word_t *nulls) const {
-        return fam->insert(obj, u_offset, c_offset, fld_no, pos, vals, n, order, nulls, fam->width);
+    return v;
+}
+
+// Values k0, k1, ... packed.
+inline std::vector<uint8_t> pack(const Family &f, const std::vector<int> &ks) {
+    std::vector<uint8_t> out;
+    for (int k : ks) {
+        auto v = kth(f, k);
+        out.insert(out.end(), v.begin(), v.end());
     }
-};
+    return out;
+}
 
-struct DbOptions {
-    uint32_t seq_page_size = 4096;
-    uint16_t object_page_size = 4096;
-    uint16_t additional_object_field_size = 0;
-};
+// A field's tree, checked: a failed check is a test failure.
+inline TreeInfo checked(const Field &f, bool keys_exact, int order = -1) {
+    TreeInfo ti;
+    EXPECT_EQ(f.check(keys_exact, &ti, order), "") << "field " << f.l.fld_no;
+    return ti;
+}
 
-class SeqDb {
-  public:
-    explicit SeqDb(const DbOptions &opt = {});
-    ~SeqDb();
-    SeqDb(const SeqDb &) = delete;
-    SeqDb &operator=(const SeqDb &) = delete;
+// Every field's content, read from its pages after a tree check of each.
+// `obj`: the writer's object when null, else another connection's view of it.
+inline std::vector<SeqModel> read_all(Env &env, bool keys_exact, vel_objhandle_h obj = nullptr) {
+    std::vector<SeqModel> out;
+    for (size_t i = 0; i < env.fields().size(); ++i)
+        out.push_back(checked(env.field(static_cast<int>(i), obj), keys_exact).content);
+    return out;
+}
 
-    velh_db_t *db() const { return db_; }
-    vel_db_connection_h con() const { return con_; }
-    uint16_t class_code() const { return class_code_; }
-    const DbOptions &options() const { return opt_; }
-    // The sequence field of a family by its name ("int4", "double", ...).
-    FieldRef field(const std::string &family_name) const;
+inline uint64_t env_u64(const char *name, uint64_t dflt) {
+    const char *s = std::getenv(name);
+    return s && *s ? std::strtoull(s, nullptr, 10) : dflt;
+}
 
-    // Transactions on the fixture's own connection.
-    VEL_RET begin_write() { return velh_begin(con_, VELH_READ_WRITE); }
-    VEL_RET begin_read() { return velh_begin(con_, VELH_READ_ONLY); }
-    VEL_RET commit() { return velh_commit(con_); }
-    VEL_RET rollback() { return velh_rollback(con_); }
-
-    // A new object in the running write transaction; throws on failure.
-    vel_objhandle_t new_object();
-    // Sequence page accounting over both page managers.
-    velh_page_stats_t stats() const;
-
-  private:
-    DbOptions opt_;
-    velh_db_t *db_ = nullptr;
-    vel_db_connection_h con_ = nullptr;
-    uint16_t class_code_ = 0;
-};
-
-struct TreeReport {
-    std::string error;                   // empty when every invariant holds
-    int depth = 0;                       // levels; 0 for an empty field
-    std::vector<vel_seq_page_t *> pages; // every page, root first, depth-first
-    SeqModel contents;
-    bool ok() const { return error.empty(); }
-};
-
-// With `check_keys`, key i of an ordered inner page must equal the first value
-// of child i's subtree (true for trees built by appends only); otherwise it
-// must not lie beyond it.
-TreeReport check_tree(vel_objhandle_h obj, const FieldRef &f, vel_seq_order_t order,
-                      bool check_keys = false);
-
-// Empty when `got` holds exactly the model's elements (all bytes and flags);
-// otherwise the first difference.
-std::string diff(const SeqModel &model, const SeqModel &got);
-
-} // namespace vstest
+} // namespace velrel

@@ -14,12 +14,15 @@
 #include "storage/field_root.h"
 #include "storage/page_format.h"
 
-namespace vstest {
+namespace velrel {
 namespace {
+
+const std::vector<FieldSpec> kFields = {{family_of(VEL_DD_INT4), VEL_SEQ_NO_ORDER},
+                                        {family_of(VEL_DD_UINT8), VEL_SEQ_NO_ORDER}};
 
 TEST(Map, PagesOfOneCountButOne) {
     // Pages of 256 bytes, a root of three full level-one pages.
-    const velrel::Family fam = velrel::family_of(VEL_DD_INT4);
+    const Family fam = family_of(VEL_DD_INT4);
     const size_t leaf = fam.leaf_capacity(256),
                  fan = static_cast<size_t>(fam.inner_capacity(256, VEL_SEQ_NO_ORDER)),
                  n = leaf * fan * 3;
@@ -30,21 +33,17 @@ TEST(Map, PagesOfOneCountButOne) {
     std::mt19937 rng(7);
     for (const std::vector<size_t> &gone : cases) {
         SCOPED_TRACE(testing::Message() << "deleted at " << gone[0]);
-        SeqDb sdb{DbOptions{.seq_page_size = 256}};
-        const FieldRef f = sdb.field("int4"), p = sdb.field("uint8");
+        auto env = must_open({.seq_page_size = 256}, kFields);
+        const Field f = env->field(0), p = env->field(1);
         std::vector<int32_t> v(n);
         std::iota(v.begin(), v.end(), 0);
         std::vector<vel_bitmap_word_t> nb((n + 63) / 64, 0);
         for (size_t i = 0; i < n; i += 97)
             nb[i / 64] |= vel_bitmap_word_t{1} << (i % 64);
-        ASSERT_EQ(sdb.begin_write(), VEL_S_OK);
-        vel_objhandle_t obj = sdb.new_object();
-        ASSERT_EQ(f.append(&obj, v.data(), n, VEL_SEQ_NO_ORDER, nb.data()), VEL_S_OK);
+        ASSERT_EQ(f.append(v.data(), n, nb.data()), VEL_S_OK);
         std::vector<int32_t> model = v; // values; a value v is null when v % 97 == 0
         for (size_t k = gone.size(); k-- > 0;) {
-            ASSERT_EQ(f.fam->del(&obj, f.u_offset, f.c_offset, f.fld_no, gone[k], gone[k],
-                                 VEL_SEQ_NO_ORDER, 4),
-                      VEL_S_OK);
+            ASSERT_EQ(f.del(gone[k], gone[k]), VEL_S_OK);
             model.erase(model.begin() + static_cast<std::ptrdiff_t>(gone[k]));
         }
         std::vector<vel_uint8> pos(model.size());
@@ -52,11 +51,11 @@ TEST(Map, PagesOfOneCountButOne) {
         std::shuffle(pos.begin(), pos.end(), rng);
         // The last position opens a tile: its descent is batched for sure.
         std::swap(*std::find(pos.begin(), pos.end(), pos.size() - 1), pos[0]);
-        ASSERT_EQ(p.append(&obj, pos.data(), pos.size(), VEL_SEQ_NO_ORDER, nullptr), VEL_S_OK);
+        ASSERT_EQ(p.append(pos.data(), pos.size()), VEL_S_OK);
 
         vel_seq_iterator_t src{}, map{};
-        ASSERT_EQ(p.fam->subseq(&obj, p.u_offset, p.c_offset, &src, 0, ~0ull, 8), VEL_S_OK);
-        ASSERT_EQ(f.fam->map(&obj, f.u_offset, f.c_offset, &map, &src, 4), VEL_S_OK);
+        ASSERT_EQ(p.subseq(&src, 0, ~0ull), VEL_S_OK);
+        ASSERT_EQ(f.map(&map, &src), VEL_S_OK);
         size_t k = 0;
         VEL_RET rc;
         while ((rc = map.next(&map)) == VEL_S_OK)
@@ -70,7 +69,6 @@ TEST(Map, PagesOfOneCountButOne) {
             }
         EXPECT_EQ(rc, VEL_S_CURSOR_END);
         EXPECT_EQ(k, pos.size());
-        ASSERT_EQ(sdb.rollback(), VEL_S_OK);
     }
 }
 
@@ -78,34 +76,30 @@ TEST(Map, PagesOfOneCountButOne) {
 // last element lies past the counts, and map must refuse it as it refuses
 // any position past the end, not read it from the child.
 TEST(Map, LastCountUnderstated) {
-    SeqDb sdb{DbOptions{.seq_page_size = 256}};
-    const FieldRef f = sdb.field("int4"), p = sdb.field("uint8");
-    const size_t n = f.fam->leaf_capacity(256) * 40;
+    auto env = must_open({.seq_page_size = 256}, kFields);
+    const Field f = env->field(0), p = env->field(1);
+    const size_t n = f.s.fam.leaf_capacity(256) * 40;
     std::vector<int32_t> v(n, 1);
-    ASSERT_EQ(sdb.begin_write(), VEL_S_OK);
-    vel_objhandle_t obj = sdb.new_object();
-    ASSERT_EQ(f.append(&obj, v.data(), n, VEL_SEQ_NO_ORDER, nullptr), VEL_S_OK);
+    ASSERT_EQ(f.append(v.data(), n), VEL_S_OK);
     // Positions 0 and `at`: two far positions, so that they are batched.
     auto map_one = [&](vel_uint8 at) {
-        EXPECT_EQ(p.fam->del(&obj, p.u_offset, p.c_offset, p.fld_no, 0, ~0ull, VEL_SEQ_NO_ORDER, 8),
-                  VEL_S_OK);
+        EXPECT_EQ(p.del(0, ~0ull), VEL_S_OK);
         const vel_uint8 two[] = {0, at};
-        EXPECT_EQ(p.append(&obj, two, 2, VEL_SEQ_NO_ORDER, nullptr), VEL_S_OK);
+        EXPECT_EQ(p.append(two, 2), VEL_S_OK);
         vel_seq_iterator_t src{}, map{};
-        EXPECT_EQ(p.fam->subseq(&obj, p.u_offset, p.c_offset, &src, 0, ~0ull, 8), VEL_S_OK);
-        EXPECT_EQ(f.fam->map(&obj, f.u_offset, f.c_offset, &map, &src, 4), VEL_S_OK);
+        EXPECT_EQ(p.subseq(&src, 0, ~0ull), VEL_S_OK);
+        EXPECT_EQ(f.map(&map, &src), VEL_S_OK);
         return map.next(&map);
     };
     const VEL_RET past = map_one(n);
     EXPECT_NE(past, VEL_S_OK);
     vel_seq_page_t *root = nullptr;
-    ASSERT_EQ(vel_seq_get_root(&obj, f.u_offset, f.c_offset, &root), VEL_S_OK);
+    ASSERT_EQ(f.root(&root), VEL_S_OK);
     ASSERT_EQ(velseq::page_kind(root), velseq::kInnerPage);
     velseq::inner_entry(root, 256, root->hdr.user - 1)->count -= 1;
     EXPECT_EQ(map_one(n - 2), VEL_S_OK);
     EXPECT_EQ(map_one(n - 1), past);
-    ASSERT_EQ(sdb.rollback(), VEL_S_OK);
 }
 
 } // namespace
-} // namespace vstest
+} // namespace velrel

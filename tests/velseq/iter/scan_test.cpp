@@ -9,9 +9,8 @@
 #include "iter/iter_internal.h"
 #include "seq_fixture.h"
 
+namespace velrel {
 namespace {
-
-using vstest::SeqDb;
 
 // Everything an iterator delivers until `next` stops: values (widened),
 // tile sizes, null flags as positions in the whole scan.
@@ -45,39 +44,36 @@ std::vector<int64_t> run(std::vector<std::pair<int64_t, int>> pieces) {
     return v;
 }
 
-// Objects in creation order: A (id 3, 128 values from 1000, null at 5),
-// B (id 2, empty), C (id 1, 100 values from 5000, nulls at 10 and 50).
+// Objects in creation order, their tag the key: A (3, 128 values from 1000,
+// null at 5), B (2, empty), C (1, 100 values from 5000, nulls at 10 and 50);
+// read in a snapshot of their commit.
 class CursorScan : public ::testing::Test {
   protected:
     void SetUp() override {
-        ASSERT_EQ(db.begin_write(), VEL_S_OK);
-        add(3, 128, 1000, {5});
-        add(2, 0, 0, {});
-        add(1, 100, 5000, {10, 50});
-        ASSERT_EQ(db.commit(), VEL_S_OK);
-        ASSERT_EQ(db.begin_read(), VEL_S_OK);
+        add(0, 3, 128, 1000, {5});
+        add(1, 2, 0, 0, {});
+        add(2, 1, 100, 5000, {10, 50});
+        ASSERT_EQ(env->commit_and_begin(), VEL_S_OK);
+        ASSERT_EQ(rd.begin(), VEL_S_OK);
     }
-    void TearDown() override { EXPECT_EQ(db.commit(), VEL_S_OK); }
 
-    void add(uint32_t id, int n, int base, std::vector<int> nulls) {
-        vel_objhandle_t o = db.new_object();
-        ASSERT_EQ(velh_set(&o, 0, &id, sizeof id), VEL_S_OK);
+    void add(int i, uint64_t id, int n, int base, std::vector<int> nulls) {
+        ASSERT_EQ(velh_set(env->obj(i), env->tag_fld(), &id, sizeof id), VEL_S_OK);
         const std::vector<int64_t> v = run({{base, n}});
         vel_bitmap_word_t bm[2] = {0, 0};
-        for (int i : nulls)
-            bm[i / 64] |= vel_bitmap_word_t{1} << (i % 64);
+        for (int k : nulls)
+            bm[k / 64] |= vel_bitmap_word_t{1} << (k % 64);
         if (n > 0) {
-            ASSERT_EQ(f.append(&o, v.data(), n, VEL_SEQ_NO_ORDER, bm), VEL_S_OK);
+            ASSERT_EQ(env->field(0, env->obj(i)).append(v.data(), n, bm), VEL_S_OK);
         }
     }
 
-    // A scan of field `fr` under `cur`; the set-up ignores its cursor
+    // A scan of the int8 field under `cur`; the set-up ignores its cursor
     // argument, the caller puts the cursor into the context.
-    void open(vel_seq_iterator_t &it, const vstest::FieldRef &fr, vel_cursor_h cur) {
+    void open(vel_seq_iterator_t &it, vel_cursor_h cur) {
         velseq::iter_ctx(&it)->cursor = nullptr;
-        ASSERT_EQ(
-            vel_w_seq_from_cursor_int8(tr, fr.u_offset, fr.c_offset, db.class_code(), &it, cur),
-            VEL_S_OK);
+        const FieldLoc &l = env->loc(0);
+        ASSERT_EQ(vel_w_seq_from_cursor_int8(tr, l.u, l.c, env->class_code(), &it, cur), VEL_S_OK);
         EXPECT_EQ(velseq::iter_ctx(&it)->cursor, nullptr);
         velseq::iter_ctx(&it)->cursor = cur;
     }
@@ -86,7 +82,7 @@ class CursorScan : public ::testing::Test {
     // unbinds the iterator.
     void expect_scan(vel_cursor_h cur, const Drained &want) {
         vel_seq_iterator_t it{};
-        open(it, f, cur);
+        open(it, cur);
         for (int pass = 0; pass < 2; pass++) {
             Drained d = drain(it);
             EXPECT_EQ(d.end, VEL_S_CURSOR_END);
@@ -99,9 +95,11 @@ class CursorScan : public ::testing::Test {
         }
     }
 
-    SeqDb db;
-    vstest::FieldRef f = db.field("int8");
-    vel_trans_h tr = &db.con()->trans;
+    std::unique_ptr<Env> env =
+        must_open({.n_objects = 3}, {{family_of(VEL_DD_INT8), VEL_SEQ_NO_ORDER},
+                                     {family_of(VEL_DD_UINT8), VEL_SEQ_NO_ORDER}});
+    Reader rd{*env};
+    vel_trans_h tr = &rd.con()->trans;
 };
 
 // A tile takes values of several objects; appending an object's run clears
@@ -109,13 +107,13 @@ class CursorScan : public ::testing::Test {
 // order), while A alone fills the first tile of the list scan.
 TEST_F(CursorScan, ListCursorInCreationOrder) {
     vel_cursor_t cur;
-    ASSERT_EQ(vel_w_list_cursor(tr, db.class_code(), &cur), VEL_S_OK);
+    ASSERT_EQ(vel_w_list_cursor(tr, env->class_code(), &cur), VEL_S_OK);
     expect_scan(&cur, {run({{1000, 128}, {5000, 100}}), {128, 100}, {5, 138, 178}});
 }
 
 TEST_F(CursorScan, IndexCursorInKeyOrder) {
     vel_cursor_t cur;
-    ASSERT_EQ(velh_index_cursor(db.con(), db.class_code(), 0, &cur), VEL_S_OK);
+    ASSERT_EQ(velh_index_cursor(rd.con(), env->class_code(), env->tag_fld(), &cur), VEL_S_OK);
     expect_scan(&cur, {run({{5000, 100}, {1000, 128}}), {128, 100}, {105}});
 }
 
@@ -124,13 +122,12 @@ TEST_F(CursorScan, IndexCursorInKeyOrder) {
 TEST_F(CursorScan, EmptyFieldsAndEmptyClasses) {
     const velh_field_def_t x = {"x", VEL_DD_INT8, 0, 0};
     uint16_t none = 0;
-    ASSERT_EQ(velh_class_define(db.db(), "none", &x, 1, 0, VELH_PM_INMEM, &none), VEL_S_OK);
+    ASSERT_EQ(velh_class_define(env->db(), "none", &x, 1, 0, VELH_PM_INMEM, &none), VEL_S_OK);
     vel_cursor_t cur, empty;
     vel_seq_iterator_t it{}, scan{};
-    ASSERT_EQ(vel_w_list_cursor(tr, db.class_code(), &cur), VEL_S_OK);
-    const vstest::FieldRef e = db.field("uint8"); // empty in every object
-    ASSERT_EQ(vel_w_seq_from_cursor_uint8(tr, e.u_offset, e.c_offset, db.class_code(), &it, &cur),
-              VEL_S_OK);
+    ASSERT_EQ(vel_w_list_cursor(tr, env->class_code(), &cur), VEL_S_OK);
+    const FieldLoc &e = env->loc(1); // empty in every object
+    ASSERT_EQ(vel_w_seq_from_cursor_uint8(tr, e.u, e.c, env->class_code(), &it, &cur), VEL_S_OK);
     velseq::iter_ctx(&it)->cursor = &cur;
     EXPECT_EQ(it.next(&it), VEL_S_CURSOR_END);
     EXPECT_EQ(vel_w_list_cursor(tr, none, &empty), VEL_S_CURSOR_EMPTY);
@@ -147,11 +144,9 @@ TEST_F(CursorScan, EmptyFieldsAndEmptyClasses) {
 // elsewhere (widest first); every iterator must follow the class's layout.
 // 300 objects: both scans span tiles, whose null flags they clear.
 TEST(ObjectPageEnd, FieldsEndingAtThePageEndAreRead) {
-    vstest::DbOptions opt;
-    opt.additional_object_field_size = 16;
-    SeqDb db(opt);
-    vel_trans_h tr = &db.con()->trans;
-    const uint16_t d = opt.object_page_size - 24;
+    auto env = must_open({.additional_object_field_size = 16}, {});
+    vel_trans_h tr = &env->con()->trans;
+    const uint16_t d = 4096 - 24;
     const velh_field_def_t defs[] = {{"pad", VEL_DD_CHAR, static_cast<uint16_t>(d - 8 - 16), 0},
                                      {"x", VEL_DD_INT8, 0, 0},
                                      {"pad2", VEL_DD_CHAR, static_cast<uint16_t>(d - 8), 0},
@@ -159,22 +154,21 @@ TEST(ObjectPageEnd, FieldsEndingAtThePageEndAreRead) {
     for (uint32_t flags : {0u, uint32_t{VEL_CLASS_COMPACT}}) {
         SCOPED_TRACE(flags);
         uint16_t cls = 0;
-        ASSERT_EQ(velh_class_define(db.db(), flags ? "compact" : "edge", defs, 4, flags,
+        ASSERT_EQ(velh_class_define(env->db(), flags ? "compact" : "edge", defs, 4, flags,
                                     VELH_PM_INMEM, &cls),
                   VEL_S_OK);
         velh_field_info_t x{}, s{};
-        ASSERT_EQ(velh_field_info(db.db(), cls, 1, &x), VEL_S_OK);
-        ASSERT_EQ(velh_field_info(db.db(), cls, 3, &s), VEL_S_OK);
+        ASSERT_EQ(velh_field_info(env->db(), cls, 1, &x), VEL_S_OK);
+        ASSERT_EQ(velh_field_info(env->db(), cls, 3, &s), VEL_S_OK);
         if (flags == 0) {
             EXPECT_EQ((x.offset + 16 + 8) % d, 0u);
             EXPECT_EQ((s.offset + 16 + 8) % d, 0u);
         } else {
             EXPECT_NE(s.c_offset, s.u_offset);
         }
-        ASSERT_EQ(db.begin_write(), VEL_S_OK);
         for (int64_t v = 100; v < 400; v++) {
             vel_objhandle_t o{};
-            ASSERT_EQ(velh_obj_create(db.con(), cls, &o), VEL_S_OK);
+            ASSERT_EQ(velh_obj_create(env->con(), cls, &o), VEL_S_OK);
             ASSERT_EQ(velh_set(&o, 1, &v, sizeof v), VEL_S_OK);
             ASSERT_EQ(vel_w_seq_append_int8(&o, s.u_offset, s.c_offset, s.fld_no, &v, 1,
                                             VEL_SEQ_NO_ORDER, nullptr),
@@ -200,8 +194,9 @@ TEST(ObjectPageEnd, FieldsEndingAtThePageEndAreRead) {
                 EXPECT_EQ(it->reset(it), VEL_S_OK);
             }
         }
-        EXPECT_EQ(db.rollback(), VEL_S_OK);
+        EXPECT_EQ(env->rollback_and_begin(), VEL_S_OK);
     }
 }
 
 } // namespace
+} // namespace velrel

@@ -13,7 +13,7 @@
 
 #include "seq_fixture.h"
 
-namespace vstest {
+namespace velrel {
 namespace {
 
 struct Case {
@@ -41,8 +41,11 @@ TEST(Store, SameAsOneAppendPerTile) {
     for (uint32_t page : {512u, 8192u})
         for (const Case &c : cases) {
             SCOPED_TRACE(testing::Message() << c.name << ", pages of " << page);
-            SeqDb sdb{DbOptions{.seq_page_size = page}};
-            const FieldRef f = sdb.field("int8"), s = c.narrow ? sdb.field("int4") : f;
+            auto env = must_open(
+                {.seq_page_size = static_cast<int32_t>(page), .n_objects = 3},
+                {{family_of(VEL_DD_INT8), c.order}, {family_of(VEL_DD_INT4), VEL_SEQ_NO_ORDER}});
+            vel_objhandle_t *src = env->obj(0), *dst = env->obj(1), *ref = env->obj(2);
+            const int sf = c.narrow ? 1 : 0;
             std::vector<vel_int8> v(c.n);
             std::vector<vel_bitmap_word_t> nb((c.n + 63) / 64, 0);
             for (size_t i = 0; i < c.n; i++)
@@ -51,33 +54,26 @@ TEST(Store, SameAsOneAppendPerTile) {
                 v[c.dip] = v[c.dip - 1] - 1;
             for (size_t p : c.null)
                 nb[p / 64] |= vel_bitmap_word_t{1} << (p % 64);
-            ASSERT_EQ(sdb.begin_write(), VEL_S_OK);
-            vel_objhandle_t src = sdb.new_object(), dst = sdb.new_object(), ref = sdb.new_object();
             // Targets start with a few values at or below the source's first.
             const vel_int8 head[] = {-9, -5, 0};
-            for (vel_objhandle_t *o : {&dst, &ref}) {
-                ASSERT_EQ(f.append(o, head, 3, c.order, nullptr), VEL_S_OK);
+            for (vel_objhandle_t *o : {dst, ref}) {
+                ASSERT_EQ(env->field(0, o).append(head, 3), VEL_S_OK);
             }
             std::vector<int32_t> v4(v.begin(), v.end());
-            for (vel_objhandle_t *o : c.self ? std::vector{&dst, &ref} : std::vector{&src}) {
-                ASSERT_EQ(s.append(o, c.narrow ? static_cast<const void *>(v4.data()) : v.data(),
-                                   c.n, VEL_SEQ_NO_ORDER, nb.data()),
+            for (vel_objhandle_t *o : c.self ? std::vector{dst, ref} : std::vector{src}) {
+                ASSERT_EQ(env->field(sf, o).append(c.narrow ? static_cast<const void *>(v4.data())
+                                                            : v.data(),
+                                                   c.n, nb.data(), VEL_SEQ_NO_ORDER),
                           VEL_S_OK);
             }
-            vel_objhandle_t *from_store = c.self ? &dst : &src, *from_ref = c.self ? &ref : &src;
-
             vel_seq_iterator_t a{}, b{};
-            ASSERT_EQ(
-                s.fam->subseq(from_store, s.u_offset, s.c_offset, &a, 1, c.till, s.fam->width),
-                VEL_S_OK);
-            ASSERT_EQ(s.fam->subseq(from_ref, s.u_offset, s.c_offset, &b, 1, c.till, s.fam->width),
-                      VEL_S_OK);
-            const VEL_RET got =
-                f.fam->store(&dst, f.u_offset, f.c_offset, f.fld_no, &a, c.order, 8);
+            ASSERT_EQ(env->field(sf, c.self ? dst : src).subseq(&a, 1, c.till), VEL_S_OK);
+            ASSERT_EQ(env->field(sf, c.self ? ref : src).subseq(&b, 1, c.till), VEL_S_OK);
+            const VEL_RET got = env->field(0, dst).store(&a);
             VEL_RET want;
             while ((want = b.next(&b)) == VEL_S_OK &&
-                   (want = f.append(&ref, b.tile.u.arr_char, b.tile_size, c.order,
-                                    b.tile.null_bitmap)) == VEL_S_OK) {
+                   (want = env->field(0, ref).append(b.tile.u.arr_char, b.tile_size,
+                                                     b.tile.null_bitmap)) == VEL_S_OK) {
             }
             EXPECT_EQ(got, want == VEL_S_CURSOR_END ? VEL_S_OK : want);
             EXPECT_EQ(a.next_seq_no, b.next_seq_no);
@@ -89,14 +85,12 @@ TEST(Store, SameAsOneAppendPerTile) {
             for (int l = 0; !c.self && l < ca->stack_size; l++) // the same pages: the same path
                 EXPECT_TRUE(ca->stack[l].page == cb->stack[l].page &&
                             ca->stack[l].pos == cb->stack[l].pos);
-            const TreeReport rd = check_tree(&dst, f, c.order, true),
-                             rr = check_tree(&ref, f, c.order, true);
-            ASSERT_TRUE(rd.ok()) << rd.error;
-            EXPECT_EQ(diff(rr.contents, rd.contents), "");
+            const TreeInfo rd = checked(env->field(0, dst), true),
+                           rr = checked(env->field(0, ref), true);
+            EXPECT_TRUE(rr.content == rd.content);
             EXPECT_EQ(rd.depth, rr.depth);
-            ASSERT_EQ(sdb.rollback(), VEL_S_OK);
         }
 }
 
 } // namespace
-} // namespace vstest
+} // namespace velrel

@@ -9,15 +9,13 @@
 #include <vector>
 
 #include "iter/iter_internal.h"
+#include "seq_fixture.h"
 #include "storage/page_format.h"
-#include "velembed.h"
 
+namespace velrel {
 namespace {
 
 constexpr int32_t kPage = 512;
-
-struct Trapped {};
-void throwing_trap(int, const char *, int, void *) { throw Trapped{}; }
 int32_t page_size_fn(vel_db_connection_h) { return kPage; }
 
 class TileTest : public ::testing::Test {
@@ -93,13 +91,13 @@ TEST_F(TileTest, MissingPageAndFailedTransaction) {
 // the path trap rather than deliver garbage.
 TEST_F(TileTest, CorruptTreesTrap) {
     start(inner({{leaf(1), 1}, {page(5, 10), 10}}), 0, ~vel_seq_no_t{0});
-    EXPECT_THROW(vel_seq_next_tile(&it), Trapped);
+    EXPECT_THROW(vel_seq_next_tile(&it), TrapHit);
     vel_seq_page_t *deep = leaf(3);
     for (int level = 0; level < 15; level++)
         deep = inner({{deep, 3}});
-    EXPECT_THROW(vel_seq_subseq_page(&con, &pm, &it, deep, 0, 0), Trapped);
+    EXPECT_THROW(vel_seq_subseq_page(&con, &pm, &it, deep, 0, 0), TrapHit);
     auto *empty = inner({{page(velseq::kLeafPage, 0), 1}}); // the count leads into it
-    EXPECT_THROW(vel_seq_subseq_page(&con, &pm, &it, empty, 0, 0), Trapped);
+    EXPECT_THROW(vel_seq_subseq_page(&con, &pm, &it, empty, 0, 0), TrapHit);
 }
 
 // Operands whose reset counts calls and returns a chosen code.
@@ -152,3 +150,4 @@ TEST(IteratorReset, OperandsFirstAndStopOnFailure) {
 }
 
 } // namespace
+} // namespace velrel

@@ -7,11 +7,10 @@
 
 #include <random>
 
-#include "harness/env.h"
 #include "seq_fixture.h"
 #include "storage/field_root.h"
 
-namespace vstest {
+namespace velrel {
 namespace {
 
 // Single inserts (and, at random places, deletes) each followed by
@@ -20,29 +19,21 @@ namespace {
 // within the policy's limits, and holds the model; a refused call changed
 // nothing; the snapshot keeps the committed values; nothing leaks.
 TEST(KeepCompact, LocalRepairsKeepTheTreeSoundWithinLimitsAndShared) {
-    using namespace velrel;
     const std::vector<FieldSpec> fields = {{family_of(VEL_DD_INT4), VEL_SEQ_NO_ORDER},
                                            {family_of(VEL_DD_INT8), VEL_SEQ_ASC_ORDER}};
     int refused = 0;
     for (int run = 0; run < 6; ++run) {
         const int pattern = run / 2, fi = run % 2; // one place, random places, the end
         SCOPED_TRACE("pattern " + std::to_string(pattern) + ", field " + std::to_string(fi));
-        EnvConfig cfg;
-        cfg.seq_page_size = 256;
-        cfg.alt_pm = pattern == 2;
-        VEL_RET rc;
-        auto env = Env::open(cfg, fields, &rc);
-        ASSERT_TRUE(env) << rc;
+        auto env = must_open({.seq_page_size = 256, .alt_pm = pattern == 2}, fields);
         const FieldSpec &fs = fields[fi];
         const FieldLoc &l = env->loc(fi);
-        const FieldRef ref{l.fld_no, l.u, l.c, &fs.fam};
+        const Field f = env->field(fi);
         auto content = [&](vel_objhandle_h obj, bool exact) { // both tree checkers
             velh_tree_report_t rep{};
             EXPECT_EQ(velh_check_tree(obj, l.fld_no, fs.order, exact, &rep), VEL_S_OK);
             EXPECT_TRUE(rep.ok) << rep.message;
-            TreeReport r = check_tree(obj, ref, fs.order, exact);
-            EXPECT_TRUE(r.ok()) << r.error;
-            return r.contents;
+            return checked(env->field(fi, obj), exact).content;
         };
         const bool ordered = fs.order != VEL_SEQ_NO_ORDER;
         SeqModel m = SeqModel::of_width(fs.fam.width);
@@ -51,9 +42,7 @@ TEST(KeepCompact, LocalRepairsKeepTheTreeSoundWithinLimitsAndShared) {
             nb[k / 64] |= uint64_t(!ordered && k % 5 == 0) << k % 64;
             m.insert(k, &k, 1, &nb[k / 64], k % 64); // ascending (little-endian integers)
         }
-        ASSERT_EQ(fs.fam.append(env->obj(), l.u, l.c, l.fld_no, m.vals.data(), m.size(), fs.order,
-                                nb.data(), m.w),
-                  VEL_S_OK);
+        ASSERT_EQ(f.append(m.vals.data(), m.size(), nb.data()), VEL_S_OK);
         ASSERT_EQ(env->commit_and_begin(), VEL_S_OK);
         ASSERT_EQ(env->snapshot_open(0), VEL_S_OK);
         const SeqModel committed = m;
@@ -71,8 +60,7 @@ TEST(KeepCompact, LocalRepairsKeepTheTreeSoundWithinLimitsAndShared) {
             if (del) { // once all but 20 values (roots of one child), then a commit
                 const uint64_t till = k == 1001 ? m.size() - 1 : pos;
                 pos = k == 1001 ? 20 : pos;
-                ASSERT_EQ(fs.fam.del(env->obj(), l.u, l.c, l.fld_no, pos, till, fs.order, m.w),
-                          VEL_S_OK);
+                ASSERT_EQ(f.del(pos, till), VEL_S_OK);
                 m.erase(pos, till);
                 exact = !ordered;
                 if (k == 1001) { // the next call repairs pages another snapshot shares
@@ -82,18 +70,16 @@ TEST(KeepCompact, LocalRepairsKeepTheTreeSoundWithinLimitsAndShared) {
                 }
             } else {
                 const vel_bitmap_word_t null = !ordered && k % 4 == 0;
-                ASSERT_EQ(fs.fam.insert(env->obj(), l.u, l.c, l.fld_no, pos, v.data(), 1, fs.order,
-                                        &null, m.w),
-                          VEL_S_OK);
+                ASSERT_EQ(f.insert(pos, v.data(), 1, &null), VEL_S_OK);
                 m.insert(pos, v.data(), 1, &null, 0);
             }
             velh_field_shape_t sh{};
-            ASSERT_EQ(vel_seq_get_root(env->obj(), l.u, l.c, &root), VEL_S_OK);
+            ASSERT_EQ(f.root(&root), VEL_S_OK);
             if (k % 5 == 4)
                 velh_fail_page_alloc(env->db(), 1 + k % 3, 0);
-            rc = velh_keep_compact(env->obj(), l.fld_no, fs.order, 1, &st);
+            const VEL_RET rc = velh_keep_compact(env->obj(), l.fld_no, fs.order, 1, &st);
             velh_fail_page_alloc(env->db(), 0, 0);
-            ASSERT_EQ(vel_seq_get_root(env->obj(), l.u, l.c, &root_after), VEL_S_OK);
+            ASSERT_EQ(f.root(&root_after), VEL_S_OK);
             ASSERT_EQ(velh_field_shape(env->obj(), l.fld_no, fs.order, &sh), VEL_S_OK);
             refused += rc == VEL_E_NOMEM;
             ASSERT_TRUE(rc == VEL_S_OK || (rc == VEL_E_NOMEM && root_after == root)) << rc;
@@ -117,4 +103,4 @@ TEST(KeepCompact, LocalRepairsKeepTheTreeSoundWithinLimitsAndShared) {
 }
 
 } // namespace
-} // namespace vstest
+} // namespace velrel

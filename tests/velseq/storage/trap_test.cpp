@@ -5,12 +5,10 @@
 #include <gtest/gtest.h>
 
 #include "seq_fixture.h"
-#include "storage/page_format.h"
-
 #include "storage/field_root.h"
 #include "storage/page_format.h"
 
-namespace vstest {
+namespace velrel {
 namespace {
 
 struct TraceCall {
@@ -31,25 +29,20 @@ class Traps : public ::testing::Test {
         saved_mask = vel_trace_modules_mask;
         vel_trace_callback = record_trace;
         vel_trace_modules_mask = saved_mask | (1u << 26);
-        ASSERT_EQ(sdb.begin_write(), VEL_S_OK);
-        obj = sdb.new_object();
-        f = sdb.field("int4");
+        velh_set_trap_handler(throwing_trap, nullptr);
     }
     void TearDown() override {
-        sdb.rollback();
         vel_trace_callback = saved_cb;
         vel_trace_modules_mask = saved_mask;
     }
 
     void fill(size_t n) {
         std::vector<vel_int4> v(n, 1);
-        ASSERT_EQ(vel_w_seq_append_int4(&obj, f.u_offset, f.c_offset, f.fld_no, v.data(), n,
-                                        VEL_SEQ_NO_ORDER, nullptr),
-                  VEL_S_OK);
+        ASSERT_EQ(f.append(v.data(), n), VEL_S_OK);
     }
     vel_seq_page_t *root() {
         vel_seq_page_t *r = nullptr;
-        EXPECT_EQ(vel_seq_get_root(&obj, f.u_offset, f.c_offset, &r), VEL_S_OK);
+        EXPECT_EQ(f.root(&r), VEL_S_OK);
         return r;
     }
 
@@ -74,9 +67,10 @@ class Traps : public ::testing::Test {
         }
     }
 
-    SeqDb sdb{DbOptions{.seq_page_size = 1024}};
-    vel_objhandle_t obj{};
-    FieldRef f;
+    std::unique_ptr<Env> env =
+        must_open({.seq_page_size = 1024}, {{family_of(VEL_DD_INT4), VEL_SEQ_NO_ORDER}});
+    vel_objhandle_t &obj = *env->obj();
+    const Field f = env->field(0);
     void (*saved_cb)(int, int, const char *, int, const char *) = nullptr;
     uint32_t saved_mask = 0;
 };
@@ -85,22 +79,13 @@ class Traps : public ::testing::Test {
 // place) and names the source file whose check must trap.
 TEST_F(Traps, BrokenInvariantsTrapWhereChecked) {
     const vel_int4 v = 3;
-    auto append = [&] {
-        vel_w_seq_append_int4(&obj, f.u_offset, f.c_offset, f.fld_no, &v, 1, VEL_SEQ_NO_ORDER,
-                              nullptr);
-    };
-    auto insert = [&] {
-        vel_w_seq_insert_int4(&obj, f.u_offset, f.c_offset, f.fld_no, 0, &v, 1, VEL_SEQ_NO_ORDER,
-                              nullptr);
-    };
-    auto del = [&](vel_seq_no_t from) {
-        return vel_w_seq_delete_int4(&obj, f.u_offset, f.c_offset, f.fld_no, from, 20,
-                                     VEL_SEQ_NO_ORDER);
-    };
-    // The root reference at position d - 4 of an object page's data: it
-    // would straddle two pages.
-    const uint32_t d = static_cast<uint16_t>(sdb.options().object_page_size - 24);
-    const uint32_t at = (obj.mo + sdb.options().additional_object_field_size) % d;
+    auto append = [&] { f.append(&v, 1); };
+    auto insert = [&] { f.insert(0, &v, 1); };
+    auto del = [&](vel_seq_no_t from) { return f.del(from, 20); };
+    // The root reference at position d - 4 of an object page's data (4096-byte
+    // pages, no host header): it would straddle two pages.
+    const uint32_t d = 4096 - 24;
+    const uint32_t at = obj.mo % d;
     const vel_offs32_t off = (d - 4 + d - at) % d;
     vel_seq_no_t count = 0;
     auto child = [&](bool last) { // 500 values: a root over leaves of 244, 244, 12
@@ -135,15 +120,13 @@ TEST_F(Traps, BrokenInvariantsTrapWhereChecked) {
         {"root straddling object pages (reader)", "field_root.cpp", [] {},
          [&] { vel_w_seq_count(&obj, off, off, &count); }},
         {"root straddling object pages (writer)", "field_root.cpp", [] {},
-         [&] { vel_w_seq_truncate(&obj, off, off, f.fld_no); }},
+         [&] { vel_w_seq_truncate(&obj, off, off, f.l.fld_no); }},
     };
     for (const Case &c : cases) {
         SCOPED_TRACE(c.name);
         c.damage();
         expect_trap(c.op, c.file);
-        ASSERT_EQ(sdb.rollback(), VEL_S_OK);
-        ASSERT_EQ(sdb.begin_write(), VEL_S_OK);
-        obj = sdb.new_object();
+        ASSERT_EQ(env->rollback_and_begin(), VEL_S_OK);
     }
     // Without bit 26 in the mask the trace hook stays silent; the trap comes.
     fill(10);
@@ -155,4 +138,4 @@ TEST_F(Traps, BrokenInvariantsTrapWhereChecked) {
 }
 
 } // namespace
-} // namespace vstest
+} // namespace velrel
