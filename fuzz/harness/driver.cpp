@@ -569,17 +569,7 @@ bool Driver::op_ends(Src &s) {
 
 // ---- iterators -----------------------------------------------------------------
 
-namespace {
-
-struct Expect {
-    VEL_RET rc;
-    uint64_t first, next, last;
-};
-
-} // namespace
-
-// Drains `it` and compares it with the model elements idx[0..] (tiles of 128
-// unless `tiles` gives the sizes).  `end` is the code expected after them.
+// Drains `it` (tiles of 128) and compares it with the model elements idx[0..].
 static std::string drain_compare(const Family &f, vel_seq_iterator_t &it, const SeqModel &m,
                                  const std::vector<uint64_t> &idx, uint64_t *compared) {
     size_t k = 0;
