@@ -354,7 +354,7 @@ bool Driver::op_append(Src &s) {
     if (with_nulls)
         nb = gen_nulls(n, s, ordered ? 1 : 3);
     const vel_bitmap_word_t *nbp = with_nulls ? nb.data() : nullptr;
-    VEL_RET want = model_append(fs.fam, fs.order, m, v.data(), n, nbp, 0);
+    VEL_RET want = model_append(fs.fam, fs.order, m, v.data(), n, nbp);
     VEL_RET got = env_.field(fi).append(v.data(), n, nbp);
     ++st_.updates;
     st_.refusals += want != VEL_S_OK;
@@ -975,7 +975,7 @@ bool Driver::op_store(Src &s) {
             if (snap.nulls[idx[k + t]])
                 nb[t / 64] |= uint64_t{1} << (t % 64);
         }
-        want = model_append(ds.fam, ds.order, dm, v.data(), n, nb, 0);
+        want = model_append(ds.fam, ds.order, dm, v.data(), n, nb);
     }
     rc = env_.field(dst).store(it.get());
     ++st_.updates;

@@ -122,39 +122,21 @@ struct OpsChar {
     }
 };
 
-template <class Ops> void bind_ops(Family &f) {
-    f.append = Ops::append;
-    f.insert = Ops::insert;
-    f.del = Ops::del;
-    f.first = Ops::first;
-    f.last = Ops::last;
-    f.subseq = Ops::subseq;
-    f.search = Ops::search;
-    f.store = Ops::store;
-    f.map = Ops::map;
-    f.project = Ops::project;
-    f.join = Ops::join;
+template <class Ops>
+Family make(const char *name, uint8_t elem_type, uint8_t seq_code, size_t width, bool is_float,
+            decltype(Family::lt) lt, decltype(Family::le) le) {
+    return {name,       elem_type,  seq_code,     width,       std::is_same_v<Ops, OpsChar>,
+            is_float,   lt,         le,           Ops::append, Ops::insert,
+            Ops::del,   Ops::first, Ops::last,    Ops::subseq, Ops::search,
+            Ops::store, Ops::map,   Ops::project, Ops::join};
 }
 
 std::vector<Family> make_scalars() {
-    std::vector<Family> v;
 #define X(S, T, DD)                                                                                \
-    {                                                                                              \
-        Family f{};                                                                                \
-        f.name = #S;                                                                               \
-        f.elem_type = VEL_DD_##DD;                                                                 \
-        f.seq_code = VEL_DD_SEQUENCE_##DD;                                                         \
-        f.width = sizeof(T);                                                                       \
-        f.is_char = false;                                                                         \
-        f.is_float = std::is_floating_point_v<T>;                                                  \
-        f.lt = lt_t<T>;                                                                            \
-        f.le = le_t<T>;                                                                            \
-        bind_ops<Ops_##S>(f);                                                                      \
-        v.push_back(f);                                                                            \
-    }
-    VEL_SEQ_SCALAR_TYPES(X)
+    make<Ops_##S>(#S, VEL_DD_##DD, VEL_DD_SEQUENCE_##DD, sizeof(T), std::is_floating_point_v<T>,   \
+                  lt_t<T>, le_t<T>),
+    return {VEL_SEQ_SCALAR_TYPES(X)};
 #undef X
-    return v;
 }
 
 } // namespace
@@ -165,17 +147,7 @@ const std::vector<Family> &scalar_families() {
 }
 
 Family char_family(size_t width) {
-    Family f{};
-    f.name = "char";
-    f.elem_type = VEL_DD_CHAR;
-    f.seq_code = VEL_DD_SEQUENCE_CHAR;
-    f.width = width;
-    f.is_char = true;
-    f.is_float = false;
-    f.lt = lt_c;
-    f.le = le_c;
-    bind_ops<OpsChar>(f);
-    return f;
+    return make<OpsChar>("char", VEL_DD_CHAR, VEL_DD_SEQUENCE_CHAR, width, false, lt_c, le_c);
 }
 
 Family family_of(uint8_t type_code, size_t width) {

@@ -38,22 +38,13 @@ bool buffer_out_of_order(const Family &f, vel_seq_order_t order, const uint8_t *
 }
 
 VEL_RET model_append(const Family &f, vel_seq_order_t order, SeqModel &m, const uint8_t *v,
-                     uint64_t n, const vel_bitmap_word_t *nb, uint64_t leaf_cap) {
+                     uint64_t n, const vel_bitmap_word_t *nb) {
     if (order != VEL_SEQ_NO_ORDER && ordered_null_test_hits(nb, n))
         return VEL_E_SEQ_NULL_VALUE;
     if (buffer_out_of_order(f, order, v, n))
         return VEL_E_SEQ_OUT_OF_ORDER;
     if (n == 0)
         return VEL_S_OK;
-    unsigned o = static_cast<unsigned>(order);
-    if (o > 2) {
-        // No check against an empty field; every later turn is refused.
-        if (m.size() != 0)
-            return VEL_E_SEQ_OUT_OF_ORDER;
-        uint64_t k = n < leaf_cap ? n : leaf_cap;
-        m.insert(0, v, k, nb, 0);
-        return k == n ? VEL_S_OK : VEL_E_SEQ_OUT_OF_ORDER;
-    }
     if (m.size() != 0 && order != VEL_SEQ_NO_ORDER) {
         const uint8_t *last = m.at(m.size() - 1);
         bool ok = order == VEL_SEQ_ASC_ORDER ? f.le(last, v, f.width) : f.le(v, last, f.width);

@@ -47,9 +47,9 @@ bool ordered_null_test_hits(const vel_bitmap_word_t *nb, uint64_t n);
 // Buffer order check of append and insert: true when the buffer is refused.
 bool buffer_out_of_order(const Family &f, vel_seq_order_t order, const uint8_t *v, uint64_t n);
 
-// Outcome of append on the model, applying it when the module would.
-// `leaf_cap` matters only for order values other than 0, 1, 2.
+// Outcome of append (declared orders only) on the model, applying it when
+// the module would.
 VEL_RET model_append(const Family &f, vel_seq_order_t order, SeqModel &m, const uint8_t *v,
-                     uint64_t n, const vel_bitmap_word_t *nb, uint64_t leaf_cap);
+                     uint64_t n, const vel_bitmap_word_t *nb);
 
 } // namespace velrel
