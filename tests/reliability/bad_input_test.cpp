@@ -3,7 +3,6 @@
 // family: the code returned, the operand's bound flag, and the content of
 // every field (read from its pages) unchanged.
 #include <algorithm>
-#include <functional>
 #include <memory>
 
 #include <cstdio>
@@ -36,47 +35,22 @@ const Update kUpdates[] = {
     {ASC, 1, {-1}, -1, OOO},
 };
 
-// Operands of a join or map: values of the family, or positions (uint8
-// unless `type` says otherwise), bound already when `bound`.
-struct Ctx {
-    Env &env;
-    const Family &f;
-    vel_seq_iterator_t it{};
-    std::unique_ptr<VecIter> opd;
-
-    Field operator[](int i) { return env.field(i); }
-    vel_seq_iterator_t *operand(const Family &of, std::vector<int> ks, uint8_t type, bool bound) {
-        opd = std::make_unique<VecIter>();
-        opd->setup(type, static_cast<uint16_t>(of.width));
-        opd->data = pack(of, ks);
-        opd->it.bounded = bound;
-        return &opd->it;
-    }
-    vel_seq_iterator_t *values(std::vector<int> ks, bool bound = false) {
-        return operand(f, ks, f.elem_type, bound);
-    }
-    vel_seq_iterator_t *positions(std::vector<int> ks, bool bound = false,
-                                  uint8_t type = VEL_DD_UINT8) {
-        return operand(family_of(VEL_DD_UINT8), ks, type, bound);
-    }
-};
-
-// A set-up refused with `want`; `unbound`: its operand must be left unbound.
+// A join (operand: the family's values) or map (operand: positions of
+// `type`) set-up refused with `want`; an operand not bound before must stay
+// unbound.
 struct Row {
     const char *name;
+    bool join;
+    int fi;
+    uint8_t type;
+    bool bound;
     VEL_RET want;
-    bool unbound;
-    std::function<VEL_RET(Ctx &)> call;
 };
 const Row kRows[] = {
-    {"join: field declared without order", VEL_E_ILLEGAL_PARAM, true,
-     [](Ctx &c) { return c[NONE].join(&c.it, c.values({10})); }},
-    {"join: operand already bound", VEL_E_SEQ_BOUNDED, false,
-     [](Ctx &c) { return c[ASC].join(&c.it, c.values({10}, true)); }},
-    {"map: positions of another element type", VEL_E_ILLEGAL_TYPE, true,
-     [](Ctx &c) { return c[ASC].map(&c.it, c.positions({0}, false, VEL_DD_INT8)); }},
-    {"map: positions already bound", VEL_E_SEQ_BOUNDED, false,
-     [](Ctx &c) { return c[ASC].map(&c.it, c.positions({0}, true)); }},
+    {"join: field declared without order", true, NONE, 0, false, VEL_E_ILLEGAL_PARAM},
+    {"join: operand already bound", true, ASC, 0, true, VEL_E_SEQ_BOUNDED},
+    {"map: positions of another element type", false, ASC, VEL_DD_INT8, false, VEL_E_ILLEGAL_TYPE},
+    {"map: positions already bound", false, ASC, VEL_DD_UINT8, true, VEL_E_SEQ_BOUNDED},
 };
 
 class BadInputCatalogue : public ::testing::TestWithParam<int> {};
@@ -87,11 +61,10 @@ TEST_P(BadInputCatalogue, EveryRefusalKeepsTheField) {
     for (auto o : {VEL_SEQ_ASC_ORDER, VEL_SEQ_DESC_ORDER, VEL_SEQ_NO_ORDER})
         fields.push_back({f, o});
     auto env = must_open({}, fields);
-    Ctx c{*env, f, {}, {}};
     const vel_bitmap_word_t mid_null[1] = {2};
-    ASSERT_EQ(c[ASC].append(pack(f, {10, 20, 30})), VEL_S_OK);
-    ASSERT_EQ(c[DESC].append(pack(f, {30, 20, 10})), VEL_S_OK);
-    ASSERT_EQ(c[NONE].append(pack(f, {10, 20, 30}), mid_null), VEL_S_OK);
+    ASSERT_EQ(env->field(ASC).append(pack(f, {10, 20, 30})), VEL_S_OK);
+    ASSERT_EQ(env->field(DESC).append(pack(f, {30, 20, 10})), VEL_S_OK);
+    ASSERT_EQ(env->field(NONE).append(pack(f, {10, 20, 30}), mid_null), VEL_S_OK);
     ASSERT_EQ(env->commit_and_begin(), VEL_S_OK);
     const std::vector<SeqModel> before = read_all(*env, true);
     ASSERT_EQ(before[NONE].nulls, (std::vector<uint8_t>{0, 1, 0}));
@@ -107,7 +80,7 @@ TEST_P(BadInputCatalogue, EveryRefusalKeepsTheField) {
             continue;
         SCOPED_TRACE("update row " + std::to_string(&u - kUpdates));
         const auto v = pack(f, u.ks);
-        const Field fl = c[u.fi];
+        const Field fl = env->field(u.fi);
         EXPECT_EQ(u.pos < 0 ? fl.append(v, nullptr, u.order)
                             : fl.insert(u.pos, v, nullptr, u.order),
                   u.want);
@@ -115,10 +88,16 @@ TEST_P(BadInputCatalogue, EveryRefusalKeepsTheField) {
     }
     for (const Row &r : kRows) {
         SCOPED_TRACE(r.name);
-        c.it = {};
-        EXPECT_EQ(r.call(c), r.want);
-        if (r.unbound) {
-            EXPECT_FALSE(c.opd->it.bounded);
+        const Family of = r.join ? f : family_of(VEL_DD_UINT8);
+        auto opd = std::make_unique<VecIter>();
+        opd->setup(r.join ? f.elem_type : r.type, static_cast<uint16_t>(of.width));
+        opd->data = pack(of, {r.join ? 10 : 0});
+        opd->it.bounded = r.bound;
+        auto it = std::make_unique<vel_seq_iterator_t>();
+        const Field fl = env->field(r.fi);
+        EXPECT_EQ(r.join ? fl.join(it.get(), &opd->it) : fl.map(it.get(), &opd->it), r.want);
+        if (!r.bound) {
+            EXPECT_FALSE(opd->it.bounded);
         }
         unchanged();
     }
