@@ -426,15 +426,11 @@ bool Driver::op_insert(Src &s) {
         want = VEL_E_SEQ_NULL_VALUE;
     else if (buffer_out_of_order(fs.fam, fs.order, v.data(), n))
         want = VEL_E_SEQ_OUT_OF_ORDER;
-    else if (n == 0)
-        want = VEL_S_OK;
-    else if (cnt == 0 && pos != 0)
+    else if (n > 0 && pos > cnt)
         want = VEL_E_ILLEGAL_PARAM;
-    else if (pos > cnt)
-        want = VEL_E_ILLEGAL_PARAM;
-    else if (ordered && cnt > 0 && pos > 0 && !in_order(fs.fam, fs.order, m.at(pos - 1), v.data()))
-        want = VEL_E_SEQ_OUT_OF_ORDER;
-    else if (ordered && cnt > 0 && pos == 0 && !in_order(fs.fam, fs.order, v.data(), m.at(0)))
+    else if (n > 0 && ordered && cnt > 0 &&
+             (pos > 0 ? !in_order(fs.fam, fs.order, m.at(pos - 1), v.data())
+                      : !in_order(fs.fam, fs.order, v.data(), m.at(0))))
         want = VEL_E_SEQ_OUT_OF_ORDER;
     // With lagging keys an accepted insert could leave the left edge's keys
     // ahead of its values; only refusals are tried then.
@@ -795,9 +791,8 @@ bool Driver::op_map(Src &s) {
         x = cnt ? s.below(static_cast<uint32_t>(cnt)) : 0;
     if (bad && n)
         p[s.below(static_cast<uint32_t>(n))] = cnt + s.below(3);
-    pos->data.resize(n * 8);
-    if (n)
-        std::memcpy(pos->data.data(), p.data(), n * 8);
+    const auto *pb = reinterpret_cast<const uint8_t *>(p.data());
+    pos->data.assign(pb, pb + n * 8);
     // Tile sizes, cycled; empty tiles may occur, but not only empty ones.
     pos->chunks.push_back(static_cast<uint16_t>(1 + s.below(128)));
     for (int i = 0, k = static_cast<int>(s.below(4)); i < k; ++i)
