@@ -20,8 +20,6 @@ const std::vector<FieldSpec> kFields = {{family_of(VEL_DD_INT4), VEL_SEQ_ASC_ORD
                                         {family_of(VEL_DD_DOUBLE), VEL_SEQ_NO_ORDER},
                                         {family_of(VEL_DD_INT4), VEL_SEQ_NO_ORDER}};
 
-Field at(Env &e, int fi) { return e.field(fi); }
-
 // n values from the from-th on, in runs of 7 equal ones.
 std::vector<uint8_t> run_of(int fi, int from, int n) {
     std::vector<uint8_t> v;
@@ -42,16 +40,16 @@ const vel_bitmap_word_t kNulls[2] = {0x5555, 0x1};
 
 const Step kSteps[] = {
     {"append across several leaves", true, true,
-     [](Env &e) { return at(e, F_ASC).append(run_of(F_ASC, 60, 300)); }},
+     [](Env &e) { return e.field(F_ASC).append(run_of(F_ASC, 60, 300)); }},
     {"append to an empty field", true, true,
-     [](Env &e) { return at(e, F_EMPTY).append(run_of(F_EMPTY, 0, 90)); }},
+     [](Env &e) { return e.field(F_EMPTY).append(run_of(F_EMPTY, 0, 90)); }},
     {"insert into the middle (splits)", true, true,
-     [](Env &e) { return at(e, F_NONE).insert(17, run_of(F_NONE, 3, 120), kNulls); }},
+     [](Env &e) { return e.field(F_NONE).insert(17, run_of(F_NONE, 3, 120), kNulls); }},
     {"insert into an ordered char field, equal to its left neighbour", true, true,
-     [](Env &e) { return at(e, F_CHAR).insert(1, run_of(F_CHAR, 0, 1)); }},
-    {"delete a middle range", false, true, [](Env &e) { return at(e, F_NONE).del(40, 160); }},
+     [](Env &e) { return e.field(F_CHAR).insert(1, run_of(F_CHAR, 0, 1)); }},
+    {"delete a middle range", false, true, [](Env &e) { return e.field(F_NONE).del(40, 160); }},
     {"delete the front of an ordered field", false, true,
-     [](Env &e) { return at(e, F_ASC).del(0, 25); }},
+     [](Env &e) { return e.field(F_ASC).del(0, 25); }},
     {"iterator set-ups", true, false,
      [](Env &e) {
          auto it = std::make_unique<vel_seq_iterator_t>(),
@@ -63,21 +61,21 @@ const Step kSteps[] = {
          vals.data.assign(5, '0');
          const auto lo = kth(kFields[F_ASC].fam, 10);
          VEL_RET rc;
-         (void)((rc = at(e, F_NONE).subseq(it.get(), 5, 50)) == VEL_S_OK &&
-                (rc = at(e, F_ASC).search(it.get(), lo.data(), VEL_SEQ_BOUNDARY_INCLUSIVE,
-                                          lo.data(), VEL_SEQ_BOUNDARY_OPEN)) == VEL_S_OK &&
-                (rc = at(e, F_NONE).project(it2.get(), it.get())) == VEL_S_OK &&
-                (rc = at(e, F_NONE).map(it.get(), &pos.it)) == VEL_S_OK &&
+         (void)((rc = e.field(F_NONE).subseq(it.get(), 5, 50)) == VEL_S_OK &&
+                (rc = e.field(F_ASC).search(it.get(), lo.data(), VEL_SEQ_BOUNDARY_INCLUSIVE,
+                                            lo.data(), VEL_SEQ_BOUNDARY_OPEN)) == VEL_S_OK &&
+                (rc = e.field(F_NONE).project(it2.get(), it.get())) == VEL_S_OK &&
+                (rc = e.field(F_NONE).map(it.get(), &pos.it)) == VEL_S_OK &&
                 (rc = it->next(it.get())) == VEL_S_OK &&
-                (rc = at(e, F_CHAR).join(it.get(), &vals.it)) == VEL_S_OK &&
+                (rc = e.field(F_CHAR).join(it.get(), &vals.it)) == VEL_S_OK &&
                 (rc = it->next(it.get())) == VEL_S_OK);
          return rc;
      }},
     {"store a scan into another field", true, true,
      [](Env &e) {
          auto it = std::make_unique<vel_seq_iterator_t>();
-         VEL_RET rc = at(e, F_NONE).subseq(it.get(), 0, 399);
-         return rc != VEL_S_OK ? rc : at(e, F_DBL).store(it.get());
+         VEL_RET rc = e.field(F_NONE).subseq(it.get(), 0, 399);
+         return rc != VEL_S_OK ? rc : e.field(F_DBL).store(it.get());
      }},
     {"truncate", true, false,
      [](Env &e) {
@@ -92,10 +90,10 @@ void build_base(Env &e) {
     for (int i = 0; i < 8; ++i)
         nb[i] = 0x8000000000000001ull >> i;
     const auto dbl = run_of(F_NONE, 0, 500);
-    ASSERT_EQ(at(e, F_ASC).append(run_of(F_ASC, 0, 420)), VEL_S_OK);
-    ASSERT_EQ(at(e, F_NONE).append(dbl, nb), VEL_S_OK);
-    ASSERT_EQ(at(e, F_CHAR).append(run_of(F_CHAR, 0, 300)), VEL_S_OK);
-    ASSERT_EQ(at(e, F_DBL).append({dbl.begin(), dbl.begin() + 100 * 8}, nb), VEL_S_OK);
+    ASSERT_EQ(e.field(F_ASC).append(run_of(F_ASC, 0, 420)), VEL_S_OK);
+    ASSERT_EQ(e.field(F_NONE).append(dbl, nb), VEL_S_OK);
+    ASSERT_EQ(e.field(F_CHAR).append(run_of(F_CHAR, 0, 300)), VEL_S_OK);
+    ASSERT_EQ(e.field(F_DBL).append({dbl.begin(), dbl.begin() + 100 * 8}, nb), VEL_S_OK);
     ASSERT_EQ(e.commit_and_begin(), VEL_S_OK);
 }
 
