@@ -21,33 +21,28 @@ void record_trace(int severity, int module, const char *file, int line, const ch
     g_trace.push_back({severity, module, line, file, text});
 }
 
-class Traps : public ::testing::Test {
-  protected:
-    void SetUp() override {
-        g_trace.clear();
-        saved_cb = vel_trace_callback;
-        saved_mask = vel_trace_modules_mask;
-        vel_trace_callback = record_trace;
-        vel_trace_modules_mask = saved_mask | (1u << 26);
-        velh_set_trap_handler(throwing_trap, nullptr);
-    }
-    void TearDown() override {
-        vel_trace_callback = saved_cb;
-        vel_trace_modules_mask = saved_mask;
-    }
-
-    void fill(size_t n) {
+// Each case damages a committed-looking tree (or asks for a root at a bad
+// place) and names the source file whose check must trap.
+TEST(Traps, BrokenInvariantsTrapWhereChecked) {
+    const auto saved_cb = vel_trace_callback;
+    const uint32_t saved_mask = vel_trace_modules_mask;
+    vel_trace_callback = record_trace;
+    vel_trace_modules_mask = saved_mask | (1u << 26);
+    velh_set_trap_handler(throwing_trap, nullptr);
+    auto env = must_open({.seq_page_size = 1024}, {{family_of(VEL_DD_INT4), VEL_SEQ_NO_ORDER}});
+    vel_objhandle_t &obj = *env->obj();
+    const Field f = env->field(0);
+    auto fill = [&](size_t n) {
         std::vector<vel_int4> v(n, 1);
         ASSERT_EQ(f.append(v.data(), n), VEL_S_OK);
-    }
-    vel_seq_page_t *root() {
+    };
+    auto root = [&] {
         vel_seq_page_t *r = nullptr;
         EXPECT_EQ(f.root(&r), VEL_S_OK);
         return r;
-    }
-
+    };
     // Runs `op`, which must trap in a file whose name ends with `file`.
-    template <class Op> void expect_trap(Op op, const std::string &file) {
+    auto expect_trap = [](const std::function<void()> &op, const std::string &file) {
         g_trace.clear();
         try {
             op();
@@ -65,19 +60,7 @@ class Traps : public ::testing::Test {
             EXPECT_EQ(g_trace[0].file, hit.file);
             EXPECT_EQ(g_trace[0].line, hit.line);
         }
-    }
-
-    std::unique_ptr<Env> env =
-        must_open({.seq_page_size = 1024}, {{family_of(VEL_DD_INT4), VEL_SEQ_NO_ORDER}});
-    vel_objhandle_t &obj = *env->obj();
-    const Field f = env->field(0);
-    void (*saved_cb)(int, int, const char *, int, const char *) = nullptr;
-    uint32_t saved_mask = 0;
-};
-
-// Each case damages a committed-looking tree (or asks for a root at a bad
-// place) and names the source file whose check must trap.
-TEST_F(Traps, BrokenInvariantsTrapWhereChecked) {
+    };
     const vel_int4 v = 3;
     auto append = [&] { f.append(&v, 1); };
     auto insert = [&] { f.insert(0, &v, 1); };
@@ -135,6 +118,8 @@ TEST_F(Traps, BrokenInvariantsTrapWhereChecked) {
     g_trace.clear();
     EXPECT_THROW(append(), TrapHit);
     EXPECT_TRUE(g_trace.empty());
+    vel_trace_callback = saved_cb;
+    vel_trace_modules_mask = saved_mask;
 }
 
 } // namespace
