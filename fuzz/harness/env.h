@@ -73,8 +73,8 @@ struct Field {
     VEL_RET project(vel_seq_iterator_t *dst, vel_seq_iterator_t *src) const {
         return s.fam.project(obj, l.u, l.c, dst, src, w());
     }
-    VEL_RET store(vel_seq_iterator_t *src, int o = -1) const {
-        return s.fam.store(obj, l.u, l.c, l.fld_no, src, ord(o), w());
+    VEL_RET store(vel_seq_iterator_t *src) const {
+        return s.fam.store(obj, l.u, l.c, l.fld_no, src, s.order, w());
     }
     VEL_RET map(vel_seq_iterator_t *it, vel_seq_iterator_t *pos) const {
         return s.fam.map(obj, l.u, l.c, it, pos, w());
