@@ -113,21 +113,16 @@ VEL_RET Env::open_objects() {
     return VEL_S_OK;
 }
 
-VEL_RET Env::commit_and_begin() {
-    VEL_RET rc = velh_commit(con_);
+// `ended`: the commit's or rollback's code, reported before the begin's.
+VEL_RET Env::begin_after(VEL_RET ended) {
     VEL_RET rb = velh_begin(con_, VELH_READ_WRITE);
-    if (rc == VEL_S_OK)
-        rc = rb;
+    VEL_RET rc = ended != VEL_S_OK ? ended : rb;
     return rc == VEL_S_OK ? open_objects() : rc;
 }
 
-VEL_RET Env::rollback_and_begin() {
-    VEL_RET rc = velh_rollback(con_);
-    VEL_RET rb = velh_begin(con_, VELH_READ_WRITE);
-    if (rc == VEL_S_OK)
-        rc = rb;
-    return rc == VEL_S_OK ? open_objects() : rc;
-}
+VEL_RET Env::commit_and_begin() { return begin_after(velh_commit(con_)); }
+
+VEL_RET Env::rollback_and_begin() { return begin_after(velh_rollback(con_)); }
 
 VEL_RET Env::snapshot_open(int slot) {
     if (!snaps_[slot])

@@ -148,6 +148,7 @@ class Env {
     friend class Reader;
     Env() = default;
     VEL_RET open_objects();
+    VEL_RET begin_after(VEL_RET ended);
     velh_db_t *db_ = nullptr;
     int32_t page_size_ = 0;
     std::vector<FieldSpec> fields_;
