@@ -4,7 +4,6 @@ import datetime
 import io
 import os
 import select
-import subprocess
 import time
 from concurrent.futures import ThreadPoolExecutor, wait
 from pathlib import Path
@@ -560,35 +559,4 @@ def test_char_search_against_numpy():
             got = o["key"].search(lo, hi, lb, hb)
             assert got == (first, last) if first < last else got[0] == got[1]
         np.testing.assert_array_equal(o["key"].read(), keys)
-
-
-def test_image_of_the_program(tmp_path):
-    """A table the velseq program saved opens here under its name, with its
-    columns' names, types, order and nulls.  (The other way, tables the table
-    layer saves read by the program: the program's tests.)"""
-    prog = os.environ.get("VELSEQ_PROGRAM", "")
-    if not Path(prog).is_file():
-        pytest.skip(f"the velseq program is not built (VELSEQ_PROGRAM={prog!r}): build target "
-                    "velseq_cli")
-
-    def run(*args):
-        return subprocess.run([prog, *map(str, args)], check=True, capture_output=True,
-                              text=True).stdout
-
-    (tmp_path / "ticks.csv").write_text("time,price,size,venue\n2024-03-04T10:00:00,101.5,7,XA\n"
-                                        "2024-03-04T10:00:01,,9,XB\n"
-                                        "2024-03-04T10:00:03,102.25,-3,XA\n")
-    run("load", tmp_path / "ticks.csv", "--db", tmp_path / "p.vdb")
-    with velseq.Database.open(tmp_path / "p.vdb", read_only=True) as db:
-        assert db.classes() == ["ticks"]
-        types = [(n, dt[0] if dt[0] == "S" else dt, order) for n, _, dt, order in db.fields("ticks")]
-        assert types == [("time", "datetime64[ns]", "ascending"), ("price", "float64", "none"),
-                         ("size", "int64", "none"), ("venue", "S", "none")]
-        with db.read() as tx:
-            (oid,) = tx.objects("ticks")
-            df = db.to_pandas("ticks", oid)
-    assert df.index.name == "time" and list(df.index) == list(pd.to_datetime(
-        ["2024-03-04T10:00:00", "2024-03-04T10:00:01", "2024-03-04T10:00:03"]))
-    assert df["price"].isna().tolist() == [False, True, False] and df["price"].sum() == 203.75
-    assert df["size"].tolist() == [7, 9, -3] and df["venue"].tolist() == ["XA", "XB", "XA"]
 

@@ -298,8 +298,8 @@ using model::array_of;
 
 // Tables written through the table layer, of other types and several to an
 // image, are read by the program, which chooses one with --table.  (The
-// other way, an image the program saves read with its names, types and
-// orders: the Python package's crossing test.)
+// program saves its tables through the same table layer, whose images the
+// Python package's file tests read back.)
 TEST_F(Cli, ImagesCross) {
     { // quotes: its time column the one ascending (not the first); other: the
       // ascending datetime rather than the first ascending column
