@@ -238,9 +238,9 @@ VEL_RET store_batched(const E &e, vel_objhandle_h obj, vel_offs32_t fld_u_offset
             // The buffer's bits start cleared: a tile without a null adds none.
             if (vel_seq_bitmap_contains_nulls(src->tile.null_bitmap, m))
                 vel_seq_copy_bitmap(nulls, copied, src->tile.null_bitmap, 0, m);
-            // A tile right after the buffer's last run joins it.
-            if (n_runs > 0 && runs[n_runs - 1].nulls == nulls &&
-                runs[n_runs - 1].vals + static_cast<size_t>(runs[n_runs - 1].n) * s == to)
+            // A tile right after a run of the buffer joins it: the buffer's
+            // runs lie end to end, so the last one ends where this begins.
+            if (n_runs > 0 && runs[n_runs - 1].nulls == nulls)
                 runs[n_runs - 1].n += m;
             else
                 runs[n_runs++] = {to, nulls, copied, m};
