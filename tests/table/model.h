@@ -1,6 +1,6 @@
 // Plain models of the table layer's answers, shared by its tests and the
-// velseq program's: arrays built from and read into optionals, as-of
-// matches by binary search over the keys, and summaries row by row.
+// velseq program's: arrays built from and read into optionals, and as-of
+// matches by binary search over the keys.
 #pragma once
 
 #include <algorithm>
@@ -76,49 +76,6 @@ inline std::optional<uint64_t> asof(const std::vector<int64_t> &keys, int64_t p,
     if (pick && opt.tolerance && std::llabs(keys[*pick] - p) > *opt.tolerance)
         pick = std::nullopt;
     return pick;
-}
-
-// The values [b, e) of v summarised row by row: nulls skipped, NaN counted
-// and summed but never an extreme, the first of equal extremes.  Integers
-// are summed as the 64-bit integers they widen to (wrapping), floats as
-// doubles in row order.
-template <class T> struct summary {
-    uint64_t count = 0, rows = 0, isum = 0, argmin = 0, argmax = 0;
-    double fsum = 0;
-    std::optional<T> min, max, first, last;
-    std::optional<double> mean() const {
-        if (count == 0)
-            return std::nullopt;
-        if constexpr (std::is_floating_point_v<T>)
-            return fsum / double(count);
-        else
-            return (std::is_signed_v<T> ? double(int64_t(isum)) : double(isum)) / double(count);
-    }
-};
-template <class T>
-summary<T> summarize(const std::vector<std::optional<T>> &v, size_t b, size_t e) {
-    summary<T> s;
-    s.rows = e - b;
-    for (size_t i = b; i < e; i++) {
-        if (!v[i])
-            continue;
-        const T &x = *v[i];
-        s.count++;
-        if constexpr (std::is_arithmetic_v<T>)
-            s.fsum += double(x);
-        if constexpr (std::is_integral_v<T>)
-            s.isum += std::is_signed_v<T> ? uint64_t(int64_t(x)) : uint64_t(x);
-        s.first = s.first ? s.first : x;
-        s.last = x;
-        if constexpr (std::is_arithmetic_v<T>)
-            if (std::isnan(double(x)))
-                continue;
-        if (!s.min || x < *s.min)
-            s.min = x, s.argmin = i;
-        if (!s.max || *s.max < x)
-            s.max = x, s.argmax = i;
-    }
-    return s;
 }
 
 } // namespace model
