@@ -54,17 +54,6 @@ std::string literal(const array &a, uint64_t i) {
                                         : get(double(), "DOUBLE");
 }
 
-// DuckDB's library as velseq loads it (from $VELSEQ_DUCKDB, by default where
-// scripts/fetch-duckdb.sh puts it), or nullptr when it does not load.
-const table::duck_api *duckdb_or_null() {
-    setenv("VELSEQ_DUCKDB", VELSEQ_DUCKDB_DEFAULT, 0);
-    try {
-        return &table::duckdb();
-    } catch (const error &) {
-        return nullptr;
-    }
-}
-
 // An in-memory database; rows() answers a query as text cells, "NULL" for
 // null, one row per line and cells split by '|'.
 struct client : table::duck {
@@ -89,7 +78,16 @@ struct client : table::duck {
 };
 
 struct Arrow : ::testing::Test {
-    const table::duck_api *duck = duckdb_or_null();
+    // DuckDB's library as velseq loads it (from $VELSEQ_DUCKDB, by default
+    // where scripts/fetch-duckdb.sh puts it), or nullptr when it does not.
+    const table::duck_api *duck = []() -> const table::duck_api * {
+        setenv("VELSEQ_DUCKDB", VELSEQ_DUCKDB_DEFAULT, 0);
+        try {
+            return &table::duckdb();
+        } catch (const error &) {
+            return nullptr;
+        }
+    }();
     database db{[] {
         config c;
         c.seq_page_size = 512; // leaves of different widths end at different rows
@@ -150,12 +148,10 @@ struct Arrow : ::testing::Test {
             array venue{{VEL_DD_SEQUENCE_CHAR, 8}, 1, std::vector<unsigned char>(8, 0), {}};
             venue.values[0] = static_cast<unsigned char>('A' + oids.size());
             table::set_scalar(h, t, uint16_t(n_seq), venue);
-            std::vector<array> cols;
+            std::vector<array> cols(n_seq);
             for (size_t c = 0; c < n_seq; c++)
-                cols.push_back({defs[c].type,
-                                rows,
-                                std::vector<unsigned char>(rows * defs[c].type.width),
-                                {}});
+                cols[c] = {
+                    defs[c].type, rows, std::vector<unsigned char>(rows * defs[c].type.width), {}};
             int64_t ns = 1704067200000000000 + int64_t(rng() % 1000); // 2024-01-01
             for (uint64_t i = 0; i < rows; i++) {
                 model += (model.back() == ' ' ? "(" : ", (") + std::to_string(h.oid) + "::UBIGINT";
