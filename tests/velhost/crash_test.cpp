@@ -1,3 +1,13 @@
+// Killed writers: a child commits a seed's workload to a database with a log
+// (a checkpoint every 9 commits, a save of a second image every 4) and tells
+// on a pipe each commit and save that returned; the parent, which ran the
+// same workload in memory for the state of every commit, kills it with
+// SIGKILL at a random moment and reopens the files: with the every-commit
+// flush the state is that of the last commit told or of the next, with the
+// others that of a commit up to the next; the saved image opens as the last
+// save told or the next.  VELSEQ_CRASH_KILLS sets the kills per mode
+// (default 5).
+//
 // Power loss: a workload (commits, checkpoints, saves of a second image)
 // runs with every write, sync, creation, rename and unlink in its folder
 // journaled (io_fault.h).  At crash points (next to every sync and rename,
@@ -10,15 +20,16 @@
 //        whose record a finished sync or checkpoint covered (the others);
 //   i <= the last commit begun;
 // the saved image must open as the last acknowledged save or the one in
-// flight.  (A killed process leaves every write it made: one of the states
-// the prefix model rebuilds.)  In the grouped mode, with a slow device under the flusher, each
+// flight.  In the grouped mode, with a slow device under the flusher, each
 // commit's covering flush must start by the documented deadline: the
 // period after the commit returned, or the end of the flush running then.
 // VELSEQ_POWERLOSS_RUNS sets the runs (seeds) per mode (default 1).
 #include <algorithm>
+#include <csignal>
 #include <cstdlib>
 #include <map>
 #include <set>
+#include <sys/wait.h>
 
 #include "durable_util.h"
 #include "io_fault.h"
@@ -332,6 +343,89 @@ TEST(DurablePowerLoss, CrashStatesOpenAtACoveredCommit) {
             if (m.sync == VELH_LOG_SYNC_GROUP)
                 check_window(r);
             check_crashes(r, runs > 1, rng());
+        }
+    }
+}
+
+TEST(DurableCrash, KilledWriterLeavesWholeCommits) {
+    const char *env = std::getenv("VELSEQ_CRASH_KILLS");
+    const int kills = env != nullptr && *env ? std::atoi(env) : 5;
+    constexpr int64_t kCommits = 200; // the child waits there
+    std::mt19937_64 rng(20261123);
+    for (int mode : {VELH_LOG_SYNC_COMMIT, VELH_LOG_SYNC_GROUP, VELH_LOG_SYNC_NONE}) {
+        const uint64_t seed = rng();
+        std::vector<uint64_t> state; // after the setup and after each commit
+        {
+            std::unique_ptr<Db> m = open_db(config(256));
+            Workload w(seed);
+            w.setup({m.get()}, false);
+            for (bool committed = true; int64_t(state.size()) <= kCommits;
+                 committed = w.txn({m.get()}))
+                if (committed)
+                    state.push_back(digest(dump(*m)));
+        }
+        for (int i = 0; i < kills; ++i) {
+            SCOPED_TRACE("mode " + std::to_string(mode) + " kill " + std::to_string(i));
+            TempDir dir;
+            const std::string log = dir.file("db.log"), img = dir.file("db.img"),
+                              snap = dir.file("snap.img");
+            int fds[2];
+            ASSERT_EQ(::pipe(fds), 0);
+            const pid_t pid = ::fork();
+            ASSERT_GE(pid, 0);
+            if (pid == 0) { // tells 2k when commit k returned (0: the setup), 2k + 1 its save
+                std::unique_ptr<Db> t = open_db(config(256, log.c_str(), mode));
+                Workload w(seed);
+                if (t)
+                    w.setup({t.get()}, false);
+                for (int64_t k = 0, at; t && k <= kCommits;) {
+                    if (k > 0 && !w.txn({t.get()}))
+                        continue;
+                    if (::write(fds[1], &(at = 2 * k), 8) != 8 || // below PIPE_BUF: whole
+                        (k > 0 && k % 9 == 0 && velh_checkpoint(t->db, img.c_str()) != 0) ||
+                        (k > 0 && k % 4 == 0 &&
+                         (velh_db_save(t->db, snap.c_str()) != 0 ||
+                          ::write(fds[1], &(at = 2 * k + 1), 8) != 8)))
+                        _exit(2);
+                    ++k;
+                }
+                ::pause();
+            }
+            ::close(fds[1]);
+            // Let it reach a random commit, then kill it a moment later.
+            int64_t done = -1, saved = -1, at; // the last commit and save told
+            auto told = [&] {
+                return ::read(fds[0], &at, 8) == 8 && ((at % 2 ? saved : done) = at / 2) >= 0;
+            };
+            for (const int64_t target = int64_t(rng() % 40); done < target && told();) {
+            }
+            ::usleep(useconds_t(rng() % 4000));
+            ::kill(pid, SIGKILL);
+            int status = 0;
+            ::waitpid(pid, &status, 0);
+            ASSERT_TRUE(WIFSIGNALED(status)) << "the child stopped by itself: " << status;
+            while (told()) {
+            }
+            ::close(fds[0]);
+            ASSERT_GE(done, 0);
+
+            std::string s;
+            ASSERT_EQ(load(config(4096, log.c_str()),
+                           std::filesystem::exists(img) ? img.c_str() : nullptr, &s),
+                      VEL_S_OK)
+                << velh_error_message();
+            const auto last = state.begin() + done, next = last + (done < kCommits);
+            EXPECT_TRUE(mode == VELH_LOG_SYNC_COMMIT
+                            ? *last == digest(s) || *next == digest(s)
+                            : std::find(state.begin(), next + 1, digest(s)) != next + 1)
+                << "the state is no commit's up to the one after " << done;
+            if (std::filesystem::exists(snap)) {
+                ASSERT_EQ(load(config(256), snap.c_str(), &s), VEL_S_OK) << velh_error_message();
+                const int64_t in_flight = saved < 0 ? 4 : saved + 4;
+                EXPECT_TRUE((saved >= 0 && state[size_t(saved)] == digest(s)) ||
+                            (in_flight <= kCommits && state[size_t(in_flight)] == digest(s)))
+                    << "the saved image is neither the last save told nor the next";
+            }
         }
     }
 }
