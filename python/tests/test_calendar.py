@@ -53,16 +53,6 @@ def test_calendar_rules_match_pandas(series, rule, offset):
                                   check_names=False)
 
 
-def test_calendar_rules_refused(series):
-    db, oid, _ = series
-    with db.read() as tx:
-        o = tx.open("s", oid)
-        for bad, kw in [("MS", {"utc_offset": "+25:00"}), ("MS", {"utc_offset": "1h"}),
-                        ("MS", {"utc_offset": pd.Timedelta("1D")}), ("0MS", {})]:
-            with pytest.raises(velseq.BadInput):
-                o.resample("time", "v", bad, **kw)
-
-
 def test_time_from_fields_against_pandas():
     rng = np.random.default_rng(9)
     y, m, d = rng.integers(1678, 2262, 5000), rng.integers(1, 13, 5000), rng.integers(1, 32, 5000)

@@ -80,7 +80,7 @@ class Cli : public ::testing::Test {
         std::string text; // written to in.csv ("": no file)
         std::string args; // words; @in.csv names the file, "-" reads it from standard input
         int code;
-        std::string out; // exact standard output ("*": not checked)
+        std::string out; // exact standard output
         std::string err; // part of standard error
     };
     void check(const Case &c) {
@@ -89,9 +89,7 @@ class Cli : public ::testing::Test {
             file("in.csv", c.text);
         const Result r = run(c.args, c.args.find(" - ") != std::string::npos ? "in.csv" : "");
         EXPECT_EQ(r.code, c.code) << r.err;
-        if (c.out != "*") {
-            EXPECT_EQ(r.out, c.out);
-        }
+        EXPECT_EQ(r.out, c.out);
         EXPECT_NE(r.err.find(c.err), std::string::npos) << r.err;
         std::remove((dir + "in.csv").c_str());
         EXPECT_FALSE(c.code != 0 && std::remove((dir + "in.vdb").c_str()) == 0); // no image
@@ -127,25 +125,10 @@ TEST_F(Cli, BadInputAndOptions) {
     std::string late = "time,x\n";
     for (int64_t i = 0; i < 65538; i++)
         late += iso((i == 65536 ? -1 : i) * VEL_DT_NS_PER_SEC) + "," + std::to_string(i) + "\n";
-    const std::string ragged = "time,x\n2024-01-01,1\n2024-01-02,2,9\n2024-01-03,3\n";
-    std::string big_line = "time,x\n2024-01-01,";
-    big_line.append(size_t(1) << 20, '7');
     const std::string stats_head = "column,type,count,nulls,sum,min,max,mean,first,last,argmin,"
                                    "argmax,argmin_time,argmax_time\n";
     file("p.csv", "when\n2024-01-01T00:00:00.6Z\n");
     const Case cases[] = {
-        {"\n", "load @in.csv", 1, "", "is empty"},
-        {"time,x\n", "load @in.csv", 1, "", "header but no rows"},
-        {std::string("time,x\n2024-01-01,1\x00\x01\x02\n", 24), "load @in.csv", 1, "",
-         "line 2 holds a NUL byte"},
-        {big_line, "load @in.csv", 1, "", "longer than 1 MiB"},
-        {"", "head @nothing.csv", 1, "", "cannot read"},
-        {"", "head --db @nothing.vdb", 1, "", "cannot open"},
-        {"", "", 2, "*", ""},
-        {good, "load @in.csv --format csv", 0,
-         "column,type,rows,nulls,role\ntime,datetime,3,0,time (ascending)\nx,double,3,1,\n"
-         "n,int8,3,1,\n",
-         ""},
         {good, "head @in.csv -n 2 --format json", 0,
          "[\n {\"time\": \"2024-01-01T00:00:00Z\", \"x\": 1.5, \"n\": 3},\n"
          " {\"time\": \"2024-01-01T00:00:01Z\", \"x\": null, \"n\": 4}\n]\n",
@@ -155,24 +138,8 @@ TEST_F(Cli, BadInputAndOptions) {
          "2024-01-01T00:00:01Z  2.25\n",
          ""},
         {good, "tail - -n 1 --format csv", 0, "time,x,n\n2024-01-01T00:00:01Z,2.25,\n", ""},
-        {good, "head @in.csv -n 5 --format csv", 0, "*", "only 3 rows"},
-        {good, "tree @in.csv --cols x", 0, "*", ""},
-        {good, "window @in.csv 2024-01-02 2024-01-01", 2, "", "reversed"},
-        {good, "window @in.csv 2024-02-01 2024-03-01 --format csv", 0, "time,x,n\n",
-         "starts after the last row (2024-01-01T00:00:01Z)"},
-        {good, "stats @in.csv --window 2023-01-01 2023-02-01", 0, "*", "ends before the first row"},
-        {good, "window @in.csv yesterday 2024-01-01", 2, "", "'yesterday' is not a date"},
-        {good, "head @in.csv --cols x,nope", 2, "", "no column 'nope'"},
-        {good, "load @in.csv --type x=float", 2, "", "types are int, double"},
-        {good, "resample @in.csv 1fortnight", 2, "", "not a positive duration"},
-        {good, "head @in.csv --db @in.csv", 2, "", ""},
-        {good, "load @in.csv --db @no/such/folder/t.vdb", 1, "", "cannot save"},
         {unsorted, "load @in.csv", 3, "", "line 5: column time: time before that of line 3"},
         {late, "load @in.csv", 3, "", "line 65538: column time: time before that of line 65537"},
-        {late, "stats @in.csv --skip-bad --cols x --agg count,last --format csv", 0,
-         "column,type,count,last\nx,int8,65537,65537\n", "skipped 1 bad line"},
-        {good, "stats @in.csv --cols x --agg sum,argmax --format csv", 0,
-         "column,type,sum,argmax\nx,double,3.75,2\n", ""},
         {good, "resample @in.csv 1h --agg last,count --format csv", 0,
          "start,x.last,x.count,n.last,n.count\n2024-01-01T00:00:00Z,2.25,2,4,2\n", ""},
         {good, "resample @in.csv 1h --agg mean --format csv", 0, // over the values, not the rows
@@ -182,25 +149,15 @@ TEST_F(Cli, BadInputAndOptions) {
          "start,v.count\n2023-12-28T00:00:00Z,1\n2024-01-04T00:00:00Z,2\n", ""},
         {good, "asof @in.csv @p.csv --direction nearest --format csv", 0,
          "when,time,x,n\n2024-01-01T00:00:00.600Z,2024-01-01T00:00:01Z,,4\n", ""},
-        {good, "stats @in.csv --agg mean,nope", 2, "", "no aggregate named 'nope' (count, sum"},
-        {good, "stats @in.csv --cols x,time --agg sum", 2, "", "sum does not apply to column time"},
         // ISO-8601 and YYYYMMDD through one calendar: the same first and last days.
         {"date,v\n16771001,1\n1677-10-02,2\n", "window @in.csv 1677-10-01 16771002 --format csv", 0,
          "date,v\n1677-10-01T00:00:00Z,1\n", ""},
-        {"date,v\n2262-04-11,1\n", "window @in.csv 16770921 2262-04-12", 2, "",
-         "'16770921' is not a date"},
         {unsorted, "head @in.csv --sort --format csv", 0,
          "time,x\n2024-01-01T00:00:00Z,3\n2024-01-02T00:00:00Z,1\n2024-01-03T00:00:00Z,2\n", ""},
-        {ragged, "load @in.csv", 3, "", "line 3: 3 cells where the header has 2"},
-        {ragged, "stats @in.csv --skip-bad --cols x --format csv", 0,
+        {"time,x\n2024-01-01,1\n2024-01-02,2,9\n2024-01-03,3\n",
+         "stats @in.csv --skip-bad --cols x --format csv", 0,
          stats_head + "x,int8,2,0,4,1,3,2,1,3,0,1,2024-01-01T00:00:00Z,2024-01-03T00:00:00Z\n",
          "skipped"},
-        {"time,x\n2024-01-01,1\n2024-01-02,nan\n", "load @in.csv", 3, "",
-         "line 3: column x: 'nan' is NaN or infinite"},
-        {"time,x\n2024-01-01,1\n2024-01-02,abc\n", "load @in.csv --type x=double", 3, "",
-         "line 3: column x: 'abc' is not a number"},
-        {"time,x\n2024-01-01,1\n,2\n", "load @in.csv", 3, "",
-         "line 3: column time: the time column has an empty cell"},
         {"date,value\n19580329,315.71\n19580405,\n19580412,317.69\n", "stats @in.csv --format csv",
          0,
          stats_head +
@@ -216,18 +173,12 @@ TEST_F(Cli, BadInputAndOptions) {
          0, "time,name\n2024-01-01T00:00:00Z,\"a, \"\"b\"\"\"\n2024-01-02T00:00:00Z,\"\"\n", ""},
         {"\xEF\xBB\xBFtime,x\n2024-01-01,1\n", "head @in.csv --cols time --format csv", 0,
          "time\n2024-01-01T00:00:00Z\n", ""},
-        {"a,b\n1,2\n", "resample @in.csv 1h", 2, "", "has none (name one with --time)"},
-        {"time," + std::string(70000, 'y') + "\n2024-01-01,1\n", "load @in.csv --db @in.vdb", 3, "",
-         "in.csv: column 2 ('yyyyyyyyyyyyyyyyyyyyyyyy...') has a name of 70000 bytes"},
         {"time,\"x\ny\"\n2024-01-01,1\n", "load @in.csv --db @in.vdb", 3, "",
          "line 1: column 2 ('x\ny') has a control character"},
         // a stray quote does not merge the rows after it; a bad date is no text column
         {"time,x,t\n2024-01-01,1,a\n2024-01-02,2,b\"c\n2024-01-03,3,d\n2024-01-04,4,e\"f\n",
          "load @in.csv", 3, "",
          "line 3: unterminated quote, text after a closing quote, or a quote inside"},
-        {"time,x\n2024-01-01,1\n2024-13-01,2\n", "load @in.csv", 3, "",
-         "line 3: column time: '2024-13-01' is not a date or time"},
-        {"date,x\n20240101,1\n20240230,2\n", "load @in.csv", 3, "", "line 3: column date:"},
         {"time,x\n2024-01-01,1\n2024-13-01,2\n", "load @in.csv --type time=text --format csv", 0,
          "column,type,rows,nulls,role\ntime,char(32),2,0,\nx,int8,2,0,\n", ""},
         // calendar buckets, at local midnight of an offset
@@ -240,8 +191,6 @@ TEST_F(Cli, BadInputAndOptions) {
          "4\n",
          "resample @in.csv 1W-SUN --utc-offset -05:00 --agg count --format csv", 0,
          "start,v.count\n2023-12-31T05:00:00Z,2\n2024-01-07T05:00:00Z,2\n", ""},
-        {good, "resample @in.csv 1W-XYZ", 2, "", "weeks start on MON"},
-        {good, "resample @in.csv 1M --utc-offset +25:00", 2, "", "not a UTC offset"},
         // time from fields; stats with positions and their times
         {"year,month,v\n1700,2,1\n1700,3,2\n2000,2,3\n",
          "head @in.csv --time year,month --cols time,v", 0,
@@ -257,11 +206,8 @@ TEST_F(Cli, BadInputAndOptions) {
          ""},
         {"year,month,v\n1700,13,1\n", "load @in.csv --time year,month", 3, "",
          "line 2: columns year,month: 1700-13-1 is no calendar day"},
-        {"year,v\n1700,1\n", "load @in.csv --time year,v", 2, "", "cannot tell what 'v' holds"},
         {"year,v\n1700,5\n1701,7\n1702,6\n", "stats @in.csv --cols v --agg argmax,argmax_time", 0,
          "column,type,argmax,argmax_time\nv,int8,1,1701-01-01T00:00:00Z\n", ""},
-        {"time,v\n1700,5\n", "stats @in.csv --columns a,b --agg argmax_time", 2, "", "time column"},
-        {good, "head @in.csv --log @in.log", 2, "", "go with --db IMAGE"},
     };
     for (const Case &c : cases)
         check(c);
@@ -273,13 +219,11 @@ TEST_F(Cli, BadInputAndOptions) {
 TEST_F(Cli, AsofProbeTypesRowNumbersAndBy) {
     file("t.csv", "date,v\n20240101,1\n20240105,2\n20240110,3\n");
     file("p.csv", "when,q\n20231231,7\n20240106,8\n20240110,9\n");
-    Result r = run("asof @t.csv @p.csv --cols v --row-numbers --format csv");
-    EXPECT_EQ(r.code, 2) << r.err; // 'when' is read as int
-    r = run("asof @t.csv @p.csv --other-type when=datetime --cols v --row-numbers --format csv");
+    Result r =
+        run("asof @t.csv @p.csv --other-type when=datetime --cols v --row-numbers --format csv");
     EXPECT_EQ(r.out, "when,q,row,v\n2023-12-31T00:00:00Z,7,,\n2024-01-06T00:00:00Z,8,1,2\n"
                      "2024-01-10T00:00:00Z,9,2,3\n")
         << r.err;
-    EXPECT_EQ(run("asof @t.csv @p.csv --other-type when").code, 2);
     file("b.csv", "time,sym,px\n2024-01-01,A,1\n2024-01-02,,2\n2024-01-03,B,3\n2024-01-04,A,4\n");
     file("q.csv",
          "when,sym\n2024-01-03,A\n2024-01-03,\n2024-01-05,A\n2024-01-05,B\n2024-01-05,C\n");
@@ -313,9 +257,6 @@ TEST_F(Cli, ImagesCross) {
                                                     {{"seq", type("int8"), VEL_SEQ_ASC_ORDER},
                                                      {"t", type("datetime"), VEL_SEQ_ASC_ORDER},
                                                      {"v", type("double")}});
-        tbl::define_table(
-            db.get(), "old",
-            {{"time", type("datetime"), VEL_SEQ_ASC_ORDER}, {"velseq.table", type("char(32)")}});
         const int64_t hour = 3600 * VEL_DT_NS_PER_SEC, day = 1704067200 * VEL_DT_NS_PER_SEC;
         const std::vector<tbl::array> rows[] = {
             {array_of<float>({0.1f, std::nullopt, 2.5f, -0.25f, 7.0f}, type("float")),
@@ -352,10 +293,8 @@ TEST_F(Cli, ImagesCross) {
          "2024-01-01T01:00:00Z,3,2,0,\n",
          ""},
         {"", "head --db @q.vdb", 2, "",
-         "holds 3 tables: name one with --table (tables: quotes, other, old)"},
+         "holds 2 tables: name one with --table (tables: quotes, other)"},
         {"", "head --db @q.vdb --table nope", 2, "", "no table 'nope'"},
-        {"", "head --db @q.vdb --table old", 1, "",
-         "written by an older velseq; load the CSV again"},
     };
     for (const Case &c : cases) // csv: standard output is no terminal
         check(c);
@@ -389,26 +328,18 @@ TEST_F(Cli, ImageWithLog) {
     }
     const std::string good = slurp(dir + "t.log"), tail = "tail --db @t.vdb --log @t.log -n 1";
     file("t.log", good + "VLRC\2");
-    Result r = run(tail);
-    EXPECT_EQ(r.out, "time,x\n2024-01-05T00:00:00Z,4\n") << r.err;
-    EXPECT_NE(r.err.find("t.log: left out a torn tail of 1 record (5 bytes) (read-only"),
-              std::string::npos)
-        << r.err;
+    check({"", tail, 0, "time,x\n2024-01-05T00:00:00Z,4\n",
+           "t.log: left out a torn tail of 1 record (5 bytes) (read-only"});
     EXPECT_TRUE(slurp(dir + "t.log") == good + "VLRC\2");
-
     uint64_t first = 0; // body bytes of the first record, after the 64-byte header
     std::memcpy(&first, good.data() + 64 + 8, 8);
     const size_t at = 64 + 24 + first;
     std::string bad = good;
     bad[at + 30] ^= 1;
     file("t.log", bad);
-    const std::string aside = "t.log.damaged-" + std::to_string(at);
-    r = run(tail);
-    EXPECT_EQ(r.code, 1);
-    EXPECT_NE(r.err.find("opens with --recover)"), std::string::npos) << r.err; // BAD_LOG
-    r = run(tail + " --recover");
-    EXPECT_EQ(r.out, "time,x\n2024-01-02T00:00:00Z,1\n");
-    EXPECT_NE(r.err.find(" from there to " + dir + aside), std::string::npos) << r.err;
+    check({"", tail, 1, "", "opens with --recover)"}); // VEL_E_HOST_BAD_LOG
+    check({"", tail + " --recover", 0, "time,x\n2024-01-02T00:00:00Z,1\n",
+           " from there to " + dir + "t.log.damaged-" + std::to_string(at)});
 }
 
 } // namespace
@@ -439,8 +370,6 @@ TEST_F(Cli, ParquetOutAndBackIn) {
     r = run("head --db @back.vdb --format csv");
     EXPECT_EQ(r.out,
               "time,price,sym\n2024-02-01T00:00:00Z,,CD\n2024-02-03T10:00:00.000000001Z,3.25,\n");
-    EXPECT_EQ(run("export --db @t.vdb --parquet @out").code, 1); // not an empty folder
-    EXPECT_EQ(run("export --db @t.vdb --parquet @o2 --partition day,month").code, 2);
     // Without the library: its own exit code, and how to get it.
     const std::string keep = lib;
     setenv("VELSEQ_DUCKDB", "/nonexistent/libduckdb.so", 1);
