@@ -334,14 +334,40 @@ def test_bad_inputs_raise_and_change_nothing():
     raises("VEL_E_HOST_BAD_ARG", db.read)
 
 
+def test_no_leak_over_many_calls(quotes):
+    """Calls, refused ones included, leave the resident size flat: a leak
+    grows in both of two windows of 5 * 12500 calls, noise in one at most."""
+    db, oid, _ = quotes
+    probes, bad = np.array(["2024-01-02T00:10:00"], "datetime64[s]"), np.arange(3, dtype=np.int8)
+
+    def calls(k):  # the resident KiB after k rounds
+        with db.read() as tx:
+            o = tx.open("q", oid)
+            for _ in range(k):
+                o["px"].read(100, 400)
+                o["px"].aggregate(0, 2000)
+                o["px"].gather(o["ts"].asof(probes))
+                with pytest.raises(velseq.Error):
+                    o["n"].append(bad)
+        return int(Path("/proc/self/statm").read_text().split()[1]) * 4
+
+    a = calls(2000)
+    b = calls(12500)
+    assert min(b - a, calls(12500) - b) < 1024
+
+
 def test_threads_and_close(tmp_path):
-    """close() is refused (VEL_E_HOST_BUSY) while a writer waits or a save
-    runs.  A transaction stays its thread's even when a new thread gets an
-    ended one's id; once that thread has ended, any thread may roll it back."""
+    """Readers checking every snapshot, a writer, saves and close() attempts
+    from several threads: each snapshot is a prefix of what was written,
+    close() is refused (VEL_E_HOST_BUSY) while a transaction or a save runs,
+    and after it every call says the database is closed.  A transaction
+    stays its thread's even when a new thread gets an ended one's id; once
+    that thread has ended, any thread may roll it back."""
     db = velseq.Database()
     db.define("t", v=velseq.seq("int64"))
     with db.write() as tx:
         tx.create("t")["v"].append(np.arange(10**5))  # an image larger than a pipe holds
+        oid = tx.create("t").oid
     tx = db.write()
     with ThreadPoolExecutor(1) as p:  # a writer waiting for tx counts as open
         waiter = p.submit(lambda: db.write().rollback())
@@ -372,6 +398,45 @@ def test_threads_and_close(tmp_path):
             raises("VEL_E_HOST_BUSY", lambda: p.submit(tx.create, "t").result(), says="ended")
     raises("VEL_E_HOST_BUSY", tx.commit, says="ended")
     tx.rollback()
+
+    stop, closed, errors = False, [], []
+
+    def run(body):
+        try:
+            while not stop and not closed:
+                body()
+        except velseq.Error as e:  # only the database closing under it may stop a thread
+            if e.name != "VEL_E_HOST_BAD_ARG" or not closed:
+                errors.append(e)
+        except Exception as e:
+            errors.append(e)
+
+    def write():
+        with db.write() as tx:
+            v = tx.open("t", oid)["v"]
+            v.append(np.arange(len(v), len(v) + 5000))
+
+    def read():
+        with db.read() as tx:
+            v = tx.open("t", oid)["v"].read()
+            np.testing.assert_array_equal(v, np.arange(len(v)))
+
+    with ThreadPoolExecutor(4) as p:
+        jobs = [p.submit(run, f) for f in (write, read, read,
+                                           lambda: db.save(tmp_path / "a.img"))]
+        for round in range(400):
+            try:
+                db.close()
+                closed.append(round)
+            except velseq.Error as e:
+                assert e.name == "VEL_E_HOST_BUSY", e
+            if closed or wait(jobs, 0.002).done:
+                break
+        stop = True
+        wait(jobs)
+    assert not errors, errors
+    db.close()
+    raises("VEL_E_HOST_BAD_ARG", db.read, says="closed")
 
 
 def test_file_round_trip_every_dtype(tmp_path):
@@ -458,3 +523,26 @@ def test_bad_read_only_and_recovered_files(tmp_path):
     assert st["log_set_aside_bytes"] == len(good) - at and st["objects"] == 1
     assert Path(st["log_set_aside_path"]).read_bytes()[31:] == good[at + 31:]
     db.close()
+
+
+def test_char_search_against_numpy():
+    """Bytewise order of zero-padded values is NumPy's order of S<N>."""
+    rng = np.random.default_rng(12)
+    keys = np.sort(random_values(rng, "S4", 3000))
+    db = velseq.Database()
+    db.define("k", key=velseq.seq("S4", "ascending"))
+    with db.write() as tx:
+        o = tx.create("k")
+        o["key"].append(keys[:1000].astype("S9"))  # wider dtype, values that fit
+        o["key"].append(list(keys[1000:]))  # bytes of 0..4: padded
+        raises("VEL_E_ILLEGAL_PARAM", o["key"].append, np.array([b"\xff" * 5]),
+               says="more than char")
+        for _ in range(300):
+            lo, hi = np.sort(random_values(rng, "S4", 2))
+            lb, hb = rng.choice(["inclusive", "exclusive"], 2)
+            first = np.searchsorted(keys, lo, "left" if lb == "inclusive" else "right")
+            last = np.searchsorted(keys, hi, "right" if hb == "inclusive" else "left")
+            got = o["key"].search(lo, hi, lb, hb)
+            assert got == (first, last) if first < last else got[0] == got[1]
+        np.testing.assert_array_equal(o["key"].read(), keys)
+

@@ -127,8 +127,35 @@ TEST_F(Cli, BadInputAndOptions) {
         late += iso((i == 65536 ? -1 : i) * VEL_DT_NS_PER_SEC) + "," + std::to_string(i) + "\n";
     const std::string stats_head = "column,type,count,nulls,sum,min,max,mean,first,last,argmin,"
                                    "argmax,argmin_time,argmax_time\n";
+    std::string big_line = "time,x\n2024-01-01,";
+    big_line.append(size_t(1) << 20, '7');
     file("p.csv", "when\n2024-01-01T00:00:00.6Z\n");
     const Case cases[] = {
+        // hostile files and cells: refused with the line and column, nothing cut or misread
+        {"\n", "load @in.csv", 1, "", "is empty"},
+        {"time,x\n", "load @in.csv", 1, "", "header but no rows"},
+        {std::string("time,x\n2024-01-01,1\x00\x01\x02\n", 24), "load @in.csv", 1, "",
+         "line 2 holds a NUL byte"},
+        {big_line, "load @in.csv", 1, "", "longer than 1 MiB"},
+        {"", "head @nothing.csv", 1, "", "cannot read"},
+        {"time," + std::string(70000, 'y') + "\n2024-01-01,1\n", "load @in.csv --db @in.vdb", 3, "",
+         "in.csv: column 2 ('yyyyyyyyyyyyyyyyyyyyyyyy...') has a name of 70000 bytes"},
+        {"time,x\n2024-01-01,1\n2024-01-02,2,9\n", "load @in.csv", 3, "",
+         "line 3: 3 cells where the header has 2"},
+        {"time,x\n2024-01-01,1\n2024-01-02,nan\n", "load @in.csv", 3, "",
+         "line 3: column x: 'nan' is NaN or infinite"},
+        {"time,x\n2024-01-01,1\n2024-01-02,abc\n", "load @in.csv --type x=double", 3, "",
+         "line 3: column x: 'abc' is not a number"},
+        {"time,x\n2024-01-01,1\n,2\n", "load @in.csv", 3, "",
+         "line 3: column time: the time column has an empty cell"},
+        {"time,x\n2024-01-01,1\n2024-13-01,2\n", "load @in.csv", 3, "",
+         "line 3: column time: '2024-13-01' is not a date or time"},
+        {"date,x\n20240101,1\n20240230,2\n", "load @in.csv", 3, "", "line 3: column date:"},
+        {"date,v\n2262-04-11,1\n", "window @in.csv 16770921 2262-04-12", 2, "",
+         "'16770921' is not a date"},
+        {good, "window @in.csv yesterday 2024-01-01", 2, "", "'yesterday' is not a date"},
+        {good, "resample @in.csv 1M --utc-offset +25:00", 2, "", "not a UTC offset"},
+        {good, "load @in.csv --db @no/such/folder/t.vdb", 1, "", "cannot save"},
         {good, "head @in.csv -n 2 --format json", 0,
          "[\n {\"time\": \"2024-01-01T00:00:00Z\", \"x\": 1.5, \"n\": 3},\n"
          " {\"time\": \"2024-01-01T00:00:01Z\", \"x\": null, \"n\": 4}\n]\n",
