@@ -23,7 +23,9 @@
 # the suite's core first and a candidate for removal last, and its catches
 # that nothing else makes are exactly the faults it is named for), FAULTS_ONLY
 # (the only programs to run and build; with --full, a map of what each of
-# their tests catches).  A patch that does not apply or
+# their tests catches).  A test that ctest runs through an interpreter is
+# named ctest:NAME there (the Python tests: ctest:python_pytest); with one
+# named, everything is built.  A patch that does not apply or
 # does not build is reported as BROKEN and counts as neither.
 set -uo pipefail
 ROOT="$(cd "$(dirname "$0")/.." && pwd)"
@@ -36,7 +38,7 @@ for a in "$@"; do
     case "$a" in
     --full) FULL=1 ;;
     -h | --help)
-        sed -n '2,27p' "$0"
+        sed -n '2,30p' "$0"
         exit 0
         ;;
     *) patterns+=("$a") ;;
