@@ -38,7 +38,7 @@ for a in "$@"; do
     case "$a" in
     --full) FULL=1 ;;
     -h | --help)
-        sed -n '2,30p' "$0"
+        sed -n '2,29p' "$0"
         exit 0
         ;;
     *) patterns+=("$a") ;;
