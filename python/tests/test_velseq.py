@@ -1,9 +1,11 @@
 """The velseq package against NumPy models and pandas, on random data."""
 
+import ctypes
 import datetime
 import io
 import os
 import select
+import sys
 import time
 from concurrent.futures import ThreadPoolExecutor, wait
 from pathlib import Path
@@ -335,12 +337,19 @@ def test_bad_inputs_raise_and_change_nothing():
 
 
 def test_no_leak_over_many_calls(quotes):
-    """Calls, refused ones included, leave the resident size flat: a leak
-    grows in both of two windows of 5 * 12500 calls, noise in one at most."""
+    """Calls, refused ones included, leave Python's blocks and the C heap as
+    they were: a leak of one object or 16 bytes a call grows both of two
+    windows of 5 * 4000 calls, where caches and free lists settle in one."""
     db, oid, _ = quotes
     probes, bad = np.array(["2024-01-02T00:10:00"], "datetime64[s]"), np.arange(3, dtype=np.int8)
 
-    def calls(k):  # the resident KiB after k rounds
+    class MallInfo2(ctypes.Structure):  # glibc's: heap bytes in use, not the resident size
+        _fields_ = [(f, ctypes.c_size_t) for f in ("arena", "ordblks", "smblks", "hblks",
+                    "hblkhd", "usmblks", "fsmblks", "uordblks", "fordblks", "keepcost")]
+    mallinfo2 = ctypes.CDLL(None).mallinfo2
+    mallinfo2.restype = MallInfo2
+
+    def calls(k):  # Python's blocks and the heap's bytes in use after k rounds
         with db.read() as tx:
             o = tx.open("q", oid)
             for _ in range(k):
@@ -349,11 +358,13 @@ def test_no_leak_over_many_calls(quotes):
                 o["px"].gather(o["ts"].asof(probes))
                 with pytest.raises(velseq.Error):
                     o["n"].append(bad)
-        return int(Path("/proc/self/statm").read_text().split()[1]) * 4
+        m = mallinfo2()
+        return np.array([sys.getallocatedblocks(), m.uordblks + m.hblkhd])
 
-    a = calls(2000)
-    b = calls(12500)
-    assert min(b - a, calls(12500) - b) < 1024
+    a = calls(1000)
+    b = calls(4000)
+    grown = np.minimum(b - a, calls(4000) - b)
+    assert grown[0] < 1000 and grown[1] < 32 * 1024, grown
 
 
 def test_threads_and_close(tmp_path):
