@@ -69,11 +69,12 @@ sync_tree() {
 
 # DuckDB's library, which the Arrow and Parquet tests load from the source
 # tree's build/duckdb (scripts/fetch-duckdb.sh): the scratch tree points
-# there, so that those tests run instead of skipping.
+# there, so that those tests run instead of skipping (made again each run:
+# a scratch tree reused from another worktree may point at a removed one).
 link_duckdb() {
-    if [ -d "$ROOT/build/duckdb" ] && [ ! -e "$SRC/build/duckdb" ]; then
+    if [ -d "$ROOT/build/duckdb" ]; then
         mkdir -p "$SRC/build"
-        ln -s "$ROOT/build/duckdb" "$SRC/build/duckdb"
+        ln -sfn "$ROOT/build/duckdb" "$SRC/build/duckdb"
     fi
 }
 
