@@ -113,12 +113,14 @@ inline vel_bitmap_word_t *leaf_nulls(vel_seq_page_t *pg, int32_t page_size, uint
 }
 
 // A prefetch the optimiser keeps: GCC drops a call, or a loop, whose only
-// effect is __builtin_prefetch (it counts as no effect at all).
+// effect is __builtin_prefetch (it counts as no effect at all).  Into L2,
+// not L1: a whole page's lines asked at once would hold every L1 fill
+// buffer that the loads of the page being read need.
 inline void prefetch_kept(const void *p) {
 #if defined(__x86_64__) || defined(__i386__)
-    asm volatile("prefetcht0 %0" : : "m"(*static_cast<const char *>(p)));
+    asm volatile("prefetcht1 %0" : : "m"(*static_cast<const char *>(p)));
 #else
-    __builtin_prefetch(p, 0, 3);
+    __builtin_prefetch(p, 0, 2);
 #endif
 }
 
