@@ -95,4 +95,20 @@ inline bool is_null(const vel_bitmap_word_t *mask, uint64_t i) {
     return ((mask[i / 64] >> (i % 64)) & 1) != 0;
 }
 
+// Asks for every line of a page, for a read that goes on there next (the
+// hardware prefetcher stops at a page's end).  Into L2, not L1: a whole
+// page's lines asked at once would hold every L1 fill buffer that the loads
+// of the page being read need.  In asm because GCC drops a loop whose only
+// effect is __builtin_prefetch (it counts as no effect at all).
+inline void prefetch_page(const void *pg, int32_t page_size) {
+    const auto *b = static_cast<const char *>(pg);
+    for (int32_t off = 0; off < page_size; off += 64) {
+#if defined(__x86_64__) || defined(__i386__)
+        asm volatile("prefetcht1 %0" : : "m"(b[off]));
+#else
+        __builtin_prefetch(b + off, 0, 2);
+#endif
+    }
+}
+
 } // namespace velseq::layout

@@ -26,13 +26,6 @@ struct leaf_walk {
     uint64_t first, last; // positions wanted
     const std::function<bool(const leaf_run &)> &f;
 
-    // Into L2 (see prefetch_kept): 1.4x faster scans than into L1.
-    void prefetch(const vel_seq_page_t *pg) const {
-        const auto *b = reinterpret_cast<const char *>(pg);
-        for (int32_t at = 0; at < page_size; at += 64)
-            __builtin_prefetch(b + at, 0, 2);
-    }
-
     // The subtree of pg, whose values start at `base`, `count` of them;
     // false once f said stop.
     bool walk(const vel_seq_page_t *pg, uint64_t base, uint64_t count, int level) const {
@@ -73,7 +66,8 @@ struct leaf_walk {
             // The next sibling's page, while f works on this one: the
             // hardware prefetcher does not cross into another page.
             if (i + 1 < user && at + e->count < last)
-                prefetch(lay::entry_at(pg, page_size, static_cast<int64_t>(i + 1))->page);
+                lay::prefetch_page(lay::entry_at(pg, page_size, static_cast<int64_t>(i + 1))->page,
+                                   page_size);
             if (!walk(e->page, at, e->count, level + 1))
                 return false;
         }

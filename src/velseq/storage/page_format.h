@@ -112,29 +112,14 @@ inline vel_bitmap_word_t *leaf_nulls(vel_seq_page_t *pg, int32_t page_size, uint
     return layout::null_mask(pg, page_size, capacity);
 }
 
-// A prefetch the optimiser keeps: GCC drops a call, or a loop, whose only
-// effect is __builtin_prefetch (it counts as no effect at all).  Into L2,
-// not L1: a whole page's lines asked at once would hold every L1 fill
-// buffer that the loads of the page being read need.
-inline void prefetch_kept(const void *p) {
-#if defined(__x86_64__) || defined(__i386__)
-    asm volatile("prefetcht1 %0" : : "m"(*static_cast<const char *>(p)));
-#else
-    __builtin_prefetch(p, 0, 2);
-#endif
-}
-
 // Asks for every line of the child after child `c` of inner page `parent`,
 // when it has one: a read that goes on there next finds it in cache (the
 // hardware prefetcher stops at a page's end).
 inline void prefetch_next_child(vel_seq_page_t *parent, int c, int32_t page_size) {
     if (c + 1 >= parent->hdr.user)
         return;
-    const auto *b = reinterpret_cast<const char *>(inner_entry(parent, page_size, c + 1)->page);
-    if (b == nullptr)
-        return;
-    for (int32_t off = 0; off < page_size; off += 64)
-        prefetch_kept(b + off);
+    if (const vel_seq_page_t *next = inner_entry(parent, page_size, c + 1)->page)
+        layout::prefetch_page(next, page_size);
 }
 
 // Leaf capacity by element size alone, as delete and the tile filler compute
