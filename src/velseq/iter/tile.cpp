@@ -164,7 +164,46 @@ VEL_RET vel_seq_append_tile(vel_seq_iterator_h iterator) {
     return VEL_S_OK;
 }
 
+namespace {
+
+// The common tile: 128 elements inside the leaf at the top of the stack,
+// none of them null.  Does what fill_runs does for it in half the
+// instructions (a tile scan is bound by its instructions, not the memory).
+// False, nothing changed, for every other case: a leaf entered (its
+// neighbour to prefetch) or left, the range's end, a null, a page that is
+// missing or not a leaf (fill_runs answers or traps).
+bool whole_tile_in_leaf(vel_seq_iterator_h iterator, vel_seq_iterator_context_t *ctx) {
+    constexpr uint64_t kTile = VEL_SEQ_TILE_SIZE;
+    vel_seq_iterator_stack_item_t &top = ctx->stack[ctx->stack_size - 1];
+    vel_seq_page_t *pg = top.page;
+    // Signed: a position outside the leaf (a corrupt stack) must fail here.
+    if (pg == nullptr || page_kind(pg) != kLeafPage || top.pos <= 0 ||
+        pg->hdr.user - top.pos < static_cast<int32_t>(kTile) ||
+        iterator->last_seq_no - iterator->next_seq_no < kTile - 1)
+        return false;
+    const auto pos = static_cast<uint64_t>(top.pos);
+    const size_t elem_size = iterator->elem_size;
+    const int32_t page_size = static_cast<int32_t>(ctx->page_size);
+    const vel_bitmap_word_t *mask =
+        leaf_nulls(pg, page_size, leaf_capacity_by_size(page_size, elem_size));
+    // 128 bits span at most three mask words.
+    if ((mask[pos / 64] | mask[(pos + kTile / 2) / 64] | mask[(pos + kTile - 1) / 64]) != 0)
+        return false;
+    std::memcpy(iterator->tile.u.arr_char, page_value(pg, elem_size, pos), kTile * elem_size);
+    vel_seq_reset_null_bitmap(iterator);
+    iterator->next_seq_no += kTile;
+    top.pos += static_cast<int32_t>(kTile);
+    iterator->tile_size = static_cast<uint16_t>(kTile);
+    return true;
+}
+
+} // namespace
+
 VEL_RET vel_seq_next_tile(vel_seq_iterator_h iterator) {
+    vel_seq_iterator_context_t *ctx = iter_ctx(iterator);
+    if (ctx->stack_size >= 1 && iterator->next_seq_no <= iterator->last_seq_no &&
+        ctx->con->trans.error_code == 0 && whole_tile_in_leaf(iterator, ctx))
+        return VEL_S_OK;
     iterator->tile_size = 0;
     return vel_seq_append_tile(iterator);
 }
