@@ -2,6 +2,7 @@
 // transaction, the traps for corrupt trees) and the reset rules.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <array>
 #include <cstdlib>
 #include <cstring>
@@ -15,7 +16,7 @@
 namespace velrel {
 namespace {
 
-constexpr int32_t kPage = 512;
+constexpr int32_t kPage = 4096; // int4 leaves hold up to 990 values
 int32_t page_size_fn(vel_db_connection_h) { return kPage; }
 
 class TileTest : public ::testing::Test {
@@ -35,11 +36,11 @@ class TileTest : public ::testing::Test {
         owned.emplace_back(p, &std::free);
         return p;
     }
-    // A leaf of int4 values 0, 1, ... n-1.
-    vel_seq_page_t *leaf(int n) {
+    // A leaf of int4 values base, base + 1, ... base + n - 1.
+    vel_seq_page_t *leaf(int n, int base = 0) {
         vel_seq_page_t *p = page(velseq::kLeafPage, n);
         for (int i = 0; i < n; i++)
-            reinterpret_cast<vel_int4 *>(velseq::page_values(p))[i] = i;
+            reinterpret_cast<vel_int4 *>(velseq::page_values(p))[i] = base + i;
         return p;
     }
     vel_seq_page_t *inner(std::vector<std::pair<vel_seq_page_t *, uint64_t>> kids) {
@@ -85,6 +86,41 @@ TEST_F(TileTest, MissingPageAndFailedTransaction) {
     con.trans.error_code = VEL_S_OK;
     ASSERT_EQ(vel_seq_next_tile(&it), VEL_S_OK);
     EXPECT_EQ(it.tile_size, 51);
+}
+
+// Every start and a range end at each distance from a tile's size, over two
+// leaves whose lengths are not multiples of 128, with lone nulls: a tile
+// may span three mask words with a null in any of them, end with the range
+// or a leaf, or cross into the next leaf.  Values equal their positions.
+TEST_F(TileTest, EveryRangeMatchesItsPositions) {
+    const int n0 = 300, n1 = 700, n = n0 + n1;
+    vel_seq_page_t *l0 = leaf(n0), *l1 = leaf(n1, n0);
+    const std::vector<int> nulls = {70, n0 + 200, n0 + 450};
+    for (int pos : nulls) {
+        vel_seq_page_t *l = pos < n0 ? l0 : l1;
+        const int i = pos < n0 ? pos : pos - n0;
+        velseq::leaf_nulls(l, kPage, velseq::leaf_capacity_by_size(kPage, 4))[i / 64] |=
+            uint64_t{1} << (i % 64);
+    }
+    auto *root = inner({{l0, n0}, {l1, n1}});
+    for (int from = 0; from < n; from++) {
+        for (int span : {126, 127, 128, 129, 255, n}) {
+            const int last = std::min(from + span, n - 1);
+            start(root, static_cast<uint64_t>(from), static_cast<uint64_t>(last));
+            int at = from;
+            while (vel_seq_next_tile(&it) == VEL_S_OK) {
+                for (int t = 0; t < it.tile_size; t++, at++) {
+                    const bool null = (it.tile.null_bitmap[t / 64] >> (t % 64)) & 1;
+                    const bool want = std::count(nulls.begin(), nulls.end(), at) != 0;
+                    ASSERT_EQ(null, want) << "position " << at << " from " << from;
+                    if (!null) {
+                        ASSERT_EQ(it.tile.u.arr_int4[t], at) << "from " << from;
+                    }
+                }
+            }
+            ASSERT_EQ(at, last + 1) << "from " << from << " to " << last;
+        }
+    }
 }
 
 // A page of neither kind, a path deeper than 14 levels and an empty page on
