@@ -102,6 +102,7 @@ inline bool is_null(const vel_bitmap_word_t *mask, uint64_t i) {
 // effect is __builtin_prefetch (it counts as no effect at all).
 inline void prefetch_page(const void *pg, int32_t page_size) {
     const auto *b = static_cast<const char *>(pg);
+#pragma GCC unroll 16
     for (int32_t off = 0; off < page_size; off += 64) {
 #if defined(__x86_64__) || defined(__i386__)
         asm volatile("prefetcht1 %0" : : "m"(b[off]));

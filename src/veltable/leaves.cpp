@@ -36,14 +36,25 @@ struct leaf_walk {
             const uint64_t lo = std::max(first, base) - base;
             const uint64_t hi = std::min(last, base + user) - base;
             const vel_bitmap_word_t *mask = lay::null_mask(pg, page_size, leaf_cap);
-            bool any = false;
-            for (uint64_t w = lo / 64; w <= (hi - 1) / 64 && !any; w++) {
-                uint64_t bits = mask[w];
-                if (w == lo / 64)
-                    bits &= ~uint64_t(0) << (lo % 64);
-                if (w == (hi - 1) / 64 && hi % 64 != 0)
-                    bits &= ~(~uint64_t(0) << (hi % 64));
-                any = bits != 0;
+            // The words of the run, OR-ed whole (a loop without a branch
+            // inside); the first and last are cut to the run's bits only
+            // when a null is seen, which is rare.
+            const uint64_t w0 = lo / 64, w1 = (hi - 1) / 64;
+            uint64_t seen = 0;
+            for (uint64_t w = w0; w <= w1; w++)
+                seen |= mask[w];
+            bool any = seen != 0;
+            if (any) {
+                seen = 0;
+                for (uint64_t w = w0; w <= w1; w++) {
+                    uint64_t bits = mask[w];
+                    if (w == w0)
+                        bits &= ~uint64_t(0) << (lo % 64);
+                    if (w == w1 && hi % 64 != 0)
+                        bits &= ~(~uint64_t(0) << (hi % 64));
+                    seen |= bits;
+                }
+                any = seen != 0;
             }
             leaf_run r;
             r.first = base + lo;
