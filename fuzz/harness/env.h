@@ -18,6 +18,7 @@ namespace velrel {
 struct FieldSpec {
     Family fam;
     vel_seq_order_t order;
+    bool ordered() const { return order != VEL_SEQ_NO_ORDER; }
 };
 
 struct FieldLoc {
