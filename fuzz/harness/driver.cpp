@@ -52,11 +52,48 @@ std::string setup_mismatch(const Family &f, const vel_seq_iterator_t &it, uint64
                (unsigned long long)next, (unsigned long long)last);
 }
 
+// The context stack a map tile leaves: the path of the tile's last descent,
+// replayed here by a positional set-up from the root.  The positions
+// descended to are found as map finds them: a position outside the leaf
+// reached last (none at the tile's start) descends.
+std::string map_stack_mismatch(const Field &fl, const vel_seq_iterator_t &it, const uint64_t *p,
+                               size_t n) {
+    auto ref = std::make_unique<vel_seq_iterator_t>();
+    const auto *ctx = reinterpret_cast<const vel_seq_iterator_context_t *>(it.context);
+    const auto *rctx = reinterpret_cast<const vel_seq_iterator_context_t *>(ref->context);
+    uint64_t leaf_pos = 0, leaf_size = 0;
+    for (size_t t = 0; t < n; ++t) {
+        if (p[t] - leaf_pos < leaf_size)
+            continue;
+        if (fl.subseq(ref.get(), p[t], p[t]) != VEL_S_OK)
+            return "no descent to a delivered position";
+        const auto &top = rctx->stack[rctx->stack_size - 1];
+        leaf_pos = p[t] - static_cast<uint64_t>(top.pos);
+        leaf_size = static_cast<uint64_t>(top.page->hdr.user);
+    }
+    if (n == 0)
+        return "";
+    if (ctx->stack_size != rctx->stack_size)
+        return fmt("stack of %u levels, expected %u", ctx->stack_size, rctx->stack_size);
+    for (int i = 0; i < ctx->stack_size; ++i)
+        if (ctx->stack[i].page != rctx->stack[i].page || ctx->stack[i].pos != rctx->stack[i].pos)
+            return fmt("stack level %d differs from the last descent's path", i);
+    return "";
+}
+
 std::vector<uint64_t> range_idx(uint64_t from, uint64_t till, size_t cnt) {
     std::vector<uint64_t> v;
     for (uint64_t i = from; cnt > 0 && i <= std::min<uint64_t>(till, cnt - 1); ++i)
         v.push_back(i);
     return v;
+}
+
+// What a scan over model positions idx expects: tiles of them, all found.
+Driver::Expect in_turn(const std::vector<uint64_t> &idx) {
+    return [&idx](size_t k, size_t n, std::vector<uint64_t> &p) {
+        p.assign(idx.begin() + k, idx.begin() + k + n);
+        return VEL_S_OK;
+    };
 }
 
 // An iterator filled with garbage, so a field the set-up leaves alone shows.
@@ -134,16 +171,14 @@ std::string DriverStats::str() const {
 }
 
 std::vector<FieldSpec> driver_fields() {
-    return {
-        {family_of(VEL_DD_INT4), VEL_SEQ_ASC_ORDER},
-        {family_of(VEL_DD_INT4), VEL_SEQ_NO_ORDER},
-        {family_of(VEL_DD_DOUBLE), VEL_SEQ_NO_ORDER},
-        {family_of(VEL_DD_UINT2), VEL_SEQ_DESC_ORDER},
-        {char_family(5), VEL_SEQ_ASC_ORDER},
-        {family_of(VEL_DD_DATETIME), VEL_SEQ_ASC_ORDER},
-        {family_of(VEL_DD_INT1), VEL_SEQ_NO_ORDER},
-        {family_of(VEL_DD_FLOAT), VEL_SEQ_DESC_ORDER},
-    };
+    return {{family_of(VEL_DD_INT4), VEL_SEQ_ASC_ORDER},
+            {family_of(VEL_DD_INT4), VEL_SEQ_NO_ORDER},
+            {family_of(VEL_DD_DOUBLE), VEL_SEQ_NO_ORDER},
+            {family_of(VEL_DD_UINT2), VEL_SEQ_DESC_ORDER},
+            {char_family(5), VEL_SEQ_ASC_ORDER},
+            {family_of(VEL_DD_DATETIME), VEL_SEQ_ASC_ORDER},
+            {family_of(VEL_DD_INT1), VEL_SEQ_NO_ORDER},
+            {family_of(VEL_DD_FLOAT), VEL_SEQ_DESC_ORDER}};
 }
 
 EnvConfig config_from_byte(uint8_t b) {
@@ -299,22 +334,20 @@ bool Driver::check_field(int fi, vel_objhandle_h obj, const SeqModel &m, bool tr
     // first and last: the end's value and null code; on an empty field,
     // not found with the output untouched.
     for (int end = 0; end < 2; ++end) {
-        uint8_t val[16], want[16];
-        std::memset(val, 0xA5, sizeof val);
-        std::memset(want, 0xA5, sizeof want);
+        std::vector<uint8_t> val(16, 0xA5), want(val);
         const char *name = end ? "last" : "first";
         const size_t i = end ? m.size() - 1 : 0;
-        VEL_RET rc = (end ? f.last : f.first)(obj, l.u, l.c, val, f.width);
+        VEL_RET rc = (end ? f.last : f.first)(obj, l.u, l.c, val.data(), f.width);
         if (m.size())
-            std::memcpy(want, m.at(i), f.width);
+            std::memcpy(want.data(), m.at(i), f.width);
         if (!expect_rc(name, fi, rc,
                        m.size() == 0 ? VEL_S_NOTFOUND
                        : m.nulls[i]  ? VEL_E_SEQ_NULL_VALUE
                                      : VEL_S_OK))
             return false;
-        if (std::memcmp(val, want, m.size() ? f.width : sizeof val) != 0)
-            return fail(fmt("%s value %s, model %s", name, show(f, val).c_str(),
-                            m.size() ? show(f, want).c_str() : "none"));
+        if (!std::equal(val.begin(), val.begin() + (m.size() ? f.width : 16), want.begin()))
+            return fail(fmt("%s value %s, model %s", name, show(f, val.data()).c_str(),
+                            m.size() ? show(f, want.data()).c_str() : "none"));
     }
     return true;
 }
@@ -326,7 +359,9 @@ bool Driver::check_all(vel_objhandle_h obj, const std::vector<SeqModel> &ms) {
     return true;
 }
 
-void Driver::gen_value(const Family &f, bool allow_nan, Src &s, uint8_t *out) {
+namespace {
+
+void gen_value(const Family &f, bool allow_nan, Driver::Src &s, uint8_t *out) {
     if (f.is_char) {
         static const uint8_t bytes[] = {0x00, 'a', 'b', 'c', 0x7f, 0x80, 0xff};
         for (size_t i = 0; i < f.width; ++i)
@@ -352,8 +387,7 @@ void Driver::gen_value(const Family &f, bool allow_nan, Src &s, uint8_t *out) {
 }
 
 // n values in the field's declared order (unordered fields: as drawn).
-std::vector<uint8_t> Driver::gen_sorted(int fi, size_t n, Src &s) {
-    const FieldSpec &fs = f_[fi];
+std::vector<uint8_t> gen_sorted(const FieldSpec &fs, size_t n, Driver::Src &s) {
     const size_t w = fs.fam.width;
     std::vector<std::vector<uint8_t>> v(n, std::vector<uint8_t>(w));
     for (auto &e : v)
@@ -368,8 +402,6 @@ std::vector<uint8_t> Driver::gen_sorted(int fi, size_t n, Src &s) {
         out.insert(out.end(), e.begin(), e.end());
     return out;
 }
-
-namespace {
 
 std::vector<vel_bitmap_word_t> gen_nulls(size_t n, Driver::Src &s, uint32_t density) {
     std::vector<vel_bitmap_word_t> b((n + 63) / 64 + 1, 0);
@@ -403,7 +435,7 @@ size_t Driver::room_for(int fi, size_t n) const {
 bool Driver::op_append(Src &s) {
     auto [fi, fs, m] = pick(s, false);
     const size_t n = room_for(fi, s.size()), w = fs.fam.width;
-    std::vector<uint8_t> v = gen_sorted(fi, n, s);
+    std::vector<uint8_t> v = gen_sorted(fs, n, s);
     const uint32_t mode = s.below(8);
     if (fs.ordered() && m.size() && mode >= 3) // at or after the stored last value
         clamp(fs, v, m.at(m.size() - 1), nullptr);
@@ -422,7 +454,7 @@ bool Driver::op_insert(Src &s) {
     const size_t w = fs.fam.width, cnt = m.size();
     size_t n = room_for(fi, s.size());
     uint64_t pos = s.below(cnt + 2);
-    std::vector<uint8_t> v = gen_sorted(fi, n, s);
+    std::vector<uint8_t> v = gen_sorted(fs, n, s);
     std::vector<vel_bitmap_word_t> nb;
     const uint32_t mode = s.below(6);
     // Accepted inserts into ordered fields keep them sorted and never go in
@@ -454,16 +486,7 @@ bool Driver::op_insert(Src &s) {
         nb = gen_nulls(n, s, 3);
     }
     const vel_bitmap_word_t *nbp = nb.empty() ? nullptr : nb.data();
-    VEL_RET want = VEL_S_OK;
-    if (fs.ordered() && ordered_null_test_hits(nbp, n))
-        want = VEL_E_SEQ_NULL_VALUE;
-    else if (buffer_out_of_order(fs.fam, fs.order, v.data(), n))
-        want = VEL_E_SEQ_OUT_OF_ORDER;
-    else if (n > 0 && pos > cnt)
-        want = VEL_E_ILLEGAL_PARAM;
-    else if (n > 0 && fs.ordered() && cnt > 0 &&
-             (pos > 0 ? !in_order(fs, m.at(pos - 1), v.data()) : !in_order(fs, v.data(), m.at(0))))
-        want = VEL_E_SEQ_OUT_OF_ORDER;
+    const VEL_RET want = insert_verdict(fs.fam, fs.order, m, pos, v.data(), n, nbp);
     // With lagging keys an accepted insert could leave the left edge's keys
     // ahead of its values; only refusals are tried then.
     if (fs.ordered() && want == VEL_S_OK && n > 0 && cnt > 0 && !m.keys_exact)
@@ -580,31 +603,6 @@ bool Driver::op_ends(Src &s) {
 
 // ---- iterators -----------------------------------------------------------------
 
-// Drains `it` (tiles of 128) and compares it with the model elements idx[0..].
-bool Driver::drain(const char *op, int fi, vel_seq_iterator_t &it, const SeqModel &m,
-                   const std::vector<uint64_t> &idx) {
-    auto bad = [&](const std::string &e) {
-        return fail(fmt("%s of %s: %s", op, f_[fi].fam.name, e.c_str()));
-    };
-    size_t k = 0;
-    for (int guard = 0; guard < 100000; ++guard) {
-        VEL_RET rc = it.next(&it);
-        if (rc == VEL_S_CURSOR_END)
-            return k == idx.size() ||
-                   bad(fmt("iterator ended after %zu of %zu elements", k, idx.size()));
-        if (rc != VEL_S_OK)
-            return bad(fmt("next returned %d after %zu elements", (int)rc, k));
-        size_t want = std::min<size_t>(128, idx.size() - k);
-        if (it.tile_size != want)
-            return bad(fmt("tile of %u elements after %zu, expected %zu", it.tile_size, k, want));
-        for (size_t t = 0; t < want; ++t, ++k)
-            if (std::string e = tile_mismatch(f_[fi].fam, it, t, m, idx[k]); !e.empty())
-                return bad(fmt("element %zu, ", k) + e);
-        st_.elements_compared += want;
-    }
-    return bad("iterator never ended");
-}
-
 bool Driver::op_scan(Src &s) {
     auto [fi, fs, cur] = pick(s, false);
     size_t cnt = cur.size();
@@ -628,11 +626,11 @@ bool Driver::op_scan(Src &s) {
         !e.empty())
         return fail("subseq: " + e);
     const std::vector<uint64_t> idx = range_idx(from, till, cnt);
-    if (!drain("scan", fi, *it, m, idx))
+    if (!drain("scan", fi, *it, idx.size(), nullptr, &m, in_turn(idx)))
         return false;
     return !s.coin() ||
            (expect_rc("subseq reset", fi, it->reset(it.get()), ok ? VEL_S_OK : VEL_S_NOTFOUND) &&
-            drain("scan after reset", fi, *it, m, idx));
+            drain("scan after reset", fi, *it, idx.size(), nullptr, &m, in_turn(idx)));
 }
 
 bool Driver::op_search(Src &s) {
@@ -689,56 +687,29 @@ bool Driver::op_search(Src &s) {
             return false;
         if (std::memcmp(&before_src, it.get(), sizeof before_src) != 0)
             return fail("project changed its source iterator");
-        if (!drain("project", pj, *dst, cur_[pj], range_idx(from, till, cur_[pj].size())))
+        const std::vector<uint64_t> idx = range_idx(from, till, cur_[pj].size());
+        if (!drain("project", pj, *dst, idx.size(), nullptr, &cur_[pj], in_turn(idx)))
             return false;
     }
-    return drain("search scan", fi, *it, m,
-                 want == VEL_S_OK ? range_idx(first, last, cnt) : std::vector<uint64_t>{});
+    const std::vector<uint64_t> idx = range_idx(first, last, cnt); // none when not found
+    return drain("search scan", fi, *it, idx.size(), nullptr, &m, in_turn(idx));
 }
 
-// The context stack a map tile leaves: the path of the tile's last descent,
-// replayed here by a positional set-up from the root.  The positions
-// descended to are found as map finds them: a position outside the leaf
-// reached last (none at the tile's start) descends.
-std::string Driver::map_stack_mismatch(int fi, const vel_seq_iterator_t &it, const uint64_t *p,
-                                       size_t n) {
-    auto ref = std::make_unique<vel_seq_iterator_t>();
-    const auto *ctx = reinterpret_cast<const vel_seq_iterator_context_t *>(it.context);
-    const auto *rctx = reinterpret_cast<const vel_seq_iterator_context_t *>(ref->context);
-    uint64_t leaf_pos = 0, leaf_size = 0;
-    for (size_t t = 0; t < n; ++t) {
-        if (p[t] - leaf_pos < leaf_size)
-            continue;
-        if (env_.field(fi).subseq(ref.get(), p[t], p[t]) != VEL_S_OK)
-            return "no descent to a delivered position";
-        const auto &top = rctx->stack[rctx->stack_size - 1];
-        leaf_pos = p[t] - static_cast<uint64_t>(top.pos);
-        leaf_size = static_cast<uint64_t>(top.page->hdr.user);
-    }
-    if (n == 0)
-        return "";
-    if (ctx->stack_size != rctx->stack_size)
-        return fmt("stack of %u levels, expected %u", ctx->stack_size, rctx->stack_size);
-    for (int i = 0; i < ctx->stack_size; ++i)
-        if (ctx->stack[i].page != rctx->stack[i].page || ctx->stack[i].pos != rctx->stack[i].pos)
-            return fmt("stack level %d differs from the last descent's path", i);
-    return "";
-}
-
-// Drains an iterator whose tiles follow the tiles of the caller's iterator
-// `src` (map's positions, join's values).  For the tile at src's element k
-// of size n, `expect` gives the model positions it stands for and the code
-// next must return; its elements must then be field vf's values there with
-// map's context stack (vf < 0: the positions themselves, never null).
-bool Driver::drain_following(const char *op, int fi, vel_seq_iterator_t &it, const VecIter &src,
-                             int vf, const Expect &expect) {
-    const size_t n = src.count();
+// Drains `it` over n elements in tiles of 128 or, following a caller's
+// iterator `src` (map's positions, join's values), in src's tile sizes.  For
+// the tile at element k, `expect` gives the model positions it stands for
+// and the code next must return; the tile must then hold field fi's values
+// `vm` there (null: the positions themselves, never null), and after `src`
+// leave map's context stack.
+bool Driver::drain(const char *op, int fi, vel_seq_iterator_t &it, size_t n, const VecIter *src,
+                   const SeqModel *vm, const Expect &expect) {
     for (size_t k = 0, chunk = 0;;) {
         std::vector<uint64_t> p;
         size_t want_n = 0;
         VEL_RET want = VEL_S_CURSOR_END;
         if (k < n) {
-            want_n = std::min<size_t>({src.chunks[chunk++ % src.chunks.size()], n - k, 128});
+            const size_t c = src ? src->chunks[chunk++ % src->chunks.size()] : 128;
+            want_n = std::min<size_t>({c, n - k, 128});
             want = expect(k, want_n, p);
         }
         if (!expect_rc(op, fi, it.next(&it), want))
@@ -746,20 +717,22 @@ bool Driver::drain_following(const char *op, int fi, vel_seq_iterator_t &it, con
         if (want != VEL_S_OK)
             return true;
         if (it.tile_size != want_n)
-            return fail(fmt("%s: tile of %u, expected %zu", op, it.tile_size, want_n));
+            return fail(fmt("%s: tile of %u after %zu, expected %zu", op, it.tile_size, k, want_n));
         for (size_t t = 0; t < want_n; ++t) {
             std::string e;
-            if (vf >= 0)
-                e = tile_mismatch(f_[vf].fam, it, t, cur_[vf], p[t]);
+            if (vm)
+                e = tile_mismatch(f_[fi].fam, it, t, *vm, p[t]);
             else if (it.tile.u.arr_uint8[t] != p[t] ||
                      ((it.tile.null_bitmap[t / 64] >> (t % 64)) & 1))
                 e = fmt("position %llu, model %llu", (unsigned long long)it.tile.u.arr_uint8[t],
                         (unsigned long long)p[t]);
             if (!e.empty())
-                return fail(fmt("%s on %s, ", op, f_[fi].fam.name) + e);
+                return fail(fmt("%s on %s, element %zu, ", op, f_[fi].fam.name, k + t) + e);
         }
-        if (std::string e = vf >= 0 ? map_stack_mismatch(vf, it, p.data(), want_n) : ""; !e.empty())
-            return fail(fmt("%s on %s: ", op, f_[vf].fam.name) + e);
+        if (std::string e =
+                src && vm ? map_stack_mismatch(env_.field(fi), it, p.data(), want_n) : "";
+            !e.empty())
+            return fail(fmt("%s on %s: ", op, f_[fi].fam.name) + e);
         st_.elements_compared += want_n;
         k += want_n;
     }
@@ -791,7 +764,7 @@ bool Driver::op_map(Src &s) {
         tile.assign(p.begin() + k, p.begin() + k + want_n);
         return map_rc(tile, cnt);
     };
-    if (!drain_following("map next", fi, *it, *pos, fi, expect))
+    if (!drain("map next", fi, *it, n, pos.get(), &m, expect))
         return false;
     if (!s.coin())
         return true;
@@ -799,7 +772,7 @@ bool Driver::op_map(Src &s) {
         return false;
     if (pos->it.bounded)
         return fail("map reset left its positions iterator bound");
-    return drain_following("map next", fi, *it, *pos, fi, expect);
+    return drain("map next", fi, *it, n, pos.get(), &m, expect);
 }
 
 bool Driver::op_join(Src &s) {
@@ -832,8 +805,9 @@ bool Driver::op_join(Src &s) {
     if (mf >= 0 &&
         !expect_rc("map over join", mf, env_.field(mf).map(mit.get(), it.get()), VEL_S_OK))
         return false;
-    return drain_following(
-        mf >= 0 ? "map over join next" : "join next", fi, mf >= 0 ? *mit : *it, *vals, mf,
+    return drain(
+        mf >= 0 ? "map over join next" : "join next", mf >= 0 ? mf : fi, mf >= 0 ? *mit : *it, n,
+        vals.get(), mf >= 0 ? &cur_[mf] : nullptr,
         [&](size_t k, size_t want_n, std::vector<uint64_t> &p) {
             for (size_t t = 0; t < want_n; ++t)
                 p.push_back(partition(fs, m, &vals->data[(k + t) * w], VEL_SEQ_BOUNDARY_INCLUSIVE));

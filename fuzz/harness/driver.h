@@ -57,11 +57,11 @@ class Driver {
     const DriverStats &stats() const { return st_; }
 
     struct Src;
+    // The model positions of the tile at element k of n, and next's code.
+    using Expect = std::function<VEL_RET(size_t k, size_t n, std::vector<uint64_t> &pos)>;
 
   private:
     struct Pick;
-    // The model positions of the tile at element k of n, and next's code.
-    using Expect = std::function<VEL_RET(size_t k, size_t n, std::vector<uint64_t> &pos)>;
     Env &env_;
     std::vector<FieldSpec> f_;
     std::vector<SeqModel> cur_, committed_;
@@ -76,17 +76,11 @@ class Driver {
     bool check_field(int fi, vel_objhandle_h obj, const SeqModel &m, bool tree);
     bool check_all(vel_objhandle_h obj, const std::vector<SeqModel> &ms);
     bool check_snapshot(int slot);
-    bool drain(const char *op, int fi, vel_seq_iterator_t &it, const SeqModel &m,
-               const std::vector<uint64_t> &idx);
-    bool drain_following(const char *op, int fi, vel_seq_iterator_t &it, const VecIter &src, int vf,
-                         const Expect &expect);
-    std::string map_stack_mismatch(int fi, const vel_seq_iterator_t &it, const uint64_t *p,
-                                   size_t n);
+    bool drain(const char *op, int fi, vel_seq_iterator_t &it, size_t n, const VecIter *src,
+               const SeqModel *vm, const Expect &expect);
 
     Pick pick(Src &s, bool ordered);
     size_t room_for(int fi, size_t n) const;
-    void gen_value(const Family &f, bool allow_nan, Src &s, uint8_t *out);
-    std::vector<uint8_t> gen_sorted(int fi, size_t n, Src &s);
 
     bool op_append(Src &s);
     bool op_insert(Src &s);
