@@ -1,6 +1,7 @@
 #include "harness/driver.h"
 
 #include <algorithm>
+#include <cinttypes>
 #include <cmath>
 #include <cstdarg>
 #include <cstdio>
@@ -35,8 +36,8 @@ std::string tile_mismatch(const Family &f, const vel_seq_iterator_t &it, size_t 
     const bool null = (it.tile.null_bitmap[t / 64] >> (t % 64)) & 1;
     if (std::memcmp(got, m.at(i), f.width) == 0 && null == (m.nulls[i] != 0))
         return {};
-    return fmt("position %llu: got %s null=%d, model %s null=%d", (unsigned long long)i,
-               show(f, got).c_str(), null, show(f, m.at(i)).c_str(), m.nulls[i]);
+    return fmt("position %" PRIu64 ": got %s null=%d, model %s null=%d", i, show(f, got).c_str(),
+               null, show(f, m.at(i)).c_str(), m.nulls[i]);
 }
 
 // The iterator's range and element type against the model's set-up.
@@ -46,10 +47,9 @@ std::string setup_mismatch(const Family &f, const vel_seq_iterator_t &it, uint64
         return "elem_type/elem_size set wrongly";
     if (it.first_seq_no == first && it.next_seq_no == next && it.last_seq_no == last)
         return {};
-    return fmt("range first/next/last %llu/%llu/%llu, model %llu/%llu/%llu",
-               (unsigned long long)it.first_seq_no, (unsigned long long)it.next_seq_no,
-               (unsigned long long)it.last_seq_no, (unsigned long long)first,
-               (unsigned long long)next, (unsigned long long)last);
+    return fmt("range first/next/last %" PRIu64 "/%" PRIu64 "/%" PRIu64 ", model %" PRIu64
+               "/%" PRIu64 "/%" PRIu64,
+               it.first_seq_no, it.next_seq_no, it.last_seq_no, first, next, last);
 }
 
 // The context stack a map tile leaves: the path of the tile's last descent,
@@ -81,19 +81,9 @@ std::string map_stack_mismatch(const Field &fl, const vel_seq_iterator_t &it, co
     return "";
 }
 
-std::vector<uint64_t> range_idx(uint64_t from, uint64_t till, size_t cnt) {
-    std::vector<uint64_t> v;
-    for (uint64_t i = from; cnt > 0 && i <= std::min<uint64_t>(till, cnt - 1); ++i)
-        v.push_back(i);
-    return v;
-}
-
-// What a scan over model positions idx expects: tiles of them, all found.
-Driver::Expect in_turn(const std::vector<uint64_t> &idx) {
-    return [&idx](size_t k, size_t n, std::vector<uint64_t> &p) {
-        p.assign(idx.begin() + k, idx.begin() + k + n);
-        return VEL_S_OK;
-    };
+// How many of a field's `size` elements from..till holds.
+uint64_t range_count(uint64_t from, uint64_t till, size_t size) {
+    return from <= till && from < size ? std::min<uint64_t>(till, size - 1) - from + 1 : 0;
 }
 
 // An iterator filled with garbage, so a field the set-up leaves alone shows.
@@ -165,8 +155,7 @@ void DriverStats::add(const DriverStats &o) {
 std::string DriverStats::str() const {
     std::string out;
     for (const Counter &c : kCounters)
-        out += fmt("%s%s %llu", out.empty() ? "" : ", ", c.first,
-                   (unsigned long long)(this->*c.second));
+        out += fmt("%s%s %" PRIu64, out.empty() ? "" : ", ", c.first, (this->*c.second));
     return out;
 }
 
@@ -275,7 +264,7 @@ Driver::Driver(Env &env) : env_(env), f_(env.fields()) {
 }
 
 bool Driver::fail(const std::string &what) {
-    err_ = fmt("op #%llu: ", (unsigned long long)op_no_) + what;
+    err_ = fmt("op #%" PRIu64 ": ", op_no_) + what;
     return false;
 }
 
@@ -301,36 +290,34 @@ bool Driver::expect_rc(const char *op, int fi, VEL_RET got, VEL_RET want) {
 bool Driver::updated(const char *op, int fi, VEL_RET got, VEL_RET want) {
     ++st_.updates;
     st_.refusals += want != VEL_S_OK;
-    return expect_rc(op, fi, got, want) && check_field(fi, env_.obj(), cur_[fi], true);
+    return expect_rc(op, fi, got, want) && check_field(fi, env_.obj(), cur_[fi]);
 }
 
-// Tree check plus content comparison, then count/first/last on the object.
-bool Driver::check_field(int fi, vel_objhandle_h obj, const SeqModel &m, bool tree) {
+// Tree checks (the driver's and the host's) and the content against the model,
+// then count, first and last on the object.
+bool Driver::check_field(int fi, vel_objhandle_h obj, const SeqModel &m) {
     const Family &f = f_[fi].fam;
     const FieldLoc &l = env_.loc(fi);
-    if (tree) {
-        TreeInfo ti;
-        std::string e = env_.field(fi, obj).check(m.keys_exact, &ti);
-        ++st_.tree_checks;
-        if (!e.empty())
-            return fail("tree check: " + e);
-        // The host's own checker also sees the reference counts.
-        velh_tree_report_t rep{};
-        VEL_RET rc = velh_check_tree(obj, l.fld_no, f_[fi].order, m.keys_exact, &rep);
-        if (rc != VEL_S_OK || !rep.ok || rep.elements != m.size())
-            return fail(fmt("host tree check on field %d: %s (code %d, elements %llu)", fi,
-                            rep.message, (int)rc, (unsigned long long)rep.elements));
-        if (!(ti.content == m))
-            return fail(fmt("field %d (%s): stored values or null flags differ from the model", fi,
-                            f.name));
-        st_.elements_compared += m.size();
-    }
+    TreeInfo ti;
+    std::string e = env_.field(fi, obj).check(m.keys_exact, &ti);
+    ++st_.tree_checks;
+    if (!e.empty())
+        return fail("tree check: " + e);
+    // The host's own checker also sees the reference counts.
+    velh_tree_report_t rep{};
+    VEL_RET rc = velh_check_tree(obj, l.fld_no, f_[fi].order, m.keys_exact, &rep);
+    if (rc != VEL_S_OK || !rep.ok || rep.elements != m.size())
+        return fail(fmt("host tree check on field %d: %s (code %d, elements %" PRIu64 ")", fi,
+                        rep.message, (int)rc, rep.elements));
+    if (!(ti.content == m))
+        return fail(
+            fmt("field %d (%s): stored values or null flags differ from the model", fi, f.name));
+    st_.elements_compared += m.size();
     vel_seq_no_t cnt = 12345;
     if (!expect_rc("count", fi, vel_w_seq_count(obj, l.u, l.c, &cnt), VEL_S_OK))
         return false;
     if (cnt != m.size())
-        return fail(
-            fmt("count of field %d: %llu, model %zu", fi, (unsigned long long)cnt, m.size()));
+        return fail(fmt("count of field %d: %" PRIu64 ", model %zu", fi, cnt, m.size()));
     // first and last: the end's value and null code; on an empty field,
     // not found with the output untouched.
     for (int end = 0; end < 2; ++end) {
@@ -354,7 +341,7 @@ bool Driver::check_field(int fi, vel_objhandle_h obj, const SeqModel &m, bool tr
 
 bool Driver::check_all(vel_objhandle_h obj, const std::vector<SeqModel> &ms) {
     for (size_t i = 0; i < f_.size(); ++i)
-        if (!check_field(static_cast<int>(i), obj, ms[i], true))
+        if (!check_field(static_cast<int>(i), obj, ms[i]))
             return false;
     return true;
 }
@@ -401,6 +388,14 @@ std::vector<uint8_t> gen_sorted(const FieldSpec &fs, size_t n, Driver::Src &s) {
     for (auto &e : v)
         out.insert(out.end(), e.begin(), e.end());
     return out;
+}
+
+// A value to look for: half the time a stored one, when there is any.
+void gen_probe(const Family &f, const SeqModel &m, Driver::Src &s, uint8_t *out) {
+    if (m.size() && s.coin())
+        std::memcpy(out, m.at(s.below(m.size())), f.width);
+    else
+        gen_value(f, false, s, out);
 }
 
 std::vector<vel_bitmap_word_t> gen_nulls(size_t n, Driver::Src &s, uint32_t density) {
@@ -520,8 +515,8 @@ bool Driver::op_late_inserts(Src &s) {
     // A compaction builds the tree appends build, page for page.
     auto dense = [&](const velh_field_shape_t &sh) {
         return sh.pages == sh.dense_pages ||
-               fail(fmt("compacted field %d: %llu pages, dense %llu", fi,
-                        (unsigned long long)sh.pages, (unsigned long long)sh.dense_pages));
+               fail(fmt("compacted field %d: %" PRIu64 " pages, dense %" PRIu64, fi, sh.pages,
+                        sh.dense_pages));
     };
     for (uint32_t k = 0; k < runs && m.size() < room; ++k) {
         if (!consecutive || pos > m.size())
@@ -554,8 +549,8 @@ bool Driver::op_late_inserts(Src &s) {
         // Kept fields hold the policy's limits (repaired locally, so not
         // always dense).
         if (kept && (sh.depth > VELH_COMPACT_MAX_DEPTH || sh.pages > 2 * sh.dense_pages))
-            return fail(fmt("kept field %d: depth %u, %llu pages, dense %llu", fi, sh.depth,
-                            (unsigned long long)sh.pages, (unsigned long long)sh.dense_pages));
+            return fail(fmt("kept field %d: depth %u, %" PRIu64 " pages, dense %" PRIu64, fi,
+                            sh.depth, sh.pages, sh.dense_pages));
         if (!kept && sh.pages < before.pages && !dense(sh))
             return false;
     }
@@ -565,7 +560,7 @@ bool Driver::op_late_inserts(Src &s) {
             !shape(&sh) || !dense(sh))
             return false;
     }
-    return check_field(fi, env_.obj(), m, true);
+    return check_field(fi, env_.obj(), m);
 }
 
 bool Driver::op_delete(Src &s) {
@@ -598,10 +593,21 @@ bool Driver::op_truncate(Src &s) {
 
 bool Driver::op_ends(Src &s) {
     auto [fi, fs, m] = pick(s, false);
-    return check_field(fi, env_.obj(), m, false);
+    return check_field(fi, env_.obj(), m);
 }
 
 // ---- iterators -----------------------------------------------------------------
+
+// Drains a scan over m's elements from..till (tiles of 128, all found).
+bool Driver::drain_range(const char *op, int fi, vel_seq_iterator_t &it, const SeqModel &m,
+                         uint64_t from, uint64_t till) {
+    return drain(op, fi, it, range_count(from, till, m.size()), nullptr, &m,
+                 [&](size_t k, size_t n, auto &p) {
+                     for (size_t t = 0; t < n; ++t)
+                         p.push_back(from + k + t);
+                     return VEL_S_OK;
+                 });
+}
 
 bool Driver::op_scan(Src &s) {
     auto [fi, fs, cur] = pick(s, false);
@@ -625,24 +631,19 @@ bool Driver::op_scan(Src &s) {
                            : setup_mismatch(fs.fam, *it, 1, 1, 0);
         !e.empty())
         return fail("subseq: " + e);
-    const std::vector<uint64_t> idx = range_idx(from, till, cnt);
-    if (!drain("scan", fi, *it, idx.size(), nullptr, &m, in_turn(idx)))
+    if (!drain_range("scan", fi, *it, m, from, till))
         return false;
     return !s.coin() ||
            (expect_rc("subseq reset", fi, it->reset(it.get()), ok ? VEL_S_OK : VEL_S_NOTFOUND) &&
-            drain("scan after reset", fi, *it, idx.size(), nullptr, &m, in_turn(idx)));
+            drain_range("scan after reset", fi, *it, m, from, till));
 }
 
 bool Driver::op_search(Src &s) {
     auto [fi, fs, m] = pick(s, true);
     const size_t cnt = m.size();
     uint8_t low[16], high[16];
-    for (uint8_t *b : {low, high}) {
-        if (cnt && s.coin())
-            std::memcpy(b, m.at(s.below(cnt)), fs.fam.width);
-        else
-            gen_value(fs.fam, false, s, b);
-    }
+    for (uint8_t *b : {low, high})
+        gen_probe(fs.fam, m, s, b);
     const int lk = static_cast<int>(s.below(4)), hk = static_cast<int>(s.below(4));
     // Model of the set-up.  An empty result still sets a range: the char
     // family's is always 1/1/0, the scalar ones' lies where the bounds met.
@@ -687,12 +688,10 @@ bool Driver::op_search(Src &s) {
             return false;
         if (std::memcmp(&before_src, it.get(), sizeof before_src) != 0)
             return fail("project changed its source iterator");
-        const std::vector<uint64_t> idx = range_idx(from, till, cur_[pj].size());
-        if (!drain("project", pj, *dst, idx.size(), nullptr, &cur_[pj], in_turn(idx)))
+        if (!drain_range("project", pj, *dst, cur_[pj], from, till))
             return false;
     }
-    const std::vector<uint64_t> idx = range_idx(first, last, cnt); // none when not found
-    return drain("search scan", fi, *it, idx.size(), nullptr, &m, in_turn(idx));
+    return drain_range("search scan", fi, *it, m, first, last); // none when not found
 }
 
 // Drains `it` over n elements in tiles of 128 or, following a caller's
@@ -724,8 +723,7 @@ bool Driver::drain(const char *op, int fi, vel_seq_iterator_t &it, size_t n, con
                 e = tile_mismatch(f_[fi].fam, it, t, *vm, p[t]);
             else if (it.tile.u.arr_uint8[t] != p[t] ||
                      ((it.tile.null_bitmap[t / 64] >> (t % 64)) & 1))
-                e = fmt("position %llu, model %llu", (unsigned long long)it.tile.u.arr_uint8[t],
-                        (unsigned long long)p[t]);
+                e = fmt("position %" PRIu64 ", model %" PRIu64, it.tile.u.arr_uint8[t], p[t]);
             if (!e.empty())
                 return fail(fmt("%s on %s, element %zu, ", op, f_[fi].fam.name, k + t) + e);
         }
@@ -781,12 +779,8 @@ bool Driver::op_join(Src &s) {
     auto vals = std::make_unique<VecIter>();
     vals->setup(fs.fam.elem_type, static_cast<uint16_t>(w));
     vals->data.resize(n * w);
-    for (size_t i = 0; i < n; ++i) {
-        if (cnt && s.coin())
-            std::memcpy(&vals->data[i * w], m.at(s.below(cnt)), w);
-        else
-            gen_value(fs.fam, false, s, &vals->data[i * w]);
-    }
+    for (size_t i = 0; i < n; ++i)
+        gen_probe(fs.fam, m, s, &vals->data[i * w]);
     for (int i = 0, k = 1 + static_cast<int>(s.below(3)); i < k; ++i)
         vals->chunks.push_back(static_cast<uint16_t>(1 + s.below(128)));
     auto it = fresh_iter();
@@ -828,7 +822,6 @@ bool Driver::op_store(Src &s) {
     if (pairs.empty())
         return true;
     auto [src, dst] = pairs[s.below(pairs.size())];
-    const Family &f = f_[dst].fam;
     const SeqModel &sm = cur_[src];
     const uint64_t from = s.below(sm.size() + 1);
     const uint64_t till = s.coin() ? kAll : from + s.below(400);
@@ -837,17 +830,14 @@ bool Driver::op_store(Src &s) {
                    from < sm.size() ? VEL_S_OK : VEL_S_NOTFOUND))
         return false;
     // Model: one append per tile of 128, stopping at the first refusal.
-    const std::vector<uint64_t> idx = range_idx(from, till, sm.size());
+    const uint64_t total = range_count(from, till, sm.size());
     VEL_RET want = VEL_S_OK;
-    for (size_t k = 0; k < idx.size() && want == VEL_S_OK; k += 128) {
-        const size_t n = std::min<size_t>(128, idx.size() - k);
-        std::vector<uint8_t> v(n * f.width);
+    for (uint64_t k = from; k < from + total && want == VEL_S_OK; k += 128) {
+        const size_t n = std::min<uint64_t>(128, from + total - k);
         vel_bitmap_word_t nb[2] = {0, 0};
-        for (size_t t = 0; t < n; ++t) {
-            std::memcpy(&v[t * f.width], sm.at(idx[k + t]), f.width);
-            nb[t / 64] |= uint64_t{sm.nulls[idx[k + t]]} << (t % 64);
-        }
-        want = model_append(f, f_[dst].order, cur_[dst], v.data(), n, nb);
+        for (size_t t = 0; t < n; ++t)
+            nb[t / 64] |= uint64_t{sm.nulls[k + t]} << (t % 64);
+        want = model_append(f_[dst].fam, f_[dst].order, cur_[dst], sm.at(k), n, nb);
     }
     return updated("store", dst, env_.field(dst).store(it.get()), want);
 }
@@ -876,18 +866,16 @@ bool Driver::op_snapshot(Src &s) {
         snap_[slot] = committed_;
         return expect_rc("snapshot open", 0, env_.snapshot_open(slot), VEL_S_OK);
     }
-    // Verify every field as the snapshot sees it, then maybe close it.
-    if (!check_snapshot(slot))
-        return fail("(in snapshot) " + err_);
-    if (s.coin())
-        env_.snapshot_close(slot);
-    return true;
+    return check_snapshot(slot, s.coin());
 }
 
-bool Driver::check_snapshot(int slot) {
+// Every field as snapshot `slot` sees it; then closes it when asked to.
+bool Driver::check_snapshot(int slot, bool close) {
     if (!check_all(env_.snapshot_obj(slot), snap_[slot]))
-        return false;
+        return fail("(in snapshot) " + err_);
     ++st_.snapshot_checks;
+    if (close)
+        env_.snapshot_close(slot);
     return true;
 }
 
@@ -910,13 +898,9 @@ std::string Driver::run(const uint8_t *data, size_t size) {
             return err_;
     }
     // Every snapshot still open must still see its state.
-    for (int slot = 0; slot < Env::kSnapshots; ++slot) {
-        if (!env_.snapshot_is_open(slot))
-            continue;
-        if (!check_snapshot(slot))
+    for (int slot = 0; slot < Env::kSnapshots; ++slot)
+        if (env_.snapshot_is_open(slot) && !check_snapshot(slot, true))
             return "(final snapshot check) " + err_;
-        env_.snapshot_close(slot);
-    }
     return {};
 }
 

@@ -73,11 +73,13 @@ class Driver {
     bool fail(const std::string &what);
     bool expect_rc(const char *op, int field, VEL_RET got, VEL_RET want);
     bool updated(const char *op, int field, VEL_RET got, VEL_RET want);
-    bool check_field(int fi, vel_objhandle_h obj, const SeqModel &m, bool tree);
+    bool check_field(int fi, vel_objhandle_h obj, const SeqModel &m);
     bool check_all(vel_objhandle_h obj, const std::vector<SeqModel> &ms);
-    bool check_snapshot(int slot);
+    bool check_snapshot(int slot, bool close);
     bool drain(const char *op, int fi, vel_seq_iterator_t &it, size_t n, const VecIter *src,
                const SeqModel *vm, const Expect &expect);
+    bool drain_range(const char *op, int fi, vel_seq_iterator_t &it, const SeqModel &m,
+                     uint64_t from, uint64_t till);
 
     Pick pick(Src &s, bool ordered);
     size_t room_for(int fi, size_t n) const;

@@ -148,7 +148,8 @@ class Env {
   private:
     friend class Reader;
     Env() = default;
-    VEL_RET open_objects();
+    // Opens every object in con's transaction.
+    VEL_RET open_objects(vel_db_connection_h con, std::vector<vel_objhandle_t> &objs);
     VEL_RET begin_after(VEL_RET ended);
     velh_db_t *db_ = nullptr;
     int32_t page_size_ = 0;

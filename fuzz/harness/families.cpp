@@ -89,18 +89,14 @@ Family make(const char *name, uint8_t elem_type, uint8_t seq_code, size_t width,
             Ops::store, Ops::map,   Ops::project, Ops::join};
 }
 
-std::vector<Family> make_scalars() {
-#define X(S, T, DD)                                                                                \
-    make<Ops_##S>(#S, VEL_DD_##DD, VEL_DD_SEQUENCE_##DD, sizeof(T), std::is_floating_point_v<T>,   \
-                  lt_t<T>, le_t<T>),
-    return {VEL_SEQ_SCALAR_TYPES(X)};
-#undef X
-}
-
 } // namespace
 
 const std::vector<Family> &scalar_families() {
-    static const std::vector<Family> v = make_scalars();
+#define X(S, T, DD)                                                                                \
+    make<Ops_##S>(#S, VEL_DD_##DD, VEL_DD_SEQUENCE_##DD, sizeof(T), std::is_floating_point_v<T>,   \
+                  lt_t<T>, le_t<T>),
+    static const std::vector<Family> v = {VEL_SEQ_SCALAR_TYPES(X)};
+#undef X
     return v;
 }
 
