@@ -93,12 +93,6 @@ std::unique_ptr<vel_seq_iterator_t> fresh_iter() {
     return it;
 }
 
-// "a comes before b" in the declared order (ascending unless DESC).
-bool in_order(const FieldSpec &fs, const uint8_t *a, const uint8_t *b) {
-    return fs.order == VEL_SEQ_DESC_ORDER ? fs.fam.le(b, a, fs.fam.width)
-                                          : fs.fam.le(a, b, fs.fam.width);
-}
-
 // "v lies before bound b of kind k": the search's test, in the declared order.
 bool before(const FieldSpec &fs, const uint8_t *v, const uint8_t *b, int k) {
     if (k == VEL_SEQ_BOUNDARY_OPEN)
@@ -107,6 +101,11 @@ bool before(const FieldSpec &fs, const uint8_t *v, const uint8_t *b, int k) {
         std::swap(v, b);
     return k == VEL_SEQ_BOUNDARY_INCLUSIVE ? fs.fam.lt(v, b, fs.fam.width)
                                            : fs.fam.le(v, b, fs.fam.width);
+}
+
+// "a may come before b" in the declared order of an ordered field.
+bool in_order(const FieldSpec &fs, const uint8_t *a, const uint8_t *b) {
+    return before(fs, a, b, VEL_SEQ_BOUNDARY_EXCLUSIVE);
 }
 
 uint64_t partition(const FieldSpec &fs, const SeqModel &m, const uint8_t *b, int k) {
@@ -122,16 +121,6 @@ VEL_RET map_rc(const std::vector<uint64_t> &p, size_t size) {
         return VEL_E_NOMEM;
     return std::all_of(p.begin(), p.end(), [&](uint64_t x) { return x < size; }) ? VEL_S_OK
                                                                                  : VEL_S_NOTFOUND;
-}
-
-// An ordered char inner page sizes itself for entries alone yet stores a
-// key per child from byte 8 upwards, so past (page_size - 8) / (16 + width)
-// children its keys run into its entries.  The driver keeps ordered char
-// fields small enough (children <= elements) never to get there.
-size_t char_key_room(const FieldSpec &fs, int32_t page_size) {
-    if (!fs.fam.is_char || !fs.ordered())
-        return SIZE_MAX;
-    return static_cast<size_t>((page_size - 8) / (16 + static_cast<int32_t>(fs.fam.width)));
 }
 
 using Counter = std::pair<const char *, uint64_t DriverStats::*>;
@@ -160,14 +149,16 @@ std::string DriverStats::str() const {
 }
 
 std::vector<FieldSpec> driver_fields() {
-    return {{family_of(VEL_DD_INT4), VEL_SEQ_ASC_ORDER},
-            {family_of(VEL_DD_INT4), VEL_SEQ_NO_ORDER},
-            {family_of(VEL_DD_DOUBLE), VEL_SEQ_NO_ORDER},
-            {family_of(VEL_DD_UINT2), VEL_SEQ_DESC_ORDER},
-            {char_family(5), VEL_SEQ_ASC_ORDER},
-            {family_of(VEL_DD_DATETIME), VEL_SEQ_ASC_ORDER},
-            {family_of(VEL_DD_INT1), VEL_SEQ_NO_ORDER},
-            {family_of(VEL_DD_FLOAT), VEL_SEQ_DESC_ORDER}};
+    return {
+        {family_of(VEL_DD_INT4), VEL_SEQ_ASC_ORDER},
+        {family_of(VEL_DD_INT4), VEL_SEQ_NO_ORDER},
+        {family_of(VEL_DD_DOUBLE), VEL_SEQ_NO_ORDER},
+        {family_of(VEL_DD_UINT2), VEL_SEQ_DESC_ORDER},
+        {char_family(5), VEL_SEQ_ASC_ORDER},
+        {family_of(VEL_DD_DATETIME), VEL_SEQ_ASC_ORDER},
+        {family_of(VEL_DD_INT1), VEL_SEQ_NO_ORDER},
+        {family_of(VEL_DD_FLOAT), VEL_SEQ_DESC_ORDER},
+    };
 }
 
 EnvConfig config_from_byte(uint8_t b) {
@@ -419,9 +410,16 @@ void clamp(const FieldSpec &fs, std::vector<uint8_t> &v, const uint8_t *lo, cons
 
 } // namespace
 
-// A batch size that keeps field fi within the room of its keys.
+// A batch size that keeps field fi within the room of its keys.  An ordered
+// char inner page sizes itself for entries alone yet stores a key per child
+// from byte 8 upwards, so past (page_size - 8) / (16 + width) children its
+// keys run into its entries.  The driver keeps ordered char fields small
+// enough (children <= elements) never to get there.
 size_t Driver::room_for(int fi, size_t n) const {
-    const size_t room = char_key_room(f_[fi], env_.page_size()), cnt = cur_[fi].size();
+    const FieldSpec &fs = f_[fi];
+    if (!fs.fam.is_char || !fs.ordered())
+        return n;
+    const size_t room = (env_.page_size() - 8) / (16 + fs.fam.width), cnt = cur_[fi].size();
     return std::min(n, room > cnt ? room - cnt : 0);
 }
 
@@ -459,11 +457,10 @@ bool Driver::op_insert(Src &s) {
     if (fs.ordered() && mode == 2 && cnt > 0 && n > 0) {
         // One value strictly before its left neighbour (pos 0: after element 0).
         pos = std::min<uint64_t>(pos, cnt);
-        const uint8_t *left = m.at(pos == 0 ? 0 : pos - 1);
         bool found = false;
         for (int tries = 0; tries < 8 && !found; ++tries) {
             gen_value(fs.fam, false, s, v.data());
-            found = pos == 0 ? !in_order(fs, v.data(), left) : !in_order(fs, left, v.data());
+            found = insert_verdict(fs.fam, fs.order, m, pos, v.data(), 1, nullptr) != VEL_S_OK;
         }
         if (!found)
             return true;
@@ -503,7 +500,6 @@ bool Driver::op_late_inserts(Src &s) {
     const uint16_t fld = env_.loc(fi).fld_no;
     if (fs.ordered() && (!m.keys_exact || m.size() == 0))
         return true;
-    const size_t room = char_key_room(fs, env_.page_size());
     const bool consecutive = s.coin(), kept = s.coin();
     const uint32_t runs = 16 + s.below(300);
     uint64_t pos = s.below(m.size() + 1);
@@ -518,7 +514,7 @@ bool Driver::op_late_inserts(Src &s) {
                fail(fmt("compacted field %d: %" PRIu64 " pages, dense %" PRIu64, fi, sh.pages,
                         sh.dense_pages));
     };
-    for (uint32_t k = 0; k < runs && m.size() < room; ++k) {
+    for (uint32_t k = 0; k < runs && room_for(fi, 1) > 0; ++k) {
         if (!consecutive || pos > m.size())
             pos = s.below(m.size() + 1);
         if (fs.ordered() && pos == 0)
@@ -611,20 +607,16 @@ bool Driver::drain_range(const char *op, int fi, vel_seq_iterator_t &it, const S
 
 bool Driver::op_scan(Src &s) {
     auto [fi, fs, cur] = pick(s, false);
-    size_t cnt = cur.size();
-    uint64_t from = s.below(cnt + 2);
+    uint64_t from = s.below(cur.size() + 2);
     const uint64_t till = s.till(from, 0, 300);
     const bool use_snapshot = s.coin() && env_.snapshot_is_open(0);
     const SeqModel &m = use_snapshot ? snap_[0][fi] : cur;
-    if (use_snapshot) {
-        cnt = m.size();
-        if (from > cnt + 1)
-            from = cnt;
-    }
+    if (use_snapshot && from > m.size() + 1)
+        from = m.size();
     auto it = fresh_iter();
     const VEL_RET rc = env_.field(fi, use_snapshot ? env_.snapshot_obj(0) : env_.obj())
                            .subseq(it.get(), from, till);
-    const bool ok = till >= from && from < cnt;
+    const bool ok = till >= from && from < m.size();
     if (!expect_rc("subseq", fi, rc, ok ? VEL_S_OK : VEL_S_NOTFOUND))
         return false;
     if (std::string e = ok ? setup_mismatch(fs.fam, *it, from, from, till)

@@ -28,11 +28,7 @@ struct SeqModel {
     const uint8_t *at(size_t i) const { return vals.data() + i * w; }
     void insert(size_t pos, const void *v, size_t n, const vel_bitmap_word_t *nb, size_t nb_offs);
     void erase(size_t from, size_t till); // inclusive
-    void clear() {
-        vals.clear();
-        nulls.clear();
-        keys_exact = true;
-    }
+    void clear() { *this = of_width(w); }
     bool operator==(const SeqModel &o) const { return vals == o.vals && nulls == o.nulls; }
 };
 
