@@ -128,7 +128,6 @@ class Env {
     vel_db_connection_h con() { return con_; }
     velh_db_t *db() { return db_; }
     uint16_t class_code() const { return class_code_; }
-    const std::vector<uint64_t> &oids() const { return oids_; }
 
     VEL_RET commit_and_begin();   // commit, then open the next write transaction
     VEL_RET rollback_and_begin(); // roll back, then open the next write transaction
