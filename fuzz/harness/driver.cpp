@@ -503,11 +503,13 @@ bool Driver::op_late_inserts(Src &s) {
     uint64_t pos = s.below(m.size() + 1);
     velh_compact_state_t st{};
     std::vector<uint8_t> v(fs.fam.width);
-    auto shape = [&](velh_field_shape_t *sh) {
+    // Structured bindings go into lambdas by init-capture (clang 14 cannot
+    // capture them).
+    auto shape = [&, fi = fi, &fs = fs](velh_field_shape_t *sh) {
         return expect_rc("shape", fi, velh_field_shape(env_.obj(), fld, fs.order, sh), VEL_S_OK);
     };
     // A compaction builds the tree appends build, page for page.
-    auto dense = [&](const velh_field_shape_t &sh) {
+    auto dense = [&, fi = fi](const velh_field_shape_t &sh) {
         return sh.pages == sh.dense_pages ||
                fail(fmt("compacted field %d: %" PRIu64 " pages, dense %" PRIu64, fi, sh.pages,
                         sh.dense_pages));
@@ -636,7 +638,7 @@ bool Driver::op_search(Src &s) {
     // family's is always 1/1/0, the scalar ones' lies where the bounds met.
     VEL_RET want = VEL_S_OK;
     uint64_t first = 0, next = 0, last = kAll;
-    auto none = [&](uint64_t at) {
+    auto none = [&, &fs = fs](uint64_t at) {
         want = VEL_S_NOTFOUND;
         last = fs.fam.is_char ? 0 : at;
         first = next = last + 1;
@@ -786,7 +788,7 @@ bool Driver::op_join(Src &s) {
     return drain(
         mf >= 0 ? "map over join next" : "join next", mf >= 0 ? mf : fi, mf >= 0 ? *mit : *it, n,
         vals.get(), mf >= 0 ? &cur_[mf] : nullptr,
-        [&](size_t k, size_t want_n, std::vector<uint64_t> &p) {
+        [&, &fs = fs, &m = m](size_t k, size_t want_n, std::vector<uint64_t> &p) {
             for (size_t t = 0; t < want_n; ++t)
                 p.push_back(partition(fs, m, &vals->data[(k + t) * w], VEL_SEQ_BOUNDARY_INCLUSIVE));
             if (std::find(p.begin(), p.end(), cnt) != p.end())
