@@ -6,6 +6,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -35,53 +36,6 @@ std::vector<FieldSpec> driver_fields();
 // page manager, concurrent writers.
 EnvConfig config_from_byte(uint8_t b);
 
-class Driver {
-  public:
-    explicit Driver(Env &env); // over the environment's fields
-    // Runs the operations encoded in data; returns "" or a description of
-    // the first mismatch (the operation number and what differed).
-    std::string run(const uint8_t *data, size_t size);
-    const DriverStats &stats() const { return st_; }
-
-    struct Src;
-
-  private:
-    Env &env_;
-    std::vector<FieldSpec> f_;
-    std::vector<SeqModel> cur_, committed_;
-    std::vector<SeqModel> snap_[Env::kSnapshots];
-    DriverStats st_;
-    std::string err_;
-    uint64_t op_no_ = 0;
-
-    bool fail(const std::string &what);
-    bool expect_rc(const char *op, int field, VEL_RET got, VEL_RET want);
-    bool check_field(int fi, vel_objhandle_h obj, const SeqModel &m, bool tree);
-    bool root_is_leaf(int fi);
-
-    int pick_field(Src &s, bool ordered) const;
-    bool op_append(Src &s);
-    bool op_insert(Src &s);
-    bool op_late_inserts(Src &s);
-    bool op_delete(Src &s);
-    bool op_truncate(Src &s);
-    bool op_ends(Src &s);
-    bool op_scan(Src &s);
-    bool op_search(Src &s);
-    bool op_map(Src &s);
-    std::string map_stack_mismatch(int fi, const vel_seq_iterator_t &it, const uint64_t *p,
-                                   size_t n);
-    bool op_join(Src &s);
-    bool op_store(Src &s);
-    bool op_commit(Src &s);
-    bool op_rollback(Src &s);
-    bool op_snapshot(Src &s);
-    bool check_snapshot(int slot);
-
-    void gen_value(const Family &f, bool allow_nan, Src &s, uint8_t *out);
-    std::vector<uint8_t> gen_sorted(int fi, size_t n, Src &s);
-};
-
 // A caller-made iterator that delivers a vector of elements in tiles of
 // chosen sizes (its own next and reset), used as positions for map and as
 // the values of a join.
@@ -92,6 +46,58 @@ struct VecIter {
     size_t pos = 0, chunk_no = 0;
     void setup(uint8_t elem_type, uint16_t elem_size);
     size_t count() const { return it.elem_size ? data.size() / it.elem_size : 0; }
+};
+
+class Driver {
+  public:
+    explicit Driver(Env &env); // over the environment's fields
+    // Runs the operations encoded in data; returns "" or a description of
+    // the first mismatch (the operation number and what differed).
+    std::string run(const uint8_t *data, size_t size);
+    const DriverStats &stats() const { return st_; }
+
+    struct Src;
+    // The model positions of the tile at element k of n, and next's code.
+    using Expect = std::function<VEL_RET(size_t k, size_t n, std::vector<uint64_t> &pos)>;
+
+  private:
+    struct Pick;
+    Env &env_;
+    std::vector<FieldSpec> f_;
+    std::vector<SeqModel> cur_, committed_;
+    std::vector<SeqModel> snap_[Env::kSnapshots];
+    DriverStats st_;
+    std::string err_;
+    uint64_t op_no_ = 0;
+
+    bool fail(const std::string &what);
+    bool expect_rc(const char *op, int field, VEL_RET got, VEL_RET want);
+    bool updated(const char *op, int field, VEL_RET got, VEL_RET want);
+    bool check_field(int fi, vel_objhandle_h obj, const SeqModel &m);
+    bool check_all(vel_objhandle_h obj, const std::vector<SeqModel> &ms);
+    bool check_snapshot(int slot, bool close);
+    bool drain(const char *op, int fi, vel_seq_iterator_t &it, size_t n, const VecIter *src,
+               const SeqModel *vm, const Expect &expect);
+    bool drain_range(const char *op, int fi, vel_seq_iterator_t &it, const SeqModel &m,
+                     uint64_t from, uint64_t till);
+
+    Pick pick(Src &s, bool ordered);
+    size_t room_for(int fi, size_t n) const;
+
+    bool op_append(Src &s);
+    bool op_insert(Src &s);
+    bool op_late_inserts(Src &s);
+    bool op_delete(Src &s);
+    bool op_truncate(Src &s);
+    bool op_ends(Src &s);
+    bool op_scan(Src &s);
+    bool op_search(Src &s);
+    bool op_map(Src &s);
+    bool op_join(Src &s);
+    bool op_store(Src &s);
+    bool op_commit(Src &s);
+    bool op_rollback(Src &s);
+    bool op_snapshot(Src &s);
 };
 
 } // namespace velrel

@@ -28,18 +28,10 @@ VEL_RET Reader::begin() {
         return VEL_E_HOST_BAD_ARG;
     end();
     VEL_RET rc = velh_begin(con_, VELH_READ_ONLY);
-    if (rc != VEL_S_OK)
-        return rc;
-    objs_.assign(env_.oids_.size(), vel_objhandle_t{});
-    for (size_t i = 0; i < env_.oids_.size(); ++i) {
-        rc = velh_obj_open(con_, env_.class_code_, env_.oids_[i], &objs_[i]);
-        if (rc != VEL_S_OK) {
-            velh_rollback(con_);
-            return rc;
-        }
-    }
-    open_ = true;
-    return VEL_S_OK;
+    if (rc == VEL_S_OK && (rc = env_.open_objects(con_, objs_)) != VEL_S_OK)
+        velh_rollback(con_);
+    open_ = rc == VEL_S_OK;
+    return rc;
 }
 
 void Reader::end() {
@@ -104,20 +96,19 @@ Env::~Env() {
         velh_db_close(db_);
 }
 
-VEL_RET Env::open_objects() {
-    for (size_t i = 0; i < oids_.size(); ++i) {
-        VEL_RET rc = velh_obj_open(con_, class_code_, oids_[i], &objs_[i]);
-        if (rc != VEL_S_OK)
-            return rc;
-    }
-    return VEL_S_OK;
+VEL_RET Env::open_objects(vel_db_connection_h con, std::vector<vel_objhandle_t> &objs) {
+    objs.resize(oids_.size());
+    VEL_RET rc = VEL_S_OK;
+    for (size_t i = 0; i < oids_.size() && rc == VEL_S_OK; ++i)
+        rc = velh_obj_open(con, class_code_, oids_[i], &objs[i]);
+    return rc;
 }
 
 // `ended`: the commit's or rollback's code, reported before the begin's.
 VEL_RET Env::begin_after(VEL_RET ended) {
     VEL_RET rb = velh_begin(con_, VELH_READ_WRITE);
     VEL_RET rc = ended != VEL_S_OK ? ended : rb;
-    return rc == VEL_S_OK ? open_objects() : rc;
+    return rc == VEL_S_OK ? open_objects(con_, objs_) : rc;
 }
 
 VEL_RET Env::commit_and_begin() { return begin_after(velh_commit(con_)); }

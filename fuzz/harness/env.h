@@ -18,6 +18,7 @@ namespace velrel {
 struct FieldSpec {
     Family fam;
     vel_seq_order_t order;
+    bool ordered() const { return order != VEL_SEQ_NO_ORDER; }
 };
 
 struct FieldLoc {
@@ -127,7 +128,6 @@ class Env {
     vel_db_connection_h con() { return con_; }
     velh_db_t *db() { return db_; }
     uint16_t class_code() const { return class_code_; }
-    const std::vector<uint64_t> &oids() const { return oids_; }
 
     VEL_RET commit_and_begin();   // commit, then open the next write transaction
     VEL_RET rollback_and_begin(); // roll back, then open the next write transaction
@@ -147,7 +147,8 @@ class Env {
   private:
     friend class Reader;
     Env() = default;
-    VEL_RET open_objects();
+    // Opens every object in con's transaction.
+    VEL_RET open_objects(vel_db_connection_h con, std::vector<vel_objhandle_t> &objs);
     VEL_RET begin_after(VEL_RET ended);
     velh_db_t *db_ = nullptr;
     int32_t page_size_ = 0;

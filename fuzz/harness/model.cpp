@@ -17,42 +17,39 @@ void SeqModel::erase(size_t from, size_t till) {
     nulls.erase(nulls.begin() + from, nulls.begin() + till + 1);
 }
 
-bool ordered_null_test_hits(const vel_bitmap_word_t *nb, uint64_t n) {
-    if (!nb)
-        return false;
-    for (uint64_t i = 0; i < n / 64; ++i)
-        if (nb[i])
-            return true;
-    return n % 64 != 0 && (nb[n / 64] & (n % 64)) != 0;
-}
-
-bool buffer_out_of_order(const Family &f, vel_seq_order_t order, const uint8_t *v, uint64_t n) {
-    for (uint64_t i = 1; i < n; ++i) {
-        const uint8_t *prev = v + (i - 1) * f.width, *cur = v + i * f.width;
-        if (order == VEL_SEQ_ASC_ORDER && f.lt(cur, prev, f.width))
-            return true;
-        if (order == VEL_SEQ_DESC_ORDER && f.lt(prev, cur, f.width))
-            return true;
+VEL_RET insert_verdict(const Family &f, vel_seq_order_t order, const SeqModel &m, uint64_t pos,
+                       const uint8_t *v, uint64_t n, const vel_bitmap_word_t *nb) {
+    if (order != VEL_SEQ_NO_ORDER && nb) {
+        for (uint64_t i = 0; i < n / 64; ++i)
+            if (nb[i])
+                return VEL_E_SEQ_NULL_VALUE;
+        if (n % 64 != 0 && (nb[n / 64] & (n % 64)) != 0)
+            return VEL_E_SEQ_NULL_VALUE;
     }
-    return false;
+    const size_t w = f.width;
+    for (uint64_t i = 1; i < n; ++i) {
+        const uint8_t *prev = v + (i - 1) * w, *cur = v + i * w;
+        if ((order == VEL_SEQ_ASC_ORDER && f.lt(cur, prev, w)) ||
+            (order == VEL_SEQ_DESC_ORDER && f.lt(prev, cur, w)))
+            return VEL_E_SEQ_OUT_OF_ORDER;
+    }
+    if (n == 0)
+        return VEL_S_OK;
+    if (pos > m.size())
+        return VEL_E_ILLEGAL_PARAM;
+    if (order == VEL_SEQ_NO_ORDER || m.size() == 0)
+        return VEL_S_OK;
+    const uint8_t *a = pos > 0 ? m.at(pos - 1) : v, *b = pos > 0 ? v : m.at(0);
+    const bool ok = order == VEL_SEQ_ASC_ORDER ? f.le(a, b, w) : f.le(b, a, w);
+    return ok ? VEL_S_OK : VEL_E_SEQ_OUT_OF_ORDER;
 }
 
 VEL_RET model_append(const Family &f, vel_seq_order_t order, SeqModel &m, const uint8_t *v,
                      uint64_t n, const vel_bitmap_word_t *nb) {
-    if (order != VEL_SEQ_NO_ORDER && ordered_null_test_hits(nb, n))
-        return VEL_E_SEQ_NULL_VALUE;
-    if (buffer_out_of_order(f, order, v, n))
-        return VEL_E_SEQ_OUT_OF_ORDER;
-    if (n == 0)
-        return VEL_S_OK;
-    if (m.size() != 0 && order != VEL_SEQ_NO_ORDER) {
-        const uint8_t *last = m.at(m.size() - 1);
-        bool ok = order == VEL_SEQ_ASC_ORDER ? f.le(last, v, f.width) : f.le(v, last, f.width);
-        if (!ok)
-            return VEL_E_SEQ_OUT_OF_ORDER;
-    }
-    m.insert(m.size(), v, n, nb, 0);
-    return VEL_S_OK;
+    const VEL_RET rc = insert_verdict(f, order, m, m.size(), v, n, nb);
+    if (rc == VEL_S_OK)
+        m.insert(m.size(), v, n, nb, 0);
+    return rc;
 }
 
 } // namespace velrel

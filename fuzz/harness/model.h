@@ -28,11 +28,7 @@ struct SeqModel {
     const uint8_t *at(size_t i) const { return vals.data() + i * w; }
     void insert(size_t pos, const void *v, size_t n, const vel_bitmap_word_t *nb, size_t nb_offs);
     void erase(size_t from, size_t till); // inclusive
-    void clear() {
-        vals.clear();
-        nulls.clear();
-        keys_exact = true;
-    }
+    void clear() { *this = of_width(w); }
     bool operator==(const SeqModel &o) const { return vals == o.vals && nulls == o.nulls; }
 };
 
@@ -40,15 +36,15 @@ inline bool bit_of(const vel_bitmap_word_t *b, size_t i) {
     return b && ((b[i / 64] >> (i % 64)) & 1);
 }
 
-// The null test of append and insert on ordered fields: whole words, then the
-// last partial word ANDed with n % 64 itself (not with a mask of that width).
-bool ordered_null_test_hits(const vel_bitmap_word_t *nb, uint64_t n);
+// The module's verdict on inserting v[0..n) with null bits nb at pos (an
+// append inserts at size()): on ordered fields the null test (whole words,
+// then the last partial word ANDed with n % 64 itself, not with a mask of
+// that width), the buffer's own order, the position, then on ordered fields
+// the left neighbour (at 0, the first element).
+VEL_RET insert_verdict(const Family &f, vel_seq_order_t order, const SeqModel &m, uint64_t pos,
+                       const uint8_t *v, uint64_t n, const vel_bitmap_word_t *nb);
 
-// Buffer order check of append and insert: true when the buffer is refused.
-bool buffer_out_of_order(const Family &f, vel_seq_order_t order, const uint8_t *v, uint64_t n);
-
-// Outcome of append (declared orders only) on the model, applying it when
-// the module would.
+// Outcome of append on the model, applying it when the module would.
 VEL_RET model_append(const Family &f, vel_seq_order_t order, SeqModel &m, const uint8_t *v,
                      uint64_t n, const vel_bitmap_word_t *nb);
 

@@ -54,7 +54,6 @@ std::string check_tree(const Family &f, vel_seq_order_t order, vel_seq_page_t *r
         return std::string(f.name) + " field: " + w.message;
     out->pages = w.pages;
     out->depth = w.depth();
-    out->root_is_leaf = page_kind(root) == kLeafPage;
     return {};
 }
 

@@ -15,7 +15,6 @@ namespace velrel {
 
 struct TreeInfo {
     int depth = 0; // levels; 0 for an empty field
-    bool root_is_leaf = false;
     uint64_t pages = 0;
     std::vector<vel_seq_page_t *> page_list; // every page, root first, depth-first
     SeqModel content;                        // values and null flags in sequence order
