@@ -70,8 +70,7 @@ void expect_table(velh_db_t *db, size_t n) {
 // definitions and lookups leave the catalogue and the log as they were.
 TEST(DurableImage, CatalogueRoundTripsThroughRacingCheckpoints) {
     TempDir dir;
-    const std::string log = dir.file("db.log"), img = dir.file("db.img"),
-                      over(VELH_MAX_NAME + 1, 'o');
+    const std::string &log = dir.log, &img = dir.img, over(VELH_MAX_NAME + 1, 'o');
     const velh_config_t cfg = config(4096, log.c_str(), VELH_LOG_SYNC_NONE);
     const size_t n = 40;
     std::string expect;
@@ -142,10 +141,10 @@ TEST(DurableImage, CatalogueRoundTripsThroughRacingCheckpoints) {
 // classes with an order are refused on the old log until a checkpoint.
 TEST(Catalogue, OldFormatsOpenWithOrderZero) {
     TempDir dir;
-    const std::string log = dir.file("old.log"), img = dir.file("old.img");
+    const std::string &img = dir.img;
     write_file(img, read_file(VELHOST_TEST_DATA "/old.img"));
-    write_file(log, read_file(VELHOST_TEST_DATA "/old.log"));
-    const velh_config_t cfg = config(128, log.c_str());
+    write_file(dir.log, read_file(VELHOST_TEST_DATA "/old.log"));
+    const velh_config_t cfg = config(128, dir.log.c_str());
     velh_open_stats_t st{};
     std::unique_ptr<Db> d = open_db(cfg, img.c_str(), &st);
     ASSERT_TRUE(d);

@@ -23,16 +23,13 @@ namespace {
 // commits go on.  The two agree in memory and after a reopen, whose state is
 // left in `state`.  Returns whether the failure was injected (n = 0: none).
 bool run(const TempDir &dir, int mode, io_fault::Op op, long n, std::string *state) {
-    const std::string log = dir.file("db.log"), img = dir.file("db.img");
-    const velh_config_t cfg = config(256, log.c_str(), mode);
+    const velh_config_t cfg = config(256, dir.log.c_str(), mode);
     std::unique_ptr<Db> t = open_db(cfg), m = open_db(config(256));
+    Workload(0).setup({t.get(), m.get()}); // classes 1 and 2
     uint64_t oids[2][3] = {};
-    for (int i : {0, 1}) {
-        Db &d = i ? *m : *t;
-        EXPECT_TRUE(define_class(d.db, 0) == VEL_S_OK && define_class(d.db, 1) == VEL_S_OK);
+    for (int i : {0, 1})
         for (uint64_t &oid : oids[i])
-            EXPECT_EQ(append_ticks(d, &oid, 1, 0), VEL_S_OK);
-    }
+            EXPECT_EQ(append_ticks(i ? *m : *t, &oid, 1, 0), VEL_S_OK);
     io_fault::arm(op, n, n % 3 == 0 ? EIO : n % 3 == 1 ? ENOSPC : EACCES);
     bool must_ack = false;
     auto commit = [&](int k) {
@@ -43,15 +40,15 @@ bool run(const TempDir &dir, int mode, io_fault::Op op, long n, std::string *sta
         must_ack = false;
     };
     for (int k = 0; k < 12; ++k) {
-        const VEL_RET c = k == 3 ? define_class(t->db, 2) : VEL_E_HOST_IO; // refused: none
-        EXPECT_TRUE(c == VEL_E_HOST_IO || (c == VEL_S_OK && define_class(m->db, 2) == 0)) << c;
+        const VEL_RET c = k == 3 ? define(t->db, classes()[2]) : VEL_E_HOST_IO; // refused: none
+        EXPECT_TRUE(c == VEL_E_HOST_IO || (c == VEL_S_OK && define(m->db, classes()[2]) == 0)) << c;
         // A checkpoint that failed before its image was renamed in changed nothing.
         if (k == 6)
-            must_ack = velh_checkpoint(t->db, img.c_str()) != VEL_S_OK && !fs::exists(img);
+            must_ack = velh_checkpoint(t->db, dir.img.c_str()) != VEL_S_OK && !fs::exists(dir.img);
         commit(k);
     }
     const bool failed = io_fault::fired;
-    const VEL_RET r = velh_checkpoint(t->db, img.c_str());
+    const VEL_RET r = velh_checkpoint(t->db, dir.img.c_str());
     EXPECT_TRUE(r == VEL_S_OK || !failed)
         << "checkpoint after the failure: " << velh_error_message();
     for (int k = 12; k < 16; ++k) {
@@ -62,7 +59,7 @@ bool run(const TempDir &dir, int mode, io_fault::Op op, long n, std::string *sta
     t->flush_may_fail = true;
     t.reset();
     const bool fired = io_fault::disarm();
-    EXPECT_EQ(load(cfg, fs::exists(img) ? img.c_str() : nullptr, state), VEL_S_OK);
+    EXPECT_EQ(load(cfg, fs::exists(dir.img) ? dir.img.c_str() : nullptr, state), VEL_S_OK);
     EXPECT_EQ(*state, dump(*m));
     return fired;
 }
@@ -70,13 +67,10 @@ bool run(const TempDir &dir, int mode, io_fault::Op op, long n, std::string *sta
 } // namespace
 
 TEST(DurableFaults, FailedCallsKeepEveryAcknowledgedCommit) {
-    const testing::TestResult *res =
-        testing::UnitTest::GetInstance()->current_test_info()->result();
     std::string expect, state;
     for (int mode : {VELH_LOG_SYNC_COMMIT, VELH_LOG_SYNC_GROUP})
         for (int op = 0; op < io_fault::kOps; ++op) // until a run ends unharmed or fails
-            for (long n = 1, parts = res->total_part_count(); parts == res->total_part_count();
-                 ++n) {
+            for (long n = 1; !HasFailure(); ++n) {
                 SCOPED_TRACE(testing::Message() << io_fault::kNames[op] << " call " << n
                                                 << " fails, log mode " << mode);
                 if (!run(TempDir(), mode, io_fault::Op(op), n, &state))
@@ -86,8 +80,8 @@ TEST(DurableFaults, FailedCallsKeepEveryAcknowledgedCommit) {
     // the open and changes no file; after any failure the files open whole.
     TempDir dir;
     ASSERT_FALSE(run(dir, VELH_LOG_SYNC_COMMIT, io_fault::kRead, 0, &expect));
-    const std::string img = dir.file("db.img"), log = dir.file("db.log");
-    const std::string image = read_file(img), torn = read_file(log) + "VLRC";
+    const std::string &img = dir.img, &log = dir.log, image = read_file(img),
+                      torn = read_file(log) + "VLRC";
     const velh_config_t cfg = config(256, log.c_str());
     for (int op = 0; op < io_fault::kOps; ++op)
         for (long n = 1;; ++n) {
@@ -113,7 +107,7 @@ TEST(DurableFaults, FailedCallsKeepEveryAcknowledgedCommit) {
 
 TEST(DurableLock, OneWriterOrSharedReaders) {
     TempDir dir;
-    const std::string log = dir.file("db.log"), img = dir.file("db.img");
+    const std::string &log = dir.log, &img = dir.img;
     velh_config_t cfg = config(256, log.c_str()), ro = cfg;
     ro.open_flags = VELH_OPEN_READ_ONLY;
     // The lock is the file's (flock), not the process's: a holder in this
@@ -143,7 +137,7 @@ TEST(DurableLock, OneWriterOrSharedReaders) {
         if (code == VEL_S_OK && (code = velh_obj_create(r->con, 1, &o)) == VEL_S_OK)
             code = velh_commit(r->con);
         EXPECT_EQ(code, VEL_E_HOST_READ_ONLY);
-        EXPECT_EQ(define_class(r->db, 2), VEL_E_HOST_READ_ONLY);
+        EXPECT_EQ(define(r->db, classes()[2]), VEL_E_HOST_READ_ONLY);
         EXPECT_EQ(velh_checkpoint(r->db, img.c_str()), VEL_E_HOST_READ_ONLY);
     }
     EXPECT_TRUE(read_file(img) + read_file(log) == files);
@@ -162,7 +156,7 @@ TEST(DurableLock, OneWriterOrSharedReaders) {
     EXPECT_EQ(velh_checkpoint(t->db, img.c_str()), VEL_S_OK);
     EXPECT_FALSE(fs::exists(stale));
     // A read-only open replays class records like any other.
-    EXPECT_EQ(define_class(t->db, 2, "later"), VEL_S_OK);
+    EXPECT_EQ(define(t->db, classes()[2], "later"), VEL_S_OK);
     t.reset();
     EXPECT_TRUE(open_db(ro, img.c_str()));
 }
