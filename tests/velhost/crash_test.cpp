@@ -1,7 +1,7 @@
 // Killed writers: a child commits a seed's workload to a database with a log
 // (a checkpoint every 9 commits, a save of a second image every 4) and tells
 // on a pipe each commit and save that returned; the parent, which ran the
-// same workload in memory for the state of every commit, kills it with
+// same workload on files of its own for the state of every commit, kills it with
 // SIGKILL at a random moment and reopens the files: with the every-commit
 // flush the state is that of the last commit told or of the next, with the
 // others that of a commit up to the next; the saved image opens as the last
@@ -64,12 +64,19 @@ struct Journaled {
     std::set<uint64_t> logs; // the files commits were written to
 };
 
-Journaled record(const Mode &m, uint64_t seed, const TempDir &dir) {
+// Runs mode m's workload on the files of `dir` and marks each state begun
+// and acknowledged, each checkpoint and save: in the journal, or with `mark`
+// given, through it instead.
+Journaled record(const Mode &m, uint64_t seed, const TempDir &dir,
+                 std::function<void(uint64_t, uint64_t)> mark = {}) {
     Journaled r{m, {}, {}, {}, {}, {}};
     velh_config_t cfg = config(256, dir.log.c_str(), m.sync);
     cfg.log_group_ms = m.period_ms;
-    using io_fault::journal::mark;
-    io_fault::journal::start(dir.path, std::max(m.flush_delay_us, 0L));
+    const bool journal = !mark;
+    if (journal) {
+        mark = io_fault::journal::mark;
+        io_fault::journal::start(dir.path, std::max(m.flush_delay_us, 0L));
+    }
     {
         std::unique_ptr<Db> t = open_db(cfg);
         r.state.push_back(digest(dump(*t)));
@@ -105,7 +112,8 @@ Journaled record(const Mode &m, uint64_t seed, const TempDir &dir) {
             ::usleep(useconds_t(m.gap_us));
         }
     } // the close flushes the rest
-    r.ev = io_fault::journal::stop();
+    if (journal)
+        r.ev = io_fault::journal::stop();
 
     const size_t n = r.ev.size();
     for (std::vector<size_t> &v : r.at)
@@ -204,9 +212,9 @@ std::map<std::string, std::string> crash_files(const std::vector<Event> &ev, siz
             std::string p(rng() % 2 ? cur.size() : b.size(), '\0');
             for (size_t at = 0; at < p.size(); at += 4096) {
                 const std::string &from = rng() % 2 ? cur : b;
-                const size_t n = std::min({size_t(4096), p.size() - at, from.size() - at});
-                std::copy_n(from.begin() + long(at), at < from.size() ? n : 0,
-                            p.begin() + long(at));
+                if (at < from.size())
+                    p.replace(at, std::min({size_t(4096), p.size() - at, from.size() - at}), from,
+                              at, std::min({size_t(4096), p.size() - at, from.size() - at}));
             }
             b = std::move(p);
         }
@@ -347,73 +355,62 @@ TEST(DurablePowerLoss, CrashStatesOpenAtACoveredCommit) {
 TEST(DurableCrash, KilledWriterLeavesWholeCommits) {
     const char *env = std::getenv("VELSEQ_CRASH_KILLS");
     const int kills = env != nullptr && *env ? std::atoi(env) : 5;
-    constexpr int64_t kCommits = 200; // the child waits there
     std::mt19937_64 rng(20261123);
-    for (int mode : {VELH_LOG_SYNC_COMMIT, VELH_LOG_SYNC_GROUP, VELH_LOG_SYNC_NONE}) {
+    for (int sync : {VELH_LOG_SYNC_COMMIT, VELH_LOG_SYNC_GROUP, VELH_LOG_SYNC_NONE}) {
+        const Mode mode{sync, 80, 9, 4, 0, 2, 0}; // the child waits after its last commit
         const uint64_t seed = rng();
-        std::vector<uint64_t> state; // after the setup and after each commit
-        {
-            std::unique_ptr<Db> m = open_db(config(256));
-            Workload w(seed);
-            w.setup({m.get()}, false);
-            for (bool committed = true; int64_t(state.size()) <= kCommits;
-                 committed = w.txn({m.get()}))
-                if (committed)
-                    state.push_back(digest(dump(*m)));
-        }
+        // The states and saves of that run, in memory.
+        const Journaled model = record(mode, seed, TempDir(true), [](uint64_t, uint64_t) {});
+        const std::vector<uint64_t> &state = model.state, &saves = model.saved;
         for (int i = 0; i < kills; ++i) {
-            SCOPED_TRACE("mode " + std::to_string(mode) + " kill " + std::to_string(i));
+            SCOPED_TRACE("mode " + std::to_string(sync) + " kill " + std::to_string(i));
             TempDir dir;
             int fds[2];
             ASSERT_EQ(::pipe(fds), 0);
             const pid_t pid = ::fork();
             ASSERT_GE(pid, 0);
-            if (pid == 0) { // tells 2k when commit k returned (0: the setup), 2k + 1 its save
-                std::unique_ptr<Db> t = open_db(config(256, dir.log.c_str(), mode));
-                Workload w(seed);
-                if (t)
-                    w.setup({t.get()}, false);
-                for (int64_t k = 0, at; t && k <= kCommits;) {
-                    if (k > 0 && !w.txn({t.get()}))
-                        continue;
-                    if (::write(fds[1], &(at = 2 * k), 8) != 8 || // below PIPE_BUF: whole
-                        (k > 0 && k % 9 == 0 && velh_checkpoint(t->db, dir.img.c_str()) != 0) ||
-                        (k > 0 && k % 4 == 0 &&
-                         (velh_db_save(t->db, dir.snap.c_str()) != 0 ||
-                          ::write(fds[1], &(at = 2 * k + 1), 8) != 8)))
+            if (pid == 0) { // tells each mark as state * kTags + tag, below PIPE_BUF: whole
+                record(mode, seed, dir, [&](uint64_t tag, uint64_t i) {
+                    const uint64_t m = i * kTags + tag;
+                    if (testing::Test::HasFailure() || ::write(fds[1], &m, 8) != 8)
                         _exit(2);
-                    ++k;
-                }
+                });
                 ::pause();
             }
             ::close(fds[1]);
             // Let it reach a random commit, then kill it a moment later.
-            int64_t done = -1, saved = -1, at; // the last commit and save told
-            auto told = [&] {
-                return ::read(fds[0], &at, 8) == 8 && ((at % 2 ? saved : done) = at / 2) >= 0;
+            int64_t done = -1, saved = -1; // the last state and save acknowledged
+            auto told = [&, m = uint64_t()]() mutable {
+                const bool got = ::read(fds[0], &m, 8) == 8;
+                if (got && m % kTags == kAck)
+                    done = int64_t(m / kTags);
+                if (got && m % kTags == kSaveAck)
+                    saved = int64_t(m / kTags);
+                return got;
             };
-            for (const int64_t target = int64_t(rng() % 40); done < target && told();) {
+            for (const int64_t target = 3 + int64_t(rng() % 40); done < target && told();) {
             }
             ::usleep(useconds_t(rng() % 4000));
             ::kill(pid, SIGKILL);
             int status = 0;
             ::waitpid(pid, &status, 0);
-            ASSERT_TRUE(WIFSIGNALED(status)) << "the child stopped by itself: " << status;
+            ASSERT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL)
+                << "the child stopped: " << status;
             while (told()) {
             }
             ::close(fds[0]);
-            ASSERT_GE(done, 0);
+            ASSERT_GE(done, 3);
 
             const Opened o = reopen(dir);
             ASSERT_TRUE(o.ok && !o.recovered);
-            const auto last = state.begin() + done, next = last + (done < kCommits);
-            EXPECT_TRUE(mode == VELH_LOG_SYNC_COMMIT
+            const auto last = state.begin() + done, next = last + (last + 1 != state.end());
+            EXPECT_TRUE(sync == VELH_LOG_SYNC_COMMIT
                             ? *last == o.db || *next == o.db
                             : std::find(state.begin(), next + 1, o.db) != next + 1)
                 << "the state is no commit's up to the one after " << done;
-            const int64_t in_flight = saved < 0 ? 4 : saved + 4;
-            EXPECT_TRUE(o.snap == 0 || (saved >= 0 && state[size_t(saved)] == o.snap) ||
-                        (in_flight <= kCommits && state[size_t(in_flight)] == o.snap))
+            const size_t in_flight = size_t(saved + 1);
+            EXPECT_TRUE(o.snap == 0 || (saved >= 0 && saves[size_t(saved)] == o.snap) ||
+                        (in_flight < saves.size() && saves[in_flight] == o.snap))
                 << "the saved image is neither the last save told nor the next";
         }
     }

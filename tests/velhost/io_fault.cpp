@@ -62,27 +62,28 @@ struct State {
     std::unordered_map<ino_t, uint64_t> id_of; // inode -> file number, the folder's 0
     uint64_t files = 0;
     std::vector<Event> events;
-} j;
+} js;
 
 // The name within the folder, or null for a path outside it.
 const char *name_in(const char *path) {
-    const size_t n = j.folder.size();
-    return std::strncmp(path, j.folder.c_str(), n) == 0 && path[n] == '/' ? path + n + 1 : nullptr;
+    const size_t n = js.folder.size();
+    return std::strncmp(path, js.folder.c_str(), n) == 0 && path[n] == '/' ? path + n + 1 : nullptr;
 }
 
 // The file open on `fd`: its number, 0 for the folder, -1 untracked.
 int64_t file_of(int fd) {
     struct stat st;
-    auto it = ::fstat(fd, &st) == 0 && st.st_dev == j.dev ? j.id_of.find(st.st_ino) : j.id_of.end();
-    return it == j.id_of.end() ? -1 : int64_t(it->second);
+    auto it =
+        ::fstat(fd, &st) == 0 && st.st_dev == js.dev ? js.id_of.find(st.st_ino) : js.id_of.end();
+    return it == js.id_of.end() ? -1 : int64_t(it->second);
 }
 
 size_t add(Event e) {
     e.ns = std::chrono::duration_cast<std::chrono::nanoseconds>(
                std::chrono::steady_clock::now().time_since_epoch())
                .count();
-    j.events.push_back(std::move(e));
-    return j.events.size() - 1;
+    js.events.push_back(std::move(e));
+    return js.events.size() - 1;
 }
 
 } // namespace
@@ -91,7 +92,7 @@ void start(const std::string &dir, long sync_delay_us) {
     std::lock_guard<std::mutex> lock(mu);
     struct stat st {};
     ::stat(dir.c_str(), &st);
-    j = {dir, st.st_dev, sync_delay_us, std::this_thread::get_id(), {{st.st_ino, 0}}, 0, {}};
+    js = {dir, st.st_dev, sync_delay_us, std::this_thread::get_id(), {{st.st_ino, 0}}, 0, {}};
     on = true;
 }
 
@@ -103,28 +104,22 @@ void mark(uint64_t tag, uint64_t value) {
 std::vector<Event> stop() {
     std::lock_guard<std::mutex> lock(mu);
     on = false;
-    return std::move(j.events);
+    return std::move(js.events);
 }
 
 // The hooks, called around the real calls while the journal is on.  An
-// open's `before`: 2 when it may create a file in the folder that is not
-// there, 1 when it is.
-int64_t before_open(const char *path, int flags) {
-    std::lock_guard<std::mutex> lock(mu);
-    return (flags & O_CREAT) && name_in(path) ? 1 + (::access(path, F_OK) != 0) : 0;
-}
-
-void opened(const char *path, int flags, int fd, int64_t before) {
+// open `created` a file when it may create one and the path was not there.
+void opened(const char *path, int flags, int fd, bool created) {
     std::lock_guard<std::mutex> lock(mu);
     const char *name = on && fd >= 0 ? name_in(path) : nullptr;
     struct stat st;
     if (name == nullptr || ::fstat(fd, &st) != 0)
         return;
-    if (before == 2 || j.id_of.count(st.st_ino) == 0) {
-        j.id_of[st.st_ino] = ++j.files;
-        add({Event::kCreate, j.files, 0, name});
+    if (created || js.id_of.count(st.st_ino) == 0) {
+        js.id_of[st.st_ino] = ++js.files;
+        add({Event::kCreate, js.files, 0, name});
     } else if (flags & O_TRUNC) {
-        add({Event::kTruncate, j.id_of[st.st_ino], 0});
+        add({Event::kTruncate, js.id_of[st.st_ino], 0});
     }
 }
 
@@ -149,8 +144,8 @@ int64_t sync_begin(int fd, bool data_only) {
             return -1;
         at = int64_t(add({Event::kSyncBegin, uint64_t(f), 0}));
     }
-    if (data_only && j.delay_us > 0 && std::this_thread::get_id() != j.starter)
-        ::usleep(useconds_t(j.delay_us));
+    if (data_only && js.delay_us > 0 && std::this_thread::get_id() != js.starter)
+        ::usleep(useconds_t(js.delay_us));
     return at;
 }
 
@@ -209,9 +204,9 @@ extern "C" int open(const char *path, int flags, ...) {
     if (hit(kOpen))
         return -1;
     const bool journal = on;
-    const int64_t j = journal ? before_open(path, flags) : 0;
+    const bool absent = journal && (flags & O_CREAT) && ::access(path, F_OK) != 0;
     const int fd = real(path, flags, mode);
     if (journal)
-        opened(path, flags, fd, j);
+        opened(path, flags, fd, absent);
     return fd;
 }
