@@ -359,7 +359,7 @@ TEST(DurableCrash, KilledWriterLeavesWholeCommits) {
     for (int sync : {VELH_LOG_SYNC_COMMIT, VELH_LOG_SYNC_GROUP, VELH_LOG_SYNC_NONE}) {
         const Mode mode{sync, 80, 9, 4, 0, 2, 0}; // the child waits after its last commit
         const uint64_t seed = rng();
-        // The states and saves of that run, in memory.
+        // The states and saves of that run, on files of its own.
         const Journaled model = record(mode, seed, TempDir(true), [](uint64_t, uint64_t) {});
         const std::vector<uint64_t> &state = model.state, &saves = model.saved;
         for (int i = 0; i < kills; ++i) {
