@@ -1,7 +1,7 @@
 // Killed writers: a child commits a seed's workload to a database with a log
 // (a checkpoint every 9 commits, a save of a second image every 4) and tells
 // on a pipe each commit and save that returned; the parent, which ran the
-// same workload in memory for the state of every commit, kills it with
+// same workload on files of its own for the state of every commit, kills it with
 // SIGKILL at a random moment and reopens the files: with the every-commit
 // flush the state is that of the last commit told or of the next, with the
 // others that of a commit up to the next; the saved image opens as the last
@@ -64,21 +64,26 @@ struct Journaled {
     std::set<uint64_t> logs; // the files commits were written to
 };
 
-Journaled record(const Mode &m, uint64_t seed, const TempDir &dir) {
+// Runs mode m's workload on the files of `dir` and marks each state begun
+// and acknowledged, each checkpoint and save: in the journal, or with `mark`
+// given, through it instead.
+Journaled record(const Mode &m, uint64_t seed, const TempDir &dir,
+                 std::function<void(uint64_t, uint64_t)> mark = {}) {
     Journaled r{m, {}, {}, {}, {}, {}};
-    const std::string log = dir.file("db.log"), img = dir.file("db.img"),
-                      snap = dir.file("snap.img");
-    velh_config_t cfg = config(256, log.c_str(), m.sync);
+    velh_config_t cfg = config(256, dir.log.c_str(), m.sync);
     cfg.log_group_ms = m.period_ms;
-    using io_fault::journal::mark;
-    io_fault::journal::start(dir.path, std::max(m.flush_delay_us, 0L));
+    const bool journal = !mark;
+    if (journal) {
+        mark = io_fault::journal::mark;
+        io_fault::journal::start(dir.path, std::max(m.flush_delay_us, 0L));
+    }
     {
         std::unique_ptr<Db> t = open_db(cfg);
         r.state.push_back(digest(dump(*t)));
         mark(kAck, 0);
         mark(kBegin, 3);
         for (size_t c = 0; c < 3; ++c) {
-            EXPECT_EQ(define_class(t->db, c), VEL_S_OK);
+            EXPECT_EQ(define(t->db, classes()[c]), VEL_S_OK);
             r.state.push_back(digest(dump(*t)));
         }
         mark(kAck, 3);
@@ -93,20 +98,22 @@ Journaled record(const Mode &m, uint64_t seed, const TempDir &dir) {
                 continue;
             mark(kAck, i);
             if (k % m.checkpoint_every == 0) {
-                EXPECT_EQ(velh_checkpoint(t->db, img.c_str()), VEL_S_OK) << velh_error_message();
+                EXPECT_EQ(velh_checkpoint(t->db, dir.img.c_str()), VEL_S_OK)
+                    << velh_error_message();
                 mark(kCheckpointAck, i);
             }
             if (k % m.save_every == 0) {
                 mark(kSaveBegin, r.saved.size());
                 r.saved.push_back(digest(dump(*t)));
-                EXPECT_EQ(velh_db_save(t->db, snap.c_str()), VEL_S_OK) << velh_error_message();
+                EXPECT_EQ(velh_db_save(t->db, dir.snap.c_str()), VEL_S_OK) << velh_error_message();
                 mark(kSaveAck, r.saved.size() - 1);
             }
             ++k;
             ::usleep(useconds_t(m.gap_us));
         }
     } // the close flushes the rest
-    r.ev = io_fault::journal::stop();
+    if (journal)
+        r.ev = io_fault::journal::stop();
 
     const size_t n = r.ev.size();
     for (std::vector<size_t> &v : r.at)
@@ -216,22 +223,17 @@ std::map<std::string, std::string> crash_files(const std::vector<Event> &ev, siz
     return out;
 }
 
-// What a crash state opens as: the state's and the saved image's digests
-// (0: no such file), whether the log needed VELH_OPEN_RECOVER.
+// What the files of `dir` open as: the state's and the saved image's
+// digests (0: no such file), whether the log needed VELH_OPEN_RECOVER.
 struct Opened {
     uint64_t db = 0, snap = 0;
     bool recovered = false, ok = true;
 };
 
-Opened open_crash(const std::map<std::string, std::string> &files) {
-    TempDir dir(true);
-    for (auto &[name, bytes] : files)
-        write_file(dir.file(name), bytes);
+Opened reopen(const TempDir &dir) {
     Opened o;
-    const std::string log = dir.file("db.log"), img = dir.file("db.img"),
-                      snap = dir.file("snap.img");
-    velh_config_t c = config(256, log.c_str());
-    const char *image = files.count("db.img") ? img.c_str() : nullptr;
+    velh_config_t c = config(256, dir.log.c_str());
+    const char *image = std::filesystem::exists(dir.img) ? dir.img.c_str() : nullptr;
     std::string s;
     VEL_RET r = load(c, image, &s);
     if (r == VEL_E_HOST_BAD_LOG && says("whole records follow")) {
@@ -242,8 +244,8 @@ Opened open_crash(const std::map<std::string, std::string> &files) {
     EXPECT_EQ(r, VEL_S_OK) << velh_error_message();
     o.ok = r == VEL_S_OK;
     o.db = digest(s);
-    if (files.count("snap.img")) {
-        EXPECT_EQ(load(config(256), snap.c_str(), &s), VEL_S_OK) << velh_error_message();
+    if (std::filesystem::exists(dir.snap)) {
+        EXPECT_EQ(load(config(256), dir.snap.c_str(), &s), VEL_S_OK) << velh_error_message();
         o.snap = digest(s);
     }
     return o;
@@ -290,7 +292,10 @@ void check_crashes(const Journaled &r, bool all_models, uint64_t seed) {
             auto files = crash_files(ev, k, Model(m), rng);
             auto it = seen.find(files);
             if (it == seen.end()) {
-                it = seen.emplace(files, open_crash(files)).first;
+                TempDir d(true);
+                for (auto &[name, bytes] : files)
+                    write_file(d.file(name), bytes);
+                it = seen.emplace(files, reopen(d)).first;
                 EXPECT_TRUE(!it->second.recovered ||
                             (m == kPages && r.mode.sync != VELH_LOG_SYNC_COMMIT))
                     << "a crash left damage that whole records follow";
@@ -350,82 +355,63 @@ TEST(DurablePowerLoss, CrashStatesOpenAtACoveredCommit) {
 TEST(DurableCrash, KilledWriterLeavesWholeCommits) {
     const char *env = std::getenv("VELSEQ_CRASH_KILLS");
     const int kills = env != nullptr && *env ? std::atoi(env) : 5;
-    constexpr int64_t kCommits = 200; // the child waits there
     std::mt19937_64 rng(20261123);
-    for (int mode : {VELH_LOG_SYNC_COMMIT, VELH_LOG_SYNC_GROUP, VELH_LOG_SYNC_NONE}) {
+    for (int sync : {VELH_LOG_SYNC_COMMIT, VELH_LOG_SYNC_GROUP, VELH_LOG_SYNC_NONE}) {
+        const Mode mode{sync, 80, 9, 4, 0, 2, 0}; // the child waits after its last commit
         const uint64_t seed = rng();
-        std::vector<uint64_t> state; // after the setup and after each commit
-        {
-            std::unique_ptr<Db> m = open_db(config(256));
-            Workload w(seed);
-            w.setup({m.get()}, false);
-            for (bool committed = true; int64_t(state.size()) <= kCommits;
-                 committed = w.txn({m.get()}))
-                if (committed)
-                    state.push_back(digest(dump(*m)));
-        }
+        // The states and saves of that run, on files of its own.
+        const Journaled model = record(mode, seed, TempDir(true), [](uint64_t, uint64_t) {});
+        const std::vector<uint64_t> &state = model.state, &saves = model.saved;
         for (int i = 0; i < kills; ++i) {
-            SCOPED_TRACE("mode " + std::to_string(mode) + " kill " + std::to_string(i));
+            SCOPED_TRACE("mode " + std::to_string(sync) + " kill " + std::to_string(i));
             TempDir dir;
-            const std::string log = dir.file("db.log"), img = dir.file("db.img"),
-                              snap = dir.file("snap.img");
             int fds[2];
             ASSERT_EQ(::pipe(fds), 0);
             const pid_t pid = ::fork();
             ASSERT_GE(pid, 0);
-            if (pid == 0) { // tells 2k when commit k returned (0: the setup), 2k + 1 its save
-                std::unique_ptr<Db> t = open_db(config(256, log.c_str(), mode));
-                Workload w(seed);
-                if (t)
-                    w.setup({t.get()}, false);
-                for (int64_t k = 0, at; t && k <= kCommits;) {
-                    if (k > 0 && !w.txn({t.get()}))
-                        continue;
-                    if (::write(fds[1], &(at = 2 * k), 8) != 8 || // below PIPE_BUF: whole
-                        (k > 0 && k % 9 == 0 && velh_checkpoint(t->db, img.c_str()) != 0) ||
-                        (k > 0 && k % 4 == 0 &&
-                         (velh_db_save(t->db, snap.c_str()) != 0 ||
-                          ::write(fds[1], &(at = 2 * k + 1), 8) != 8)))
+            if (pid == 0) { // tells each mark as state * kTags + tag, below PIPE_BUF: whole
+                record(mode, seed, dir, [&](uint64_t tag, uint64_t i) {
+                    const uint64_t m = i * kTags + tag;
+                    if (testing::Test::HasFailure() || ::write(fds[1], &m, 8) != 8)
                         _exit(2);
-                    ++k;
-                }
+                });
                 ::pause();
             }
             ::close(fds[1]);
             // Let it reach a random commit, then kill it a moment later.
-            int64_t done = -1, saved = -1, at; // the last commit and save told
-            auto told = [&] {
-                return ::read(fds[0], &at, 8) == 8 && ((at % 2 ? saved : done) = at / 2) >= 0;
+            int64_t done = -1, saved = -1; // the last state and save acknowledged
+            auto told = [&, m = uint64_t()]() mutable {
+                const bool got = ::read(fds[0], &m, 8) == 8;
+                if (got && m % kTags == kAck)
+                    done = int64_t(m / kTags);
+                if (got && m % kTags == kSaveAck)
+                    saved = int64_t(m / kTags);
+                return got;
             };
-            for (const int64_t target = int64_t(rng() % 40); done < target && told();) {
+            for (const int64_t target = 3 + int64_t(rng() % 40); done < target && told();) {
             }
             ::usleep(useconds_t(rng() % 4000));
             ::kill(pid, SIGKILL);
             int status = 0;
             ::waitpid(pid, &status, 0);
-            ASSERT_TRUE(WIFSIGNALED(status)) << "the child stopped by itself: " << status;
+            ASSERT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL)
+                << "the child stopped: " << status;
             while (told()) {
             }
             ::close(fds[0]);
-            ASSERT_GE(done, 0);
+            ASSERT_GE(done, 3);
 
-            std::string s;
-            ASSERT_EQ(load(config(4096, log.c_str()),
-                           std::filesystem::exists(img) ? img.c_str() : nullptr, &s),
-                      VEL_S_OK)
-                << velh_error_message();
-            const auto last = state.begin() + done, next = last + (done < kCommits);
-            EXPECT_TRUE(mode == VELH_LOG_SYNC_COMMIT
-                            ? *last == digest(s) || *next == digest(s)
-                            : std::find(state.begin(), next + 1, digest(s)) != next + 1)
+            const Opened o = reopen(dir);
+            ASSERT_TRUE(o.ok && !o.recovered);
+            const auto last = state.begin() + done, next = last + (last + 1 != state.end());
+            EXPECT_TRUE(sync == VELH_LOG_SYNC_COMMIT
+                            ? *last == o.db || *next == o.db
+                            : std::find(state.begin(), next + 1, o.db) != next + 1)
                 << "the state is no commit's up to the one after " << done;
-            if (std::filesystem::exists(snap)) {
-                ASSERT_EQ(load(config(256), snap.c_str(), &s), VEL_S_OK) << velh_error_message();
-                const int64_t in_flight = saved < 0 ? 4 : saved + 4;
-                EXPECT_TRUE((saved >= 0 && state[size_t(saved)] == digest(s)) ||
-                            (in_flight <= kCommits && state[size_t(in_flight)] == digest(s)))
-                    << "the saved image is neither the last save told nor the next";
-            }
+            const size_t in_flight = size_t(saved + 1);
+            EXPECT_TRUE(o.snap == 0 || (saved >= 0 && saves[size_t(saved)] == o.snap) ||
+                        (in_flight < saves.size() && saves[in_flight] == o.snap))
+                << "the saved image is neither the last save told nor the next";
         }
     }
 }

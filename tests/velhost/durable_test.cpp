@@ -25,8 +25,7 @@ TEST(DurableImage, RoundTripsRandomDatabasesAndTheirLogs) {
         for (const auto &c : kConfigs) {
             SCOPED_TRACE(testing::Message() << "page " << c.seq_page_size << " mode " << mode);
             TempDir dir;
-            const std::string log = dir.file("db.log"), copy = dir.file("copy.log"),
-                              img = dir.file("db.img"), img2 = dir.file("db2.img");
+            const std::string &log = dir.log, &img = dir.img, copy = dir.file("copy.log");
             velh_config_t cfg = c, copy_cfg = c;
             cfg.log_path = log.c_str();
             copy_cfg.log_path = copy.c_str();
@@ -74,7 +73,7 @@ TEST(DurableImage, RoundTripsRandomDatabasesAndTheirLogs) {
             std::atomic<bool> saved{false};
             std::thread saver([&] {
                 for (int i = 0; i < 3; ++i)
-                    EXPECT_EQ(velh_db_save(b->db, img2.c_str()), VEL_S_OK);
+                    EXPECT_EQ(velh_db_save(b->db, dir.snap.c_str()), VEL_S_OK);
                 saved = true;
             });
             for (int i = 0; i < 20 || !saved; ++i) {
@@ -85,7 +84,7 @@ TEST(DurableImage, RoundTripsRandomDatabasesAndTheirLogs) {
             }
             saver.join();
             EXPECT_EQ(dump(*b), dump(*a));
-            ASSERT_EQ(load(config(), img2.c_str(), &state), VEL_S_OK);
+            ASSERT_EQ(load(config(), dir.snap.c_str(), &state), VEL_S_OK);
             EXPECT_NE(std::find(states.begin(), states.end(), state), states.end());
             b.reset(); // the checkpoint replaces its image
 

@@ -182,14 +182,11 @@ inline VEL_RET load(const velh_config_t &cfg, const char *image, std::string *st
     return r;
 }
 
-// Defines class s (under `name` if given), or classes()[c].
+// Defines class s (under `name` if given).
 inline VEL_RET define(velh_db_t *db, const ClassSpec &s, const char *name = nullptr) {
     uint16_t code = 0;
     return velh_class_define(db, name ? name : s.name, s.fields.data(), uint16_t(s.fields.size()),
                              s.flags, s.pm, &code);
-}
-inline VEL_RET define_class(velh_db_t *db, size_t c, const char *name = nullptr) {
-    return define(db, classes()[c], name);
 }
 
 // Commits n values v appended to "ticks" of the class 1 object *oid (0: a new
@@ -259,7 +256,7 @@ class Workload {
     void define(const std::vector<Db *> &ts, size_t to) {
         for (Db *t : ts)
             for (size_t c = n_classes_; c < to; ++c)
-                EXPECT_EQ(define_class(t->db, c), VEL_S_OK);
+                EXPECT_EQ(durtest::define(t->db, classes()[c]), VEL_S_OK);
         n_classes_ = to;
     }
 
@@ -353,18 +350,24 @@ class Workload {
     State state_;
 };
 
-// A fresh folder for a test's files, removed with its content at the end.
+// A fresh folder for a test's files, removed with its content at the end,
+// with the names the tests give a database's image, log and saved copy.
 struct TempDir {
-    char path[40];
     // In memory (`shm`, where there is /dev/shm) when its flushes need not
     // reach a device.
-    explicit TempDir(bool shm = false) {
-        std::snprintf(path, sizeof path, "%s/velh-durable-XXXXXX",
-                      shm && ::access("/dev/shm", W_OK) == 0 ? "/dev/shm" : "/tmp");
-        EXPECT_NE(mkdtemp(path), nullptr);
-    }
+    explicit TempDir(bool shm = false) : path(make(shm)) {}
     ~TempDir() { std::filesystem::remove_all(path); }
-    std::string file(const std::string &name) const { return std::string(path) + "/" + name; }
+    std::string file(const std::string &name) const { return path + "/" + name; }
+    const std::string path, img = file("db.img"), log = file("db.log"), snap = file("snap.img");
+
+  private:
+    static std::string make(bool shm) {
+        char p[40];
+        std::snprintf(p, sizeof p, "%s/velh-durable-XXXXXX",
+                      shm && ::access("/dev/shm", W_OK) == 0 ? "/dev/shm" : "/tmp");
+        EXPECT_NE(mkdtemp(p), nullptr);
+        return p;
+    }
 };
 
 inline std::string read_file(const std::string &path) {

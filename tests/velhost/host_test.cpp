@@ -30,25 +30,38 @@ constexpr int32_t kPage = 256; // 58 int4 values a leaf
 
 vel_seq_node_t *entry(vel_seq_page_t *pg, int i) { return velseq::layout::entry_at(pg, kPage, i); }
 
+// The class's fields: a counter, a sequence and a balance's two halves.
+enum : uint16_t { kRound, kVals, kA, kB };
+
+int32_t get(vel_objhandle_t *o, uint16_t k) {
+    int32_t v = 0;
+    EXPECT_EQ(velh_get(o, k, &v, 4), VEL_S_OK);
+    return v;
+}
+
 class PagesTest : public ::testing::Test {
   protected:
     velh_db_t *db = nullptr;
     vel_db_connection_h con = nullptr;
     uint16_t cls = 0;
-    velh_field_info_t fi{};
+    velh_field_info_t fi{}; // kVals
     vel_objhandle_t obj{};
 
     // Concurrent write transactions, so that two may write at once.
-    void SetUp() override {
+    void SetUp() override { open(1); }
+    void open(vel_bool concurrent) {
         velh_config_t cfg;
         velh_config_init(&cfg);
         cfg.seq_page_size = kPage;
-        cfg.concurrent_write_transactions = 1;
+        cfg.concurrent_write_transactions = concurrent;
         ASSERT_EQ(velh_db_open(&cfg, &db), VEL_S_OK);
         ASSERT_EQ(velh_connect(db, &con), VEL_S_OK);
-        velh_field_def_t f[] = {{"id", VEL_DD_INT4, 0, 0}, {"vals", VEL_DD_SEQUENCE_INT4, 0, 0}};
-        ASSERT_EQ(velh_class_define(db, "series", f, 2, 0, VELH_PM_INMEM, &cls), VEL_S_OK);
-        ASSERT_EQ(velh_field_info(db, cls, 1, &fi), VEL_S_OK);
+        const velh_field_def_t f[] = {{"round", VEL_DD_INT4, 0, 0},
+                                      {"vals", VEL_DD_SEQUENCE_INT4, 0, 0},
+                                      {"a", VEL_DD_INT4, 0, 0},
+                                      {"b", VEL_DD_INT4, 0, 0}};
+        ASSERT_EQ(velh_class_define(db, "series", f, 4, 0, VELH_PM_INMEM, &cls), VEL_S_OK);
+        ASSERT_EQ(velh_field_info(db, cls, kVals, &fi), VEL_S_OK);
     }
     void TearDown() override {
         EXPECT_EQ(velh_disconnect(con), VEL_S_OK);
@@ -243,9 +256,6 @@ TEST_F(PagesTest, FirstUpdaterWins) {
 // takes the object's position (mo) as the module does.
 TEST(LayoutProperty, RandomClassesKeepEveryInvariant) {
     std::mt19937 rng(20261122);
-    const uint8_t scalars[] = {VEL_DD_UINT1, VEL_DD_UINT2,  VEL_DD_UINT4,   VEL_DD_UINT8,
-                               VEL_DD_INT1,  VEL_DD_INT2,   VEL_DD_INT4,    VEL_DD_INT8,
-                               VEL_DD_FLOAT, VEL_DD_DOUBLE, VEL_DD_DATETIME};
     for (int round = 0; round < 40; ++round) {
         SCOPED_TRACE(::testing::Message() << "round " << round);
         velh_config_t cfg;
@@ -257,9 +267,10 @@ TEST(LayoutProperty, RandomClassesKeepEveryInvariant) {
         ASSERT_EQ(velh_db_open(&cfg, &db), VEL_S_OK);
         std::vector<velh_field_def_t> defs(1 + rng() % 30);
         for (auto &f : defs) {
+            // The scalars: VEL_DD_UINT1 (0) to VEL_DD_DOUBLE (9), VEL_DD_DATETIME.
             const uint32_t k = rng() % 14;
             if (k < 11)
-                f = {nullptr, scalars[k], 0, 0};
+                f = {nullptr, uint8_t(k < 10 ? k : uint32_t(VEL_DD_DATETIME)), 0, 0};
             else if (k == 11)
                 f = {nullptr, VEL_DD_CHAR, static_cast<uint16_t>(1 + rng() % 60), 0};
             else
@@ -299,29 +310,15 @@ TEST(LayoutProperty, RandomClassesKeepEveryInvariant) {
     }
 }
 
-enum : uint16_t { kRound, kVals, kA, kB };
+// The database is opened by the test, with or without concurrent writers.
+class Threads : public PagesTest {
+  protected:
+    void SetUp() override {}
+    void run(vel_bool concurrent, int writers, int rounds);
+};
 
-int32_t get(vel_objhandle_t *o, uint16_t k) {
-    int32_t v = 0;
-    EXPECT_EQ(velh_get(o, k, &v, 4), VEL_S_OK);
-    return v;
-}
-
-void run(vel_bool concurrent, int writers, int rounds) {
-    velh_config_t cfg;
-    velh_config_init(&cfg);
-    cfg.seq_page_size = 256;
-    cfg.concurrent_write_transactions = concurrent;
-    velh_db_t *db = nullptr;
-    ASSERT_EQ(velh_db_open(&cfg, &db), VEL_S_OK);
-    const velh_field_def_t f[] = {{"round", VEL_DD_INT4, 0, 0},
-                                  {"vals", VEL_DD_SEQUENCE_INT4, 0, 0},
-                                  {"a", VEL_DD_INT4, 0, 0},
-                                  {"b", VEL_DD_INT4, 0, 0}};
-    uint16_t cls = 0;
-    ASSERT_EQ(velh_class_define(db, "t", f, 4, 0, VELH_PM_INMEM, &cls), VEL_S_OK);
-    velh_field_info_t vals{};
-    ASSERT_EQ(velh_field_info(db, cls, kVals, &vals), VEL_S_OK);
+void Threads::run(vel_bool concurrent, int writers, int rounds) {
+    ASSERT_NO_FATAL_FAILURE(open(concurrent));
     // Runs body in transactions of `mode` on connection c until one commits:
     // a conflict rolls back and tries again.
     auto txns = [](vel_db_connection_h c, int mode,
@@ -334,12 +331,12 @@ void run(vel_bool concurrent, int writers, int rounds) {
                 ASSERT_TRUE(r == VEL_E_HOST_CONFLICT && velh_rollback(c) == VEL_S_OK) << r;
         }
     };
-    // A connection for each thread, the last for this one.
-    std::vector<vel_db_connection_h> cons(size_t(writers) + 3);
+    // A connection for each thread; this one's is the fixture's.
+    std::vector<vel_db_connection_h> cons(size_t(writers) + 2);
     for (auto &c : cons)
         ASSERT_EQ(velh_connect(db, &c), VEL_S_OK);
     std::vector<uint64_t> oids; // the shared object (a + b = 1000), then one per writer
-    txns(cons.back(), VELH_READ_WRITE, [&](vel_db_connection_h c) {
+    txns(con, VELH_READ_WRITE, [&](vel_db_connection_h c) {
         for (int i = 0; i <= writers; ++i) {
             vel_objhandle_t o;
             const int32_t half = i == 0 ? 500 : 0;
@@ -362,8 +359,8 @@ void run(vel_bool concurrent, int writers, int rounds) {
                     const std::vector<int32_t> v(7, round);
                     VEL_RET r = velh_obj_open(c, cls, oids[w + 1], &own);
                     if (r == VEL_S_OK)
-                        r = vel_w_seq_append_int4(&own, vals.u_offset, vals.c_offset, kVals,
-                                                  v.data(), 7, VEL_SEQ_NO_ORDER, nullptr);
+                        r = vel_w_seq_append_int4(&own, fi.u_offset, fi.c_offset, kVals, v.data(),
+                                                  7, VEL_SEQ_NO_ORDER, nullptr);
                     if (r == VEL_S_OK)
                         r = velh_set(&own, kRound, &round, 4);
                     if (r == VEL_S_OK && (r = velh_obj_open(c, cls, oids[0], &shared)) == 0) {
@@ -393,8 +390,8 @@ void run(vel_bool concurrent, int writers, int rounds) {
                         EXPECT_TRUE(rep.ok) << rep.message;
                         EXPECT_EQ(rep.elements, 7u * static_cast<uint64_t>(round));
                         vel_int4 last = 0;
-                        EXPECT_TRUE(round == 0 || (vel_w_seq_last_int4(&o, vals.u_offset,
-                                                                       vals.c_offset, &last) == 0 &&
+                        EXPECT_TRUE(round == 0 || (vel_w_seq_last_int4(&o, fi.u_offset, fi.c_offset,
+                                                                       &last) == 0 &&
                                                    last == round))
                             << "pages of another version";
                     }
@@ -407,7 +404,7 @@ void run(vel_bool concurrent, int writers, int rounds) {
         t.join();
 
     // No update lost; once every object is gone no page is left.
-    txns(cons.back(), VELH_READ_WRITE, [&](vel_db_connection_h c) {
+    txns(con, VELH_READ_WRITE, [&](vel_db_connection_h c) {
         vel_objhandle_t o;
         EXPECT_EQ(velh_obj_open(c, cls, oids[0], &o), VEL_S_OK);
         EXPECT_EQ(get(&o, kA), 500 - rounds * writers * (writers + 1) / 2) << "a lost update";
@@ -420,10 +417,9 @@ void run(vel_bool concurrent, int writers, int rounds) {
     EXPECT_EQ(st.live, 0u);
     for (auto c : cons)
         EXPECT_EQ(velh_disconnect(c), VEL_S_OK);
-    EXPECT_EQ(velh_db_close(db), VEL_S_OK);
 }
 
-TEST(Threads, ConcurrentWritersAndReaders) { run(1, 3, 150); }
-TEST(Threads, SerialisedWritersAndReaders) { run(0, 2, 150); }
+TEST_F(Threads, ConcurrentWritersAndReaders) { run(1, 3, 150); }
+TEST_F(Threads, SerialisedWritersAndReaders) { run(0, 2, 150); }
 
 } // namespace

@@ -53,55 +53,46 @@ namespace {
 
 std::atomic<bool> on{false};
 std::mutex mu;
-std::string folder;
-dev_t folder_dev = 0;
-ino_t folder_ino = 0;
-long delay_us = 0;
-std::thread::id starter;
-std::vector<Event> events;
-std::unordered_map<ino_t, uint64_t> id_of; // inode -> file number
-uint64_t files = 0;
+// The journal's state, reset by start().
+struct State {
+    std::string folder;
+    dev_t dev = 0;
+    long delay_us = 0;
+    std::thread::id starter;
+    std::unordered_map<ino_t, uint64_t> id_of; // inode -> file number, the folder's 0
+    uint64_t files = 0;
+    std::vector<Event> events;
+} js;
 
 // The name within the folder, or null for a path outside it.
 const char *name_in(const char *path) {
-    const size_t n = folder.size();
-    return std::strncmp(path, folder.c_str(), n) == 0 && path[n] == '/' ? path + n + 1 : nullptr;
+    const size_t n = js.folder.size();
+    return std::strncmp(path, js.folder.c_str(), n) == 0 && path[n] == '/' ? path + n + 1 : nullptr;
 }
 
 // The file open on `fd`: its number, 0 for the folder, -1 untracked.
 int64_t file_of(int fd) {
     struct stat st;
-    if (::fstat(fd, &st) != 0 || st.st_dev != folder_dev)
-        return -1;
-    if (st.st_ino == folder_ino)
-        return 0;
-    auto it = id_of.find(st.st_ino);
-    return it == id_of.end() ? -1 : int64_t(it->second);
+    auto it =
+        ::fstat(fd, &st) == 0 && st.st_dev == js.dev ? js.id_of.find(st.st_ino) : js.id_of.end();
+    return it == js.id_of.end() ? -1 : int64_t(it->second);
 }
 
 size_t add(Event e) {
     e.ns = std::chrono::duration_cast<std::chrono::nanoseconds>(
                std::chrono::steady_clock::now().time_since_epoch())
                .count();
-    events.push_back(std::move(e));
-    return events.size() - 1;
+    js.events.push_back(std::move(e));
+    return js.events.size() - 1;
 }
 
 } // namespace
 
 void start(const std::string &dir, long sync_delay_us) {
     std::lock_guard<std::mutex> lock(mu);
-    struct stat st;
-    folder = dir;
-    if (::stat(dir.c_str(), &st) == 0) {
-        folder_dev = st.st_dev;
-        folder_ino = st.st_ino;
-    }
-    delay_us = sync_delay_us;
-    starter = std::this_thread::get_id();
-    events.clear();
-    id_of.clear();
-    files = 0;
+    struct stat st {};
+    ::stat(dir.c_str(), &st);
+    js = {dir, st.st_dev, sync_delay_us, std::this_thread::get_id(), {{st.st_ino, 0}}, 0, {}};
     on = true;
 }
 
@@ -113,28 +104,22 @@ void mark(uint64_t tag, uint64_t value) {
 std::vector<Event> stop() {
     std::lock_guard<std::mutex> lock(mu);
     on = false;
-    return std::move(events);
+    return std::move(js.events);
 }
 
 // The hooks, called around the real calls while the journal is on.  An
-// open's `before`: 2 when it may create a file in the folder that is not
-// there, 1 when it is.
-int64_t before_open(const char *path, int flags) {
-    std::lock_guard<std::mutex> lock(mu);
-    return (flags & O_CREAT) && name_in(path) ? 1 + (::access(path, F_OK) != 0) : 0;
-}
-
-void opened(const char *path, int flags, int fd, int64_t before) {
+// open `created` a file when it may create one and the path was not there.
+void opened(const char *path, int flags, int fd, bool created) {
     std::lock_guard<std::mutex> lock(mu);
     const char *name = on && fd >= 0 ? name_in(path) : nullptr;
     struct stat st;
     if (name == nullptr || ::fstat(fd, &st) != 0)
         return;
-    if (before == 2 || id_of.count(st.st_ino) == 0) {
-        id_of[st.st_ino] = ++files;
-        add({Event::kCreate, files, 0, name});
+    if (created || js.id_of.count(st.st_ino) == 0) {
+        js.id_of[st.st_ino] = ++js.files;
+        add({Event::kCreate, js.files, 0, name});
     } else if (flags & O_TRUNC) {
-        add({Event::kTruncate, id_of[st.st_ino], 0});
+        add({Event::kTruncate, js.id_of[st.st_ino], 0});
     }
 }
 
@@ -159,8 +144,8 @@ int64_t sync_begin(int fd, bool data_only) {
             return -1;
         at = int64_t(add({Event::kSyncBegin, uint64_t(f), 0}));
     }
-    if (data_only && delay_us > 0 && std::this_thread::get_id() != starter)
-        ::usleep(useconds_t(delay_us));
+    if (data_only && js.delay_us > 0 && std::this_thread::get_id() != js.starter)
+        ::usleep(useconds_t(js.delay_us));
     return at;
 }
 
@@ -219,9 +204,9 @@ extern "C" int open(const char *path, int flags, ...) {
     if (hit(kOpen))
         return -1;
     const bool journal = on;
-    const int64_t j = journal ? before_open(path, flags) : 0;
+    const bool absent = journal && (flags & O_CREAT) && ::access(path, F_OK) != 0;
     const int fd = real(path, flags, mode);
     if (journal)
-        opened(path, flags, fd, j);
+        opened(path, flags, fd, absent);
     return fd;
 }

@@ -32,16 +32,7 @@ bool disarm();
 // folder), so that a reused inode is a new file.
 namespace journal {
 struct Event {
-    enum Kind : uint8_t {
-        kCreate,
-        kWrite,
-        kTruncate,
-        kSyncBegin,
-        kSyncEnd,
-        kRename,
-        kUnlink,
-        kMark
-    };
+    enum Kind { kCreate, kWrite, kTruncate, kSyncBegin, kSyncEnd, kRename, kUnlink, kMark };
     Kind kind;
     uint64_t file = 0; // kMark: the test's tag
     uint64_t at = 0;   // kWrite offset, kTruncate size, kSyncEnd index of its begin, kMark value
