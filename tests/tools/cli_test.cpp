@@ -110,9 +110,7 @@ TEST_F(Cli, BadInputAndOptions) {
     std::string big_line = "time,x\n2024-01-01,";
     big_line.append(size_t(1) << 20, '7');
     file("p.csv", "when\n2024-01-01T00:00:00.6Z\n");
-    file("q.csv", "when,q\n20231231,7\n20240106,8\n20240110,9\n");
-    file("s.csv",
-         "when,sym\n2024-01-03,A\n2024-01-03,\n2024-01-05,A\n2024-01-05,B\n2024-01-05,C\n");
+    file("q.csv", "when,sym\n20240103,A\n20240103,\n20240105,A\n20240105,B\n20240105,C\n");
     check({
         // hostile files and cells: refused with the line and column, nothing cut or misread
         {"\n", "load @in.csv", 1, "", "is empty"},
@@ -150,25 +148,19 @@ TEST_F(Cli, BadInputAndOptions) {
         {good, "tail - -n 1 --format csv", 0, "time,x,n\n2024-01-01T00:00:01Z,2.25,\n", ""},
         {unsorted, "load @in.csv", 3, "", "line 5: column time: time before that of line 3"},
         {late, "load @in.csv", 3, "", "line 65538: column time: time before that of line 65537"},
-        {good, "resample @in.csv 1h --agg last,count --format csv", 0,
-         "start,x.last,x.count,n.last,n.count\n2024-01-01T00:00:00Z,2.25,2,4,2\n", ""},
-        {good, "resample @in.csv 1h --agg mean --format csv", 0, // over the values, not the rows
-         "start,x.mean,n.mean\n2024-01-01T00:00:00Z,1.875,3.5\n", ""},
+        {good, "resample @in.csv 1h --agg last,count,mean --format csv", 0, // mean: of the values
+         "start,x.last,x.count,x.mean,n.last,n.count,n.mean\n"
+         "2024-01-01T00:00:00Z,2.25,2,1.875,4,2,3.5\n",
+         ""},
         // weeks counted from 1970-01-01, a Thursday
         {"time,v\n2024-01-03,1\n2024-01-04,2\n2024-01-10,3\n", "resample @in.csv 1w --agg count", 0,
          "start,v.count\n2023-12-28T00:00:00Z,1\n2024-01-04T00:00:00Z,2\n", ""},
         {good, "asof @in.csv @p.csv --direction nearest --format csv", 0,
          "when,time,x,n\n2024-01-01T00:00:00.600Z,2024-01-01T00:00:01Z,,4\n", ""},
-        // a probe file told its types, and the matched rows' positions
-        {"date,v\n20240101,1\n20240105,2\n20240110,3\n",
-         "asof @in.csv @q.csv --other-type when=datetime --cols v --row-numbers --format csv", 0,
-         "when,q,row,v\n2023-12-31T00:00:00Z,7,,\n2024-01-06T00:00:00Z,8,1,2\n"
-         "2024-01-10T00:00:00Z,9,2,3\n",
-         ""},
-        // --by matches within a symbol (rows and probes without one match
-        // nothing) and numbers the rows of the whole table
+        // a probe file told its types; --by matches within a symbol (rows and
+        // probes without one match nothing) and numbers the rows of the whole table
         {"time,sym,px\n2024-01-01,A,1\n2024-01-02,,2\n2024-01-03,B,3\n2024-01-04,A,4\n",
-         "asof @in.csv @s.csv --by sym --row-numbers --format csv", 0,
+         "asof @in.csv @q.csv --other-type when=datetime --by sym --row-numbers --format csv", 0,
          "when,sym,row,time,px\n2024-01-03T00:00:00Z,A,0,2024-01-01T00:00:00Z,1\n"
          "2024-01-03T00:00:00Z,,,,\n2024-01-05T00:00:00Z,A,3,2024-01-04T00:00:00Z,4\n"
          "2024-01-05T00:00:00Z,B,2,2024-01-03T00:00:00Z,3\n2024-01-05T00:00:00Z,C,,,\n",
