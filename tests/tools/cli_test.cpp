@@ -242,15 +242,15 @@ TEST_F(Cli, ImagesCross) {
                                                     {{"seq", type("int8"), VEL_SEQ_ASC_ORDER},
                                                      {"t", type("datetime"), VEL_SEQ_ASC_ORDER},
                                                      {"v", type("double")}});
-        const int64_t hour = 3600 * VEL_DT_NS_PER_SEC, day = 1704067200 * VEL_DT_NS_PER_SEC;
+        const auto at = [](int64_t s, int64_t ns = 0) { // after 2024-01-01
+            return vel_dt_from_ns((1704067200 + s) * VEL_DT_NS_PER_SEC + ns);
+        };
         const std::vector<tbl::array> rows[] = {
             {array_of<float>({0.1f, std::nullopt, 2.5f, -0.25f, 7.0f}, type("float")),
              array_of<std::string>({"a", "bb", std::nullopt, "abcdefgh", "x"}, type("char(8)")),
              array_of<int32_t>({1, 2, 2, 5, 9}, type("int4"))},
             {array_of<int64_t>({1, 2, 3}, type("int8")),
-             array_of<vel_datetime>({vel_dt_from_ns(day), vel_dt_from_ns(day + hour / 2),
-                                     vel_dt_from_ns(day + hour + 1)},
-                                    type("datetime")),
+             array_of<vel_datetime>({at(0), at(1800), at(3600, 1)}, type("datetime")),
              array_of<double>({1.5, 2.5, std::nullopt}, type("double"))},
         };
         velseq::connection con(db);
@@ -320,8 +320,8 @@ TEST_F(Cli, ImageWithLog) {
     std::string bad = good;
     bad[at + 30] ^= 1;
     file("t.log", bad);
-    check({{"", tail, 1, "", "opens with --recover)"}}); // VEL_E_HOST_BAD_LOG
-    check({{"", tail + " --recover", 0, "time,x\n2024-01-02T00:00:00Z,1\n",
+    check({{"", tail, 1, "", "opens with --recover)"}, // VEL_E_HOST_BAD_LOG
+           {"", tail + " --recover", 0, "time,x\n2024-01-02T00:00:00Z,1\n",
             " from there to " + dir + "t.log.damaged-" + std::to_string(at)}});
 }
 
