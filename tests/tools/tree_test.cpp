@@ -26,10 +26,11 @@ struct FieldDb {
     vel_objhandle_t &obj;
     velt_field_t field;
 
-    FieldDb(velt_type_t type, vel_seq_order_t order, int32_t page_size)
-        : env(velrel::Env::open({page_size},
-                                {{velrel::family_of(type.elem_type, type.elem_size), order}}, &rc)),
-          obj(*env->obj()), field{env->loc(0).u, env->loc(0).c, env->loc(0).fld_no, type, order} {}
+    FieldDb(const velrel::Family &fam, vel_seq_order_t order, int32_t page_size)
+        : env(velrel::Env::open({page_size}, {{fam, order}}, &rc)), obj(*env->obj()) {
+        const velrel::FieldLoc &l = env->loc(0);
+        field = {l.u, l.c, l.fld_no, {fam.elem_type, uint16_t(fam.width)}, order};
+    }
 
     // Appends n values of the field's type (nulls: a bitmap or nullptr).
     void append(const void *vals, uint64_t n, const vel_bitmap_word_t *nulls = nullptr) {
@@ -83,20 +84,16 @@ TEST(TreeStats, FullLeafThenOneMoreEveryFamily) {
     for (const velrel::Family &f : velrel::all_families()) {
         for (uint32_t ps : {256u, 4096u}) {
             SCOPED_TRACE(std::string(f.name) + " page " + std::to_string(ps));
-            const velt_type_t t{f.elem_type, uint16_t(f.width)};
-            FieldDb d(t, VEL_SEQ_NO_ORDER, ps);
+            FieldDb d(f, VEL_SEQ_NO_ORDER, ps);
             velt_tree_stats_t st = d.stats();
             EXPECT_EQ(st.depth + st.pages + st.elements + st.bytes_allocated, 0u);
             EXPECT_EQ(st.page_size, static_cast<int32_t>(ps));
             const uint64_t cap = st.leaf_capacity, w = f.width, mask = 8 * ((cap + 63) / 64);
             ASSERT_GT(cap, 0u);
-            std::vector<uint8_t> v(cap * w);
+            const std::vector<uint8_t> v(cap * w, 'a');
             std::vector<vel_bitmap_word_t> nulls((cap + 63) / 64);
-            for (uint64_t i = 0; i < cap; i++) {
-                for (size_t b = 0; b < w; b++)
-                    v[i * w + b] = i % 5 ? static_cast<uint8_t>('a' + (i + b) % 26) : 0;
-                nulls[i / 64] |= vel_bitmap_word_t(i % 5 == 0) << (i % 64);
-            }
+            for (uint64_t i = 0; i < cap; i += 5)
+                nulls[i / 64] |= vel_bitmap_word_t(1) << (i % 64);
             d.append(v.data(), cap, nulls.data());
             EXPECT_EQ(shape(d.stats()),
                       std::vector<uint64_t>(
@@ -121,7 +118,7 @@ TEST(TreeStats, FullLeafThenOneMoreEveryFamily) {
 TEST(TreeStats, InnerCapacitySharingAndHostPages) {
     for (vel_seq_order_t order : {VEL_SEQ_NO_ORDER, VEL_SEQ_ASC_ORDER}) {
         SCOPED_TRACE(order);
-        FieldDb d({VEL_DD_INT8, 8}, order, 128);
+        FieldDb d(velrel::family_of(VEL_DD_INT8), order, 128);
         velt_tree_stats_t st = d.stats();
         const uint64_t leaf = st.leaf_capacity, inner = st.inner_capacity;
         ASSERT_GT(inner, 1u);
@@ -152,7 +149,7 @@ TEST(TreeStats, InnerCapacitySharingAndHostPages) {
 // closes).
 TEST(TreeDump, KeysCountsPreviewsAndDamage) {
     // 64-byte pages of int4: 11 values a leaf, 2 keyed children an inner page.
-    FieldDb d({VEL_DD_INT4, 4}, VEL_SEQ_ASC_ORDER, 64);
+    FieldDb d(velrel::family_of(VEL_DD_INT4), VEL_SEQ_ASC_ORDER, 64);
     d.append_range<int32_t>(0, 130, 10);
     const velt_dump_options_t opt{3, 16};
     EXPECT_EQ(d.dump(&opt, nullptr),
@@ -196,7 +193,7 @@ TEST(TreeWalk, EveryWalkRefusesALevelBelowTheDeepest) {
     for (int levels : {VEL_SEQ_MAX_DEPTH, VEL_SEQ_MAX_DEPTH + 1}) {
         SCOPED_TRACE(levels);
         const bool sound = levels <= VEL_SEQ_MAX_DEPTH;
-        FieldDb d({VEL_DD_INT4, 4}, VEL_SEQ_NO_ORDER, kPage);
+        FieldDb d(velrel::family_of(VEL_DD_INT4), VEL_SEQ_NO_ORDER, kPage);
         vel_seq_page_t *root = nullptr;
         for (int l = 0; l < levels; ++l) {
             vel_seq_page_t *pg = nullptr, *slot = nullptr;
