@@ -23,8 +23,12 @@
 
 namespace {
 
-struct Result {
-    int code = -1;
+// A call of the program: what it is given, and its exit code and outputs,
+// expected (standard error: a part of it) or got.
+struct Call {
+    std::string text; // written to in.csv ("": no file)
+    std::string args; // words; @in.csv names the file, "-" reads it from standard input
+    int code;
     std::string out, err;
 };
 
@@ -54,7 +58,7 @@ class Cli : public ::testing::Test {
     }
     // Runs the program with the words of `args`, where "@name" stands for
     // the test's file `name`; a word "-" reads in.csv from standard input.
-    Result run(const std::string &args) {
+    Call run(const std::string &args) {
         // Appended piece by piece: gcc 12 at -O3 takes `"literal" + string`
         // for an overlapping copy (-Wrestrict).
         std::string cmd = quote(VELSEQ_CLI);
@@ -65,23 +69,16 @@ class Cli : public ::testing::Test {
             cmd.append(" <").append(quote(dir + "in.csv"));
         cmd.append(" >").append(quote(dir + "stdout")).append(" 2>").append(quote(dir + "stderr"));
         const int status = std::system(cmd.c_str());
-        return {WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status),
+        return {"", args, WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status),
                 slurp(dir + "stdout"), slurp(dir + "stderr")};
     }
-    struct Case {
-        std::string text; // written to in.csv ("": no file)
-        std::string args; // words; @in.csv names the file, "-" reads it from standard input
-        int code;
-        std::string out; // exact standard output
-        std::string err; // part of standard error
-    };
     // Runs the cases in turn (csv: standard output is no terminal).
-    void check(const std::vector<Case> &cases) {
-        for (const Case &c : cases) {
+    void check(const std::vector<Call> &cases) {
+        for (const Call &c : cases) {
             SCOPED_TRACE(c.args);
             if (!c.text.empty())
                 file("in.csv", c.text);
-            const Result r = run(c.args);
+            const Call r = run(c.args);
             EXPECT_EQ(r.code, c.code) << r.err;
             EXPECT_EQ(r.out, c.out);
             EXPECT_NE(r.err.find(c.err), std::string::npos) << r.err;
@@ -105,8 +102,7 @@ TEST_F(Cli, BadInputAndOptions) {
     for (int i = 0; i < 65536; i++)
         late += "2024-01-02,1\n";
     late += "2024-01-01,2\n";
-    std::string big_line = "time,x\n2024-01-01,";
-    big_line.append(size_t(1) << 20, '7');
+    const std::string big_line = "time,x\n2024-01-01," + std::string(size_t(1) << 20, '7');
     file("p.csv", "when\n2024-01-01T00:00:00.6Z\n");
     file("q.csv", "when,sym\n20240103,A\n20240103,\n20240105,A\n20240105,B\n20240105,C\n");
     check({
@@ -330,9 +326,9 @@ TEST_F(Cli, ImageWithLog) {
 // ---- Parquet out and back in (DuckDB's library) --------------------------------
 
 TEST_F(Cli, ParquetOutAndBackIn) {
-    setenv("VELSEQ_DUCKDB", VELSEQ_DUCKDB_DEFAULT, 0); // for the program
-    const char *lib = std::getenv("VELSEQ_DUCKDB");
-    if (lib == nullptr || !std::ifstream(lib))
+    setenv("VELSEQ_DUCKDB", VELSEQ_DUCKDB_DEFAULT, 0);    // for the program
+    const std::string lib = std::getenv("VELSEQ_DUCKDB"); // set now if it was not
+    if (!std::ifstream(lib))
         GTEST_SKIP() << "DuckDB's library is not there: run scripts/fetch-duckdb.sh";
     const std::string rows = "2024-01-31T23:59:59.999999999Z,1.5,AB\n2024-02-01T00:00:00Z,,CD\n"
                              "2024-02-03T10:00:00.000000001Z,3.25,\n2024-03-01T00:00:00Z,-2,E\n";
@@ -354,8 +350,7 @@ TEST_F(Cli, ParquetOutAndBackIn) {
     EXPECT_TRUE(std::ifstream(dir + "out/oid=1/month=2024-02/data.parquet"));
     EXPECT_FALSE(std::ifstream(dir + "out/oid=1/month=2024-01/data.parquet"));
     // Without the library: its own exit code, and how to get it.
-    const std::string keep = lib;
     setenv("VELSEQ_DUCKDB", "/nonexistent/libduckdb.so", 1);
     check({{"", "export --db @t.vdb --parquet @o3", 4, "", "fetch-duckdb.sh"}});
-    setenv("VELSEQ_DUCKDB", keep.c_str(), 1);
+    setenv("VELSEQ_DUCKDB", lib.c_str(), 1);
 }
