@@ -9,10 +9,10 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <charconv>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <optional>
 #include <sstream>
 #include <string>
@@ -23,16 +23,18 @@
 
 namespace {
 
-struct Result {
-    int code = -1;
+// A call of the program: what it is given, and its exit code and outputs,
+// expected (standard error: a part of it) or got.
+struct Call {
+    std::string text; // written to in.csv ("": no file)
+    std::string args; // words; @in.csv names the file, "-" reads it from standard input
+    int code;
     std::string out, err;
 };
 
 std::string slurp(const std::string &path) {
     std::ifstream in(path, std::ios::binary);
-    std::stringstream ss;
-    ss << in.rdbuf();
-    return ss.str();
+    return {std::istreambuf_iterator<char>(in), {}};
 }
 
 std::string quote(const std::string &s) {
@@ -42,75 +44,49 @@ std::string quote(const std::string &s) {
     return q + "'";
 }
 
-// The lines of `s`; the cells of a line when called with line + ",".
-std::vector<std::string> split(const std::string &s, char sep) {
-    std::vector<std::string> out;
-    std::stringstream ss(s);
-    for (std::string c; std::getline(ss, c, sep);)
-        out.push_back(c);
-    return out;
-}
-
 class Cli : public ::testing::Test {
   protected:
     // ctest runs tests in parallel, and other builds may run them at the same
-    // time: every file carries the test's name and the process id.
+    // time: every test has a folder of its own, named after it and the process id.
     std::string dir = ::testing::TempDir() + "velseq_cli_" + std::to_string(::getpid()) + "_" +
-                      ::testing::UnitTest::GetInstance()->current_test_info()->name() + "_";
+                      ::testing::UnitTest::GetInstance()->current_test_info()->name() + "/";
+    void SetUp() override { std::filesystem::create_directories(dir); }
+    void TearDown() override { std::filesystem::remove_all(dir); }
 
     void file(const std::string &name, const std::string &text) {
         std::ofstream(dir + name, std::ios::binary) << text;
     }
     // Runs the program with the words of `args`, where "@name" stands for
-    // the test's file `name`; `in` names a file for standard input.
-    Result run(const std::string &args, const std::string &in = "") {
+    // the test's file `name`; a word "-" reads in.csv from standard input.
+    Call run(const std::string &args) {
         // Appended piece by piece: gcc 12 at -O3 takes `"literal" + string`
         // for an overlapping copy (-Wrestrict).
         std::string cmd = quote(VELSEQ_CLI);
-        for (const std::string &a : split(args, ' '))
+        std::istringstream words(args);
+        for (std::string a; words >> a;)
             cmd.append(" ").append(quote(a[0] == '@' ? dir + a.substr(1) : a));
-        if (!in.empty())
-            cmd.append(" <").append(quote(dir + in));
+        if (args.find(" - ") != std::string::npos)
+            cmd.append(" <").append(quote(dir + "in.csv"));
         cmd.append(" >").append(quote(dir + "stdout")).append(" 2>").append(quote(dir + "stderr"));
         const int status = std::system(cmd.c_str());
-        return {WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status),
+        return {"", args, WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status),
                 slurp(dir + "stdout"), slurp(dir + "stderr")};
     }
-    struct Case {
-        std::string text; // written to in.csv ("": no file)
-        std::string args; // words; @in.csv names the file, "-" reads it from standard input
-        int code;
-        std::string out; // exact standard output
-        std::string err; // part of standard error
-    };
-    void check(const Case &c) {
-        SCOPED_TRACE(c.args);
-        if (!c.text.empty())
-            file("in.csv", c.text);
-        const Result r = run(c.args, c.args.find(" - ") != std::string::npos ? "in.csv" : "");
-        EXPECT_EQ(r.code, c.code) << r.err;
-        EXPECT_EQ(r.out, c.out);
-        EXPECT_NE(r.err.find(c.err), std::string::npos) << r.err;
-        std::remove((dir + "in.csv").c_str());
-        EXPECT_FALSE(c.code != 0 && std::remove((dir + "in.vdb").c_str()) == 0); // no image
-    }
-    void TearDown() override {
-        for (const auto &e : std::filesystem::directory_iterator(::testing::TempDir()))
-            if (e.path().string().rfind(dir, 0) == 0)
-                std::filesystem::remove_all(e.path());
+    // Runs the cases in turn (csv: standard output is no terminal).
+    void check(const std::vector<Call> &cases) {
+        for (const Call &c : cases) {
+            SCOPED_TRACE(c.args);
+            if (!c.text.empty())
+                file("in.csv", c.text);
+            const Call r = run(c.args);
+            EXPECT_EQ(r.code, c.code) << r.err;
+            EXPECT_EQ(r.out, c.out);
+            EXPECT_NE(r.err.find(c.err), std::string::npos) << r.err;
+            std::remove((dir + "in.csv").c_str());
+            EXPECT_FALSE(c.code != 0 && std::remove((dir + "in.vdb").c_str()) == 0); // no image
+        }
     }
 };
-
-std::string iso(int64_t ns) {
-    char b[VEL_DT_TEXT_MAX];
-    return std::string(b, vel_dt_format(vel_dt_from_ns(ns), b, sizeof b));
-}
-
-// A cell as the program prints it: shortest round-trip text, empty for null.
-template <class T> std::string cell(const std::optional<T> &v) {
-    char b[32];
-    return v ? std::string(b, std::to_chars(b, b + sizeof b, *v).ptr) : "";
-}
 
 // ---- bad input, options and formats ------------------------------------------
 
@@ -123,14 +99,13 @@ TEST_F(Cli, BadInputAndOptions) {
     // A time before the last of the first batch of 65536 rows, as the next
     // batch's first row (line 65538), which the stored rows refuse.
     std::string late = "time,x\n";
-    for (int64_t i = 0; i < 65538; i++)
-        late += iso((i == 65536 ? -1 : i) * VEL_DT_NS_PER_SEC) + "," + std::to_string(i) + "\n";
-    const std::string stats_head = "column,type,count,nulls,sum,min,max,mean,first,last,argmin,"
-                                   "argmax,argmin_time,argmax_time\n";
-    std::string big_line = "time,x\n2024-01-01,";
-    big_line.append(size_t(1) << 20, '7');
+    for (int i = 0; i < 65536; i++)
+        late += "2024-01-02,1\n";
+    late += "2024-01-01,2\n";
+    const std::string big_line = "time,x\n2024-01-01," + std::string(size_t(1) << 20, '7');
     file("p.csv", "when\n2024-01-01T00:00:00.6Z\n");
-    const Case cases[] = {
+    file("q.csv", "when,sym\n20240103,A\n20240103,\n20240105,A\n20240105,B\n20240105,C\n");
+    check({
         // hostile files and cells: refused with the line and column, nothing cut or misread
         {"\n", "load @in.csv", 1, "", "is empty"},
         {"time,x\n", "load @in.csv", 1, "", "header but no rows"},
@@ -167,32 +142,36 @@ TEST_F(Cli, BadInputAndOptions) {
         {good, "tail - -n 1 --format csv", 0, "time,x,n\n2024-01-01T00:00:01Z,2.25,\n", ""},
         {unsorted, "load @in.csv", 3, "", "line 5: column time: time before that of line 3"},
         {late, "load @in.csv", 3, "", "line 65538: column time: time before that of line 65537"},
-        {good, "resample @in.csv 1h --agg last,count --format csv", 0,
-         "start,x.last,x.count,n.last,n.count\n2024-01-01T00:00:00Z,2.25,2,4,2\n", ""},
-        {good, "resample @in.csv 1h --agg mean --format csv", 0, // over the values, not the rows
-         "start,x.mean,n.mean\n2024-01-01T00:00:00Z,1.875,3.5\n", ""},
+        {good, "resample @in.csv 1h --agg last,count,mean --format csv", 0, // mean: of the values
+         "start,x.last,x.count,x.mean,n.last,n.count,n.mean\n"
+         "2024-01-01T00:00:00Z,2.25,2,1.875,4,2,3.5\n",
+         ""},
         // weeks counted from 1970-01-01, a Thursday
         {"time,v\n2024-01-03,1\n2024-01-04,2\n2024-01-10,3\n", "resample @in.csv 1w --agg count", 0,
          "start,v.count\n2023-12-28T00:00:00Z,1\n2024-01-04T00:00:00Z,2\n", ""},
         {good, "asof @in.csv @p.csv --direction nearest --format csv", 0,
          "when,time,x,n\n2024-01-01T00:00:00.600Z,2024-01-01T00:00:01Z,,4\n", ""},
+        // a probe file told its types; --by matches within a symbol (rows and
+        // probes without one match nothing) and numbers the rows of the whole table
+        {"time,sym,px\n2024-01-01,A,1\n2024-01-02,,2\n2024-01-03,B,3\n2024-01-04,A,4\n",
+         "asof @in.csv @q.csv --other-type when=datetime --by sym --row-numbers --format csv", 0,
+         "when,sym,row,time,px\n2024-01-03T00:00:00Z,A,0,2024-01-01T00:00:00Z,1\n"
+         "2024-01-03T00:00:00Z,,,,\n2024-01-05T00:00:00Z,A,3,2024-01-04T00:00:00Z,4\n"
+         "2024-01-05T00:00:00Z,B,2,2024-01-03T00:00:00Z,3\n2024-01-05T00:00:00Z,C,,,\n",
+         ""},
         // ISO-8601 and YYYYMMDD through one calendar: the same first and last days.
         {"date,v\n16771001,1\n1677-10-02,2\n", "window @in.csv 1677-10-01 16771002 --format csv", 0,
          "date,v\n1677-10-01T00:00:00Z,1\n", ""},
         {unsorted, "head @in.csv --sort --format csv", 0,
          "time,x\n2024-01-01T00:00:00Z,3\n2024-01-02T00:00:00Z,1\n2024-01-03T00:00:00Z,2\n", ""},
-        {"time,x\n2024-01-01,1\n2024-01-02,2,9\n2024-01-03,3\n",
-         "stats @in.csv --skip-bad --cols x --format csv", 0,
-         stats_head + "x,int8,2,0,4,1,3,2,1,3,0,1,2024-01-01T00:00:00Z,2024-01-03T00:00:00Z\n",
-         "skipped"},
-        {"date,value\n19580329,315.71\n19580405,\n19580412,317.69\n", "stats @in.csv --format csv",
-         0,
-         stats_head +
-             "date,datetime,3,0,,1958-03-29T00:00:00Z,1958-04-12T00:00:00Z,,1958-03-29T00:00:00Z,"
-             "1958-04-12T00:00:00Z,0,2,1958-03-29T00:00:00Z,1958-04-12T00:00:00Z\n"
-             "value,double,2,1,633.4,315.71,317.69,316.7,315.71,317.69,0,2,1958-03-29T00:00:00Z,"
-             "1958-04-12T00:00:00Z\n",
-         ""},
+        // every aggregate, of a datetime column (no sum or mean) and of one with a null
+        {"time,x\n2024-01-01,1\n2024-01-02,2,9\n2024-01-03,3\n2024-01-04,\n",
+         "stats @in.csv --skip-bad --format csv", 0,
+         "column,type,count,nulls,sum,min,max,mean,first,last,argmin,argmax,argmin_time,"
+         "argmax_time\ntime,datetime,3,0,,2024-01-01T00:00:00Z,2024-01-04T00:00:00Z,,"
+         "2024-01-01T00:00:00Z,2024-01-04T00:00:00Z,0,2,2024-01-01T00:00:00Z,2024-01-04T00:00:00Z\n"
+         "x,int8,2,1,4,1,3,2,1,3,0,1,2024-01-01T00:00:00Z,2024-01-03T00:00:00Z\n",
+         "skipped 1 bad line (first: line 3: 3 cells where the header has 2)"},
         {"1700000000000,5\n1700000000250,6\n",
          "tail @in.csv --columns ms,v --epoch ms -n 1 --format csv", 0,
          "ms,v\n2023-11-14T22:13:20.250Z,6\n", ""},
@@ -235,37 +214,12 @@ TEST_F(Cli, BadInputAndOptions) {
          "line 2: columns year,month: 1700-13-1 is no calendar day"},
         {"year,v\n1700,5\n1701,7\n1702,6\n", "stats @in.csv --cols v --agg argmax,argmax_time", 0,
          "column,type,argmax,argmax_time\nv,int8,1,1701-01-01T00:00:00Z\n", ""},
-    };
-    for (const Case &c : cases)
-        check(c);
-}
-
-// A probe file told its types, and the matched rows' positions; --by matches
-// within a symbol (rows and probes without one match nothing) and numbers the
-// rows of the whole table.
-TEST_F(Cli, AsofProbeTypesRowNumbersAndBy) {
-    file("t.csv", "date,v\n20240101,1\n20240105,2\n20240110,3\n");
-    file("p.csv", "when,q\n20231231,7\n20240106,8\n20240110,9\n");
-    Result r =
-        run("asof @t.csv @p.csv --other-type when=datetime --cols v --row-numbers --format csv");
-    EXPECT_EQ(r.out, "when,q,row,v\n2023-12-31T00:00:00Z,7,,\n2024-01-06T00:00:00Z,8,1,2\n"
-                     "2024-01-10T00:00:00Z,9,2,3\n")
-        << r.err;
-    file("b.csv", "time,sym,px\n2024-01-01,A,1\n2024-01-02,,2\n2024-01-03,B,3\n2024-01-04,A,4\n");
-    file("q.csv",
-         "when,sym\n2024-01-03,A\n2024-01-03,\n2024-01-05,A\n2024-01-05,B\n2024-01-05,C\n");
-    r = run("asof @b.csv @q.csv --by sym --row-numbers --format csv");
-    EXPECT_EQ(r.out, "when,sym,row,time,px\n2024-01-03T00:00:00Z,A,0,2024-01-01T00:00:00Z,1\n"
-                     "2024-01-03T00:00:00Z,,,,\n2024-01-05T00:00:00Z,A,3,2024-01-04T00:00:00Z,4\n"
-                     "2024-01-05T00:00:00Z,B,2,2024-01-03T00:00:00Z,3\n2024-01-05T00:00:00Z,C,,,\n")
-        << r.err;
+    });
 }
 
 // ---- images cross between the program and the table layer ---------------------
 
-namespace tbl = velseq::table;
-
-using model::array_of;
+using namespace model; // array_of, and tbl for velseq::table
 
 // Tables written through the table layer, of other types and several to an
 // image, are read by the program, which chooses one with --table.  (The
@@ -284,15 +238,15 @@ TEST_F(Cli, ImagesCross) {
                                                     {{"seq", type("int8"), VEL_SEQ_ASC_ORDER},
                                                      {"t", type("datetime"), VEL_SEQ_ASC_ORDER},
                                                      {"v", type("double")}});
-        const int64_t hour = 3600 * VEL_DT_NS_PER_SEC, day = 1704067200 * VEL_DT_NS_PER_SEC;
+        const auto at = [](int64_t s, int64_t ns = 0) { // after 2024-01-01
+            return vel_dt_from_ns((1704067200 + s) * VEL_DT_NS_PER_SEC + ns);
+        };
         const std::vector<tbl::array> rows[] = {
             {array_of<float>({0.1f, std::nullopt, 2.5f, -0.25f, 7.0f}, type("float")),
              array_of<std::string>({"a", "bb", std::nullopt, "abcdefgh", "x"}, type("char(8)")),
              array_of<int32_t>({1, 2, 2, 5, 9}, type("int4"))},
             {array_of<int64_t>({1, 2, 3}, type("int8")),
-             array_of<vel_datetime>({vel_dt_from_ns(day), vel_dt_from_ns(day + hour / 2),
-                                     vel_dt_from_ns(day + hour + 1)},
-                                    type("datetime")),
+             array_of<vel_datetime>({at(0), at(1800), at(3600, 1)}, type("datetime")),
              array_of<double>({1.5, 2.5, std::nullopt}, type("double"))},
         };
         velseq::connection con(db);
@@ -306,13 +260,13 @@ TEST_F(Cli, ImagesCross) {
         tx.commit();
         velseq::save_image(db, dir + "q.vdb");
     }
-    const std::string mean = cell(std::optional<double>((double(0.1f) + 2.5 - 0.25 + 7) / 4));
-    const Case cases[] = {
+    check({
         {"", "head --db @q.vdb --table quotes", 0,
          "px,tag,k\n0.1,a,1\n,bb,2\n2.5,,2\n-0.25,abcdefgh,5\n7,x,9\n", ""},
         {"", "stats --db @q.vdb --table quotes --agg count,nulls,min,max,mean,first,last", 0,
-         "column,type,count,nulls,min,max,mean,first,last\npx,float,4,1,-0.25,7," + mean +
-             ",0.1,7\ntag,char(8),4,1,a,x,,a,x\nk,int4,5,0,1,9,3.8,1,9\n",
+         // the mean of the floats as doubles: 0.1f is 0.100000001490116...
+         "column,type,count,nulls,min,max,mean,first,last\npx,float,4,1,-0.25,7,2.337500000372529,"
+         "0.1,7\ntag,char(8),4,1,a,x,,a,x\nk,int4,5,0,1,9,3.8,1,9\n",
          ""},
         {"", "window --db @q.vdb --table quotes 2 5 --cols k,tag", 0, "k,tag\n2,bb\n2,\n", ""},
         {"", "resample --db @q.vdb --table other 1h --agg sum,argmax", 0,
@@ -322,9 +276,7 @@ TEST_F(Cli, ImagesCross) {
         {"", "head --db @q.vdb", 2, "",
          "holds 2 tables: name one with --table (tables: quotes, other)"},
         {"", "head --db @q.vdb --table nope", 2, "", "no table 'nope'"},
-    };
-    for (const Case &c : cases) // csv: standard output is no terminal
-        check(c);
+    });
 }
 
 // ---- an image with the commit log that follows it ---------------------------------
@@ -355,8 +307,8 @@ TEST_F(Cli, ImageWithLog) {
     }
     const std::string good = slurp(dir + "t.log"), tail = "tail --db @t.vdb --log @t.log -n 1";
     file("t.log", good + "VLRC\2");
-    check({"", tail, 0, "time,x\n2024-01-05T00:00:00Z,4\n",
-           "t.log: left out a torn tail of 1 record (5 bytes) (read-only"});
+    check({{"", tail, 0, "time,x\n2024-01-05T00:00:00Z,4\n",
+            "t.log: left out a torn tail of 1 record (5 bytes) (read-only"}});
     EXPECT_TRUE(slurp(dir + "t.log") == good + "VLRC\2");
     uint64_t first = 0; // body bytes of the first record, after the 64-byte header
     std::memcpy(&first, good.data() + 64 + 8, 8);
@@ -364,9 +316,9 @@ TEST_F(Cli, ImageWithLog) {
     std::string bad = good;
     bad[at + 30] ^= 1;
     file("t.log", bad);
-    check({"", tail, 1, "", "opens with --recover)"}); // VEL_E_HOST_BAD_LOG
-    check({"", tail + " --recover", 0, "time,x\n2024-01-02T00:00:00Z,1\n",
-           " from there to " + dir + "t.log.damaged-" + std::to_string(at)});
+    check({{"", tail, 1, "", "opens with --recover)"}, // VEL_E_HOST_BAD_LOG
+           {"", tail + " --recover", 0, "time,x\n2024-01-02T00:00:00Z,1\n",
+            " from there to " + dir + "t.log.damaged-" + std::to_string(at)}});
 }
 
 } // namespace
@@ -374,34 +326,31 @@ TEST_F(Cli, ImageWithLog) {
 // ---- Parquet out and back in (DuckDB's library) --------------------------------
 
 TEST_F(Cli, ParquetOutAndBackIn) {
-    setenv("VELSEQ_DUCKDB", VELSEQ_DUCKDB_DEFAULT, 0); // for the program
-    const char *lib = std::getenv("VELSEQ_DUCKDB");
-    if (lib == nullptr || !std::ifstream(lib))
+    setenv("VELSEQ_DUCKDB", VELSEQ_DUCKDB_DEFAULT, 0);    // for the program
+    const std::string lib = std::getenv("VELSEQ_DUCKDB"); // set now if it was not
+    if (!std::ifstream(lib))
         GTEST_SKIP() << "DuckDB's library is not there: run scripts/fetch-duckdb.sh";
     const std::string rows = "2024-01-31T23:59:59.999999999Z,1.5,AB\n2024-02-01T00:00:00Z,,CD\n"
                              "2024-02-03T10:00:00.000000001Z,3.25,\n2024-03-01T00:00:00Z,-2,E\n";
     file("t.csv", "time,price,sym\n" + rows);
     ASSERT_EQ(run("load @t.csv --db @t.vdb").code, 0);
     // Months end at their last nanosecond; everything comes back.
-    Result r = run("export --db @t.vdb --parquet @all --partition month");
-    ASSERT_EQ(r.code, 0) << r.err;
-    ASSERT_EQ(run("import @all --db @all.vdb").code, 0);
-    EXPECT_EQ(run("head --db @all.vdb --format csv").out, "time,price,sym\n" + rows);
-    r = run("export --db @t.vdb --parquet @out --partition object,month --window "
-            "2024-02-01 2024-03-01");
-    ASSERT_EQ(r.code, 0) << r.err;
+    check({
+        {"", "export --db @t.vdb --parquet @all --partition month", 0, "", ""},
+        {"", "import @all --db @all.vdb", 0, "", ""},
+        {"", "head --db @all.vdb --format csv", 0, "time,price,sym\n" + rows, ""},
+        {"",
+         "export --db @t.vdb --parquet @out --partition object,month --window 2024-02-01 "
+         "2024-03-01",
+         0, "", ""},
+        {"", "import @out --db @back.vdb --table t", 0, "", ""},
+        {"", "head --db @back.vdb --format csv", 0,
+         "time,price,sym\n2024-02-01T00:00:00Z,,CD\n2024-02-03T10:00:00.000000001Z,3.25,\n", ""},
+    });
     EXPECT_TRUE(std::ifstream(dir + "out/oid=1/month=2024-02/data.parquet"));
     EXPECT_FALSE(std::ifstream(dir + "out/oid=1/month=2024-01/data.parquet"));
-    r = run("import @out --db @back.vdb --table t");
-    ASSERT_EQ(r.code, 0) << r.err;
-    r = run("head --db @back.vdb --format csv");
-    EXPECT_EQ(r.out,
-              "time,price,sym\n2024-02-01T00:00:00Z,,CD\n2024-02-03T10:00:00.000000001Z,3.25,\n");
     // Without the library: its own exit code, and how to get it.
-    const std::string keep = lib;
     setenv("VELSEQ_DUCKDB", "/nonexistent/libduckdb.so", 1);
-    r = run("export --db @t.vdb --parquet @o3");
-    setenv("VELSEQ_DUCKDB", keep.c_str(), 1);
-    EXPECT_EQ(r.code, 4);
-    EXPECT_NE(r.err.find("fetch-duckdb.sh"), std::string::npos) << r.err;
+    check({{"", "export --db @t.vdb --parquet @o3", 4, "", "fetch-duckdb.sh"}});
+    setenv("VELSEQ_DUCKDB", lib.c_str(), 1);
 }
