@@ -23,37 +23,6 @@ using table::array;
 const char *const kNames[] = {"int1",  "int2",  "int4",  "int8",   "uint1",  "uint2",
                               "uint4", "uint8", "float", "double", "char(6)"};
 
-// The SQL literal of value i of `a`.
-std::string literal(const array &a, uint64_t i) {
-    if (!a.valid(i))
-        return "NULL";
-    const unsigned char *p = a.values.data() + i * a.type.width;
-    auto get = [&](auto v, const char *sql) {
-        std::memcpy(&v, p, sizeof v);
-        return "(" + std::to_string(v) + ")::" + sql;
-    };
-    const unsigned c = a.type.code;
-    if (c == VEL_DD_SEQUENCE_DATETIME) {
-        uint64_t v;
-        std::memcpy(&v, p, 8);
-        return "make_timestamp_ns(" + std::to_string(vel_dt_to_ns(v)) + ")";
-    }
-    if (c == VEL_DD_SEQUENCE_CHAR) {
-        std::string s(reinterpret_cast<const char *>(p), a.type.width);
-        return "'" + s.erase(s.find_last_not_of('\0') + 1) + "'";
-    }
-    return c == VEL_DD_SEQUENCE_INT1    ? get(int8_t(), "TINYINT")
-           : c == VEL_DD_SEQUENCE_INT2  ? get(int16_t(), "SMALLINT")
-           : c == VEL_DD_SEQUENCE_INT4  ? get(int32_t(), "INTEGER")
-           : c == VEL_DD_SEQUENCE_INT8  ? get(int64_t(), "BIGINT")
-           : c == VEL_DD_SEQUENCE_UINT1 ? get(uint8_t(), "UTINYINT")
-           : c == VEL_DD_SEQUENCE_UINT2 ? get(uint16_t(), "USMALLINT")
-           : c == VEL_DD_SEQUENCE_UINT4 ? get(uint32_t(), "UINTEGER")
-           : c == VEL_DD_SEQUENCE_UINT8 ? get(uint64_t(), "UBIGINT")
-           : c == VEL_DD_SEQUENCE_FLOAT ? get(float(), "REAL")
-                                        : get(double(), "DOUBLE");
-}
-
 // An in-memory database; rows() answers a query as text cells, "NULL" for
 // null, one row per line and cells split by '|'.
 struct client : table::duck {
@@ -97,32 +66,44 @@ struct Arrow : ::testing::Test {
     std::string model = "CREATE TABLE model AS SELECT * FROM (VALUES "; // DuckDB's copy
     std::mt19937_64 rng{7};
 
-    // Draws value i of `a`, null one time in nine: integers over their
-    // type's whole range, floats SQL prints exactly, text up to the field's
-    // width, times ascending with ties (never null).
-    void draw(array &a, uint64_t i, int64_t &ns) {
+    // Draws value i of `a` and gives its SQL literal: null one time in nine,
+    // integers over their type's whole range, floats SQL prints exactly,
+    // text up to the field's width, times ascending with ties (never null).
+    std::string draw(array &a, uint64_t i, int64_t &ns) {
         unsigned char *p = a.values.data() + i * a.type.width;
         const uint64_t r = rng();
-        if (a.type.code == VEL_DD_SEQUENCE_DATETIME) {
+        auto put = [&](auto v, const char *sql) {
+            std::memcpy(p, &v, sizeof v);
+            return "(" + std::to_string(v) + ")::" + sql;
+        };
+        const unsigned c = a.type.code;
+        if (c == VEL_DD_SEQUENCE_DATETIME) {
             ns += r % 8 == 0 ? 0 : int64_t(rng() % 8000000000000);
-            const vel_datetime d = vel_dt_from_ns(ns);
-            std::memcpy(p, &d, 8);
-        } else if (r % 9 == 0) {
+            put(vel_dt_from_ns(ns), "");
+            return "make_timestamp_ns(" + std::to_string(ns) + ")";
+        }
+        if (r % 9 == 0) {
             if (a.validity.empty())
                 a.validity.assign((a.length + 7) / 8, 0xFF);
             a.validity[i / 8] = uint8_t(a.validity[i / 8] & ~(1u << (i % 8)));
-        } else if (a.type.code == VEL_DD_SEQUENCE_FLOAT) {
-            const float f = float(int(r % 4001) - 2000) / 4;
-            std::memcpy(p, &f, 4);
-        } else if (a.type.code == VEL_DD_SEQUENCE_DOUBLE) {
-            const double f = double(int64_t(r % 400001) - 200000) / 4;
-            std::memcpy(p, &f, 8);
-        } else if (a.type.code == VEL_DD_SEQUENCE_CHAR) {
+            return "NULL";
+        }
+        if (c == VEL_DD_SEQUENCE_CHAR) {
             static const char *const kText[] = {"", "a", "zz", "é", "abcdef", "x y"};
             std::memcpy(p, kText[r % 6], std::strlen(kText[r % 6]));
-        } else {
-            std::memcpy(p, &r, a.type.width);
+            return std::string("'") + kText[r % 6] + "'";
         }
+        return c == VEL_DD_SEQUENCE_INT1    ? put(int8_t(r), "TINYINT")
+               : c == VEL_DD_SEQUENCE_INT2  ? put(int16_t(r), "SMALLINT")
+               : c == VEL_DD_SEQUENCE_INT4  ? put(int32_t(r), "INTEGER")
+               : c == VEL_DD_SEQUENCE_INT8  ? put(int64_t(r), "BIGINT")
+               : c == VEL_DD_SEQUENCE_UINT1 ? put(uint8_t(r), "UTINYINT")
+               : c == VEL_DD_SEQUENCE_UINT2 ? put(uint16_t(r), "USMALLINT")
+               : c == VEL_DD_SEQUENCE_UINT4 ? put(uint32_t(r), "UINTEGER")
+               : c == VEL_DD_SEQUENCE_UINT8 ? put(uint64_t(r), "UBIGINT")
+               : c == VEL_DD_SEQUENCE_FLOAT
+                   ? put(float(int(r % 4001) - 2000) / 4, "REAL")
+                   : put(double(int64_t(r % 400001) - 200000) / 4, "DOUBLE");
     }
 
     void SetUp() override {
@@ -155,11 +136,9 @@ struct Arrow : ::testing::Test {
             int64_t ns = 1704067200000000000 + int64_t(rng() % 1000); // 2024-01-01
             for (uint64_t i = 0; i < rows; i++) {
                 model += (model.back() == ' ' ? "(" : ", (") + std::to_string(h.oid) + "::UBIGINT";
-                for (array &a : cols) {
-                    draw(a, i, ns);
-                    model += ", " + literal(a, i);
-                }
-                model += ", " + literal(venue, 0) + ")";
+                for (array &a : cols)
+                    model += ", " + draw(a, i, ns);
+                model += std::string(", '") + char(venue.values[0]) + "')";
             }
             for (size_t c = 0; c < n_seq; c++)
                 table::append(table::column_of(h, db.get(), t, uint16_t(c)), cols[c]);
@@ -171,19 +150,27 @@ struct Arrow : ::testing::Test {
         model += ")";
     }
 
-    // Table `name` as DuckDB reads it from Parquet holds the model's rows,
-    // oids aside: an import makes objects of its own.
+    // DuckDB reads the model's rows (`theirs` of each) from the Parquet files
+    // under `dir` (`mine` of each).
+    void expect_rows(client &d, const fs::path &dir, const std::string &mine,
+                     const std::string &theirs) {
+        const std::string files =
+            "read_parquet('" + dir.string() + "/**/*.parquet', hive_partitioning=true)";
+        EXPECT_EQ(d.rows("SELECT " + mine + " FROM " + files + " EXCEPT ALL SELECT " + theirs +
+                         " FROM model"),
+                  "")
+            << dir;
+        EXPECT_EQ(d.rows("SELECT count(*) FROM " + files), "2600\n") << dir;
+    }
+
+    // Table `name`, written to Parquet, holds the model's rows, oids aside:
+    // an import makes objects of its own.
     void expect_model_rows(client &d, const fs::path &dir, const char *name) {
         velt_export_t o = options();
         o.table = name;
         ASSERT_EQ(velt_to_parquet(db.get(), &o, (dir / name).c_str(), 0), VEL_S_OK)
             << velt_error_message();
-        const std::string files = "read_parquet('" + (dir / name).string() + "/**/*.parquet')";
-        EXPECT_EQ(d.rows("SELECT * EXCLUDE (oid) FROM " + files +
-                         " EXCEPT ALL SELECT * EXCLUDE (oid) FROM model"),
-                  "")
-            << name;
-        EXPECT_EQ(d.rows("SELECT count(*) FROM " + files), "2600\n") << name;
+        expect_rows(d, dir / name, "* EXCLUDE (oid)", "* EXCLUDE (oid)");
     }
 
     velt_export_t options(uint32_t batch_rows = 0) const {
@@ -210,12 +197,7 @@ TEST_F(Arrow, RoundTripsKeepEveryRow) {
         << velt_error_message();
     EXPECT_TRUE(
         fs::exists(parts / ("oid=" + std::to_string(oids[2])) / "month=2024-02" / "data.parquet"));
-    const std::string files =
-        "read_parquet('" + parts.string() + "/**/*.parquet', hive_partitioning=true)";
-    EXPECT_EQ(d.rows("SELECT * EXCLUDE (month) REPLACE (oid::UBIGINT AS oid) FROM " + files +
-                     " EXCEPT ALL SELECT * FROM model"),
-              "");
-    EXPECT_EQ(d.rows("SELECT count(*) FROM " + files), "2600\n");
+    expect_rows(d, parts, "* EXCLUDE (month) REPLACE (oid::UBIGINT AS oid)", "*");
     EXPECT_EQ(velt_to_parquet(db.get(), &po, parts.c_str(), 0), VEL_E_HOST_IO); // not empty
 
     // And back: from those files; from the default Arrow export (utf8 text,

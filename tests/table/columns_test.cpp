@@ -133,9 +133,10 @@ TEST(Columns, FollowAModel) {
     EXPECT_EQ(velh_commit(con.get()), VEL_S_OK);
 }
 
-// The first index where two answers differ (the length when none does).
-template <class T> size_t first_difference(const std::vector<T> &a, const std::vector<T> &b) {
-    return size_t(std::mismatch(a.begin(), a.end(), b.begin(), b.end()).first - a.begin());
+// Two answers agree, else the first index where they differ is named.
+template <class T> void expect_same(const std::vector<T> &got, const std::vector<T> &want) {
+    const auto at = std::mismatch(got.begin(), got.end(), want.begin(), want.end()).first;
+    EXPECT_EQ(size_t(at - got.begin()), want.size());
 }
 
 // The paths of the as-of merge and of gather against the model, on keys
@@ -208,11 +209,8 @@ TEST(Columns, AsofAndGatherPaths) {
                 for (int tol : {-1, 1}) {
                     SCOPED_TRACE(testing::Message() << "set " << s << " direction " << d
                                                     << " strict " << strict << " tol " << tol);
-                    table::asof_options opt;
-                    opt.dir = table::direction(d);
-                    opt.strict = strict;
-                    if (tol >= 0)
-                        opt.tolerance = tol;
+                    const table::asof_options opt{table::direction(d), strict,
+                                                  tol < 0 ? std::nullopt : std::optional(tol)};
                     std::vector<std::optional<uint64_t>> model(probes.size());
                     for (size_t i = 0; i < probes.size(); i++)
                         if (probes[i])
@@ -235,7 +233,7 @@ TEST(Columns, AsofAndGatherPaths) {
             if (pos[i])
                 want[i] = vals[*pos[i]];
         const array pa = array_of(pos, {VEL_DD_SEQUENCE_UINT8, 8});
-        EXPECT_EQ(first_difference(values_of<int32_t>(table::gather(vc, pa)), want), want.size());
+        expect_same(values_of<int32_t>(table::gather(vc, pa)), want);
     }
 
     // The C++ views: results written in place, two columns gathered at once.
@@ -243,33 +241,26 @@ TEST(Columns, AsofAndGatherPaths) {
         std::vector<int64_t> many(count);
         for (int64_t &x : many)
             x = keys.front() - 2 + int64_t(rng() % uint64_t(keys.back() - keys.front() + 4));
-        asof_options<int64_t> opt; // backward within 1: some probes match nothing
-        opt.tolerance = 1;
-        table::asof_options topt;
-        topt.tolerance = 1;
-        std::vector<std::optional<uint64_t>> want(many.size());
-        std::vector<std::optional<int32_t>> wantv(many.size());
-        std::vector<std::optional<int64_t>> wantk(many.size());
-        for (size_t i = 0; i < many.size(); i++) {
-            want[i] = model::asof(keys, many[i], topt);
-            wantv[i] = want[i] ? vals[*want[i]] : std::nullopt;
-            wantk[i] = want[i] ? std::optional(keys[*want[i]]) : std::nullopt;
+        const asof_options<int64_t> opt{direction::backward, false, 1}; // some match nothing
+        std::vector<std::optional<uint64_t>> want;
+        std::vector<std::optional<int32_t>> wantv;
+        std::vector<std::optional<int64_t>> wantk;
+        for (int64_t p : many) {
+            want.push_back(model::asof(keys, p, opt));
+            wantv.push_back(want.back() ? vals[*want.back()] : std::nullopt);
+            wantk.push_back(want.back() ? std::optional(keys[*want.back()]) : std::nullopt);
         }
-        const auto at = asof(o[k], span<const int64_t>(many), opt);
-        EXPECT_EQ(first_difference(at.to_optionals(), want), want.size());
+        expect_same(asof(o[k], span<const int64_t>(many), opt).to_optionals(), want);
         const auto [gv, gk] = asof_join(o[k], span<const int64_t>(many), opt, o[v], o[k]);
-        EXPECT_EQ(first_difference(gv.to_optionals(), wantv), want.size());
-        EXPECT_EQ(first_difference(gk.to_optionals(), wantk), want.size());
-        EXPECT_EQ(
-            first_difference(gather(o[v], span<const std::optional<uint64_t>>(want)).to_optionals(),
-                             wantv),
-            want.size());
+        expect_same(gv.to_optionals(), wantv);
+        expect_same(gk.to_optionals(), wantk);
+        expect_same(gather(o[v], span<const std::optional<uint64_t>>(want)).to_optionals(), wantv);
     }
     // Probes stored in a field: the keys themselves, each matching the end
     // of its run (20005 rows: the validity's last byte is partly used).
     const auto runs_end = asof(o[k], o[k]);
     for (size_t i = 0; i < keys.size(); i++)
-        ASSERT_EQ(runs_end[i], model::asof(keys, keys[i], {})) << i;
+        ASSERT_EQ(runs_end[i], model::asof(keys, keys[i], table::asof_options{})) << i;
 
     // As-of within groups (an object each) against the model on each
     // group's keys: probes of every group interleaved, some of no group, some
@@ -294,15 +285,12 @@ TEST(Columns, AsofAndGatherPaths) {
         probes[i] = int64_t(rng() % 80000) - 100;
     }
     for (bool strict : {false, true}) {
-        asof_options<int64_t> opt;
-        opt.strict = strict;
-        table::asof_options topt;
-        topt.strict = strict;
+        const asof_options<int64_t> opt{direction::backward, strict, {}};
         const auto [px] = asof_join_by(span<const object>(objs), span<const uint32_t>(group), k,
                                        span<const int64_t>(probes), opt, v);
         for (size_t i = 0; i < probes.size(); i++) {
             const auto at =
-                group[i] == kNoGroup ? std::nullopt : model::asof(gkeys[group[i]], probes[i], topt);
+                group[i] == kNoGroup ? std::nullopt : model::asof(gkeys[group[i]], probes[i], opt);
             ASSERT_EQ(px[i], at ? gvals[group[i]][*at] : std::nullopt) << i;
         }
     }
