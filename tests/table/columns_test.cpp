@@ -40,28 +40,23 @@ TEST(Columns, FollowAModel) {
     ASSERT_EQ(velh_begin(con.get(), VELH_READ_WRITE), VEL_S_OK);
     vel_objhandle_t h{};
     ASSERT_EQ(velh_obj_create(con.get(), t.code, &h), VEL_S_OK);
-    const table::column tc = table::column_of(h, db.get(), t, t.field("t"));
-    const table::column pc = table::column_of(h, db.get(), t, t.field("px"));
+    auto column = [&](const char *name) { return table::column_of(h, db.get(), t, t.field(name)); };
+    const table::column tc = column("t"), pc = column("px"), kc = column("k");
 
     std::mt19937_64 rng(11);
     std::vector<int64_t> keys;
     std::vector<std::optional<double>> px;
     int64_t k = -1000;
     for (int batch = 0; batch < 40; batch++) {
-        std::vector<std::optional<int64_t>> tb(1 + rng() % 300);
-        std::vector<std::optional<double>> pb(tb.size());
-        for (size_t i = 0; i < tb.size(); i++) {
+        const long len = 1 + long(rng() % 300);
+        for (long i = 0; i < len; i++) {
             k += int64_t(rng() % 3);
-            tb[i] = k;
-            if (rng() % 5)
-                pb[i] = double(rng() % 1000) / 4;
+            keys.push_back(k);
+            px.push_back(rng() % 5 ? std::optional(double(rng() % 1000) / 4) : std::nullopt);
         }
+        const std::vector<std::optional<int64_t>> tb(keys.end() - len, keys.end());
         table::append(tc, array_of(tb, i8));
-        table::append(pc, array_of(pb, f8));
-        for (size_t i = 0; i < tb.size(); i++) {
-            keys.push_back(*tb[i]);
-            px.push_back(pb[i]);
-        }
+        table::append(pc, array_of(std::vector(px.end() - len, px.end()), f8));
     }
     const size_t n = keys.size();
     EXPECT_EQ(values_of<int64_t>(table::read(tc, 0, table::count(tc))),
@@ -82,7 +77,6 @@ TEST(Columns, FollowAModel) {
     // ordered column kept in order with a neighbour's value): the tree
     // splits and is kept compact; refused edits change nothing.  Scalars
     // round-trip.
-    const table::column kc = table::column_of(h, db.get(), t, t.field("k"));
     std::vector<std::optional<int32_t>> model;
     for (int32_t v = 3000; v > 0; v -= 3)
         model.push_back(v);
