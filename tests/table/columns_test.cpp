@@ -133,6 +133,15 @@ template <class T> void expect_same(const std::vector<T> &got, const std::vector
     EXPECT_EQ(size_t(at - got.begin()), want.size());
 }
 
+// The elements of v at positions pos, null where a position is.
+template <class V> auto picked(const V &v, const std::vector<std::optional<uint64_t>> &pos) {
+    std::vector<decltype(std::optional(v[0]))> out(pos.size());
+    for (size_t i = 0; i < pos.size(); i++)
+        if (pos[i])
+            out[i] = v[*pos[i]];
+    return out;
+}
+
 // The paths of the as-of merge and of gather against the model, on keys
 // with runs of equal values, some longer than a tile (runs straddle tile
 // starts): probes at every value and between, each twice (nearest's second
@@ -183,21 +192,11 @@ TEST(Columns, AsofAndGatherPaths) {
     sets[5] = sets[0];
     std::shuffle(sets[5].begin(), sets[5].end(), rng);
     // Into buffers holding garbage: every position is written, ~0 where none matches.
-    auto matches = [](const table::column &c, const array &probes, const table::asof_options &opt,
-                      const std::vector<std::optional<uint64_t>> &model) {
-        std::vector<uint64_t> pos(model.size(), 7);
-        std::vector<uint8_t> valid((model.size() + 7) / 8, 0xA5);
-        table::asof(c, table::view(probes), opt, pos.data(), valid.data());
-        for (size_t i = 0; i < model.size(); i++)
-            if (pos[i] != model[i].value_or(~uint64_t(0)) ||
-                bool(valid[i / 8] >> (i % 8) & 1) != model[i].has_value())
-                return false;
-        return true;
-    };
     for (size_t s = 0; s < sets.size(); s++) {
         std::vector<std::optional<int64_t>> probes(sets[s].begin(), sets[s].end());
         for (size_t i = 3; (s % 5 == 0 || s == 1) && i < probes.size(); i += 13)
             probes[i].reset(); // null probes match nothing
+        const array pa = array_of(probes, kc.type);
         for (int d = 0; d < 3; d++)
             for (bool strict : {false, true})
                 for (int tol : {-1, 1}) {
@@ -205,11 +204,15 @@ TEST(Columns, AsofAndGatherPaths) {
                                                     << " strict " << strict << " tol " << tol);
                     const table::asof_options opt{table::direction(d), strict,
                                                   tol < 0 ? std::nullopt : std::optional(tol)};
-                    std::vector<std::optional<uint64_t>> model(probes.size());
-                    for (size_t i = 0; i < probes.size(); i++)
-                        if (probes[i])
-                            model[i] = model::asof(keys, *probes[i], opt);
-                    EXPECT_TRUE(matches(kc, array_of(probes, kc.type), opt, model));
+                    std::vector<uint64_t> pos(probes.size(), 7);
+                    std::vector<uint8_t> valid((probes.size() + 7) / 8, 0xA5);
+                    table::asof(kc, table::view(pa), opt, pos.data(), valid.data());
+                    for (size_t i = 0; i < probes.size(); i++) {
+                        const auto want =
+                            probes[i] ? model::asof(keys, *probes[i], opt) : std::nullopt;
+                        ASSERT_EQ(pos[i], want.value_or(~uint64_t(0))) << i;
+                        ASSERT_EQ(bool(valid[i / 8] >> (i % 8) & 1), want.has_value()) << i;
+                    }
                 }
     }
 
@@ -222,12 +225,8 @@ TEST(Columns, AsofAndGatherPaths) {
     gathers[2] = gathers[0];
     std::shuffle(gathers[2].begin(), gathers[2].end(), rng);
     for (const auto &pos : gathers) {
-        std::vector<std::optional<int32_t>> want(pos.size());
-        for (size_t i = 0; i < pos.size(); i++)
-            if (pos[i])
-                want[i] = vals[*pos[i]];
         const array pa = array_of(pos, {VEL_DD_SEQUENCE_UINT8, 8});
-        expect_same(values_of<int32_t>(table::gather(vc, pa)), want);
+        expect_same(values_of<int32_t>(table::gather(vc, pa)), picked(vals, pos));
     }
 
     // The C++ views: results written in place, two columns gathered at once.
@@ -237,18 +236,14 @@ TEST(Columns, AsofAndGatherPaths) {
             x = keys.front() - 2 + int64_t(rng() % uint64_t(keys.back() - keys.front() + 4));
         const asof_options<int64_t> opt{direction::backward, false, 1}; // some match nothing
         std::vector<std::optional<uint64_t>> want;
-        std::vector<std::optional<int32_t>> wantv;
-        std::vector<std::optional<int64_t>> wantk;
-        for (int64_t p : many) {
+        for (int64_t p : many)
             want.push_back(model::asof(keys, p, opt));
-            wantv.push_back(want.back() ? vals[*want.back()] : std::nullopt);
-            wantk.push_back(want.back() ? std::optional(keys[*want.back()]) : std::nullopt);
-        }
         expect_same(asof(o[k], span<const int64_t>(many), opt).to_optionals(), want);
         const auto [gv, gk] = asof_join(o[k], span<const int64_t>(many), opt, o[v], o[k]);
-        expect_same(gv.to_optionals(), wantv);
-        expect_same(gk.to_optionals(), wantk);
-        expect_same(gather(o[v], span<const std::optional<uint64_t>>(want)).to_optionals(), wantv);
+        expect_same(gv.to_optionals(), picked(vals, want));
+        expect_same(gk.to_optionals(), picked(keys, want));
+        expect_same(gather(o[v], span<const std::optional<uint64_t>>(want)).to_optionals(),
+                    picked(vals, want));
     }
     // Probes stored in a field: the keys themselves, each matching the end
     // of its run (20005 rows: the validity's last byte is partly used).
