@@ -44,7 +44,7 @@ TEST(Columns, FollowAModel) {
     const table::column tc = column("t"), pc = column("px"), kc = column("k");
 
     std::mt19937_64 rng(11);
-    std::vector<int64_t> keys;
+    std::vector<std::optional<int64_t>> keys;
     std::vector<std::optional<double>> px;
     int64_t k = -1000;
     for (int batch = 0; batch < 40; batch++) {
@@ -54,13 +54,11 @@ TEST(Columns, FollowAModel) {
             keys.push_back(k);
             px.push_back(rng() % 5 ? std::optional(double(rng() % 1000) / 4) : std::nullopt);
         }
-        const std::vector<std::optional<int64_t>> tb(keys.end() - len, keys.end());
-        table::append(tc, array_of(tb, i8));
+        table::append(tc, array_of(std::vector(keys.end() - len, keys.end()), i8));
         table::append(pc, array_of(std::vector(px.end() - len, px.end()), f8));
     }
     const size_t n = keys.size();
-    EXPECT_EQ(values_of<int64_t>(table::read(tc, 0, table::count(tc))),
-              std::vector<std::optional<int64_t>>(keys.begin(), keys.end()));
+    EXPECT_EQ(values_of<int64_t>(table::read(tc, 0, table::count(tc))), keys);
     EXPECT_EQ(code_of([&] { table::append(tc, array_of<double>({1.0}, f8)); }), VEL_E_ILLEGAL_TYPE);
     EXPECT_EQ(code_of([&] { table::read(pc, 0, n + 1); }), VEL_E_ILLEGAL_PARAM);
 
@@ -113,11 +111,9 @@ TEST(Columns, FollowAModel) {
     compact();
     EXPECT_EQ(code_of([&] { table::erase(kc, 1, model.size() + 1, state); }), VEL_E_ILLEGAL_PARAM);
 
-    EXPECT_EQ(values_of<int64_t>(table::get_scalar(h, t, 2)),
-              std::vector<std::optional<int64_t>>{0});
+    EXPECT_EQ(values_of<int64_t>(table::get_scalar(h, t, 2)), decltype(keys){0});
     table::set_scalar(h, t, 2, array_of<int64_t>({-9}, i8));
-    EXPECT_EQ(values_of<int64_t>(table::get_scalar(h, t, 2)),
-              std::vector<std::optional<int64_t>>{-9});
+    EXPECT_EQ(values_of<int64_t>(table::get_scalar(h, t, 2)), decltype(keys){-9});
     EXPECT_EQ(code_of([&] { table::set_scalar(h, t, 2, array_of<int32_t>({1}, i4)); }),
               VEL_E_ILLEGAL_TYPE);
     EXPECT_EQ(code_of([&] { table::get_scalar(h, t, 0); }), VEL_E_HOST_WRONG_FIELD);
