@@ -40,32 +40,25 @@ TEST(Columns, FollowAModel) {
     ASSERT_EQ(velh_begin(con.get(), VELH_READ_WRITE), VEL_S_OK);
     vel_objhandle_t h{};
     ASSERT_EQ(velh_obj_create(con.get(), t.code, &h), VEL_S_OK);
-    const table::column tc = table::column_of(h, db.get(), t, t.field("t"));
-    const table::column pc = table::column_of(h, db.get(), t, t.field("px"));
+    auto column = [&](const char *name) { return table::column_of(h, db.get(), t, t.field(name)); };
+    const table::column tc = column("t"), pc = column("px"), kc = column("k");
 
     std::mt19937_64 rng(11);
-    std::vector<int64_t> keys;
+    std::vector<std::optional<int64_t>> keys;
     std::vector<std::optional<double>> px;
     int64_t k = -1000;
     for (int batch = 0; batch < 40; batch++) {
-        std::vector<std::optional<int64_t>> tb(1 + rng() % 300);
-        std::vector<std::optional<double>> pb(tb.size());
-        for (size_t i = 0; i < tb.size(); i++) {
+        const long len = 1 + long(rng() % 300);
+        for (long i = 0; i < len; i++) {
             k += int64_t(rng() % 3);
-            tb[i] = k;
-            if (rng() % 5)
-                pb[i] = double(rng() % 1000) / 4;
+            keys.push_back(k);
+            px.push_back(rng() % 5 ? std::optional(double(rng() % 1000) / 4) : std::nullopt);
         }
-        table::append(tc, array_of(tb, i8));
-        table::append(pc, array_of(pb, f8));
-        for (size_t i = 0; i < tb.size(); i++) {
-            keys.push_back(*tb[i]);
-            px.push_back(pb[i]);
-        }
+        table::append(tc, array_of(std::vector(keys.end() - len, keys.end()), i8));
+        table::append(pc, array_of(std::vector(px.end() - len, px.end()), f8));
     }
     const size_t n = keys.size();
-    EXPECT_EQ(values_of<int64_t>(table::read(tc, 0, table::count(tc))),
-              std::vector<std::optional<int64_t>>(keys.begin(), keys.end()));
+    EXPECT_EQ(values_of<int64_t>(table::read(tc, 0, table::count(tc))), keys);
     EXPECT_EQ(code_of([&] { table::append(tc, array_of<double>({1.0}, f8)); }), VEL_E_ILLEGAL_TYPE);
     EXPECT_EQ(code_of([&] { table::read(pc, 0, n + 1); }), VEL_E_ILLEGAL_PARAM);
 
@@ -82,7 +75,6 @@ TEST(Columns, FollowAModel) {
     // ordered column kept in order with a neighbour's value): the tree
     // splits and is kept compact; refused edits change nothing.  Scalars
     // round-trip.
-    const table::column kc = table::column_of(h, db.get(), t, t.field("k"));
     std::vector<std::optional<int32_t>> model;
     for (int32_t v = 3000; v > 0; v -= 3)
         model.push_back(v);
@@ -119,11 +111,9 @@ TEST(Columns, FollowAModel) {
     compact();
     EXPECT_EQ(code_of([&] { table::erase(kc, 1, model.size() + 1, state); }), VEL_E_ILLEGAL_PARAM);
 
-    EXPECT_EQ(values_of<int64_t>(table::get_scalar(h, t, 2)),
-              std::vector<std::optional<int64_t>>{0});
+    EXPECT_EQ(values_of<int64_t>(table::get_scalar(h, t, 2)), decltype(keys){0});
     table::set_scalar(h, t, 2, array_of<int64_t>({-9}, i8));
-    EXPECT_EQ(values_of<int64_t>(table::get_scalar(h, t, 2)),
-              std::vector<std::optional<int64_t>>{-9});
+    EXPECT_EQ(values_of<int64_t>(table::get_scalar(h, t, 2)), decltype(keys){-9});
     EXPECT_EQ(code_of([&] { table::set_scalar(h, t, 2, array_of<int32_t>({1}, i4)); }),
               VEL_E_ILLEGAL_TYPE);
     EXPECT_EQ(code_of([&] { table::get_scalar(h, t, 0); }), VEL_E_HOST_WRONG_FIELD);
@@ -133,9 +123,19 @@ TEST(Columns, FollowAModel) {
     EXPECT_EQ(velh_commit(con.get()), VEL_S_OK);
 }
 
-// The first index where two answers differ (the length when none does).
-template <class T> size_t first_difference(const std::vector<T> &a, const std::vector<T> &b) {
-    return size_t(std::mismatch(a.begin(), a.end(), b.begin(), b.end()).first - a.begin());
+// Two answers agree, else the first index where they differ is named.
+template <class T> void expect_same(const std::vector<T> &got, const std::vector<T> &want) {
+    const auto at = std::mismatch(got.begin(), got.end(), want.begin(), want.end()).first;
+    EXPECT_EQ(size_t(at - got.begin()), want.size());
+}
+
+// The elements of v at positions pos, null where a position is.
+template <class V> auto picked(const V &v, const std::vector<std::optional<uint64_t>> &pos) {
+    std::vector<decltype(std::optional(v[0]))> out(pos.size());
+    for (size_t i = 0; i < pos.size(); i++)
+        if (pos[i])
+            out[i] = v[*pos[i]];
+    return out;
 }
 
 // The paths of the as-of merge and of gather against the model, on keys
@@ -188,36 +188,27 @@ TEST(Columns, AsofAndGatherPaths) {
     sets[5] = sets[0];
     std::shuffle(sets[5].begin(), sets[5].end(), rng);
     // Into buffers holding garbage: every position is written, ~0 where none matches.
-    auto matches = [](const table::column &c, const array &probes, const table::asof_options &opt,
-                      const std::vector<std::optional<uint64_t>> &model) {
-        std::vector<uint64_t> pos(model.size(), 7);
-        std::vector<uint8_t> valid((model.size() + 7) / 8, 0xA5);
-        table::asof(c, table::view(probes), opt, pos.data(), valid.data());
-        for (size_t i = 0; i < model.size(); i++)
-            if (pos[i] != model[i].value_or(~uint64_t(0)) ||
-                bool(valid[i / 8] >> (i % 8) & 1) != model[i].has_value())
-                return false;
-        return true;
-    };
     for (size_t s = 0; s < sets.size(); s++) {
         std::vector<std::optional<int64_t>> probes(sets[s].begin(), sets[s].end());
         for (size_t i = 3; (s % 5 == 0 || s == 1) && i < probes.size(); i += 13)
             probes[i].reset(); // null probes match nothing
+        const array pa = array_of(probes, kc.type);
         for (int d = 0; d < 3; d++)
             for (bool strict : {false, true})
                 for (int tol : {-1, 1}) {
                     SCOPED_TRACE(testing::Message() << "set " << s << " direction " << d
                                                     << " strict " << strict << " tol " << tol);
-                    table::asof_options opt;
-                    opt.dir = table::direction(d);
-                    opt.strict = strict;
-                    if (tol >= 0)
-                        opt.tolerance = tol;
-                    std::vector<std::optional<uint64_t>> model(probes.size());
-                    for (size_t i = 0; i < probes.size(); i++)
-                        if (probes[i])
-                            model[i] = model::asof(keys, *probes[i], opt);
-                    EXPECT_TRUE(matches(kc, array_of(probes, kc.type), opt, model));
+                    const table::asof_options opt{table::direction(d), strict,
+                                                  tol < 0 ? std::nullopt : std::optional(tol)};
+                    std::vector<uint64_t> pos(probes.size(), 7);
+                    std::vector<uint8_t> valid((probes.size() + 7) / 8, 0xA5);
+                    table::asof(kc, table::view(pa), opt, pos.data(), valid.data());
+                    for (size_t i = 0; i < probes.size(); i++) {
+                        const auto want =
+                            probes[i] ? model::asof(keys, *probes[i], opt) : std::nullopt;
+                        ASSERT_EQ(pos[i], want.value_or(~uint64_t(0))) << i;
+                        ASSERT_EQ(bool(valid[i / 8] >> (i % 8) & 1), want.has_value()) << i;
+                    }
                 }
     }
 
@@ -230,12 +221,8 @@ TEST(Columns, AsofAndGatherPaths) {
     gathers[2] = gathers[0];
     std::shuffle(gathers[2].begin(), gathers[2].end(), rng);
     for (const auto &pos : gathers) {
-        std::vector<std::optional<int32_t>> want(pos.size());
-        for (size_t i = 0; i < pos.size(); i++)
-            if (pos[i])
-                want[i] = vals[*pos[i]];
         const array pa = array_of(pos, {VEL_DD_SEQUENCE_UINT8, 8});
-        EXPECT_EQ(first_difference(values_of<int32_t>(table::gather(vc, pa)), want), want.size());
+        expect_same(values_of<int32_t>(table::gather(vc, pa)), picked(vals, pos));
     }
 
     // The C++ views: results written in place, two columns gathered at once.
@@ -243,33 +230,22 @@ TEST(Columns, AsofAndGatherPaths) {
         std::vector<int64_t> many(count);
         for (int64_t &x : many)
             x = keys.front() - 2 + int64_t(rng() % uint64_t(keys.back() - keys.front() + 4));
-        asof_options<int64_t> opt; // backward within 1: some probes match nothing
-        opt.tolerance = 1;
-        table::asof_options topt;
-        topt.tolerance = 1;
-        std::vector<std::optional<uint64_t>> want(many.size());
-        std::vector<std::optional<int32_t>> wantv(many.size());
-        std::vector<std::optional<int64_t>> wantk(many.size());
-        for (size_t i = 0; i < many.size(); i++) {
-            want[i] = model::asof(keys, many[i], topt);
-            wantv[i] = want[i] ? vals[*want[i]] : std::nullopt;
-            wantk[i] = want[i] ? std::optional(keys[*want[i]]) : std::nullopt;
-        }
-        const auto at = asof(o[k], span<const int64_t>(many), opt);
-        EXPECT_EQ(first_difference(at.to_optionals(), want), want.size());
+        const asof_options<int64_t> opt{direction::backward, false, 1}; // some match nothing
+        std::vector<std::optional<uint64_t>> want;
+        for (int64_t p : many)
+            want.push_back(model::asof(keys, p, opt));
+        expect_same(asof(o[k], span<const int64_t>(many), opt).to_optionals(), want);
         const auto [gv, gk] = asof_join(o[k], span<const int64_t>(many), opt, o[v], o[k]);
-        EXPECT_EQ(first_difference(gv.to_optionals(), wantv), want.size());
-        EXPECT_EQ(first_difference(gk.to_optionals(), wantk), want.size());
-        EXPECT_EQ(
-            first_difference(gather(o[v], span<const std::optional<uint64_t>>(want)).to_optionals(),
-                             wantv),
-            want.size());
+        expect_same(gv.to_optionals(), picked(vals, want));
+        expect_same(gk.to_optionals(), picked(keys, want));
+        expect_same(gather(o[v], span<const std::optional<uint64_t>>(want)).to_optionals(),
+                    picked(vals, want));
     }
     // Probes stored in a field: the keys themselves, each matching the end
     // of its run (20005 rows: the validity's last byte is partly used).
     const auto runs_end = asof(o[k], o[k]);
     for (size_t i = 0; i < keys.size(); i++)
-        ASSERT_EQ(runs_end[i], model::asof(keys, keys[i], {})) << i;
+        ASSERT_EQ(runs_end[i], model::asof(keys, keys[i], table::asof_options{})) << i;
 
     // As-of within groups (an object each) against the model on each
     // group's keys: probes of every group interleaved, some of no group, some
@@ -294,15 +270,12 @@ TEST(Columns, AsofAndGatherPaths) {
         probes[i] = int64_t(rng() % 80000) - 100;
     }
     for (bool strict : {false, true}) {
-        asof_options<int64_t> opt;
-        opt.strict = strict;
-        table::asof_options topt;
-        topt.strict = strict;
+        const asof_options<int64_t> opt{direction::backward, strict, {}};
         const auto [px] = asof_join_by(span<const object>(objs), span<const uint32_t>(group), k,
                                        span<const int64_t>(probes), opt, v);
         for (size_t i = 0; i < probes.size(); i++) {
             const auto at =
-                group[i] == kNoGroup ? std::nullopt : model::asof(gkeys[group[i]], probes[i], topt);
+                group[i] == kNoGroup ? std::nullopt : model::asof(gkeys[group[i]], probes[i], opt);
             ASSERT_EQ(px[i], at ? gvals[group[i]][*at] : std::nullopt) << i;
         }
     }

@@ -1,6 +1,7 @@
 // A database crosses between the typed C++ API and the table layer (which
-// the program and Python stand on) through an image: names, types, orders
-// and values as written, and a schema that differs is refused, naming what.
+// the program and Python stand on) through an image: names, types and
+// orders as defined, and a schema that differs is refused.  (Values through
+// images: the durability tests.)
 #include <gtest/gtest.h>
 
 #include <filesystem>
@@ -14,24 +15,14 @@ using namespace velseq;
 
 TEST(Crossing, ImagesKeepNamesTypesAndOrders) {
     const std::string img = testing::TempDir() + "velseq_crossing.img";
-    uint64_t oid = 0;
     {
         database db;
         schema s("quote");
-        field<datetime> ts = s.seq<datetime>("ts", order::ascending);
-        field<chars<8>> venue = s.seq<chars<8>>("venue");
-        field<float> px = s.seq<float>("px", order::descending);
-        scalar_field<int16_t> lot = s.value<int16_t>("lot");
+        s.seq<datetime>("ts", order::ascending);
+        s.seq<chars<8>>("venue");
+        s.seq<float>("px", order::descending);
+        s.value<int16_t>("lot");
         db.define(s);
-        connection con(db);
-        transaction tx(con, transaction::write);
-        object o = tx.create(s);
-        o[ts].append({datetime::from_ns(5), datetime::from_ns(9)});
-        o[venue].append({chars<8>::from("XNAS"), chars<8>::from("XLON")});
-        o[px].append({2.5f, 1.5f});
-        o.set(lot, int16_t(100));
-        oid = o.oid();
-        tx.commit();
         table::define_table(db.get(), "fx", {{"rate", *table::type_by_name("double")}});
         save_image(db, img);
     }
@@ -66,16 +57,7 @@ TEST(Crossing, ImagesKeepNamesTypesAndOrders) {
     EXPECT_EQ(code([&] { bind("quote", order::descending, true, "place"); }),
               VEL_E_HOST_WRONG_FIELD);
     EXPECT_EQ(code([&] { bind("quotes", order::descending, true); }), VEL_E_HOST_NO_CLASS);
-    schema s = bind("quote", order::descending, true);
-    connection con(*db);
-    ASSERT_EQ(velh_begin(con.get(), VELH_READ_ONLY), VEL_S_OK);
-    vel_objhandle_t h{};
-    ASSERT_EQ(velh_obj_open(con.get(), q.code, oid, &h), VEL_S_OK);
-    EXPECT_EQ(model::values_of<float>(table::read(table::column_of(h, db->get(), q, 2), 0, 2)),
-              (std::vector<std::optional<float>>{2.5f, 1.5f}));
-    EXPECT_EQ(model::values_of<int16_t>(table::get_scalar(h, q, 3)),
-              std::vector<std::optional<int16_t>>{100});
-    velh_rollback(con.get());
+    bind("quote", order::descending, true);
     std::filesystem::remove(img);
 }
 

@@ -58,17 +58,19 @@ template <class T> std::vector<std::optional<T>> values_of(const tbl::array &a) 
     return v;
 }
 
-// The position that probe p matches in the ascending keys.
-inline std::optional<uint64_t> asof(const std::vector<int64_t> &keys, int64_t p,
-                                    const tbl::asof_options &opt) {
+// The position that probe p matches in the ascending keys, under the
+// options of the table layer or of the C++ API.
+template <class Options>
+std::optional<uint64_t> asof(const std::vector<int64_t> &keys, int64_t p, const Options &opt) {
+    using direction = decltype(opt.dir);
     const auto b = opt.strict ? std::lower_bound(keys.begin(), keys.end(), p)
                               : std::upper_bound(keys.begin(), keys.end(), p);
     const auto f = opt.strict ? std::upper_bound(keys.begin(), keys.end(), p)
                               : std::lower_bound(keys.begin(), keys.end(), p);
     std::optional<uint64_t> back, fwd;
-    if (opt.dir != tbl::direction::forward && b != keys.begin())
+    if (opt.dir != direction::forward && b != keys.begin())
         back = uint64_t(b - keys.begin() - 1);
-    if (opt.dir != tbl::direction::backward && f != keys.end())
+    if (opt.dir != direction::backward && f != keys.end())
         fwd = uint64_t(f - keys.begin());
     std::optional<uint64_t> pick = back ? back : fwd;
     if (back && fwd && keys[*fwd] - p < p - keys[*back])
