@@ -3,8 +3,9 @@
 // definitions change nothing; files written before declared orders open
 // with order 0; every code has a name.
 #include <atomic>
-#include <regex>
+#include <cstdio>
 #include <set>
+#include <sstream>
 #include <thread>
 #include <tuple>
 
@@ -182,12 +183,19 @@ TEST(Catalogue, OldFormatsOpenWithOrderZero) {
 // Every code of velseq.h, as the header declares it, has its own name,
 // spelt as there, and a sentence; other numbers have neither.
 TEST(Codes, EveryCodeHasANameAndASentence) {
-    const std::string header = read_file(VELSEQ_HEADER);
-    const std::regex declared(R"((VEL_[SE]_\w+) = (\d+)|define (VEL_ERR_SEQ) (\d+))");
+    // The enum's "NAME = n" lines and the trap code's #define (no std::regex:
+    // GCC 12 warns inside it when sanitized).
+    std::istringstream header(read_file(VELSEQ_HEADER));
     std::set<std::string> texts;
-    for (std::sregex_iterator it(header.begin(), header.end(), declared), end; it != end; ++it) {
-        const std::string name = (*it)[1].matched ? (*it)[1] : (*it)[3];
-        const int code = std::stoi((*it)[2].matched ? (*it)[2] : (*it)[4]);
+    for (std::string line; std::getline(header, line);) {
+        char id[64];
+        int code = 0;
+        if (std::sscanf(line.c_str(), " %63[A-Z0-9_] = %d", id, &code) != 2 &&
+            std::sscanf(line.c_str(), "#define %63[A-Z0-9_] %d", id, &code) != 2)
+            continue;
+        const std::string name = id;
+        if (name.rfind("VEL_S_", 0) && name.rfind("VEL_E_", 0) && name != "VEL_ERR_SEQ")
+            continue;
         ASSERT_NE(vel_code_name(code), nullptr) << name;
         EXPECT_EQ(vel_code_name(code), name);
         ASSERT_NE(vel_code_text(code), nullptr) << name;
