@@ -4,6 +4,8 @@ namespace velrel {
 
 void SeqModel::insert(size_t pos, const void *v, size_t n, const vel_bitmap_word_t *nb,
                       size_t nb_offs) {
+    if (n == 0) // an empty insert is accepted at any position, even past the end
+        return;
     const auto *b = static_cast<const uint8_t *>(v);
     vals.insert(vals.begin() + pos * w, b, b + n * w);
     std::vector<uint8_t> fl(n);
