@@ -145,8 +145,9 @@ TEST(TreeStats, InnerCapacitySharingAndHostPages) {
 }
 
 // The dump of an ordered tree shows keys, counts and previews; damaged pages
+// (a miscounting entry, a page of no kind, a leaf empty or over capacity)
 // are reported, not followed (the damage is undone before the database
-// closes).
+// closes).  The host's checker walks trees the same way.
 TEST(TreeDump, KeysCountsPreviewsAndDamage) {
     // 64-byte pages of int4: 11 values a leaf, 2 keyed children an inner page.
     FieldDb d(velrel::family_of(VEL_DD_INT4), VEL_SEQ_ASC_ORDER, 64);
@@ -182,12 +183,15 @@ TEST(TreeDump, KeysCountsPreviewsAndDamage) {
     vel_seq_page_t *leaf = entry0->page;
     refused(leaf->hdr.kind, uint8_t((leaf->hdr.kind & 0xf0) | 5), "page #1 (level 1): page kind 5");
     refused(leaf->hdr.user, uint16_t(0), "leaf holds 0 values");
+    refused(leaf->hdr.user, uint16_t(12), "page #1 (level 1): leaf holds 12 values, capacity 11");
 }
 
 // The depth limit of the one tree walk, as every user of it reports it: a
 // chain of single-child inner pages over a leaf is sound at 14 levels and
-// refused at 15 by the host's checker and compaction, the tools' statistics
-// and the harness's checker alike.
+// refused at 15 by the host's checker, compaction and commit (which rolls
+// back whole), the tools' statistics and the harness's checker alike.  A
+// commit keeps every linked page however deep and frees the page no tree
+// links.
 TEST(TreeWalk, EveryWalkRefusesALevelBelowTheDeepest) {
     constexpr int32_t kPage = 256;
     for (int levels : {VEL_SEQ_MAX_DEPTH, VEL_SEQ_MAX_DEPTH + 1}) {
@@ -205,6 +209,8 @@ TEST(TreeWalk, EveryWalkRefusesALevelBelowTheDeepest) {
                                                     16) = {root, 3};
             root = pg;
         }
+        vel_seq_page_t *unlinked = nullptr, *slot = nullptr;
+        ASSERT_EQ(vel_seq_create_page(d.env->con(), d.obj.pm, &unlinked, &slot, 3), VEL_S_OK);
         VEL_WRK w; // the root slot, at the field's offset in the class's (uncompact) layout
         ASSERT_EQ(vel_writing(&d.obj, &w, 0, d.field.fld_no), 0);
         *static_cast<vel_seq_page_t **>(
@@ -222,9 +228,16 @@ TEST(TreeWalk, EveryWalkRefusesALevelBelowTheDeepest) {
         velrel::TreeInfo info;
         const std::string bad = d.env->field(0).check(true, &info);
         EXPECT_EQ(bad.empty(), sound) << bad;
-        EXPECT_EQ(velh_compact(&d.obj, d.field.fld_no, VEL_SEQ_NO_ORDER),
-                  sound ? VEL_S_OK : VEL_E_HOST_TREE_DEPTH);
-        ASSERT_EQ(velh_rollback(d.env->con()), VEL_S_OK);
+        EXPECT_EQ(d.env->live_pages(), uint64_t(levels) + 1);
+        const auto compact = [&] { return velh_compact(&d.obj, d.field.fld_no, VEL_SEQ_NO_ORDER); };
+        if (!sound) { // before the commit, which drops the tree
+            EXPECT_EQ(compact(), VEL_E_HOST_TREE_DEPTH);
+        }
+        EXPECT_EQ(d.env->commit_and_begin(), sound ? VEL_S_OK : VEL_E_HOST_TREE_DEPTH);
+        EXPECT_EQ(d.env->live_pages(), sound ? uint64_t(levels) : 0u);
+        if (sound) {
+            EXPECT_EQ(compact(), VEL_S_OK);
+        }
     }
 }
 

@@ -36,6 +36,22 @@ Drained drain(vel_seq_iterator_t &it) {
     return d;
 }
 
+// Drains `it` twice, flags of garbage in its tile before each pass: each
+// pass delivers `want`, and a reset between rewinds and unbinds it.
+void expect_drains(vel_seq_iterator_t &it, const Drained &want) {
+    for (int pass = 0; pass < 2; pass++) {
+        it.tile.null_bitmap[0] = it.tile.null_bitmap[1] = ~vel_bitmap_word_t{0};
+        Drained d = drain(it);
+        EXPECT_EQ(d.end, VEL_S_CURSOR_END);
+        EXPECT_EQ(d.vals, want.vals) << "pass " << pass;
+        EXPECT_EQ(d.tiles, want.tiles) << "pass " << pass;
+        EXPECT_EQ(d.nulls, want.nulls) << "pass " << pass;
+        it.bounded = 1;
+        EXPECT_EQ(it.reset(&it), VEL_S_OK);
+        EXPECT_EQ(it.bounded + it.next_seq_no, 0u);
+    }
+}
+
 std::vector<int64_t> run(std::vector<std::pair<int64_t, int>> pieces) {
     std::vector<int64_t> v;
     for (auto [base, n] : pieces)
@@ -68,31 +84,17 @@ class CursorScan : public ::testing::Test {
         }
     }
 
-    // A scan of the int8 field under `cur`; the set-up ignores its cursor
-    // argument, the caller puts the cursor into the context.
-    void open(vel_seq_iterator_t &it, vel_cursor_h cur) {
+    // Scans the int8 field under `cur` twice (a reset rewinds the cursor);
+    // the set-up ignores its cursor argument, the caller puts the cursor
+    // into the context.
+    void expect_scan(vel_cursor_h cur, const Drained &want) {
+        vel_seq_iterator_t it{};
         velseq::iter_ctx(&it)->cursor = nullptr;
         const FieldLoc &l = env->loc(0);
         ASSERT_EQ(vel_w_seq_from_cursor_int8(tr, l.u, l.c, env->class_code(), &it, cur), VEL_S_OK);
         EXPECT_EQ(velseq::iter_ctx(&it)->cursor, nullptr);
         velseq::iter_ctx(&it)->cursor = cur;
-    }
-
-    // Scans the int8 field under `cur` twice: a reset rewinds the cursor and
-    // unbinds the iterator.
-    void expect_scan(vel_cursor_h cur, const Drained &want) {
-        vel_seq_iterator_t it{};
-        open(it, cur);
-        for (int pass = 0; pass < 2; pass++) {
-            Drained d = drain(it);
-            EXPECT_EQ(d.end, VEL_S_CURSOR_END);
-            EXPECT_EQ(d.vals, want.vals) << "pass " << pass;
-            EXPECT_EQ(d.tiles, want.tiles) << "pass " << pass;
-            EXPECT_EQ(d.nulls, want.nulls) << "pass " << pass;
-            it.bounded = 1;
-            EXPECT_EQ(it.reset(&it), VEL_S_OK);
-            EXPECT_EQ(it.bounded + it.next_seq_no, 0u);
-        }
+        expect_drains(it, want);
     }
 
     std::unique_ptr<Env> env =
@@ -184,16 +186,8 @@ TEST(ObjectPageEnd, FieldsEndingAtThePageEndAreRead) {
         ASSERT_EQ(vel_w_seq_from_cursor_int8(tr, s.u_offset, s.c_offset, cls, &seq, nullptr),
                   VEL_S_OK);
         velseq::iter_ctx(&seq)->cursor = &cur;
-        for (vel_seq_iterator_t *it : {&plain, &seq}) {
-            for (int pass = 0; pass < 2; pass++) {
-                it->tile.null_bitmap[0] = it->tile.null_bitmap[1] = ~vel_bitmap_word_t{0};
-                const Drained got = drain(*it);
-                EXPECT_EQ(got.vals, run({{100, 300}}));
-                EXPECT_EQ(got.tiles, (std::vector<int>{128, 128, 44}));
-                EXPECT_TRUE(got.nulls.empty());
-                EXPECT_EQ(it->reset(it), VEL_S_OK);
-            }
-        }
+        for (vel_seq_iterator_t *it : {&plain, &seq})
+            expect_drains(*it, {run({{100, 300}}), {128, 128, 44}, {}});
         EXPECT_EQ(env->rollback_and_begin(), VEL_S_OK);
     }
 }
