@@ -36,31 +36,20 @@ struct leaf_walk {
             const uint64_t lo = std::max(first, base) - base;
             const uint64_t hi = std::min(last, base + user) - base;
             const vel_bitmap_word_t *mask = lay::null_mask(pg, page_size, leaf_cap);
-            // The words of the run, OR-ed whole (a loop without a branch
-            // inside); the first and last are cut to the run's bits only
-            // when a null is seen, which is rare.
+            // A null among the run's bits: its edge words cut to the run,
+            // the words between OR-ed whole (a loop without a branch inside).
             const uint64_t w0 = lo / 64, w1 = (hi - 1) / 64;
-            uint64_t seen = 0;
-            for (uint64_t w = w0; w <= w1; w++)
+            const uint64_t from_lo = ~uint64_t(0) << (lo % 64);
+            const uint64_t to_hi = hi % 64 ? ~(~uint64_t(0) << (hi % 64)) : ~uint64_t(0);
+            uint64_t seen = w0 == w1 ? mask[w0] & from_lo & to_hi
+                                     : (mask[w0] & from_lo) | (mask[w1] & to_hi);
+            for (uint64_t w = w0 + 1; w < w1; w++)
                 seen |= mask[w];
-            bool any = seen != 0;
-            if (any) {
-                seen = 0;
-                for (uint64_t w = w0; w <= w1; w++) {
-                    uint64_t bits = mask[w];
-                    if (w == w0)
-                        bits &= ~uint64_t(0) << (lo % 64);
-                    if (w == w1 && hi % 64 != 0)
-                        bits &= ~(~uint64_t(0) << (hi % 64));
-                    seen |= bits;
-                }
-                any = seen != 0;
-            }
             leaf_run r;
             r.first = base + lo;
             r.length = hi - lo;
             r.values = lay::value_at(pg, elem_size, lo);
-            r.nulls = any ? mask : nullptr;
+            r.nulls = seen != 0 ? mask : nullptr;
             r.null_bit = lo;
             return f(r);
         }
