@@ -41,8 +41,8 @@ struct leaf_walk {
             const uint64_t w0 = lo / 64, w1 = (hi - 1) / 64;
             const uint64_t from_lo = ~uint64_t(0) << (lo % 64);
             const uint64_t to_hi = hi % 64 ? ~(~uint64_t(0) << (hi % 64)) : ~uint64_t(0);
-            uint64_t seen = w0 == w1 ? mask[w0] & from_lo & to_hi
-                                     : (mask[w0] & from_lo) | (mask[w1] & to_hi);
+            uint64_t seen =
+                w0 == w1 ? mask[w0] & from_lo & to_hi : (mask[w0] & from_lo) | (mask[w1] & to_hi);
             for (uint64_t w = w0 + 1; w < w1; w++)
                 seen |= mask[w];
             leaf_run r;
