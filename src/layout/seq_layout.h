@@ -95,22 +95,38 @@ inline bool is_null(const vel_bitmap_word_t *mask, uint64_t i) {
     return ((mask[i / 64] >> (i % 64)) & 1) != 0;
 }
 
-// Asks for every line of a page, for a read that goes on there next (the
-// hardware prefetcher stops at a page's end).  Into L2, not L1: a whole
-// page's lines asked at once would hold every L1 fill buffer that the loads
-// of the page being read need.  In asm because GCC drops a loop whose only
-// effect is __builtin_prefetch (it counts as no effect at all).  Not
-// unrolled: a burst of 64 prefetches issued back to back stalls the loads
-// behind them (a scan of leaves in place took twice as long).
-inline void prefetch_page(const void *pg, int32_t page_size) {
-    const auto *b = static_cast<const char *>(pg);
-    for (int32_t off = 0; off < page_size; off += 64) {
+// Asks for the cache lines [from, to) into L2, not L1: lines asked for at
+// once would hold the L1 fill buffers that the loads of the page being read
+// need.  In asm because GCC drops a loop whose only effect is
+// __builtin_prefetch (it counts as no effect at all).  Not unrolled: a
+// burst of prefetches issued back to back stalls the loads behind them (a
+// scan of leaves in place took twice as long).
+inline void prefetch_lines(const void *from, const void *to) {
+    for (const auto *b = static_cast<const char *>(from); b < to; b += 64) {
 #if defined(__x86_64__) || defined(__i386__)
-        asm volatile("prefetcht1 %0" : : "m"(b[off]));
+        asm volatile("prefetcht1 %0" : : "m"(*b));
 #else
-        __builtin_prefetch(b + off, 0, 2);
+        __builtin_prefetch(b, 0, 2);
 #endif
     }
+}
+
+// Every line of a page, for a read that goes on there next (the hardware
+// prefetcher stops at a page's end): what the tile scans ask for.
+inline void prefetch_page(const void *pg, int32_t page_size) {
+    prefetch_lines(pg, static_cast<const char *>(pg) + page_size);
+}
+
+// A leaf's null mask, which a walk over leaves in place reads first, and
+// the first `lines` lines of its values; the hardware prefetcher follows
+// the values from there.  Asking for the whole page instead was slower for
+// such a walk: its 64 prefetches held the miss buffers that the loads of
+// the leaf being summed need.
+inline void prefetch_leaf_start(const vel_seq_page_t *pg, int32_t page_size, uint64_t leaf_cap,
+                                int lines) {
+    const auto *b = reinterpret_cast<const char *>(pg);
+    prefetch_lines(null_mask(pg, page_size, leaf_cap), b + page_size);
+    prefetch_lines(b, b + 64 * lines);
 }
 
 } // namespace velseq::layout
