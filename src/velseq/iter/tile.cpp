@@ -195,8 +195,7 @@ bool whole_tile_in_leaf(vel_seq_iterator_h iterator, vel_seq_iterator_context_t 
     // leaf is in L2, asked for when it was entered): its copy then waits on
     // no L2 latency.  A prefetch never faults: lines past the page are
     // harmless.
-    for (size_t off = kTile * elem_size; off < 2 * kTile * elem_size; off += 64)
-        __builtin_prefetch(src + off, 0, 3);
+    layout::prefetch_lines<true>(src + kTile * elem_size, src + 2 * kTile * elem_size);
     vel_seq_reset_null_bitmap(iterator);
     iterator->next_seq_no += kTile;
     top.pos += static_cast<int32_t>(kTile);
