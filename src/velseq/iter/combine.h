@@ -69,6 +69,42 @@ struct StoreRun {
     int n;
 };
 
+// The tile that ends the leaf in hand of tree scan `src` (fewer than 128
+// values left there) and begins the next leaf, as the runs `a` and `b`; the
+// scan is moved past it as a tile fill moves it (the next leaf entered, the
+// one after it asked for).  False, nothing changed, when that tile is the
+// range's last or the tree is not so (the tile fill then answers or traps).
+inline bool tile_across_leaves(vel_seq_iterator_h src, StoreRun &a, StoreRun &b) {
+    constexpr int32_t kTile = VEL_SEQ_TILE_SIZE;
+    vel_seq_iterator_context_t *ctx = iter_ctx(src);
+    if (ctx->stack_size < 2 || src->next_seq_no > src->last_seq_no ||
+        src->last_seq_no - src->next_seq_no < 2 * kTile - 1 || ctx->con->trans.error_code != 0)
+        return false;
+    vel_seq_iterator_stack_item_t &top = ctx->stack[ctx->stack_size - 1];
+    vel_seq_iterator_stack_item_t &up = ctx->stack[ctx->stack_size - 2];
+    vel_seq_page_t *leaf = top.page, *parent = up.page;
+    if (leaf == nullptr || page_kind(leaf) != kLeafPage || parent == nullptr ||
+        page_kind(parent) != kInnerPage || top.pos < 0 || up.pos < 0 ||
+        up.pos + 1 >= parent->hdr.user)
+        return false;
+    const int32_t left = leaf->hdr.user - top.pos;
+    const auto page_size = static_cast<int32_t>(ctx->page_size);
+    vel_seq_page_t *next = inner_entry(parent, page_size, up.pos + 1)->page;
+    if (left <= 0 || left >= kTile || next == nullptr || page_kind(next) != kLeafPage ||
+        next->hdr.user < kTile - left)
+        return false;
+    const uint64_t capacity = leaf_capacity_by_size(page_size, src->elem_size);
+    a = {page_value(leaf, src->elem_size, static_cast<uint64_t>(top.pos)),
+         leaf_nulls(leaf, page_size, capacity), top.pos, left};
+    b = {page_value(next, src->elem_size, 0), leaf_nulls(next, page_size, capacity), 0,
+         kTile - left};
+    up.pos++;
+    top = {next, kTile - left};
+    src->next_seq_no += kTile;
+    prefetch_next_child(parent, up.pos, page_size);
+    return true;
+}
+
 // Append's values as a list of non-empty runs, read in order.
 template <class E> struct RunValues {
     const E &e;
@@ -119,7 +155,8 @@ template <class E> struct RunValues {
 //
 // Into a field without order (append checks nothing then) the whole tiles
 // that the scan's current leaf still holds are not copied at all: the leaf
-// lends them, and the batch's append copies them straight into the target's
+// lends them (and the tile that crosses into the next leaf is lent by the
+// two), and the batch's append copies them straight into the target's
 // leaves.  The source's pages stay as they are until then, since the
 // append writes only pages of the target's right edge and new ones.
 template <class E, class Append>
@@ -198,6 +235,18 @@ VEL_RET store_batched(const E &e, vel_objhandle_h obj, vel_offs32_t fld_u_offset
                 src->next_seq_no += k;
                 n += static_cast<int>(k);
                 if (n == kBatch || n_runs == static_cast<int>(std::size(runs))) {
+                    const VEL_RET frc = flush();
+                    if (frc != VEL_S_OK)
+                        return frc;
+                }
+                continue;
+            }
+            if (n + VEL_SEQ_TILE_SIZE <= kBatch &&
+                n_runs + 2 <= static_cast<int>(std::size(runs)) &&
+                tile_across_leaves(src, runs[n_runs], runs[n_runs + 1])) {
+                n_runs += 2;
+                n += VEL_SEQ_TILE_SIZE;
+                if (n == kBatch || n_runs + 2 > static_cast<int>(std::size(runs))) {
                     const VEL_RET frc = flush();
                     if (frc != VEL_S_OK)
                         return frc;
