@@ -3,9 +3,10 @@
 // field (values, null flags, tree) and the source at the same place.  The
 // cases reach the batched path (sources of many tiles) with nulls, order
 // breaks at a tile's start and inside one, a null in an ordered target, a
-// target that is its own source, a range that ends inside a leaf and a
-// source of narrower elements, on small pages and on pages whose leaves
-// hold many tiles (the runs copied straight from the source's leaves).
+// target that is its own source, a range that ends inside a leaf or on a
+// tile begun in the leaf before, and a source of narrower elements, on
+// small pages and on pages whose leaves hold many tiles (the runs copied
+// straight from the source's leaves).
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -35,8 +36,9 @@ TEST(Store, SameAsOneAppendPerTile) {
         {"break inside a tile", VEL_SEQ_ASC_ORDER, 5000, 128 * 9 + 50, {}, false},
         {"null in an ordered target", VEL_SEQ_ASC_ORDER, 5000, 0, {3000}, false},
         {"own scan", VEL_SEQ_NO_ORDER, 1000, 0, {5, 900}, true},
-        // On 8 KiB pages the last tile begins in the leaf before (1006 a leaf).
-        {"range ending inside a leaf", VEL_SEQ_NO_ORDER, 9000, 0, {5000, 5100}, false, 128 * 40},
+        {"range ending inside a leaf", VEL_SEQ_NO_ORDER, 9000, 0, {5000, 5990}, false, 128 * 47},
+        // On 8 KiB pages (1006 values a leaf) its last tile begins in the leaf before.
+        {"range ending past a leaf", VEL_SEQ_NO_ORDER, 9000, 0, {5000, 5100}, false, 128 * 40},
         {"narrower source", VEL_SEQ_NO_ORDER, 3000, 0, {70, 2500}, false, ~0ull, true},
     };
     for (uint32_t page : {512u, 8192u})
