@@ -2,14 +2,20 @@
 # velseq against plain C++ on the same data (bench/ratios_bench.cpp): builds
 # the release preset, runs every pair of cases with repetitions, and writes
 #
-#   $OUT/ratios.json     Google Benchmark's output (medians among others)
+#   $OUT/ratios-K.json   Google Benchmark's output of run K (medians among others)
 #   $OUT/ratios.md       the table: median time per unit of each side, ratio
 #   $PLOTS/*.png         the plots of docs/PERFORMANCE.md (gnuplot)
 #
 #   scripts/bench-ratios.sh                     # everything, 5 repetitions
 #   REPS=3 FILTER='Join|Map' scripts/bench-ratios.sh
+#   RUNS=3 scripts/bench-ratios.sh              # three processes: median ratio, and its range
 #   PLOTS=docs scripts/bench-ratios.sh          # refresh the docs' plots
 #
+# Each ratio is taken within one run (one process), both sides on the same
+# data.  A process can stay slower than the next for all its repetitions (a
+# tile scan 1.2x its time in another, the plain side not), so RUNS > 1 gives
+# the median over fresh processes of each run's ratio, with the lowest and
+# highest.
 # Installs libbenchmark-dev and gnuplot-nox (Debian) when missing.  The
 # 10^8 cases need about 4 GiB of memory and a few minutes.  DuckDB's cases
 # (1 and 2 threads, at 10^7) run when scripts/fetch-duckdb.sh has fetched its
@@ -18,6 +24,7 @@ set -euo pipefail
 ROOT=$(cd "$(dirname "$0")/.." && pwd)
 cd "$ROOT"
 REPS=${REPS:-5}
+RUNS=${RUNS:-1}
 FILTER=${FILTER:-.}
 OUT=${OUT:-build/release/ratios}
 PLOTS=${PLOTS:-$OUT}
@@ -38,35 +45,52 @@ fi
 cmake --preset release >/dev/null
 cmake --build --preset release -j"$JOBS" --target velseq_ratios
 mkdir -p "$OUT"
-build/release/bench/velseq_ratios --benchmark_filter="$FILTER" \
-    --benchmark_repetitions="$REPS" --benchmark_report_aggregates_only=true \
-    --benchmark_min_time=0.2 --benchmark_out="$OUT/ratios.json" --benchmark_out_format=json
+rm -f "$OUT"/ratios-*.json
+for k in $(seq 1 "$RUNS"); do
+    build/release/bench/velseq_ratios --benchmark_filter="$FILTER" \
+        --benchmark_repetitions="$REPS" --benchmark_report_aggregates_only=true \
+        --benchmark_min_time=0.2 --benchmark_out="$OUT/ratios-$k.json" --benchmark_out_format=json
+done
 
-python3 - "$OUT" <<'EOF'
-import json, sys, os
-out = sys.argv[1]
-data = json.load(open(os.path.join(out, "ratios.json")))
-med = {}
-for b in data["benchmarks"]:
-    if b.get("aggregate_name") != "median":
-        continue
-    parts = [x for x in b["run_name"].split("/") if x != "real_time"]
-    if parts[0] != "Ratio":
-        continue
-    # Ratio/<Name>/<side>/<args...>; cpu_time is in the benchmark's unit.
-    name, side, args = parts[1], parts[2], "/".join(parts[3:])
-    if side.startswith("duckdb"):  # its last argument is the thread count
-        args = "/".join(parts[3:-1])
-    unit = {"ns": 1, "us": 1e3, "ms": 1e6, "s": 1e9}[b["time_unit"]]
-    per_item = 1e9 / b["items_per_second"] if "items_per_second" in b else b["cpu_time"] * unit
-    med[(name, args, side)] = per_item
+python3 - "$OUT" "$RUNS" <<'EOF'
+import json, sys, os, statistics
+out, n_runs = sys.argv[1], int(sys.argv[2])
+
+def medians(data):
+    med = {}
+    for b in data["benchmarks"]:
+        if b.get("aggregate_name") != "median":
+            continue
+        parts = [x for x in b["run_name"].split("/") if x != "real_time"]
+        if parts[0] != "Ratio":
+            continue
+        # Ratio/<Name>/<side>/<args...>; cpu_time is in the benchmark's unit.
+        name, side, args = parts[1], parts[2], "/".join(parts[3:])
+        if side.startswith("duckdb"):  # its last argument is the thread count
+            args = "/".join(parts[3:-1])
+        unit = {"ns": 1, "us": 1e3, "ms": 1e6, "s": 1e9}[b["time_unit"]]
+        per_item = 1e9 / b["items_per_second"] if "items_per_second" in b else b["cpu_time"] * unit
+        med[(name, args, side)] = per_item
+    return med
+
+runs = [json.load(open(os.path.join(out, f"ratios-{k}.json"))) for k in range(1, n_runs + 1)]
+data = runs[0]
+per_run = [medians(d) for d in runs]
+med = {key: statistics.median(m[key] for m in per_run if key in m)
+       for key in set().union(*per_run)}
 
 rows = []
 for (name, args, side), t in sorted(med.items()):
     if side != "velseq" or (name, args, "plain") not in med:
         continue
     p = med[(name, args, "plain")]
-    rows.append((name, args, t, p, t / p))
+    # Each run's own ratio: both sides measured in the same process.
+    rs = [m[(name, args, "velseq")] / m[(name, args, "plain")] for m in per_run
+          if (name, args, "velseq") in m and (name, args, "plain") in m]
+    r = f"{statistics.median(rs):.2f}"
+    if len(rs) > 1:
+        r += f" ({min(rs):.2f}–{max(rs):.2f})"
+    rows.append((name, args, t, p, r))
 duck = any(side.startswith("duckdb") for (_, _, side) in med)
 with open(os.path.join(out, "ratios.md"), "w") as f:
     if duck:
@@ -78,12 +102,12 @@ with open(os.path.join(out, "ratios.md"), "w") as f:
         f.write("|---|---|---|---|---|\n")
     for name, args, t, p, r in rows:
         if not duck:
-            f.write(f"| {name} | {args} | {t:.3f} | {p:.3f} | {r:.2f} |\n")
+            f.write(f"| {name} | {args} | {t:.3f} | {p:.3f} | {r} |\n")
             continue
         d = [med.get((name, args, f"duckdb{k}")) for k in (1, 2)]
         dt = " / ".join(f"{x:.3f}" if x else "-" for x in d)
         dr = " / ".join(f"{x / t:.2f}" if x else "-" for x in d)
-        f.write(f"| {name} | {args} | {t:.3f} | {p:.3f} | {dt} | {r:.2f} | {dr} |\n")
+        f.write(f"| {name} | {args} | {t:.3f} | {p:.3f} | {dt} | {r} | {dr} |\n")
     big = {}
     for b in data["benchmarks"]:
         if b.get("aggregate_name") == "median" and b["run_name"].startswith("Big/"):
