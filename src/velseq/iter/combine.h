@@ -38,27 +38,6 @@ template <class Append> VEL_RET store_iter(vel_seq_iterator_h src, Append append
     }
 }
 
-// Values of whole tiles (a multiple of 128, at most `room`) that the leaf in
-// hand of tree scan `src` still holds, short of the last tile of the scan's
-// range (whose null bits the scan keeps when it ends there); 0 when there
-// are none, or when the next tile fill would fail.
-inline uint64_t whole_tiles_in_leaf(vel_seq_iterator_h src, uint64_t room) {
-    const vel_seq_iterator_context_t *ctx = iter_ctx(src);
-    if (ctx->stack_size < 1 || src->next_seq_no > src->last_seq_no ||
-        ctx->con->trans.error_code != 0)
-        return 0;
-    const vel_seq_iterator_stack_item_t &top = ctx->stack[ctx->stack_size - 1];
-    if (top.page == nullptr || page_kind(top.page) != kLeafPage || top.pos < 0 ||
-        top.pos >= top.page->hdr.user)
-        return 0;
-    uint64_t k = static_cast<uint64_t>(top.page->hdr.user - top.pos);
-    const uint64_t range = src->last_seq_no - src->next_seq_no; // values in it, less one
-    if (range < VEL_SEQ_TILE_SIZE)
-        return 0;
-    k = std::min({k, range + 1 - VEL_SEQ_TILE_SIZE, room});
-    return k / VEL_SEQ_TILE_SIZE * VEL_SEQ_TILE_SIZE;
-}
-
 // A run of values that a store hands to append: lent by a leaf of the
 // source scan, or copied from tiles into the store's own buffer; the null
 // bits go with them.
@@ -69,40 +48,61 @@ struct StoreRun {
     int n;
 };
 
-// The tile that ends the leaf in hand of tree scan `src` (fewer than 128
-// values left there) and begins the next leaf, as the runs `a` and `b`; the
-// scan is moved past it as a tile fill moves it (the next leaf entered, the
-// one after it asked for).  False, nothing changed, when that tile is the
-// range's last or the tree is not so (the tile fill then answers or traps).
-inline bool tile_across_leaves(vel_seq_iterator_h src, StoreRun &a, StoreRun &b) {
+// Lends the values that tree scan `src` delivers next as runs straight
+// from its leaves, appended behind `runs[n_runs]` (room for two), and moves
+// the scan as tile fills would: the whole tiles that the leaf in hand still
+// holds, at most `room` values, or else the tile that crosses into the next
+// leaf (two runs; that leaf entered, the one after it asked for).  Never the
+// range's last tile, whose null bits the scan keeps when it ends there.
+// The values lent; 0, nothing changed, when there are none, when the next
+// tile fill would fail or the tree is not so (the tile fill then answers or
+// traps).
+inline int lend_runs(vel_seq_iterator_h src, int room, StoreRun *runs, int &n_runs) {
     constexpr int32_t kTile = VEL_SEQ_TILE_SIZE;
     vel_seq_iterator_context_t *ctx = iter_ctx(src);
-    if (ctx->stack_size < 2 || src->next_seq_no > src->last_seq_no ||
-        src->last_seq_no - src->next_seq_no < 2 * kTile - 1 || ctx->con->trans.error_code != 0)
-        return false;
+    if (ctx->stack_size < 1 || src->next_seq_no > src->last_seq_no ||
+        ctx->con->trans.error_code != 0)
+        return 0;
     vel_seq_iterator_stack_item_t &top = ctx->stack[ctx->stack_size - 1];
-    vel_seq_iterator_stack_item_t &up = ctx->stack[ctx->stack_size - 2];
-    vel_seq_page_t *leaf = top.page, *parent = up.page;
-    if (leaf == nullptr || page_kind(leaf) != kLeafPage || parent == nullptr ||
-        page_kind(parent) != kInnerPage || top.pos < 0 || up.pos < 0 ||
-        up.pos + 1 >= parent->hdr.user)
-        return false;
-    const int32_t left = leaf->hdr.user - top.pos;
+    vel_seq_page_t *leaf = top.page;
+    if (leaf == nullptr || page_kind(leaf) != kLeafPage || top.pos < 0 || top.pos >= leaf->hdr.user)
+        return 0;
+    const uint64_t range = src->last_seq_no - src->next_seq_no; // values in it, less one
+    if (range < kTile)
+        return 0;
     const auto page_size = static_cast<int32_t>(ctx->page_size);
-    vel_seq_page_t *next = inner_entry(parent, page_size, up.pos + 1)->page;
-    if (left <= 0 || left >= kTile || next == nullptr || page_kind(next) != kLeafPage ||
-        next->hdr.user < kTile - left)
-        return false;
     const uint64_t capacity = leaf_capacity_by_size(page_size, src->elem_size);
-    a = {page_value(leaf, src->elem_size, static_cast<uint64_t>(top.pos)),
-         leaf_nulls(leaf, page_size, capacity), top.pos, left};
-    b = {page_value(next, src->elem_size, 0), leaf_nulls(next, page_size, capacity), 0,
-         kTile - left};
+    auto lend = [&](vel_seq_page_t *pg, int32_t pos, int32_t n) {
+        runs[n_runs++] = {page_value(pg, src->elem_size, static_cast<uint64_t>(pos)),
+                          leaf_nulls(pg, page_size, capacity), pos, n};
+    };
+    const int32_t left = leaf->hdr.user - top.pos;
+    uint64_t k =
+        std::min({static_cast<uint64_t>(left), range + 1 - kTile, static_cast<uint64_t>(room)});
+    k = k / kTile * kTile;
+    if (k > 0) {
+        lend(leaf, top.pos, static_cast<int32_t>(k));
+        top.pos += static_cast<int32_t>(k);
+        src->next_seq_no += k;
+        return static_cast<int>(k);
+    }
+    if (left >= kTile || room < kTile || range + 1 < 2 * kTile || ctx->stack_size < 2)
+        return 0;
+    vel_seq_iterator_stack_item_t &up = ctx->stack[ctx->stack_size - 2];
+    vel_seq_page_t *parent = up.page;
+    if (parent == nullptr || page_kind(parent) != kInnerPage || up.pos < 0 ||
+        up.pos + 1 >= parent->hdr.user)
+        return 0;
+    vel_seq_page_t *next = inner_entry(parent, page_size, up.pos + 1)->page;
+    if (next == nullptr || page_kind(next) != kLeafPage || next->hdr.user < kTile - left)
+        return 0;
+    lend(leaf, top.pos, left);
+    lend(next, 0, kTile - left);
     up.pos++;
     top = {next, kTile - left};
     src->next_seq_no += kTile;
     prefetch_next_child(parent, up.pos, page_size);
-    return true;
+    return kTile;
 }
 
 // Append's values as a list of non-empty runs, read in order.
@@ -220,32 +220,10 @@ VEL_RET store_batched(const E &e, vel_objhandle_h obj, vel_offs32_t fld_u_offset
         return rc;
     };
     for (;;) {
-        if (!first && lend) {
-            // Runs that end where tiles end leave the scan where tile fills
-            // would, and the range's last tile is left to a tile fill.
-            const uint64_t k = whole_tiles_in_leaf(src, static_cast<uint64_t>(kBatch - n));
-            if (k > 0) {
-                vel_seq_iterator_context_t *ctx = iter_ctx(src);
-                vel_seq_iterator_stack_item_t &top = ctx->stack[ctx->stack_size - 1];
-                const uint64_t capacity = leaf_capacity_by_size(page_size, s);
-                runs[n_runs++] = {page_value(top.page, s, static_cast<uint64_t>(top.pos)),
-                                  leaf_nulls(top.page, page_size, capacity), top.pos,
-                                  static_cast<int>(k)};
-                top.pos += static_cast<int32_t>(k);
-                src->next_seq_no += k;
-                n += static_cast<int>(k);
-                if (n == kBatch || n_runs == static_cast<int>(std::size(runs))) {
-                    const VEL_RET frc = flush();
-                    if (frc != VEL_S_OK)
-                        return frc;
-                }
-                continue;
-            }
-            if (n + VEL_SEQ_TILE_SIZE <= kBatch &&
-                n_runs + 2 <= static_cast<int>(std::size(runs)) &&
-                tile_across_leaves(src, runs[n_runs], runs[n_runs + 1])) {
-                n_runs += 2;
-                n += VEL_SEQ_TILE_SIZE;
+        // Runs that end where tiles end leave the scan where tile fills would.
+        if (!first && lend && n_runs + 2 <= static_cast<int>(std::size(runs))) {
+            if (const int k = lend_runs(src, kBatch - n, runs, n_runs); k > 0) {
+                n += k;
                 if (n == kBatch || n_runs + 2 > static_cast<int>(std::size(runs))) {
                     const VEL_RET frc = flush();
                     if (frc != VEL_S_OK)
