@@ -86,7 +86,8 @@ inline int lend_runs(vel_seq_iterator_h src, int room, StoreRun *runs, int &n_ru
         src->next_seq_no += k;
         return static_cast<int>(k);
     }
-    if (left >= kTile || room < kTile || range + 1 < 2 * kTile || ctx->stack_size < 2)
+    // The range holds more than this tile: it is not the last.
+    if (left >= kTile || room < kTile || ctx->stack_size < 2)
         return 0;
     vel_seq_iterator_stack_item_t &up = ctx->stack[ctx->stack_size - 2];
     vel_seq_page_t *parent = up.page;
