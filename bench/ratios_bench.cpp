@@ -30,6 +30,7 @@
 #include "duckdb_peer.h"
 #include "velembed.h"
 #include "velseq/table.hpp"
+#include "velseq/types.hpp"
 
 namespace {
 
@@ -227,7 +228,8 @@ int64_t sum_tiles(vel_seq_iterator_t &it) {
 
 void BM_Scan_velseq(benchmark::State &state) {
     Data &d = data(pow10(state.range(0)));
-    vel_seq_iterator_t it{};
+    auto it_rec = velseq::detail::new_iter();
+    vel_seq_iterator_t &it = *it_rec;
     for (auto _ : state) {
         check(vel_w_seq_subseq_int4(&d.obj, d.val.u_offset, d.val.c_offset, &it, 0, ~0ull),
               "subseq");
@@ -309,7 +311,8 @@ constexpr uint64_t kRange = 1'000'000;
 
 void BM_RangeRead_velseq(benchmark::State &state) {
     Data &d = data(pow10(state.range(0)));
-    vel_seq_iterator_t it{};
+    auto it_rec = velseq::detail::new_iter();
+    vel_seq_iterator_t &it = *it_rec;
     uint64_t k = 0;
     for (auto _ : state) {
         const uint64_t from = (k++ * 7919 * 4099) % (d.n - kRange);
@@ -335,7 +338,8 @@ void BM_RangeRead_plain(benchmark::State &state) {
 
 void BM_Store_velseq(benchmark::State &state) {
     Data &d = data(pow10(state.range(0)));
-    vel_seq_iterator_t it{};
+    auto it_rec = velseq::detail::new_iter();
+    vel_seq_iterator_t &it = *it_rec;
     // Once untimed, so that the target's pages are warm.
     check(vel_w_seq_truncate(&d.obj, d.dst.u_offset, d.dst.c_offset, d.dst.fld_no), "truncate");
     check(vel_w_seq_subseq_int4(&d.obj, d.val.u_offset, d.val.c_offset, &it, 0, ~0ull), "subseq");
@@ -371,7 +375,8 @@ void BM_Store_plain(benchmark::State &state) {
 // A window of 1000 elements at a random place.
 void BM_Search_velseq(benchmark::State &state) {
     Data &d = data(pow10(state.range(0)));
-    vel_seq_iterator_t it{};
+    auto it_rec = velseq::detail::new_iter();
+    vel_seq_iterator_t &it = *it_rec;
     uint64_t k = 0;
     for (auto _ : state) {
         const vel_datetime lo = d.p_probe_rnd[k++ % kProbes];
@@ -399,7 +404,8 @@ void BM_Search_plain(benchmark::State &state) {
 void BM_Join_velseq(benchmark::State &state) {
     Data &d = data(pow10(state.range(0)));
     const velh_field_info_t &pf = state.range(1) ? d.probe_asc : d.probe_rnd;
-    vel_seq_iterator_t src{}, join{};
+    auto src_rec = velseq::detail::new_iter(), join_rec = velseq::detail::new_iter();
+    vel_seq_iterator_t &src = *src_rec, &join = *join_rec;
     for (auto _ : state) {
         check(vel_w_seq_subseq_datetime(&d.obj, pf.u_offset, pf.c_offset, &src, 0, ~0ull),
               "probes");
@@ -431,7 +437,8 @@ void BM_Join_plain(benchmark::State &state) {
 void BM_Map_velseq(benchmark::State &state) {
     Data &d = data(pow10(state.range(0)));
     const velh_field_info_t &pf = state.range(1) ? d.posn_asc : d.posn_rnd;
-    vel_seq_iterator_t src{}, map{};
+    auto src_rec = velseq::detail::new_iter(), map_rec = velseq::detail::new_iter();
+    vel_seq_iterator_t &src = *src_rec, &map = *map_rec;
     for (auto _ : state) {
         check(vel_w_seq_subseq_uint8(&d.obj, pf.u_offset, pf.c_offset, &src, 0, ~0ull),
               "positions");
@@ -492,7 +499,8 @@ void BM_Big_velseq(benchmark::State &state) {
         velh_page_stats_t ps{};
         check(velh_page_stats(db, VELH_PM_ALL, &ps), "stats");
 
-        vel_seq_iterator_t it{};
+        auto it_rec = velseq::detail::new_iter();
+        vel_seq_iterator_t &it = *it_rec;
         check(vel_w_seq_subseq_int8(&obj, t.u_offset, t.c_offset, &it, 0, ~0ull), "subseq");
         int64_t sum = 0;
         while (it.next(&it) == VEL_S_OK)
@@ -518,7 +526,8 @@ void BM_Big_velseq(benchmark::State &state) {
         check(vel_w_seq_append_int8(&obj, p.u_offset, p.c_offset, p.fld_no, probes.data(), kProbes,
                                     VEL_SEQ_NO_ORDER, nullptr),
               "probes");
-        vel_seq_iterator_t src{}, join{};
+        auto src_rec = velseq::detail::new_iter(), join_rec = velseq::detail::new_iter();
+        vel_seq_iterator_t &src = *src_rec, &join = *join_rec;
         auto t4 = now();
         check(vel_w_seq_subseq_int8(&obj, p.u_offset, p.c_offset, &src, 0, ~0ull), "probe scan");
         check(vel_w_seq_join_int8(&obj, t.u_offset, t.c_offset, &join, &src, VEL_SEQ_ASC_ORDER),

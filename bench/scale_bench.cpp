@@ -25,6 +25,7 @@
 
 #include "velembed.h"
 #include "velseq/table.hpp"
+#include "velseq/types.hpp"
 
 namespace {
 
@@ -88,7 +89,8 @@ int run_velseq(uint64_t n, uint64_t batch) {
     const auto want = static_cast<int64_t>(3 * (n * (n - 1) / 2));
     double scan_s = 1e9, leaves_s = 1e9;
     for (int r = 0; r < kScans; r++) {
-        vel_seq_iterator_t it{};
+        auto it_rec = velseq::detail::new_iter();
+        vel_seq_iterator_t &it = *it_rec;
         const double a = now();
         check(vel_w_seq_subseq_int8(&obj, t.u_offset, t.c_offset, &it, 0, ~0ull), "subseq");
         int64_t sum = 0;
@@ -117,7 +119,8 @@ int run_velseq(uint64_t n, uint64_t batch) {
     }
 
     std::mt19937_64 rng(7);
-    vel_seq_iterator_t it{};
+    auto it_rec = velseq::detail::new_iter();
+    vel_seq_iterator_t &it = *it_rec;
     const double s0 = now();
     for (int s = 0; s < kSearches; s++) {
         const auto lo = static_cast<vel_int8>(rng() % (3 * n - 3000));
@@ -142,7 +145,8 @@ int run_velseq(uint64_t n, uint64_t batch) {
     check(vel_w_seq_append_int8(&obj, p.u_offset, p.c_offset, p.fld_no, probes.data(), kProbes,
                                 VEL_SEQ_NO_ORDER, nullptr),
           "probes");
-    vel_seq_iterator_t src{}, join{};
+    auto src_rec = velseq::detail::new_iter(), join_rec = velseq::detail::new_iter();
+    vel_seq_iterator_t &src = *src_rec, &join = *join_rec;
     const double j0 = now();
     check(vel_w_seq_subseq_int8(&obj, p.u_offset, p.c_offset, &src, 0, ~0ull), "probe scan");
     check(vel_w_seq_join_int8(&obj, t.u_offset, t.c_offset, &join, &src, VEL_SEQ_ASC_ORDER),

@@ -283,6 +283,10 @@ typedef VEL_RET (*vel_seq_iterator_reset_t)(vel_seq_iterator_h iterator);
 typedef VEL_RET (*vel_seq_iterator_prepare_t)(vel_seq_iterator_h iterator);
 typedef VEL_RET (*vel_seq_iterator_merge_t)(vel_seq_iterator_h iterator, vel_seq_iterator_h other);
 
+/* The caller owns the record and places it.  Scans are fastest with `tile.u`
+   on a 64-byte boundary (the C++ API's records are so placed): a tile that
+   straddles a 4 KiB boundary at an address not a multiple of 32 makes a
+   scan through it about 1.3 times as slow on x86-64. */
 struct vel_seq_iterator_t_ {
     vel_seq_iterator_next_t next;       /* refill the tile; CURSOR_END at end */
     vel_seq_iterator_reset_t reset;     /* back to first_seq_no */

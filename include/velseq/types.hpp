@@ -7,10 +7,12 @@
 #include <algorithm>
 #include <chrono>
 #include <cmath>
+#include <cstddef>
 #include <cstdint>
 #include <cstring>
 #include <initializer_list>
 #include <memory>
+#include <new>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -319,9 +321,28 @@ template <class T> bool is_nan(const T &v) {
         return (void)v, false;
 }
 
-// An iterator record (4.5 KB) on the heap, zeroed.
-using iter_ptr = std::unique_ptr<vel_seq_iterator_t>;
-inline iter_ptr new_iter() { return iter_ptr(new vel_seq_iterator_t()); }
+// An iterator record (4.5 KB) on the heap, zeroed, placed so that its tile
+// starts on a cache line.  Left to the allocator, one 16-byte-aligned record
+// in eight has its tile straddle a 4 KiB boundary at an address that is not
+// a multiple of 32, and a scan through it then takes about 1.3 times as
+// long: reads of the tile just after the module's copy into it split across
+// the two pages (measured on x86-64).
+inline constexpr size_t kTileAlign = 64;
+inline constexpr size_t kIterPad =
+    (kTileAlign - (offsetof(vel_seq_iterator_t, tile) + offsetof(vel_seq_tile_t, u)) % kTileAlign) %
+    kTileAlign;
+struct iter_delete {
+    void operator()(vel_seq_iterator_t *it) const noexcept {
+        ::operator delete (reinterpret_cast<unsigned char *>(it) - kIterPad,
+                           std::align_val_t{kTileAlign});
+    }
+};
+using iter_ptr = std::unique_ptr<vel_seq_iterator_t, iter_delete>;
+inline iter_ptr new_iter() {
+    void *raw =
+        ::operator new (kIterPad + sizeof(vel_seq_iterator_t), std::align_val_t{kTileAlign});
+    return iter_ptr(new (static_cast<unsigned char *>(raw) + kIterPad) vel_seq_iterator_t());
+}
 
 // An iterator that delivers a caller's array as tiles, so that the module's map
 // and join take positions or probes that are not stored in a field.

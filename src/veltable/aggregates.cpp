@@ -421,7 +421,7 @@ window_positions(const column &ts, uint64_t n,
     if (window->second < window->first)
         throw error(VEL_E_ILLEGAL_PARAM, "resample: window given reversed");
     vel_objhandle_t obj = ts.obj;
-    detail::iter_ptr it(new vel_seq_iterator_t());
+    detail::iter_ptr it = detail::new_iter();
     const VEL_RET rc = vel_w_seq_search_datetime(
         &obj, ts.field.u_offset, ts.field.c_offset, it.get(), window->first,
         VEL_SEQ_BOUNDARY_INCLUSIVE, window->second, VEL_SEQ_BOUNDARY_EXCLUSIVE, VEL_SEQ_ASC_ORDER);

@@ -104,7 +104,7 @@ template <class P> class tile_cursor {
     vel_objhandle_t obj_; // the iterator's calls take it by address
     velh_field_info_t field_;
     uint64_t n_;
-    iter_ptr it_{new vel_seq_iterator_t()};
+    iter_ptr it_ = new_iter();
     uint64_t base_ = 0;
     size_t len_ = 0;
     const unsigned char *vals_ = nullptr;
@@ -248,7 +248,7 @@ template <class P> class key_cursor {
     // One key by a descent of an iterator of its own, kept for the next.
     void read_key(uint64_t pos, unsigned char *dst) {
         if (!one_)
-            one_.reset(new vel_seq_iterator_t());
+            one_ = new_iter();
         velseq::detail::check(p_.subseq(cur_.obj(), keys_.field, one_.get(), pos, pos),
                               "asof: reading a key");
         velseq::detail::check(one_->next(one_.get()), "asof: reading a key");
@@ -391,7 +391,7 @@ void map_values(const P &p, const column &c, const std::vector<uint64_t> &wanted
                                      wanted.size(), 0, 8};
     vel_seq_iterator_t pos{};
     velseq::detail::make_array_source(pos, src, VEL_DD_UINT8);
-    iter_ptr it(new vel_seq_iterator_t());
+    iter_ptr it = new_iter();
     vel_objhandle_t obj = c.obj;
     velseq::detail::check(p.map(&obj, c.field, it.get(), &pos), what);
     size_t j = 0;
@@ -431,7 +431,7 @@ void match_by_join(const P &p, const column &keys, uint64_t n, const unsigned ch
                                          looked.size(), 0, sizeof(T)};
         vel_seq_iterator_t with{};
         velseq::detail::make_array_source(with, src, 0);
-        iter_ptr it(new vel_seq_iterator_t());
+        iter_ptr it = new_iter();
         velseq::detail::check(p.join(&obj, keys.field, it.get(), &with), "asof: joining");
         size_t k = 0;
         for (VEL_RET rc; (rc = it->next(it.get())) != VEL_S_CURSOR_END;) {

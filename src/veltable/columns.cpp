@@ -198,7 +198,7 @@ std::pair<uint64_t, uint64_t> search(const column &c, const array &bounds, bound
         const bool desc = order == VEL_SEQ_DESC_ORDER;
         const auto lk = static_cast<vel_seq_boundary_kind_t>(desc ? hi_kind : lo_kind);
         const auto hk = static_cast<vel_seq_boundary_kind_t>(desc ? lo_kind : hi_kind);
-        detail::iter_ptr it(new vel_seq_iterator_t());
+        detail::iter_ptr it = detail::new_iter();
         vel_objhandle_t obj = c.obj;
         const VEL_RET rc =
             p.search(&obj, c.field, it.get(), desc ? hi : lo, lk, desc ? lo : hi, hk, order);

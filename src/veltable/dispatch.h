@@ -190,7 +190,8 @@ template <class F> decltype(auto) visit(column_type t, F &&f) {
     }
 }
 
-using iter_ptr = std::unique_ptr<vel_seq_iterator_t>;
+using velseq::detail::iter_ptr;
+using velseq::detail::new_iter;
 
 // An array must be of the type asked for and as long as it says.
 inline void require(const array &a, column_type t, const std::string &what) {
