@@ -116,16 +116,16 @@ template <bool into_l1 = false> inline void prefetch_lines(const void *from, con
 }
 
 // Every line of a page, for a read that goes on there next (the hardware
-// prefetcher stops at a page's end): what the tile scans ask for.
+// prefetcher stops at a page's end): what the store and the map ask for.
 inline void prefetch_page(const void *pg, int32_t page_size) {
     prefetch_lines(pg, static_cast<const char *>(pg) + page_size);
 }
 
-// A leaf's null mask, which a walk over leaves in place reads first, and
-// the first `lines` lines of its values; the hardware prefetcher follows
-// the values from there.  Asking for the whole page instead was slower for
-// such a walk: its 64 prefetches held the miss buffers that the loads of
-// the leaf being summed need.
+// A leaf's null mask, which a read in order takes first, and the first
+// `lines` lines of its values; the hardware prefetcher follows the values
+// from there.  What the walk over leaves in place and the tile scans ask
+// for: the whole page was slower for both, its 64 prefetches holding the
+// miss buffers that the loads of the leaf being read need.
 inline void prefetch_leaf_start(const vel_seq_page_t *pg, int32_t page_size, uint64_t leaf_cap,
                                 int lines) {
     const auto *b = reinterpret_cast<const char *>(pg);

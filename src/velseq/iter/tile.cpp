@@ -105,11 +105,14 @@ VEL_RET fill_runs(vel_seq_iterator_h iterator, char *dst, vel_bitmap_word_t *dst
         }
 
         VEL_SEQ_CHECK(pg->hdr.user > stack[i].pos);
-        // Entering a leaf at its start: ask for the parent's next leaf
-        // while this one is copied (the hardware prefetcher stops at a
-        // page's end).
+        // Entering a leaf at its start: ask for the start of the parent's
+        // next leaf while this one is copied (the hardware prefetcher stops
+        // at a page's end, and follows the values once their first lines
+        // are read).
         if (stack[i].pos == 0 && i > 0)
-            prefetch_next_child(stack[i - 1].page, stack[i - 1].pos, page_size);
+            if (const vel_seq_page_t *next =
+                    next_child(stack[i - 1].page, stack[i - 1].pos, page_size))
+                layout::prefetch_leaf_start(next, page_size, capacity, 8);
         uint64_t k = static_cast<uint64_t>(pg->hdr.user - stack[i].pos);
         // Written as k - 1 > last - next so that an unbounded last cannot overflow.
         if (k - 1 > iterator->last_seq_no - iterator->next_seq_no)
@@ -190,10 +193,9 @@ bool whole_tile_in_leaf(vel_seq_iterator_h iterator, vel_seq_iterator_context_t 
     if ((mask[pos / 64] | mask[(pos + kTile / 2) / 64] | mask[(pos + kTile - 1) / 64]) != 0)
         return false;
     const auto *src = reinterpret_cast<const char *>(page_value(pg, elem_size, pos));
-    // The next tile's lines into L1 while the caller works on this one (the
-    // leaf is in L2, asked for when it was entered): its copy then waits on
-    // no L2 latency.  A prefetch never faults: lines past the page are
-    // harmless.
+    // The next tile's lines into L1 while the caller works on this one: its
+    // copy then waits on no miss.  A prefetch never faults: lines past the
+    // page are harmless.
     layout::prefetch_lines<true>(src + kTile * elem_size, src + 2 * kTile * elem_size);
     vel_seq_reset_null_bitmap(iterator);
     iterator->next_seq_no += kTile;

@@ -112,13 +112,17 @@ inline vel_bitmap_word_t *leaf_nulls(vel_seq_page_t *pg, int32_t page_size, uint
     return layout::null_mask(pg, page_size, capacity);
 }
 
+// The child after child `c` of inner page `parent`; null when it has none
+// (or its page is missing).
+inline const vel_seq_page_t *next_child(vel_seq_page_t *parent, int c, int32_t page_size) {
+    return c + 1 < parent->hdr.user ? inner_entry(parent, page_size, c + 1)->page : nullptr;
+}
+
 // Asks for every line of the child after child `c` of inner page `parent`,
 // when it has one: a read that goes on there next finds it in cache (the
 // hardware prefetcher stops at a page's end).
 inline void prefetch_next_child(vel_seq_page_t *parent, int c, int32_t page_size) {
-    if (c + 1 >= parent->hdr.user)
-        return;
-    if (const vel_seq_page_t *next = inner_entry(parent, page_size, c + 1)->page)
+    if (const vel_seq_page_t *next = next_child(parent, c, page_size))
         layout::prefetch_page(next, page_size);
 }
 
