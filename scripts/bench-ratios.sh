@@ -12,10 +12,10 @@
 #   PLOTS=docs scripts/bench-ratios.sh          # refresh the docs' plots
 #
 # Each ratio is taken within one run (one process), both sides on the same
-# data.  A process can stay slower than the next for all its repetitions (a
-# tile scan 1.2x its time in another, the plain side not), so RUNS > 1 gives
-# the median over fresh processes of each run's ratio, with the lowest and
-# highest.
+# data.  A process can stay slower than the next for all its repetitions
+# (a tile scan up to 1.5x its time in another, the plain side not), so
+# RUNS > 1 gives the median over fresh processes of each run's ratio, with
+# the lowest and highest.
 # Installs libbenchmark-dev and gnuplot-nox (Debian) when missing.  The
 # 10^8 cases need about 4 GiB of memory and a few minutes.  DuckDB's cases
 # (1 and 2 threads, at 10^7) run when scripts/fetch-duckdb.sh has fetched its

@@ -325,8 +325,8 @@ template <class T> bool is_nan(const T &v) {
 // starts on a cache line.  Left to the allocator, one 16-byte-aligned record
 // in eight has its tile straddle a 4 KiB boundary at an address that is not
 // a multiple of 32, and a scan through it then takes about 1.3 times as
-// long: reads of the tile just after the module's copy into it split across
-// the two pages (measured on x86-64).
+// long: reads of the tile just after the module's copy into it wait on the
+// copy's stores across the two pages (measured on x86-64).
 inline constexpr size_t kTileAlign = 64;
 inline constexpr size_t kIterPad =
     (kTileAlign - (offsetof(vel_seq_iterator_t, tile) + offsetof(vel_seq_tile_t, u)) % kTileAlign) %

@@ -91,10 +91,9 @@ inline int lend_runs(vel_seq_iterator_h src, int room, StoreRun *runs, int &n_ru
         return 0;
     vel_seq_iterator_stack_item_t &up = ctx->stack[ctx->stack_size - 2];
     vel_seq_page_t *parent = up.page;
-    if (parent == nullptr || page_kind(parent) != kInnerPage || up.pos < 0 ||
-        up.pos + 1 >= parent->hdr.user)
+    if (parent == nullptr || page_kind(parent) != kInnerPage || up.pos < 0)
         return 0;
-    vel_seq_page_t *next = inner_entry(parent, page_size, up.pos + 1)->page;
+    vel_seq_page_t *next = next_child(parent, up.pos, page_size);
     if (next == nullptr || page_kind(next) != kLeafPage || next->hdr.user < kTile - left)
         return 0;
     lend(leaf, top.pos, left);

@@ -114,7 +114,7 @@ inline vel_bitmap_word_t *leaf_nulls(vel_seq_page_t *pg, int32_t page_size, uint
 
 // The child after child `c` of inner page `parent`; null when it has none
 // (or its page is missing).
-inline const vel_seq_page_t *next_child(vel_seq_page_t *parent, int c, int32_t page_size) {
+inline vel_seq_page_t *next_child(vel_seq_page_t *parent, int c, int32_t page_size) {
     return c + 1 < parent->hdr.user ? inner_entry(parent, page_size, c + 1)->page : nullptr;
 }
 
