@@ -91,11 +91,12 @@ TEST_F(TileTest, MissingPageAndFailedTransaction) {
 // Every start and a range end at each distance from a tile's size, over two
 // leaves whose lengths are not multiples of 128, with lone nulls: a tile
 // may span three mask words with a null in any of them, end with the range
-// or a leaf, or cross into the next leaf.  Values equal their positions.
+// or a leaf, or cross into the next leaf with a null on either side of the
+// leaves' seam.  Values equal their positions.
 TEST_F(TileTest, EveryRangeMatchesItsPositions) {
     const int n0 = 300, n1 = 700, n = n0 + n1;
     vel_seq_page_t *l0 = leaf(n0), *l1 = leaf(n1, n0);
-    const std::vector<int> nulls = {70, n0 + 200, n0 + 450};
+    const std::vector<int> nulls = {70, n0 - 3, n0 + 5, n0 + 200, n0 + 450};
     for (int pos : nulls) {
         vel_seq_page_t *l = pos < n0 ? l0 : l1;
         const int i = pos < n0 ? pos : pos - n0;
