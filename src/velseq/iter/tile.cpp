@@ -183,7 +183,7 @@ bool scan_goes_on(vel_seq_iterator_h iterator, const vel_seq_iterator_context_t 
            ctx->con->trans.error_code == 0;
 }
 
-// The two tiles that fill_runs would fill from leaves free of nulls, each in
+// Two kinds of tile that fill_runs would fill from leaves free of nulls, each in
 // a fraction of its instructions (a tile scan is bound by its instructions,
 // not the memory).  Both leave the iterator exactly as fill_runs would, and
 // return false, nothing changed, for every other case: the range's end, a
@@ -223,7 +223,7 @@ bool whole_tile_in_leaf(vel_seq_iterator_h iterator, vel_seq_iterator_context_t 
 // The tile across a leaf's end: the rest of the leaf at the top of the
 // stack (possibly none), then the start of the parent's next leaf, which
 // becomes the top.  One tile in eight of an int4 scan; fill_runs took
-// twice the time of a whole tile for it.
+// about 2.5 times a whole tile's time for it.
 bool tile_across_leaves(vel_seq_iterator_h iterator, vel_seq_iterator_context_t *ctx) {
     constexpr int32_t kTile = VEL_SEQ_TILE_SIZE;
     const int t = ctx->stack_size - 1;
