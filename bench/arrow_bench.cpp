@@ -11,13 +11,15 @@
 #include <chrono>
 #include <cinttypes>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <random>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
-#include "duckdb_client.h"
+#include "duck.h"
 #include "velseq.hpp"
 #include "velseq/calendar.hpp"
 #include "velseq/table.hpp"
@@ -76,7 +78,31 @@ velt_export_t opts(const char *table, uint32_t batch_rows) {
     return o;
 }
 
-void small(const duckdb_client::api *duck, const std::string &dir) {
+// A query's answer as text: cells joined by '|', a line a row.
+std::string answer(velseq::table::duck &d, const std::string &sql) {
+    velseq::table::duck_result r{};
+    const std::string text = "SELECT COLUMNS(*)::VARCHAR FROM (" + sql + ")";
+    if (d.api.query(d.con, text.c_str(), &r) != 0) {
+        const std::string m = d.api.result_error(&r) ? d.api.result_error(&r) : "";
+        d.api.destroy_result(&r);
+        throw std::runtime_error("DuckDB: " + m + "\n" + sql);
+    }
+    std::string out;
+    for (uint64_t row = 0; row < d.api.row_count(&r); row++) {
+        for (uint64_t col = 0; col < d.api.column_count(&r); col++) {
+            if (col > 0)
+                out += '|';
+            char *cell = d.api.value_varchar(&r, col, row);
+            out += cell != nullptr ? cell : "NULL";
+            d.api.free(cell);
+        }
+        out += '\n';
+    }
+    d.api.destroy_result(&r);
+    return out;
+}
+
+void small(bool duck, const std::string &dir) {
     const uint64_t n = 10000000;
     database db(warm(n * 8 * 10)); // every copy the runs make, on warm pages
     const table::table_info t =
@@ -138,19 +164,19 @@ void small(const duckdb_client::api *duck, const std::string &dir) {
             std::exit(1);
     });
     row("Arrow export + import into a new table", imp);
-    if (duck == nullptr) {
+    if (!duck) {
         std::printf("\n(DuckDB's library not there: Parquet rows left out)\n");
         return;
     }
     {
-        duckdb_client::db d(*duck);
+        velseq::table::duck d;
         for (uint32_t br : {0u, 65536u}) {
             const double s = best_of(3, [&] {
                 velt_export_t o = opts("d", br);
                 ArrowArrayStream st{};
                 velt_export_arrow(db.get(), &o, &st);
-                duck->arrow_scan(d.c, "e", &st);
-                d.rows("SELECT sum(v) FROM e");
+                d.api.arrow_scan(d.con, "e", &st);
+                answer(d, "SELECT sum(v) FROM e");
                 st.release(&st);
                 d.run("DROP VIEW e");
             });
@@ -177,7 +203,7 @@ void small(const duckdb_client::api *duck, const std::string &dir) {
         if (velt_from_parquet(db.get(), &in, p.c_str(), &rows) != VEL_S_OK || rows != n)
             std::exit(1);
     });
-    duckdb_client::db d(*duck);
+    velseq::table::duck d;
     d.run("CREATE TABLE d AS SELECT (random() * 125000)::DOUBLE AS v FROM range(10000000)");
     const std::string f = (fs::path(dir) / "duck.parquet").string();
     const double dwr = best_of(3, [&] { d.run("COPY d TO '" + f + "' (FORMAT parquet)"); });
@@ -195,8 +221,8 @@ void small(const duckdb_client::api *duck, const std::string &dir) {
 // rows of three columns (time, price, size) over 4 objects and a year,
 // written partitioned by object and month; DuckDB's answers per object and
 // month checked against velseq's own.
-void large(const duckdb_client::api *duck, uint64_t rows, const std::string &dir) {
-    if (duck == nullptr) {
+void large(bool duck, uint64_t rows, const std::string &dir) {
+    if (!duck) {
         std::printf("DuckDB's library is needed for --rows\n");
         std::exit(1);
     }
@@ -303,18 +329,18 @@ void large(const duckdb_client::api *duck, uint64_t rows, const std::string &dir
         }
     }
     const double mine = since(t0);
-    duckdb_client::db d(*duck);
+    velseq::table::duck d;
     const std::string files_glob =
         "read_parquet('" + p.string() + "/**/*.parquet', hive_partitioning=true)";
     std::string theirs;
     t0 = clk::now();
     for (const char *col : {"price", "size"}) {
         const std::string f = col[0] == 'p' ? "1" : "2";
-        theirs +=
-            d.rows(std::string("SELECT oid, month, ") + f + ", printf('%.17g', count(" + col +
-                   ")::DOUBLE), printf('%.17g', sum(" + col + ")::DOUBLE), printf('%.17g', min(" +
-                   col + ")::DOUBLE), printf('%.17g', max(" + col + ")::DOUBLE) FROM " +
-                   files_glob + " GROUP BY ALL ORDER BY ALL");
+        theirs += answer(d, std::string("SELECT oid, month, ") + f + ", printf('%.17g', count(" +
+                                col + ")::DOUBLE), printf('%.17g', sum(" + col +
+                                ")::DOUBLE), printf('%.17g', min(" + col +
+                                ")::DOUBLE), printf('%.17g', max(" + col + ")::DOUBLE) FROM " +
+                                files_glob + " GROUP BY ALL ORDER BY ALL");
     }
     const double duck_s = since(t0);
     // Both sorted the same way: by oid, month, then field.
@@ -346,7 +372,14 @@ int main(int argc, char **argv) {
         else if (std::strcmp(argv[i], "--dir") == 0)
             dir = argv[i + 1];
     }
-    const duckdb_client::api *duck = duckdb_client::api::get();
+    // The library that scripts/fetch-duckdb.sh unpacks, unless named.
+    setenv("VELSEQ_DUCKDB", VELSEQ_DUCKDB_DEFAULT, 0);
+    bool duck = true; // the library loads
+    try {
+        velseq::table::duckdb();
+    } catch (const std::exception &) {
+        duck = false;
+    }
     if (rows > 0)
         large(duck, rows, dir);
     else
