@@ -91,35 +91,38 @@ TEST_F(TileTest, MissingPageAndFailedTransaction) {
 // Every start and a range end at each distance from a tile's size, over two
 // leaves whose lengths are not multiples of 128, with lone nulls: a tile
 // may span three mask words with a null in any of them, end with the range
-// or a leaf, or cross into the next leaf with a null on either side of the
-// leaves' seam.  Values equal their positions.
+// or a leaf, or cross into the next leaf, first with no null near the
+// leaves' seam, then with one on either side of it.  Values equal their
+// positions.
 TEST_F(TileTest, EveryRangeMatchesItsPositions) {
     const int n0 = 300, n1 = 700, n = n0 + n1;
-    vel_seq_page_t *l0 = leaf(n0), *l1 = leaf(n1, n0);
-    const std::vector<int> nulls = {70, n0 - 3, n0 + 5, n0 + 200, n0 + 450};
-    for (int pos : nulls) {
-        vel_seq_page_t *l = pos < n0 ? l0 : l1;
-        const int i = pos < n0 ? pos : pos - n0;
-        velseq::leaf_nulls(l, kPage, velseq::leaf_capacity_by_size(kPage, 4))[i / 64] |=
-            uint64_t{1} << (i % 64);
-    }
-    auto *root = inner({{l0, n0}, {l1, n1}});
-    for (int from = 0; from < n; from++) {
-        for (int span : {126, 127, 128, 129, 255, n}) {
-            const int last = std::min(from + span, n - 1);
-            start(root, static_cast<uint64_t>(from), static_cast<uint64_t>(last));
-            int at = from;
-            while (vel_seq_next_tile(&it) == VEL_S_OK) {
-                for (int t = 0; t < it.tile_size; t++, at++) {
-                    const bool null = (it.tile.null_bitmap[t / 64] >> (t % 64)) & 1;
-                    const bool want = std::count(nulls.begin(), nulls.end(), at) != 0;
-                    ASSERT_EQ(null, want) << "position " << at << " from " << from;
-                    if (!null) {
-                        ASSERT_EQ(it.tile.u.arr_int4[t], at) << "from " << from;
+    for (const std::vector<int> &nulls : {std::vector<int>{70, n0 + 200, n0 + 450},
+                                          std::vector<int>{70, n0 - 3, n0 + 100, n0 + 200}}) {
+        vel_seq_page_t *l0 = leaf(n0), *l1 = leaf(n1, n0);
+        for (int pos : nulls) {
+            vel_seq_page_t *l = pos < n0 ? l0 : l1;
+            const int i = pos < n0 ? pos : pos - n0;
+            velseq::leaf_nulls(l, kPage, velseq::leaf_capacity_by_size(kPage, 4))[i / 64] |=
+                uint64_t{1} << (i % 64);
+        }
+        auto *root = inner({{l0, n0}, {l1, n1}});
+        for (int from = 0; from < n; from++) {
+            for (int span : {126, 127, 128, 129, 255, n}) {
+                const int last = std::min(from + span, n - 1);
+                start(root, static_cast<uint64_t>(from), static_cast<uint64_t>(last));
+                int at = from;
+                while (vel_seq_next_tile(&it) == VEL_S_OK) {
+                    for (int t = 0; t < it.tile_size; t++, at++) {
+                        const bool null = (it.tile.null_bitmap[t / 64] >> (t % 64)) & 1;
+                        const bool want = std::count(nulls.begin(), nulls.end(), at) != 0;
+                        ASSERT_EQ(null, want) << "position " << at << " from " << from;
+                        if (!null) {
+                            ASSERT_EQ(it.tile.u.arr_int4[t], at) << "from " << from;
+                        }
                     }
                 }
+                ASSERT_EQ(at, last + 1) << "from " << from << " to " << last;
             }
-            ASSERT_EQ(at, last + 1) << "from " << from << " to " << last;
         }
     }
 }
