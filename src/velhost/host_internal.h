@@ -59,9 +59,27 @@ struct Durable;
 //   first_off + k*s   slot k (s = page_size + kRedZone)
 //
 // Under AddressSanitizer free pages and every red zone are poisoned, so a
-// write past a page's end or into a freed page is reported.
+// write past a page's end or into a freed page is reported.  Elsewhere the
+// red zone is empty and first_off a multiple of 4 KiB: a 4 KiB page then
+// fills one 4 KiB frame, where a 64-byte red zone put every page across
+// two, and a scan reading pages from memory stalled at each frame's end
+// (the hardware prefetcher stops there).  A scan of 10^7 int4 in place ran
+// at 0.84x a plain loop's rate with the red zone, 0.93x without.
+#if defined(__SANITIZE_ADDRESS__)
+#define VELH_ASAN 1
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer)
+#define VELH_ASAN 1
+#endif
+#endif
 constexpr size_t kChunkBytes = size_t(2) << 20;
+#ifdef VELH_ASAN
 constexpr uint32_t kRedZone = 64;
+constexpr uint32_t kSlotAlign = 64;
+#else
+constexpr uint32_t kRedZone = 0;
+constexpr uint32_t kSlotAlign = 4096;
+#endif
 constexpr uint32_t kChunkMagic = 0x564c4843; // "VLHC"
 
 struct PageMeta {

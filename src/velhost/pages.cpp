@@ -17,14 +17,6 @@
 #include "host_internal.h"
 #include "seq_layout.h"
 
-#if defined(__SANITIZE_ADDRESS__)
-#define VELH_ASAN 1
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer)
-#define VELH_ASAN 1
-#endif
-#endif
-
 #ifdef VELH_ASAN
 #include <sanitizer/asan_interface.h>
 #define VELH_POISON(p, n) ASAN_POISON_MEMORY_REGION((p), (n))
@@ -64,12 +56,12 @@ bool use_huge_pages() {
 // Adds one chunk of free pages.  Called with Db::alloc_mutex held.
 bool add_chunk(PageManager *pm) {
     const uint32_t slot = pm->page_size + kRedZone;
-    // Header and meta array, then slots from a 64-byte boundary.
+    // Header and meta array, then slots from a kSlotAlign boundary.
     uint32_t n = static_cast<uint32_t>(kChunkBytes / (slot + sizeof(PageMeta)));
     uint32_t first = 0;
     for (;; --n) {
         first = static_cast<uint32_t>(offsetof(ChunkHdr, meta) + n * sizeof(PageMeta));
-        first = (first + 63) & ~63u;
+        first = (first + kSlotAlign - 1) & ~(kSlotAlign - 1);
         if (first + size_t(n) * slot <= kChunkBytes)
             break;
     }
